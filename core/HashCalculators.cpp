@@ -214,3 +214,32 @@ SomeHash HashCalculatorYandex::Finish() {
   value.sha256 = FinishInto<32>(&sha256_);
   return SomeHash(value);
 }
+
+std::unique_ptr<HashCalculator> MakeHashCalculator(SomeHash::HashType type) {
+  std::unique_ptr<HashCalculator> calculator;
+  switch (type) {
+    case SomeHash::NONE:
+      return nullptr;
+    case SomeHash::YANDEX:
+      calculator = std::make_unique<HashCalculatorYandex>();
+      break;
+    case SomeHash::DROPBOX:
+      calculator = std::make_unique<HashCalculatorDropbox>();
+      break;
+    case SomeHash::GOOGLE:
+      calculator = std::make_unique<HashCalculatorGoogle>();
+      break;
+    case SomeHash::GENERIC:
+      calculator = std::make_unique<HashCalculatorInternal>();
+      break;
+    case SomeHash::ONEDRIVE:
+      calculator = std::make_unique<HashCalculatorOneDrive>();
+      break;
+    case SomeHash::BOX:
+      calculator = std::make_unique<HashCalculatorBox>();
+      break;
+  }
+  if (calculator)
+    calculator->Begin();
+  return calculator;
+}

@@ -31,6 +31,12 @@ class HashCalculator {
   virtual SomeHash Finish() = 0;
 };
 
+class HashCalculator;
+
+// The calculator of the content hash of a kind, started; null for NONE. GENERIC gets the
+// internal one.
+std::unique_ptr<HashCalculator> MakeHashCalculator(SomeHash::HashType type);
+
 namespace detail {
 
 // One running OpenSSL digest; copying it copies the state in the middle of the stream.
