@@ -201,6 +201,7 @@ bool CurlURLProcessor::Begin(const Request& request, bool upload, std::uint64_t 
   rx_pos_ = 0;
   rx_paused_ = discard_body_ = false;
   drained_ = 0;
+  received_ = 0;
   uploading_ = upload;
   tx_data_ = nullptr;
   tx_left_ = 0;
@@ -414,10 +415,10 @@ URLProcessor::Result CurlURLProcessor::Finish() {
   // 1. Read and drop a short rest of the answer so that the connection stays usable; an upload
   //    that was not sent in full cannot end well and is broken off.
   if (!transfer_done_) {
-    if (uploading_ && tx_sent_ < tx_total_ && !head_done_) {
+    if (uploading_ && tx_sent_ < tx_total_) {
       Abort(false);
-      abandoned_ = false;
-      upload_cut_ = true;
+      abandoned_ = head_done_;
+      upload_cut_ = !head_done_;
     } else {
       discard_body_ = true;
       drained_ = rx_.size() - rx_pos_;
@@ -440,6 +441,17 @@ URLProcessor::Result CurlURLProcessor::Finish() {
   last_result_ = Outcome();
   uploading_ = false;
   return last_result_;
+}
+
+bool CurlURLProcessor::EarlyAnswerRead() const {
+  // The transfer of an answer that came before the upload ended does not end by itself: curl
+  // still waits for the body it was promised. The answer is whole when its length has come.
+  if (!uploading_ || !head_done_ || tx_sent_ == tx_total_) {
+    return false;
+  }
+  curl_off_t length = -1;
+  curl_easy_getinfo(easy_, CURLINFO_CONTENT_LENGTH_DOWNLOAD_T, &length);
+  return length >= 0 && received_ >= static_cast<std::uint64_t>(length);
 }
 
 InputStream::Result CurlURLProcessor::ReadBody(std::uint8_t* buffer, std::uint32_t size,
@@ -465,9 +477,12 @@ InputStream::Result CurlURLProcessor::ReadBody(std::uint8_t* buffer, std::uint32
       *done = static_cast<std::uint32_t>(n);
       return InputStream::Result::OK;
     }
-    if (transfer_done_) {
+    if (transfer_done_ || EarlyAnswerRead()) {
       if (aborted_by_stop_) {
         return InputStream::Result::STOPPED;
+      }
+      if (!transfer_done_) {
+        return InputStream::Result::END;
       }
       return curl_result_ == CURLE_OK && !abandoned_ ? InputStream::Result::END
                                                      : InputStream::Result::FAILED;
@@ -476,7 +491,8 @@ InputStream::Result CurlURLProcessor::ReadBody(std::uint8_t* buffer, std::uint32
       rx_paused_ = false;
       Unpause();
     }
-    if (DriveUntil([this] { return rx_.size() > rx_pos_; }) == Drive::kStopped) {
+    if (DriveUntil([this] { return rx_.size() > rx_pos_ || EarlyAnswerRead(); }) ==
+        Drive::kStopped) {
       Abort(true);
       return InputStream::Result::STOPPED;
     }
@@ -554,6 +570,7 @@ std::size_t CurlURLProcessor::OnBody(char* data, std::size_t size, std::size_t c
     return CURL_WRITEFUNC_PAUSE;
   }
   self->rx_.append(data, length);
+  self->received_ += length;
   return length;
 }
 

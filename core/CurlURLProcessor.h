@@ -81,6 +81,7 @@ class CurlURLProcessor : public URLProcessor {
   void Unpause();
   void Abort(bool stopped);
   Result Outcome() const;
+  bool EarlyAnswerRead() const;
 
   InputStream::Result ReadBody(std::uint8_t* buffer, std::uint32_t size, std::uint32_t* done);
   OutputStream::Result WriteBody(const std::uint8_t* data, std::uint32_t size);
@@ -129,7 +130,8 @@ class CurlURLProcessor : public URLProcessor {
   std::size_t rx_pos_ = 0;
   bool rx_paused_ = false;
   bool discard_body_ = false;
-  std::size_t drained_ = 0;  // bytes Finish() dropped
+  std::size_t drained_ = 0;     // bytes Finish() dropped
+  std::uint64_t received_ = 0;  // bytes of the answer's body taken in
 
   // The upload: the block of the running Write.
   bool uploading_ = false;

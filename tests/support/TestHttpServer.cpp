@@ -429,7 +429,7 @@ void TestHttpServer::Serve(int fd) {
 
     // 3. The answer with its faults.
     HttpResponse response = routed ? route.handler(request) : HttpResponse::Status(404);
-    bool head_only = request.verb == "HEAD";
+    bool head_only = request.verb == "HEAD" || response.status == 204 || response.status == 304;
     bool close = response.close || mode == BodyMode::kAnswerFirst ||
                  IEquals(request.Header("Connection"), "close");
     Log(std::move(request));
