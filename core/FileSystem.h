@@ -1,0 +1,161 @@
+// FileSystem: the vocabulary every adapter answers in (Result), the items of a change feed
+// (Change), and the fail reason kept from the last failed request.
+//
+//   FileSystem::Result result = adapter->CreateFolderImpl(nullptr, "a/b");
+//   LOG_WARNING << "Failed: " << result;  // prints "CONFLICT", ...
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <ostream>
+#include <string>
+#include <string_view>
+
+#include "core/SomeHash.h"
+#include "core/Stoppable.h"
+#include "core/URLProcessorResult.h"
+
+class FileSystem : public virtual Stoppable {
+ public:
+  enum Result : std::int32_t {
+    SUCCEEDED = 0,
+    STOPPED = 1,
+    FAILED = 2,    // may be retried
+    FATAL = 3,     // stops the account's work
+    CONFLICT = 4,  // the caller's tree is behind the server: reload
+    FORBIDDEN = 5,
+    AUTH_INVALID = 6,
+    BLOCKED = 7,
+    OUTDATED = 8,
+    PUBLIC_LINK_LIMIT = 9,
+    TOO_EARLY_TO_PROCESS = 10,
+    TOO_LARGE = 11,
+    NAME_TOO_LONG = 12,
+    BADNAM = 13,
+    NOT_PERMITTED_SYMLINK = 14,
+    VIRUS_INFECTED = 15,
+    NO_SPACE = 16,
+    ACCESS_DENIED = 17,
+    ITEM_MISSED = 18,
+    NOT_SUPPORTED = 19,
+  };
+  static const char* ResultName(Result result);  // "Unknown type" beyond the table
+
+  // Why the last request failed, as far as the transport and the HTTP code tell.
+  enum FailReason : std::int32_t {
+    FAIL_REASON_NONE = 0,
+    FAIL_REASON_NETWORK = 1,     // no answer, or the exchange broke
+    FAIL_REASON_HTTP = 2,        // the server answered with a failure code
+    FAIL_REASON_RATE_LIMIT = 3,  // the service asked us to slow down
+    FAIL_REASON_STOPPED = 4,
+    FAIL_REASON_AUTHORIZATION = 5,  // 401: the credentials were refused
+  };
+
+  class Change;
+  class Revision;
+  struct OverwriteControl;
+  struct FileProperties;
+  struct LengthLimits;
+
+  virtual FailReason GetFailReason() const { return fail_reason_; }
+
+  // True for a path in the form the core uses: relative, no leading or trailing "/", no empty,
+  // "." or ".." segment. The empty path (the root) is canonical.
+  static bool IsCanonicalPath(std::string_view path);
+  // A canonical path that names an item below the root (not empty).
+  static bool IsRelativeCanonicalPath(std::string_view path);
+
+ protected:
+  virtual void SetFailReason(URLProcessorResult result, int http_code);
+  void SetFailReasonValue(FailReason reason) { fail_reason_ = reason; }
+
+ private:
+  FailReason fail_reason_ = FAIL_REASON_NONE;
+};
+
+std::ostream& operator<<(std::ostream& out, FileSystem::Result result);
+
+class FileSystem::Change {
+ public:
+  enum Type : std::int32_t {
+    FILE_CREATE = 0,
+    FILE_DELETE = 1,
+    FILE_RENAME = 2,
+    FILE_MODIFY = 3,
+    FOLDER_CREATE = 4,
+    FOLDER_DELETE = 5,
+    FOLDER_CLEAR = 6,
+    FOLDER_RENAME = 7,
+    FOLDER_UPDATE = 8,
+    FILE_OR_FOLDER_DELETE = 9,
+    REMOVE = 10,
+    RENAME = 11,
+    REVISION_SET = 12,
+    FREE_SIZE_SET = 13,
+    TOTAL_SIZE_SET = 14,
+    TOTAL_SIZE_INCREASE = 15,
+    TOTAL_SIZE_DECREASE = 16,
+    USED_SIZE_INCREASE = 17,
+    USED_SIZE_DECREASE = 18,
+    EXPORT = 19,
+    UNSHARE = 20,
+    MOUNT = 21,
+    UNMOUNT = 22,
+    SET_OWNER = 23,
+    ADD_USER = 24,
+    DELETE_USER = 25,
+    GRANT_ACCESS = 26,
+    ORIGIN = 27,
+    PUBLIC_LINK = 28,
+    DUMMY = 29,
+  };
+  static const char* TypeName(Type type);  // "Unknown type" beyond the table
+
+  Change() = default;
+  Change(Type type, std::string path) : type(type), path(std::move(path)) {}
+
+  std::string ToString() const;
+  bool IsFileChange() const;
+  bool IsDeletionType() const;
+
+  Type type = DUMMY;
+  std::string path;      // relative to the mounted root, no leading "/"
+  std::string old_path;  // the previous path of a rename or move
+  std::uint64_t time = 0;
+  std::uint64_t size = 0;  // for the size types, the new value
+  SomeHash hash;
+};
+
+class FileSystem::Revision {
+ public:
+  static Revision RevisionNone() { return Revision(); }
+  bool IsNone() const { return value_.empty(); }
+
+ private:
+  std::string value_;
+};
+
+// What the caller believes a remote item is right now; an operation that may destroy the item
+// checks it against the server first.
+struct FileSystem::OverwriteControl {
+  OverwriteControl() = default;
+  explicit OverwriteControl(SomeHash hash) : hash(std::move(hash)) {}
+  SomeHash hash;  // empty: the item must not exist yet
+};
+
+struct FileSystem::FileProperties {
+  FileProperties() = default;
+  FileProperties(SomeHash hash, std::uint64_t inode, std::uint64_t size, std::uint64_t time,
+                 bool flag)
+      : hash(std::move(hash)), inode(inode), size(size), time(time), flag(flag) {}
+  SomeHash hash;
+  std::uint64_t inode = 0;
+  std::uint64_t size = 0;
+  std::uint64_t time = 0;
+  bool flag = false;
+};
+
+struct FileSystem::LengthLimits {
+  std::optional<std::uint32_t> first;
+  std::optional<std::uint32_t> second;
+};
