@@ -1,14 +1,70 @@
 #include "services/RemoteFileIds.h"
 
-#include <QReadLocker>
-#include <QWriteLocker>
-
 #include <functional>
+
+#if defined(__SANITIZE_THREAD__)
+#define CORVANE_TSAN 1
+#elif defined(__has_feature)
+#if __has_feature(thread_sanitizer)
+#define CORVANE_TSAN 1
+#endif
+#endif
+#ifdef CORVANE_TSAN
+#include <sanitizer/tsan_interface.h>
+#endif
 
 #include "core/LoggerWrapper.h"
 #include "services/RemoteFileIdsSerializerText.h"
 
 namespace {
+
+// Qt's lock lives in a library that ThreadSanitizer does not see into: tell it about each hand
+// over, so that a run under it reports real races only.
+void AnnotateAcquired([[maybe_unused]] QReadWriteLock* lock) {
+#ifdef CORVANE_TSAN
+  __tsan_acquire(lock);
+#endif
+}
+
+void AnnotateReleasing([[maybe_unused]] QReadWriteLock* lock) {
+#ifdef CORVANE_TSAN
+  __tsan_release(lock);
+#endif
+}
+
+class ReadLocker {
+ public:
+  explicit ReadLocker(QReadWriteLock* lock) : lock_(lock) {
+    lock_->lockForRead();
+    AnnotateAcquired(lock_);
+  }
+  ~ReadLocker() {
+    AnnotateReleasing(lock_);
+    lock_->unlock();
+  }
+  ReadLocker(const ReadLocker&) = delete;
+  ReadLocker& operator=(const ReadLocker&) = delete;
+
+ private:
+  QReadWriteLock* lock_;
+};
+
+class WriteLocker {
+ public:
+  explicit WriteLocker(QReadWriteLock* lock) : lock_(lock) {
+    lock_->lockForWrite();
+    AnnotateAcquired(lock_);
+  }
+  ~WriteLocker() {
+    AnnotateReleasing(lock_);
+    lock_->unlock();
+  }
+  WriteLocker(const WriteLocker&) = delete;
+  WriteLocker& operator=(const WriteLocker&) = delete;
+
+ private:
+  QReadWriteLock* lock_;
+};
 
 // The child map of a folder that holds nodes of the given kind.
 auto& ChildrenOf(IdsTreeFolderNode& folder, const IdsTreeNode*) {
@@ -67,8 +123,8 @@ class PairWriteLocker {
  private:
   QReadWriteLock* first_;
   QReadWriteLock* second_;
-  QWriteLocker first_locker_;
-  QWriteLocker second_locker_;
+  WriteLocker first_locker_;
+  WriteLocker second_locker_;
 };
 
 }  // namespace
@@ -78,7 +134,7 @@ RemoteFileIds::RemoteFileIds() : lock_(QReadWriteLock::Recursive) {}
 RemoteFileIds::~RemoteFileIds() = default;
 
 void RemoteFileIds::Init(const std::string& root_id) {
-  QWriteLocker locker(&lock_);
+  WriteLocker locker(&lock_);
   // Children keep plain parent pointers: drop every node before the folders they point to.
   file_ids_.clear();
   folder_ids_.clear();
@@ -90,7 +146,7 @@ void RemoteFileIds::Init(const std::string& root_id) {
 }
 
 bool RemoteFileIds::IsInit() const {
-  QReadLocker locker(&lock_);
+  ReadLocker locker(&lock_);
   return root_ != nullptr;
 }
 
@@ -132,7 +188,7 @@ bool RemoteFileIds::AddFileId(const std::string& id, const std::string& name,
     LOG_FATAL << "Empty parent id while adding file " << name << " (" << id << ").";
     return false;
   }
-  QWriteLocker locker(&lock_);
+  WriteLocker locker(&lock_);
   // 1. Find the parent, unless the item waits for it.
   IdsTreeFolderNode* parent = nullptr;
   if (!not_linked) {
@@ -166,7 +222,7 @@ bool RemoteFileIds::AddFolderId(const std::string& id, const std::string& name,
     LOG_FATAL << "Empty parent id while adding folder " << name << " (" << id << ").";
     return false;
   }
-  QWriteLocker locker(&lock_);
+  WriteLocker locker(&lock_);
   IdsTreeFolderNode* parent = nullptr;
   if (!not_linked) {
     parent = Find(folder_ids_, parent_id).get();
@@ -196,7 +252,7 @@ bool RemoteFileIds::AddFolderId(const std::string& id, const std::string& name,
 
 bool RemoteFileIds::LinkFileToParent(const std::string& id, const std::string& name,
                                      const std::string& parent_id) {
-  QWriteLocker locker(&lock_);
+  WriteLocker locker(&lock_);
   IdsTreeFolderNode* parent = Find(folder_ids_, parent_id).get();
   if (!parent) {
     LOG_ERROR << "No parent found with id " << parent_id;
@@ -216,7 +272,7 @@ bool RemoteFileIds::LinkFileToParent(const std::string& id, const std::string& n
 
 bool RemoteFileIds::LinkFolderToParent(const std::string& id, const std::string& name,
                                        const std::string& parent_id) {
-  QWriteLocker locker(&lock_);
+  WriteLocker locker(&lock_);
   IdsTreeFolderNode* parent = Find(folder_ids_, parent_id).get();
   if (!parent) {
     LOG_ERROR << "No parent found with id " << parent_id;
@@ -235,7 +291,7 @@ bool RemoteFileIds::LinkFolderToParent(const std::string& id, const std::string&
 }
 
 std::string RemoteFileIds::GetFileIdByPath(const std::string& path) const {
-  QReadLocker locker(&lock_);
+  ReadLocker locker(&lock_);
   if (!root_ || path.empty()) {
     return std::string();
   }
@@ -243,7 +299,7 @@ std::string RemoteFileIds::GetFileIdByPath(const std::string& path) const {
 }
 
 std::string RemoteFileIds::GetFolderIdByPath(const std::string& path) const {
-  QReadLocker locker(&lock_);
+  ReadLocker locker(&lock_);
   if (!root_) {
     return std::string();
   }
@@ -273,7 +329,7 @@ std::string RemoteFileIds::GetIdByPath(RequiredNodeType type, const FolderPtr& f
 }
 
 std::optional<std::string> RemoteFileIds::GetPathById(const std::string& id) const {
-  QReadLocker locker(&lock_);
+  ReadLocker locker(&lock_);
   if (NodePtr file = Find(file_ids_, id)) {
     return CollectPath(file);
   }
@@ -327,7 +383,7 @@ bool RemoteFileIds::GetFolderNameByPtr(const IdsTreeFolderNode& node, std::strin
 }
 
 std::string RemoteFileIds::GetNameById(const std::string& id) const {
-  QReadLocker locker(&lock_);
+  ReadLocker locker(&lock_);
   std::string name;
   if (NodePtr file = Find(file_ids_, id)) {
     if (!file->parent) {
@@ -353,7 +409,7 @@ std::string RemoteFileIds::GetNameById(const std::string& id) const {
 }
 
 std::string RemoteFileIds::GetParentId(const std::string& id) const {
-  QReadLocker locker(&lock_);
+  ReadLocker locker(&lock_);
   if (NodePtr file = Find(file_ids_, id)) {
     if (!file->parent) {
       LOG_ERROR << "No parent in file: " << id << ", \"" << file->name << "\".";
@@ -377,29 +433,29 @@ std::string RemoteFileIds::GetParentId(const std::string& id) const {
 }
 
 std::string RemoteFileIds::GetRootId() const {
-  QReadLocker locker(&lock_);
+  ReadLocker locker(&lock_);
   return root_ ? root_->id : std::string();
 }
 
 bool RemoteFileIds::HasFile(const std::string& id) const {
-  QReadLocker locker(&lock_);
+  ReadLocker locker(&lock_);
   return file_ids_.count(id) != 0;
 }
 
 bool RemoteFileIds::HasFolder(const std::string& id) const {
-  QReadLocker locker(&lock_);
+  ReadLocker locker(&lock_);
   return folder_ids_.count(id) != 0;
 }
 
 bool RemoteFileIds::IsDirectory(const std::string& id) const {
   // A lookup in a hash map that another thread rehashes may read freed buckets, so even this
   // momentary answer takes the read lock.
-  QReadLocker locker(&lock_);
+  ReadLocker locker(&lock_);
   return folder_ids_.count(id) != 0;
 }
 
 bool RemoteFileIds::ParentHasFile(const std::string& parent_id, const std::string& name) const {
-  QReadLocker locker(&lock_);
+  ReadLocker locker(&lock_);
   FolderPtr parent = Find(folder_ids_, parent_id);
   if (!parent) {
     LOG_ERROR << "Failed to find parent dir";
@@ -409,7 +465,7 @@ bool RemoteFileIds::ParentHasFile(const std::string& parent_id, const std::strin
 }
 
 bool RemoteFileIds::ParentHasFolder(const std::string& parent_id, const std::string& name) const {
-  QReadLocker locker(&lock_);
+  ReadLocker locker(&lock_);
   FolderPtr parent = Find(folder_ids_, parent_id);
   if (!parent) {
     LOG_ERROR << "Failed to find parent dir";
@@ -424,7 +480,7 @@ unsigned RemoteFileIds::GetItemsCount() const {
 
 void RemoteFileIds::VisitSubtree(const std::string& folder_id,
                                  std::function<void(const std::string& id)> visitor) const {
-  QReadLocker locker(&lock_);
+  ReadLocker locker(&lock_);
   FolderPtr folder = Find(folder_ids_, folder_id);
   if (!folder) {
     LOG_ERROR << "No such folder id.";
@@ -446,7 +502,7 @@ void RemoteFileIds::VisitFolder(const IdsTreeFolderNode& folder,
 
 bool RemoteFileIds::MoveFileW(const std::string& id, const std::string& old_name,
                               const std::string& new_parent_id, const std::string& new_name) {
-  QWriteLocker locker(&lock_);
+  WriteLocker locker(&lock_);
   NodePtr node = Find(file_ids_, id);
   if (!node) {
     LOG_FATAL << "Failed to find old file id.";
@@ -470,7 +526,7 @@ bool RemoteFileIds::MoveFileW(const std::string& id, const std::string& old_name
 
 bool RemoteFileIds::MoveFolder(const std::string& id, const std::string& old_name,
                                const std::string& new_parent_id, const std::string& new_name) {
-  QWriteLocker locker(&lock_);
+  WriteLocker locker(&lock_);
   FolderPtr node = Find(folder_ids_, id);
   if (!node) {
     LOG_FATAL << "Failed to find old folder id.";
@@ -509,7 +565,7 @@ bool RemoteFileIds::RemoveNotLinkedFolder(const std::string& name, const std::st
 }
 
 bool RemoteFileIds::RemoveFile(const std::string& name, const std::string& id, bool not_linked) {
-  QWriteLocker locker(&lock_);
+  WriteLocker locker(&lock_);
   NodePtr node = Find(file_ids_, id);
   if (!node) {
     LOG_ERROR << "No file found with id " << id;
@@ -531,7 +587,7 @@ bool RemoteFileIds::RemoveFile(const std::string& name, const std::string& id, b
 }
 
 bool RemoteFileIds::RemoveFolder(const std::string& name, const std::string& id, bool not_linked) {
-  QWriteLocker locker(&lock_);
+  WriteLocker locker(&lock_);
   FolderPtr node = Find(folder_ids_, id);
   if (!node) {
     LOG_ERROR << "No folder found with id " << id;
@@ -593,23 +649,23 @@ bool RemoteFileIds::RemoveFolderContents(const FolderPtr& folder) {
 }
 
 void RemoteFileIds::AddTrashed(const std::string& id) {
-  QWriteLocker locker(&lock_);
+  WriteLocker locker(&lock_);
   trashed_.insert(id);
 }
 
 void RemoteFileIds::RemoveTrashed(const std::string& id) {
-  QWriteLocker locker(&lock_);
+  WriteLocker locker(&lock_);
   trashed_.erase(id);
 }
 
 bool RemoteFileIds::IsTrashed(const std::string& id) const {
-  QReadLocker locker(&lock_);
+  ReadLocker locker(&lock_);
   return trashed_.count(id) != 0;
 }
 
 bool RemoteFileIds::AddMappingInfo(const std::string& id, const std::string& original_name,
                                    const std::string& mapped_name) {
-  QWriteLocker locker(&lock_);
+  WriteLocker locker(&lock_);
   if (!mapped_names_.emplace(id, std::make_pair(original_name, mapped_name)).second) {
     LOG_ERROR << "Mapping info already exists for id " << id << "; while trying to set "
               << original_name << " -> " << mapped_name;
@@ -619,7 +675,7 @@ bool RemoteFileIds::AddMappingInfo(const std::string& id, const std::string& ori
 }
 
 bool RemoteFileIds::RemoveMappingInfo(const std::string& id) {
-  QWriteLocker locker(&lock_);
+  WriteLocker locker(&lock_);
   if (mapped_names_.erase(id) == 0) {
     LOG_ERROR << "No mapping info found for " << id;
     return false;
@@ -628,12 +684,12 @@ bool RemoteFileIds::RemoveMappingInfo(const std::string& id) {
 }
 
 bool RemoteFileIds::HasMappedName(const std::string& id) const {
-  QReadLocker locker(&lock_);
+  ReadLocker locker(&lock_);
   return mapped_names_.count(id) != 0;
 }
 
 std::string RemoteFileIds::MappedGetMappedName(const std::string& id) const {
-  QReadLocker locker(&lock_);
+  ReadLocker locker(&lock_);
   auto it = mapped_names_.find(id);
   if (it == mapped_names_.end()) {
     LOG_ERROR << "File has no mapped name";
@@ -643,7 +699,7 @@ std::string RemoteFileIds::MappedGetMappedName(const std::string& id) const {
 }
 
 std::string RemoteFileIds::MappedGetOriginalName(const std::string& id) const {
-  QReadLocker locker(&lock_);
+  ReadLocker locker(&lock_);
   auto it = mapped_names_.find(id);
   if (it == mapped_names_.end()) {
     LOG_ERROR << "File has no mapped name";
@@ -653,7 +709,7 @@ std::string RemoteFileIds::MappedGetOriginalName(const std::string& id) const {
 }
 
 bool RemoteFileIds::Serialize(const std::atomic<bool>* stop, std::ostream& out) const {
-  QReadLocker locker(&lock_);
+  ReadLocker locker(&lock_);
   return RemoteFileIdsSerializerText().Serialize(const_cast<RemoteFileIds*>(this), stop, out);
 }
 
