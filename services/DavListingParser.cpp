@@ -6,8 +6,10 @@
 
 #include "core/Clock.h"
 #include "core/LoggerWrapper.h"
+#include "core/Nodes.h"
+#include "core/PercentEncoding.h"
 #include "core/RadarsLogger.h"
-#include "core/RemoteFileSystem.h"
+#include "core/RemoteNameMapper.h"
 #include "services/DavXmlStream.h"
 
 namespace auxil {
@@ -19,37 +21,11 @@ bool EndsWith(const std::string& text, const std::string& tail) {
          text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
 }
 
-int HexValue(char c) {
-  if (c >= '0' && c <= '9')
-    return c - '0';
-  if (c >= 'a' && c <= 'f')
-    return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F')
-    return c - 'A' + 10;
-  return -1;
-}
-
-// TODO(merge): utils::PercentDecoded
-std::string PercentDecoded(const std::string& text) {
-  std::string out;
-  out.reserve(text.size());
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    if (text[i] == '%' && i + 2 < text.size() && HexValue(text[i + 1]) >= 0 &&
-        HexValue(text[i + 2]) >= 0) {
-      out.push_back(static_cast<char>(HexValue(text[i + 1]) * 16 + HexValue(text[i + 2])));
-      i += 2;
-    } else {
-      out.push_back(text[i]);
-    }
-  }
-  return out;
-}
-
 // The decoded, normalized path of a URL or href, the form in which the listed folder is found.
 std::string DecodedDavPath(const std::string& url) {
   std::string path = PathOfUrl(url);
   NormalizeDavPath(&path);
-  return PercentDecoded(path);
+  return utils::PercentDecoded(path);
 }
 
 // One parse: the reader, the fields of the current `response` and what the listing is about.
@@ -251,12 +227,8 @@ std::string ItemNameFromHref(const std::string& href) {
   }
   const std::size_t slash = href.rfind('/', end);
   const std::size_t begin = slash == std::string::npos ? 0 : slash + 1;
-  std::string name = PercentDecoded(href.substr(begin, end + 1 - begin));
-  if (name == "." || name == ".." ||
-      name.find_first_of(std::string("/\0", 2)) != std::string::npos) {
-    return std::string();
-  }
-  return name;
+  std::string name = utils::PercentDecoded(std::string_view(href).substr(begin, end + 1 - begin));
+  return FolderNode::IsValidName(name) ? name : std::string();
 }
 
 }  // namespace auxil

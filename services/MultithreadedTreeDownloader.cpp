@@ -6,6 +6,7 @@
 #include <utility>
 
 #include "core/Clock.h"
+#include "core/ExceptionCatchWrapper.h"
 #include "core/LoggerWrapper.h"
 #include "core/Nodes.h"
 #include "core/RadarsLogger.h"
@@ -68,7 +69,7 @@ FileSystem::Result MultithreadedTreeDownloader::DownloadTree(
       break;
     }
     ++processed;
-    bytesSeen->fetch_add(dir.folder->FolderSize(WithServiceItems(true)));
+    bytesSeen->fetch_add(dir.folder->FolderSize(FolderNode::WithServiceItems(true)));
     files += dir.folder->FileCount();
     PushSubfolders(dir, &discovered);
     if (processed == discovered) {
@@ -91,13 +92,13 @@ void MultithreadedTreeDownloader::PushSubfolders(const DownloadedDir& dir,
                                                  std::uint64_t* discovered) {
   std::vector<FolderNode*> subfolders;
   for (auto it = dir.folder->FoldersBegin(); it != dir.folder->FoldersEnd(); ++it) {
-    subfolders.push_back(&*it);
+    subfolders.push_back(*it);
   }
   std::stable_sort(subfolders.begin(), subfolders.end(), [](FolderNode* a, FolderNode* b) {
     return a->FolderCount() > b->FolderCount();
   });
   for (FolderNode* subfolder : subfolders) {
-    const std::string& name = subfolder->Name();
+    const std::string& name = subfolder->GetName();
     queries_.Push(Query{dir.path.empty() ? name : dir.path + "/" + name, subfolder});
   }
   *discovered += subfolders.size();
@@ -125,8 +126,8 @@ void MultithreadedTreeDownloader::Start(int threadCount, URLProcessorFactory& fa
       try {
         Worker(processor);
       } catch (const std::exception& error) {
-        // Nothing can mend a worker that threw: the process ends with the word of what it was.
-        LOG_FATAL << kThreadName << " ended by an exception: " << error.what();
+        // Nothing can mend a worker that threw: the process ends, with the word of what it was.
+        utils::ExceptionCatchWrapperBase::LogException(kThreadName, error);
         throw;
       }
     });

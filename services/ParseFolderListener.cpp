@@ -5,7 +5,7 @@
 namespace auxil {
 
 bool ParseFolderToFolderNode::AddFolder(std::string&& name) {
-  return folder->CreateFolder(name);
+  return folder->CreateFolder(name) != nullptr;
 }
 
 bool ParseFolderToFolderNode::AddFile(std::string&& name, std::uint64_t size,
@@ -15,7 +15,7 @@ bool ParseFolderToFolderNode::AddFile(std::string&& name, std::uint64_t size,
     noEtag = true;
     return false;
   }
-  return folder->CreateFileW(name, size, makeHash(etag), modified);
+  return folder->CreateFileW(name, size, makeHash(etag), modified) != nullptr;
 }
 
 }  // namespace auxil

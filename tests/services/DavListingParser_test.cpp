@@ -12,9 +12,9 @@
 #include "core/InputStream.h"
 #include "core/LoggerWrapper.h"
 #include "core/RadarsLogger.h"
-#include "core/RemoteFileSystem.h"
 #include "support/DavListingGenerator.h"
 #include "support/HeapUsage.h"
+#include "support/WindowsNameMapper.h"
 
 namespace {
 
@@ -45,7 +45,7 @@ struct Outcome {
 };
 
 Outcome Parse(InputStream& input, const std::string& url = kFolderUrl) {
-  RemoteNameMapper mapper;
+  test::WindowsNameMapper mapper;
   RecordingListener listener;
   const bool ok = auxil::ParsePropfindResponse(&input, listener, url, &mapper);
   return {ok, listener.events};
@@ -391,7 +391,7 @@ TEST_F(DavListingParserTest, AListenerThatRefusesEndsTheParse) {
     SCOPED_TRACE(refuseAt);
     log_.Clear();
     MemoryInputStream input(body);
-    RemoteNameMapper mapper;
+    test::WindowsNameMapper mapper;
     RecordingListener listener;
     listener.refuseAt = refuseAt;
     EXPECT_FALSE(auxil::ParsePropfindResponse(&input, listener, kFolderUrl, &mapper));
@@ -530,7 +530,7 @@ TEST_F(DavListingParserTest, AHugeFolderIsParsedInBoundedMemory) {
   };
   constexpr std::uint64_t kCount = 100'000;
   DavListingGenerator input(kCount);
-  RemoteNameMapper mapper;
+  test::WindowsNameMapper mapper;
   CountingListener listener;
   const std::size_t before = test::HeapInUse();
   EXPECT_TRUE(auxil::ParsePropfindResponse(&input, listener, "http://h/dav/big/", &mapper));

@@ -13,9 +13,9 @@
 
 #include "core/LoggerWrapper.h"
 #include "core/Nodes.h"
-#include "core/RemoteFileSystem.h"
 #include "support/DavTreeFixture.h"
 #include "support/FakeDavTransport.h"
+#include "support/WindowsNameMapper.h"
 
 namespace {
 
@@ -49,7 +49,7 @@ class TreeWalk {
   }
 
  private:
-  RemoteNameMapper mapper_;
+  test::WindowsNameMapper mapper_;
   FolderNode root_;
   std::atomic<std::uint64_t> bytesSeen_{0};
   auxil::MultithreadedTreeDownloader downloader_;
@@ -122,7 +122,7 @@ TEST(MultithreadedTreeDownloaderConcurrencyTest, AWideTreeIsListedByAllWorkers) 
   EXPECT_TRUE(walk.EndsWithin(std::chrono::seconds(30), &result));
   EXPECT_EQ(result, FileSystem::SUCCEEDED);
   EXPECT_EQ(transport.Requests().size(), 1u + 2 * kFolders);
-  EXPECT_EQ(walk.Root().FolderSize(WithServiceItems(true)), 6u * kFolders);
+  EXPECT_EQ(walk.Root().FolderSize(FolderNode::WithServiceItems(true)), 6u * kFolders);
   EXPECT_TRUE(log.Contains("Got total 120 files and 81 dirs in WebDAV storage."));
 }
 

@@ -11,9 +11,9 @@
 #include "core/LoggerWrapper.h"
 #include "core/Nodes.h"
 #include "core/RadarsLogger.h"
-#include "core/RemoteFileSystem.h"
 #include "support/DavTreeFixture.h"
 #include "support/FakeDavTransport.h"
+#include "support/WindowsNameMapper.h"
 
 namespace {
 
@@ -52,7 +52,7 @@ class MultithreadedTreeDownloaderTest : public ::testing::Test {
   LoggerWrapper::Capture log_;
   RadarsLogger::Capture metrics_;
   FakeDavTransport transport_;
-  RemoteNameMapper mapper_;
+  test::WindowsNameMapper mapper_;
   FolderNode root_;
   std::atomic<std::uint64_t> bytesSeen_{0};
   bool serverLacksEtag_ = false;

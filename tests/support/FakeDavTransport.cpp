@@ -25,7 +25,8 @@ class FakeDavProcessor : public URLProcessor {
   void SetTimeoutSec(int) override {}
   void SetHttpVersion(int) override {}
   void SetCompression(bool) override {}
-  void SetUserAgent(const std::string&) override {}
+  void SetUserAgent(const std::string& agent) override { agent_ = agent; }
+  std::string GetUserAgent() const override { return agent_; }
 
   bool Send(const Request& request) override {
     url_ = request.url.Url();
@@ -80,6 +81,7 @@ class FakeDavProcessor : public URLProcessor {
   FakeDavTransport* transport_;
   bool failOpen_;
   std::string* responseHeaders_ = nullptr;
+  std::string agent_;
   std::string url_;
   int code_ = 0;
   std::string headers_;
