@@ -2,6 +2,8 @@
 
 #include <cstdio>
 
+#include "core/HashCalculators.h"
+
 std::string HashDropbox::ToDisplayString() const {
   return rev.empty() ? hash.ToHexString() : hash.ToHexString() + " rev " + rev;
 }
@@ -122,4 +124,9 @@ std::string SomeHash::ToDisplayString() const {
 
 std::ostream& operator<<(std::ostream& out, const SomeHash& hash) {
   return out << hash.ToDisplayString();
+}
+
+SomeHash SomeHash::EmptyFileHash(HashType type) {
+  std::unique_ptr<HashCalculator> calculator = MakeHashCalculator(type);
+  return calculator ? calculator->Finish() : SomeHash();
 }

@@ -120,7 +120,8 @@ class SomeHash {
   HashBox GetHashBox() const { return Get<HashBox>(); }
   std::string GetHashGenericString() const { return Get<std::string>(); }
 
-  // The hash of a file of no bytes, for a kind that has a content digest.
+  // The hash of a file of no bytes, as the kind's calculator gives it (GENERIC: the SHA-256 text
+  // of the internal calculator); empty for NONE.
   static SomeHash EmptyFileHash(HashType type);
 
  private:

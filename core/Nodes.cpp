@@ -1,0 +1,564 @@
+#include "core/Nodes.h"
+
+#include <algorithm>
+#include <vector>
+
+#include "core/UnicodeLower.h"
+
+namespace detail {
+
+bool NameLess::operator()(const ChildNode& a, const ChildNode& b) const {
+  return a.GetName() < b.GetName();
+}
+bool NameLess::operator()(std::string_view a, const ChildNode& b) const {
+  return a < std::string_view(b.GetName());
+}
+bool NameLess::operator()(const ChildNode& a, std::string_view b) const {
+  return std::string_view(a.GetName()) < b;
+}
+
+}  // namespace detail
+
+// ChildNode
+
+bool ChildNode::SetChanged(bool changed) {
+  flags_ = changed ? (flags_ | kChanged) : (flags_ & ~kChanged);
+  return true;
+}
+
+bool ChildNode::SetTime(std::uint64_t time) {
+  time_ = time;
+  return true;
+}
+
+bool ChildNode::SetServiceItem(bool service_item) {
+  flags_ = service_item ? (flags_ | kServiceItem) : (flags_ & ~kServiceItem);
+  return true;
+}
+
+std::string ChildNode::CollectPath() const {
+  std::vector<const ChildNode*> chain;
+  for (const ChildNode* node = this; node->parent_ != nullptr; node = node->parent_)
+    chain.push_back(node);
+  std::string path;
+  for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
+    if (!path.empty())
+      path += '/';
+    path += (*it)->name_;
+  }
+  return path;
+}
+
+bool ChildNode::IsValidName(std::string_view name) {
+  return !name.empty() && name != "." && name != ".." &&
+         name.find_first_of(std::string_view("/\0", 2)) == std::string_view::npos;
+}
+
+bool ChildNode::SetName(std::string&& name) {
+  if (parent_ != nullptr || !IsValidName(name))
+    return false;
+  name_ = std::move(name);
+  return true;
+}
+
+// FileNode
+
+FileNode::FileNode(std::uint64_t inode, const SomeHash& hash, std::uint64_t size,
+                   std::uint64_t time, bool readonly, bool changed)
+    : hash(hash), size(size), inode_(inode) {
+  SetTime(time);
+  SetReadonly(readonly);
+  SetChanged(changed);
+}
+
+bool FileNode::SetHash(const SomeHash& new_hash) {
+  hash = new_hash;
+  return true;
+}
+
+bool FileNode::SetProperties(const SomeHash& new_hash, std::uint64_t new_size, std::uint64_t time,
+                             std::uint64_t inode) {
+  hash = new_hash;
+  size = new_size;
+  inode_ = inode;
+  return SetTime(time);
+}
+
+bool FileNode::SetReadonly(bool readonly) {
+  flags_ =
+      static_cast<std::uint8_t>((flags_ & ~kReadonlyMask) | (readonly ? 1 << kReadonlyShift : 0));
+  return true;
+}
+
+bool FileNode::SetSize(std::uint64_t new_size, bool mark_changed) {
+  size = new_size;
+  return !mark_changed || SetChanged(true);
+}
+
+// FolderNode: teardown and creation
+
+FolderNode::~FolderNode() {
+  Clear();
+}
+
+void FolderNode::Clear() {
+  // A deep chain of folders would overflow the stack if each destructor freed its subfolders:
+  // detach every folder below onto a list first, so each one is empty when it is deleted.
+  std::vector<FolderNode*> pending;
+  auto take_folder = [&pending](FolderNode* folder) {
+    folder->parent_ = nullptr;
+    pending.push_back(folder);
+  };
+  auto delete_file = [](FileNode* file) { delete file; };
+  files_.clear_and_dispose(delete_file);
+  folders_.clear_and_dispose(take_folder);
+  while (!pending.empty()) {
+    FolderNode* folder = pending.back();
+    pending.pop_back();
+    folder->files_.clear_and_dispose(delete_file);
+    folder->folders_.clear_and_dispose(take_folder);
+    delete folder;
+  }
+}
+
+UniqueNodePtr<FileNode> FolderNode::MakeFile(std::string name, std::uint64_t size,
+                                             const SomeHash& hash, std::uint64_t time,
+                                             std::uint64_t inode, bool readonly) {
+  UniqueNodePtr<FileNode> file(new FileNode(inode, hash, size, time, readonly, false));
+  file->name_ = std::move(name);
+  return file;
+}
+
+UniqueNodePtr<FolderNode> FolderNode::MakeFolder(std::string name, std::uint64_t time) const {
+  UniqueNodePtr<FolderNode> folder = CreateInstance();
+  folder->name_ = std::move(name);
+  folder->SetTime(time);
+  return folder;
+}
+
+UniqueNodePtr<FolderNode> FolderNode::CreateInstance() const {
+  return std::make_unique<FolderNode>();
+}
+
+// FolderNode: lookups
+
+template <typename T>
+detail::ChildIter<T> FolderNode::Find(const detail::ChildSet<T>& const_set, std::string_view name,
+                                      bool case_insensitive, bool* ambiguous) const {
+  // The sets belong to this folder; lookups hand out iterators that may change the children.
+  auto& set = const_cast<detail::ChildSet<T>&>(const_set);
+  if (ambiguous != nullptr)
+    *ambiguous = false;
+  auto exact = set.find(name, detail::NameLess());
+  if (!case_insensitive)
+    return detail::ChildIter<T>(exact);
+
+  std::string lowered = utils::UnicodeToLower(name);
+  auto found = exact;
+  std::size_t matches = exact == set.end() ? 0 : 1;
+  for (auto it = set.begin(); it != set.end() && (matches < 2 || found == set.end()); ++it) {
+    if (it == exact || !utils::EqualsLowered(it->GetName(), lowered))
+      continue;
+    ++matches;
+    if (found == set.end())
+      found = it;
+  }
+  if (ambiguous != nullptr)
+    *ambiguous = matches > 1;
+  return detail::ChildIter<T>(found);
+}
+
+FolderNode::FileIterator FolderNode::FindFile(std::string_view name, bool case_insensitive,
+                                              bool* ambiguous) const {
+  return Find(files_, name, case_insensitive, ambiguous);
+}
+
+FolderNode::FolderIterator FolderNode::FindFolder(std::string_view name, bool case_insensitive,
+                                                  bool* ambiguous) const {
+  return Find(folders_, name, case_insensitive, ambiguous);
+}
+
+FileNode* FolderNode::GetFile(std::string_view name, bool case_insensitive, bool* ambiguous) const {
+  FileIterator it = FindFile(name, case_insensitive, ambiguous);
+  return it == FilesEnd() ? nullptr : *it;
+}
+
+FolderNode* FolderNode::GetFolder(std::string_view name, bool case_insensitive,
+                                  bool* ambiguous) const {
+  FolderIterator it = FindFolder(name, case_insensitive, ambiguous);
+  return it == FoldersEnd() ? nullptr : *it;
+}
+
+bool FolderNode::HasFile(std::string_view name, bool case_insensitive) const {
+  return GetFile(name, case_insensitive) != nullptr;
+}
+
+bool FolderNode::HasFolder(std::string_view name, bool case_insensitive) const {
+  return GetFolder(name, case_insensitive) != nullptr;
+}
+
+bool FolderNode::HasChild(std::string_view name, bool case_insensitive) const {
+  return HasFile(name, case_insensitive) || HasFolder(name, case_insensitive);
+}
+
+bool FolderNode::HasFileNamedLike(const ChildNode* node, bool case_insensitive,
+                                  bool* ambiguous) const {
+  return NamedLike(files_, node, case_insensitive, ambiguous);
+}
+
+bool FolderNode::HasFolderNamedLike(const ChildNode* node, bool case_insensitive,
+                                    bool* ambiguous) const {
+  return NamedLike(folders_, node, case_insensitive, ambiguous);
+}
+
+template <typename T>
+bool FolderNode::NamedLike(const detail::ChildSet<T>& set, const ChildNode* node,
+                           bool case_insensitive, bool* ambiguous) const {
+  if (ambiguous != nullptr)
+    *ambiguous = false;
+  if (!case_insensitive) {
+    auto it = set.find(std::string_view(node->GetName()), detail::NameLess());
+    return it != set.end() && &*it != node;
+  }
+  std::string lowered = utils::UnicodeToLower(node->GetName());
+  std::size_t matches = 0;
+  for (auto it = set.begin(); it != set.end() && matches < 2; ++it) {
+    if (&*it != node && utils::EqualsLowered(it->GetName(), lowered))
+      ++matches;
+  }
+  if (ambiguous != nullptr)
+    *ambiguous = matches > 1;
+  return matches > 0;
+}
+
+bool FolderNode::IsEmpty() const {
+  return files_.empty() && folders_.empty();
+}
+
+FolderNode::FileIterator FolderNode::FilesBegin() const {
+  return FileIterator(const_cast<detail::ChildSet<FileNode>&>(files_).begin());
+}
+FolderNode::FileIterator FolderNode::FilesEnd() const {
+  return FileIterator(const_cast<detail::ChildSet<FileNode>&>(files_).end());
+}
+FolderNode::FolderIterator FolderNode::FoldersBegin() const {
+  return FolderIterator(const_cast<detail::ChildSet<FolderNode>&>(folders_).begin());
+}
+FolderNode::FolderIterator FolderNode::FoldersEnd() const {
+  return FolderIterator(const_cast<detail::ChildSet<FolderNode>&>(folders_).end());
+}
+
+// FolderNode: changes
+
+ChildNode* FolderNode::ChildNamed(std::string_view name, const ChildNode* moving) const {
+  auto file = files_.find(name, detail::NameLess());
+  if (file != files_.end() && &*file != moving)
+    return const_cast<FileNode*>(&*file);
+  auto folder = folders_.find(name, detail::NameLess());
+  if (folder != folders_.end() && &*folder != moving)
+    return const_cast<FolderNode*>(&*folder);
+  return nullptr;
+}
+
+template <typename T>
+FolderNode::ResultInsert<T> FolderNode::InsertTry(detail::ChildSet<T>& set,
+                                                  UniqueNodePtr<T>&& node) {
+  ResultInsert<T> result;
+  if (!node || node->parent_ != nullptr || !IsValidName(node->GetName())) {
+    result.status = ResultInsert<T>::BAD_NAME;
+    return result;
+  }
+  result.existing = ChildNamed(node->GetName(), nullptr);
+  if (result.existing != nullptr) {
+    result.status = ResultInsert<T>::EXISTS;
+    return result;
+  }
+  if constexpr (std::is_same_v<T, FolderNode>) {
+    if (IsInside(node.get()) || this == node.get()) {
+      result.status = ResultInsert<T>::LOOP;
+      return result;
+    }
+  }
+  T* raw = node.release();
+  raw->parent_ = this;
+  set.insert(*raw);
+  result.status = ResultInsert<T>::INSERTED;
+  result.node = raw;
+  return result;
+}
+
+FolderNode::ResultInsert<FileNode> FolderNode::InsertFileTry(UniqueNodePtr<FileNode>&& node) {
+  return InsertTry(files_, std::move(node));
+}
+
+FolderNode::ResultInsert<FolderNode> FolderNode::InsertFolderTry(UniqueNodePtr<FolderNode>&& node) {
+  return InsertTry(folders_, std::move(node));
+}
+
+template <typename T>
+FolderNode::ResultInsert<T> FolderNode::RenameTry(detail::ChildSet<T>& set, detail::ChildIter<T> it,
+                                                  std::string&& new_name) {
+  ResultInsert<T> result;
+  if (!IsValidName(new_name)) {
+    result.status = ResultInsert<T>::BAD_NAME;
+    return result;
+  }
+  T* node = *it;
+  result.existing = ChildNamed(new_name, node);
+  if (result.existing != nullptr) {
+    result.status = ResultInsert<T>::EXISTS;
+    return result;
+  }
+  set.erase(it.base());
+  node->name_ = std::move(new_name);
+  set.insert(*node);
+  result.status = ResultInsert<T>::INSERTED;
+  result.node = node;
+  return result;
+}
+
+FolderNode::ResultInsert<FileNode> FolderNode::RenameFileTry(FileIterator it,
+                                                             std::string new_name) {
+  return RenameTry(files_, it, std::move(new_name));
+}
+
+FolderNode::ResultInsert<FolderNode> FolderNode::RenameFolderTry(FolderIterator it,
+                                                                 std::string new_name) {
+  return RenameTry(folders_, it, std::move(new_name));
+}
+
+UniqueNodePtr<FileNode> FolderNode::RemoveFile(FileIterator it) {
+  FileNode* node = *it;
+  files_.erase(it.base());
+  node->parent_ = nullptr;
+  return UniqueNodePtr<FileNode>(node);
+}
+
+UniqueNodePtr<FolderNode> FolderNode::RemoveFolder(FolderIterator it) {
+  FolderNode* node = *it;
+  folders_.erase(it.base());
+  node->parent_ = nullptr;
+  return UniqueNodePtr<FolderNode>(node);
+}
+
+FileNode* FolderNode::CreateFileW(std::string_view name, std::uint64_t size, const SomeHash& hash,
+                                  std::uint64_t time, std::uint64_t inode, bool readonly) {
+  return InsertFileTry(MakeFile(std::string(name), size, hash, time, inode, readonly)).node;
+}
+
+FolderNode* FolderNode::CreateFolder(std::string_view name, std::uint64_t time) {
+  return InsertFolderTry(MakeFolder(std::string(name), time)).node;
+}
+
+bool FolderNode::DeleteFileW(std::string_view name) {
+  FileIterator it = FindFile(name);
+  if (it == FilesEnd())
+    return false;
+  RemoveFile(it);
+  return true;
+}
+
+bool FolderNode::DeleteFolder(std::string_view name) {
+  FolderIterator it = FindFolder(name);
+  if (it == FoldersEnd())
+    return false;
+  RemoveFolder(it);
+  return true;
+}
+
+bool FolderNode::IsInside(const FolderNode* ancestor) const {
+  for (const FolderNode* folder = this; folder != nullptr; folder = folder->parent_) {
+    if (folder == ancestor)
+      return true;
+  }
+  return false;
+}
+
+template <>
+detail::ChildSet<FileNode>& FolderNode::Children<FileNode>() {
+  return files_;
+}
+
+template <>
+detail::ChildSet<FolderNode>& FolderNode::Children<FolderNode>() {
+  return folders_;
+}
+
+template <typename T>
+FolderNode::ResultInsert<T> FolderNode::MoveFrom(FolderNode* from, std::string_view name,
+                                                 std::string&& new_name) {
+  ResultInsert<T> result;
+  if (from == nullptr) {
+    return result;
+  }
+  detail::ChildSet<T>& from_set = from->Children<T>();
+  auto it = from_set.find(name, detail::NameLess());
+  if (it == from_set.end())
+    return result;
+  T* node = &*it;
+  if (from == this)
+    return RenameTry(from_set, detail::ChildIter<T>(it), std::move(new_name));
+  if (!IsValidName(new_name)) {
+    result.status = ResultInsert<T>::BAD_NAME;
+    return result;
+  }
+  result.existing = ChildNamed(new_name, nullptr);
+  if (result.existing != nullptr) {
+    result.status = ResultInsert<T>::EXISTS;
+    return result;
+  }
+  if constexpr (std::is_same_v<T, FolderNode>) {
+    if (IsInside(node)) {
+      result.status = ResultInsert<T>::LOOP;
+      return result;
+    }
+  }
+  from_set.erase(it);
+  node->name_ = std::move(new_name);
+  node->parent_ = this;
+  Children<T>().insert(*node);
+  result.status = ResultInsert<T>::INSERTED;
+  result.node = node;
+  return result;
+}
+
+bool FolderNode::MoveFileW(FolderNode* from, std::string_view name, FolderNode* to,
+                           std::string new_name) {
+  return to != nullptr && to->MoveFrom<FileNode>(from, name, std::move(new_name));
+}
+
+bool FolderNode::MoveFolder(FolderNode* from, std::string_view name, FolderNode* to,
+                            std::string new_name) {
+  return to != nullptr && to->MoveFrom<FolderNode>(from, name, std::move(new_name));
+}
+
+FolderNode::ResultInsert<FolderNode> FolderNode::MoveFolderFromTry(FolderNode* from,
+                                                                   std::string_view name,
+                                                                   std::string new_name) {
+  return MoveFrom<FolderNode>(from, name, std::move(new_name));
+}
+
+bool FolderNode::DeepCopyContentFrom(const FolderNode* other) {
+  if (other == nullptr || other->IsInside(this))
+    return false;
+  Clear();
+  // Copies level by level with an explicit list, for the same reason as Clear.
+  std::vector<std::pair<const FolderNode*, FolderNode*>> pending{{other, this}};
+  while (!pending.empty()) {
+    auto [source, target] = pending.back();
+    pending.pop_back();
+    target->flags_ = source->flags_;
+    for (const FileNode& file : source->files_) {
+      UniqueNodePtr<FileNode> copy =
+          MakeFile(file.GetName(), file.size, file.hash, file.GetTime(), file.inode_, false);
+      copy->flags_ = file.flags_;
+      copy->parent_ = target;
+      target->files_.insert(target->files_.end(), *copy.release());
+    }
+    for (const FolderNode& folder : source->folders_) {
+      UniqueNodePtr<FolderNode> copy = target->MakeFolder(folder.GetName(), folder.GetTime());
+      copy->parent_ = target;
+      FolderNode* raw = copy.release();
+      target->folders_.insert(target->folders_.end(), *raw);
+      pending.emplace_back(&folder, raw);
+    }
+  }
+  flags_ = other->flags_;
+  return true;
+}
+
+// FolderNode: paths
+
+std::tuple<FolderNode*, std::string_view> FolderNode::Walk(std::string_view path,
+                                                           bool case_insensitive, bool* ambiguous,
+                                                           bool create,
+                                                           FolderNode** first_created) {
+  if (ambiguous != nullptr)
+    *ambiguous = false;
+  if (first_created != nullptr)
+    *first_created = nullptr;
+  FolderNode* folder = this;
+  std::string_view rest = path;
+  for (;;) {
+    std::size_t slash = rest.find('/');
+    std::string_view name = rest.substr(0, slash);
+    if (!IsValidName(name))
+      return {nullptr, std::string_view()};
+    if (slash == std::string_view::npos)
+      return {folder, name};
+    bool step_ambiguous = false;
+    FolderNode* next = folder->GetFolder(name, case_insensitive, &step_ambiguous);
+    if (ambiguous != nullptr)
+      *ambiguous = *ambiguous || step_ambiguous;
+    if (next == nullptr && create) {
+      next = folder->CreateFolder(name);
+      if (first_created != nullptr && *first_created == nullptr)
+        *first_created = next;
+    }
+    if (next == nullptr)
+      return {nullptr, std::string_view()};
+    folder = next;
+    rest = rest.substr(slash + 1);
+  }
+}
+
+std::tuple<FolderNode*, std::string_view> FolderNode::TraversePath(std::string_view path,
+                                                                   bool case_insensitive,
+                                                                   bool* ambiguous) const {
+  return const_cast<FolderNode*>(this)->Walk(path, case_insensitive, ambiguous, false, nullptr);
+}
+
+FolderNode* FolderNode::GetFolderAtPath(std::string_view path, bool case_insensitive) const {
+  if (path.empty())
+    return const_cast<FolderNode*>(this);
+  auto [parent, name] = TraversePath(path, case_insensitive);
+  return parent == nullptr ? nullptr : parent->GetFolder(name, case_insensitive);
+}
+
+FolderNode* FolderNode::TraversePathAndCreateDirs(std::string_view path, std::string_view* name,
+                                                  bool case_insensitive, bool* ambiguous,
+                                                  FolderNode** first_created) {
+  auto [parent, last] = Walk(path, case_insensitive, ambiguous, true, first_created);
+  if (parent != nullptr && name != nullptr)
+    *name = last;
+  return parent;
+}
+
+// FolderNode: whole subtree
+
+std::uint64_t FolderNode::FolderSize(WithServiceItems with_service_items) const {
+  std::uint64_t total = 0;
+  std::vector<const FolderNode*> pending{this};
+  while (!pending.empty()) {
+    const FolderNode* folder = pending.back();
+    pending.pop_back();
+    for (const FileNode& file : folder->files_) {
+      if (with_service_items.value() || !file.IsServiceItem())
+        total += file.size;
+    }
+    for (const FolderNode& child : folder->folders_) {
+      if (with_service_items.value() || !child.IsServiceItem())
+        pending.push_back(&child);
+    }
+  }
+  return total;
+}
+
+bool FolderNode::SetChangedDown() {
+  std::vector<FolderNode*> pending{this};
+  while (!pending.empty()) {
+    FolderNode* folder = pending.back();
+    pending.pop_back();
+    folder->SetChanged(true);
+    for (FileNode& file : folder->files_)
+      file.SetChanged(true);
+    for (FolderNode& child : folder->folders_)
+      pending.push_back(&child);
+  }
+  return true;
+}
+
+bool FolderNode::SetReadonly(ReadonlyStatus status) {
+  flags_ = static_cast<std::uint8_t>((flags_ & ~kReadonlyMask) | (status << kReadonlyShift));
+  return true;
+}
