@@ -32,39 +32,27 @@ void AnnotateReleasing([[maybe_unused]] QReadWriteLock* lock) {
 #endif
 }
 
-class ReadLocker {
+// Holds the lock in the mode of its parameter for a scope.
+template <void (QReadWriteLock::*kLock)()>
+class Locker {
  public:
-  explicit ReadLocker(QReadWriteLock* lock) : lock_(lock) {
-    lock_->lockForRead();
+  explicit Locker(QReadWriteLock* lock) : lock_(lock) {
+    (lock_->*kLock)();
     AnnotateAcquired(lock_);
   }
-  ~ReadLocker() {
+  ~Locker() {
     AnnotateReleasing(lock_);
     lock_->unlock();
   }
-  ReadLocker(const ReadLocker&) = delete;
-  ReadLocker& operator=(const ReadLocker&) = delete;
+  Locker(const Locker&) = delete;
+  Locker& operator=(const Locker&) = delete;
 
  private:
   QReadWriteLock* lock_;
 };
 
-class WriteLocker {
- public:
-  explicit WriteLocker(QReadWriteLock* lock) : lock_(lock) {
-    lock_->lockForWrite();
-    AnnotateAcquired(lock_);
-  }
-  ~WriteLocker() {
-    AnnotateReleasing(lock_);
-    lock_->unlock();
-  }
-  WriteLocker(const WriteLocker&) = delete;
-  WriteLocker& operator=(const WriteLocker&) = delete;
-
- private:
-  QReadWriteLock* lock_;
-};
+using ReadLocker = Locker<&QReadWriteLock::lockForRead>;
+using WriteLocker = Locker<&QReadWriteLock::lockForWrite>;
 
 // The words of log lines for each kind of node.
 template <typename Node>
