@@ -6,8 +6,8 @@
 
 #include <boost/property_tree/xml_parser.hpp>
 
-#include "core/InputStream.h"
 #include "core/LoggerWrapper.h"
+#include "core/PropertyTreeText.h"
 
 namespace utils {
 namespace xml {
@@ -74,12 +74,6 @@ std::string CheckElementStructure(const std::string& text) {
   return open.empty() ? std::string() : "<" + std::string(open.back()) + "> is not closed";
 }
 
-void SetError(std::string* error, std::string text) {
-  if (error) {
-    *error = std::move(text);
-  }
-}
-
 bool IsSpecialKey(const std::string& key) {
   return !key.empty() && key.front() == '<';  // <xmlattr>, <xmltext>, <xmlcomment>
 }
@@ -89,29 +83,18 @@ bool IsSpecialKey(const std::string& key) {
 bool Parse(const std::string& text, xml_tree* tree, std::string* error) {
   std::string structure_error = CheckElementStructure(text);
   if (!structure_error.empty()) {
-    SetError(error, "Invalid XML: " + structure_error);
+    property_tree_text::SetError(error, "Invalid XML: " + structure_error);
     return false;
   }
-  try {
-    std::istringstream in(text);
-    xml_tree parsed;
-    boost::property_tree::read_xml(in, parsed, boost::property_tree::xml_parser::no_comments);
-    tree->swap(parsed);
-    return true;
-  } catch (const boost::property_tree::xml_parser_error& parse_error) {
-    SetError(error, "Invalid XML: " + parse_error.message() + " at line " +
-                        std::to_string(parse_error.line()));
-  } catch (const std::exception& other) {
-    SetError(error, std::string("Invalid XML: ") + other.what());
-  }
-  return false;
+  return property_tree_text::ParseWith(
+      text, tree, error, "XML", [](std::istream& in, xml_tree& parsed) {
+        boost::property_tree::read_xml(in, parsed, boost::property_tree::xml_parser::no_comments);
+      });
 }
 
 bool ReadAndParse(InputStream* stream, xml_tree* tree, std::string* error) {
   std::string body;
-  InputStream::Result result = stream->ReadAllTo(&body, 4096);
-  if (result != InputStream::Result::END) {
-    SetError(error, std::string("Failed to read the body: ") + ::ToString(result));
+  if (!property_tree_text::ReadWholeBody(stream, &body, error)) {
     return false;
   }
   return Parse(body, tree, error);

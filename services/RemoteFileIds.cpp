@@ -32,38 +32,44 @@ void AnnotateReleasing([[maybe_unused]] QReadWriteLock* lock) {
 #endif
 }
 
-class ReadLocker {
+// Holds the lock in the mode of its parameter for a scope.
+template <void (QReadWriteLock::*kLock)()>
+class Locker {
  public:
-  explicit ReadLocker(QReadWriteLock* lock) : lock_(lock) {
-    lock_->lockForRead();
+  explicit Locker(QReadWriteLock* lock) : lock_(lock) {
+    (lock_->*kLock)();
     AnnotateAcquired(lock_);
   }
-  ~ReadLocker() {
+  ~Locker() {
     AnnotateReleasing(lock_);
     lock_->unlock();
   }
-  ReadLocker(const ReadLocker&) = delete;
-  ReadLocker& operator=(const ReadLocker&) = delete;
+  Locker(const Locker&) = delete;
+  Locker& operator=(const Locker&) = delete;
 
  private:
   QReadWriteLock* lock_;
 };
 
-class WriteLocker {
- public:
-  explicit WriteLocker(QReadWriteLock* lock) : lock_(lock) {
-    lock_->lockForWrite();
-    AnnotateAcquired(lock_);
-  }
-  ~WriteLocker() {
-    AnnotateReleasing(lock_);
-    lock_->unlock();
-  }
-  WriteLocker(const WriteLocker&) = delete;
-  WriteLocker& operator=(const WriteLocker&) = delete;
+using ReadLocker = Locker<&QReadWriteLock::lockForRead>;
+using WriteLocker = Locker<&QReadWriteLock::lockForWrite>;
 
- private:
-  QReadWriteLock* lock_;
+// The words of log lines for each kind of node.
+template <typename Node>
+struct Kind;
+template <>
+struct Kind<IdsTreeNode> {
+  static constexpr bool kFolder = false;
+  static constexpr const char* kLower = "file";
+  static constexpr const char* kUpper = "File";
+  static constexpr const char* kOther = "folder";
+};
+template <>
+struct Kind<IdsTreeFolderNode> {
+  static constexpr bool kFolder = true;
+  static constexpr const char* kLower = "folder";
+  static constexpr const char* kUpper = "Folder";
+  static constexpr const char* kOther = "file";
 };
 
 // The child map of a folder that holds nodes of the given kind.
@@ -184,110 +190,22 @@ bool RemoteFileIds::AddNotLinkedFolderId(const std::string& id) {
 
 bool RemoteFileIds::AddFileId(const std::string& id, const std::string& name,
                               const std::string& parent_id, bool not_linked) {
-  if (!not_linked && parent_id.empty()) {
-    LOG_FATAL << "Empty parent id while adding file " << name << " (" << id << ").";
-    return false;
-  }
-  WriteLocker locker(&lock_);
-  // 1. Find the parent, unless the item waits for it.
-  IdsTreeFolderNode* parent = nullptr;
-  if (!not_linked) {
-    parent = Find(folder_ids_, parent_id).get();
-    if (!parent) {
-      LOG_ERROR << "No parent found with id " << parent_id;
-      return false;
-    }
-  }
-  if (!IdKindIsFree(id, RequiredNodeType::kFile)) {
-    return false;
-  }
-  // 2. A known id keeps its node and moves; a new one gets a node.
-  NodePtr node = Find(file_ids_, id);
-  if (!node) {
-    node = std::make_shared<IdsTreeNode>(id, std::string());
-    file_ids_.emplace(node->id, node);
-  }
-  if (parent && !Attach(node, parent, name)) {
-    return false;
-  }
-  // 3. An item added again is back from the trash.
-  trashed_.erase(id);
-  UpdateItemsCount();
-  return true;
+  return AddItem(file_ids_, id, name, parent_id, not_linked);
 }
 
 bool RemoteFileIds::AddFolderId(const std::string& id, const std::string& name,
                                 const std::string& parent_id, bool not_linked) {
-  if (!not_linked && parent_id.empty()) {
-    LOG_FATAL << "Empty parent id while adding folder " << name << " (" << id << ").";
-    return false;
-  }
-  WriteLocker locker(&lock_);
-  IdsTreeFolderNode* parent = nullptr;
-  if (!not_linked) {
-    parent = Find(folder_ids_, parent_id).get();
-    if (!parent) {
-      LOG_ERROR << "No parent found with id " << parent_id;
-      return false;
-    }
-  }
-  if (!IdKindIsFree(id, RequiredNodeType::kFolder)) {
-    return false;
-  }
-  FolderPtr node = Find(folder_ids_, id);
-  const bool is_new = !node;
-  if (is_new) {
-    node = std::make_shared<IdsTreeFolderNode>(id, std::string());
-  }
-  if (parent && !Attach(node, parent, name)) {
-    return false;
-  }
-  if (is_new) {
-    folder_ids_.emplace(node->id, node);
-  }
-  trashed_.erase(id);
-  UpdateItemsCount();
-  return true;
+  return AddItem(folder_ids_, id, name, parent_id, not_linked);
 }
 
 bool RemoteFileIds::LinkFileToParent(const std::string& id, const std::string& name,
                                      const std::string& parent_id) {
-  WriteLocker locker(&lock_);
-  IdsTreeFolderNode* parent = Find(folder_ids_, parent_id).get();
-  if (!parent) {
-    LOG_ERROR << "No parent found with id " << parent_id;
-    return false;
-  }
-  NodePtr node = Find(file_ids_, id);
-  if (!node) {
-    LOG_ERROR << "No file found with id " << id;
-    return false;
-  }
-  if (node->parent) {
-    LOG_ERROR << "File is already linked to " << node->parent->id;
-    return false;
-  }
-  return Attach(node, parent, name);
+  return LinkItem(file_ids_, id, name, parent_id);
 }
 
 bool RemoteFileIds::LinkFolderToParent(const std::string& id, const std::string& name,
                                        const std::string& parent_id) {
-  WriteLocker locker(&lock_);
-  IdsTreeFolderNode* parent = Find(folder_ids_, parent_id).get();
-  if (!parent) {
-    LOG_ERROR << "No parent found with id " << parent_id;
-    return false;
-  }
-  FolderPtr node = Find(folder_ids_, id);
-  if (!node) {
-    LOG_ERROR << "No folder found with id " << id;
-    return false;
-  }
-  if (node->parent) {
-    LOG_ERROR << "Folder is already linked to " << node->parent->id;
-    return false;
-  }
-  return Attach(node, parent, name);
+  return LinkItem(folder_ids_, id, name, parent_id);
 }
 
 std::string RemoteFileIds::GetFileIdByPath(const std::string& path) const {
@@ -502,50 +420,12 @@ void RemoteFileIds::VisitFolder(const IdsTreeFolderNode& folder,
 
 bool RemoteFileIds::MoveFileW(const std::string& id, const std::string& old_name,
                               const std::string& new_parent_id, const std::string& new_name) {
-  WriteLocker locker(&lock_);
-  NodePtr node = Find(file_ids_, id);
-  if (!node) {
-    LOG_FATAL << "Failed to find old file id.";
-    return false;
-  }
-  IdsTreeFolderNode* new_parent = Find(folder_ids_, new_parent_id).get();
-  if (!new_parent) {
-    LOG_FATAL << "Failed to find new parent folder id.";
-    return false;
-  }
-  if (!node->parent) {
-    LOG_FATAL << "Parent is null.";
-    return false;
-  }
-  if (Find(node->parent->files, old_name) != node) {
-    LOG_FATAL << "Failed to find folder in parent. Structure is corrupted.";
-    return false;
-  }
-  return Attach(node, new_parent, new_name);
+  return MoveItem(file_ids_, id, old_name, new_parent_id, new_name);
 }
 
 bool RemoteFileIds::MoveFolder(const std::string& id, const std::string& old_name,
                                const std::string& new_parent_id, const std::string& new_name) {
-  WriteLocker locker(&lock_);
-  FolderPtr node = Find(folder_ids_, id);
-  if (!node) {
-    LOG_FATAL << "Failed to find old folder id.";
-    return false;
-  }
-  IdsTreeFolderNode* new_parent = Find(folder_ids_, new_parent_id).get();
-  if (!new_parent) {
-    LOG_FATAL << "Failed to find new parent folder id.";
-    return false;
-  }
-  if (!node->parent) {
-    LOG_FATAL << "Parent is null.";
-    return false;
-  }
-  if (Find(node->parent->folders, old_name) != node) {
-    LOG_FATAL << "Failed to find folder in parent. Structure is corrupted.";
-    return false;
-  }
-  return Attach(node, new_parent, new_name);
+  return MoveItem(folder_ids_, id, old_name, new_parent_id, new_name);
 }
 
 bool RemoteFileIds::RemoveFile(const std::string& name, const std::string& id) {
@@ -719,6 +599,95 @@ bool RemoteFileIds::Deserialize(const std::atomic<bool>* stop, std::stringstream
 }
 
 template <typename Node>
+bool RemoteFileIds::AddItem(Index<Node>& index, const std::string& id, const std::string& name,
+                            const std::string& parent_id, bool not_linked) {
+  if (!not_linked && parent_id.empty()) {
+    LOG_FATAL << "Empty parent id while adding " << Kind<Node>::kLower << " " << name << " (" << id
+              << ").";
+    return false;
+  }
+  WriteLocker locker(&lock_);
+  // 1. Find the parent, unless the item waits for it.
+  IdsTreeFolderNode* parent = nullptr;
+  if (!not_linked) {
+    parent = Find(folder_ids_, parent_id).get();
+    if (!parent) {
+      LOG_ERROR << "No parent found with id " << parent_id;
+      return false;
+    }
+  }
+  // 2. An id lives in one index only.
+  const bool taken = Kind<Node>::kFolder ? file_ids_.count(id) : folder_ids_.count(id);
+  if (taken) {
+    LOG_ERROR << "Id " << id << " is known as a " << Kind<Node>::kOther << " already.";
+    return false;
+  }
+  // 3. A known id keeps its node, and its subtree, and moves; a new one gets a node.
+  std::shared_ptr<Node> node = Find(index, id);
+  const bool is_new = !node;
+  if (is_new) {
+    node = std::make_shared<Node>(id, std::string());
+  }
+  if (parent && !Attach(node, parent, name)) {
+    return false;
+  }
+  if (is_new) {
+    index.emplace(node->id, node);
+  }
+  // 4. An item added again is back from the trash.
+  trashed_.erase(id);
+  UpdateItemsCount();
+  return true;
+}
+
+template <typename Node>
+bool RemoteFileIds::LinkItem(const Index<Node>& index, const std::string& id,
+                             const std::string& name, const std::string& parent_id) {
+  WriteLocker locker(&lock_);
+  IdsTreeFolderNode* parent = Find(folder_ids_, parent_id).get();
+  if (!parent) {
+    LOG_ERROR << "No parent found with id " << parent_id;
+    return false;
+  }
+  std::shared_ptr<Node> node = Find(index, id);
+  if (!node) {
+    LOG_ERROR << "No " << Kind<Node>::kLower << " found with id " << id;
+    return false;
+  }
+  if (node->parent) {
+    LOG_ERROR << Kind<Node>::kUpper << " is already linked to " << node->parent->id;
+    return false;
+  }
+  return Attach(node, parent, name);
+}
+
+template <typename Node>
+bool RemoteFileIds::MoveItem(const Index<Node>& index, const std::string& id,
+                             const std::string& old_name, const std::string& new_parent_id,
+                             const std::string& new_name) {
+  WriteLocker locker(&lock_);
+  std::shared_ptr<Node> node = Find(index, id);
+  if (!node) {
+    LOG_FATAL << "Failed to find old " << Kind<Node>::kLower << " id.";
+    return false;
+  }
+  IdsTreeFolderNode* new_parent = Find(folder_ids_, new_parent_id).get();
+  if (!new_parent) {
+    LOG_FATAL << "Failed to find new parent folder id.";
+    return false;
+  }
+  if (!node->parent) {
+    LOG_FATAL << "Parent is null.";
+    return false;
+  }
+  if (Find(ChildrenOf(*node->parent, node.get()), old_name) != node) {
+    LOG_FATAL << "Failed to find folder in parent. Structure is corrupted.";
+    return false;
+  }
+  return Attach(node, new_parent, new_name);
+}
+
+template <typename Node>
 bool RemoteFileIds::Attach(const std::shared_ptr<Node>& node, IdsTreeFolderNode* parent,
                            const std::string& name) {
   if (static_cast<const IdsTreeNode*>(node.get()) == root_.get() ||
@@ -753,15 +722,6 @@ void RemoteFileIds::Detach(Node& node) {
     node.parent = nullptr;
   }
   node.name.clear();
-}
-
-bool RemoteFileIds::IdKindIsFree(const std::string& id, RequiredNodeType type) const {
-  if (type == RequiredNodeType::kFile ? folder_ids_.count(id) != 0 : file_ids_.count(id) != 0) {
-    LOG_ERROR << "Id " << id << " is known as a "
-              << (type == RequiredNodeType::kFile ? "folder" : "file") << " already.";
-    return false;
-  }
-  return true;
 }
 
 void RemoteFileIds::UpdateItemsCount() {

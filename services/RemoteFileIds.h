@@ -138,6 +138,15 @@ class RemoteFileIds {
   void VisitFolder(const IdsTreeFolderNode& folder,
                    const std::function<void(const std::string& id)>& visitor) const;
 
+  template <typename Node>
+  bool AddItem(Index<Node>& index, const std::string& id, const std::string& name,
+               const std::string& parent_id, bool not_linked);
+  template <typename Node>
+  bool LinkItem(const Index<Node>& index, const std::string& id, const std::string& name,
+                const std::string& parent_id);
+  template <typename Node>
+  bool MoveItem(const Index<Node>& index, const std::string& id, const std::string& old_name,
+                const std::string& new_parent_id, const std::string& new_name);
   // Puts a node under a parent by name. A node of the same kind that held the name is left not
   // linked. Refuses to move the root or a folder into its own subtree.
   template <typename Node>
@@ -145,8 +154,6 @@ class RemoteFileIds {
               const std::string& name);
   template <typename Node>
   void Detach(Node& node);
-  // Whether an id may take the given kind: an id lives in one index only.
-  bool IdKindIsFree(const std::string& id, RequiredNodeType type) const;
   void UpdateItemsCount();
 
   FolderPtr root_;

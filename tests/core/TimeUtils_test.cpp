@@ -12,6 +12,20 @@ struct DateCase {
   std::int64_t seconds;
 };
 
+// The strict form answers whether the text is a date; the lenient one gives 0 when it is not.
+template <std::size_t N>
+void ExpectDates(const DateCase (&cases)[N], bool (*try_parse)(std::string_view, std::int64_t*),
+                 std::int64_t (*parse)(const std::string&)) {
+  for (const DateCase& c : cases) {
+    std::int64_t seconds = 42;
+    EXPECT_EQ(try_parse(c.text, &seconds), c.valid) << c.text;
+    if (c.valid) {
+      EXPECT_EQ(seconds, c.seconds) << c.text;
+    }
+    EXPECT_EQ(parse(c.text), c.seconds) << c.text;
+  }
+}
+
 TEST(TimeUtilsTest, IsoDateTimes) {
   const DateCase cases[] = {
       {"1970-01-01T00:00:00Z", true, 0},
@@ -39,14 +53,7 @@ TEST(TimeUtilsTest, IsoDateTimes) {
       {"", false, 0},
       {"yesterday", false, 0},
   };
-  for (const DateCase& c : cases) {
-    std::int64_t seconds = 42;
-    EXPECT_EQ(utils::TryParseISODateTime(c.text, &seconds), c.valid) << c.text;
-    if (c.valid) {
-      EXPECT_EQ(seconds, c.seconds) << c.text;
-    }
-    EXPECT_EQ(utils::ParseISODateTime(c.text), c.seconds) << c.text;
-  }
+  ExpectDates(cases, &utils::TryParseISODateTime, &utils::ParseISODateTime);
 }
 
 TEST(TimeUtilsTest, HttpDates) {
@@ -66,14 +73,7 @@ TEST(TimeUtilsTest, HttpDates) {
       {"1994-11-06T08:49:37Z", false, 0},
       {"", false, 0},
   };
-  for (const DateCase& c : cases) {
-    std::int64_t seconds = 42;
-    EXPECT_EQ(utils::TryParseHttpDate(c.text, &seconds), c.valid) << c.text;
-    if (c.valid) {
-      EXPECT_EQ(seconds, c.seconds) << c.text;
-    }
-    EXPECT_EQ(utils::ParseHttpDate(c.text), c.seconds) << c.text;
-  }
+  ExpectDates(cases, &utils::TryParseHttpDate, &utils::ParseHttpDate);
 }
 
 TEST(TimeUtilsTest, SleepsRunOnTheClockAndEndOnStop) {
