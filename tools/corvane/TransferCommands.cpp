@@ -82,9 +82,18 @@ FileSystem::Result OpenUpload(Context& context, const std::string& remote, const
                           resume_offset, false);
 }
 
-// Lower-case hex, as other tools print it; Yandex's two digests with one blank between.
+// Lower-case hex, as other tools print it; Yandex's two digests with one blank between. The
+// QuickXor digest is printed even when all zero (the empty file), where a OneDrive hash as a
+// whole has no hex form.
 std::string HashText(const SomeHash& hash) {
-  return hash.GetType() == SomeHash::YANDEX ? hash.ToDisplayString() : hash.ToHexString();
+  switch (hash.GetType()) {
+    case SomeHash::YANDEX:
+      return hash.ToDisplayString();
+    case SomeHash::ONEDRIVE:
+      return hash.GetHashOneDrive().quick_xor.ToHexString();
+    default:
+      return hash.ToHexString();
+  }
 }
 
 }  // namespace
