@@ -80,6 +80,18 @@ std::vector<std::string> Lines(const std::string& text) {
   return lines;
 }
 
+// The "path" of each JSON line the tool printed, in order.
+std::vector<std::string> PrintedPaths(const std::string& out) {
+  std::vector<std::string> paths;
+  for (const std::string& line : Lines(out)) {
+    paths.push_back(QJsonDocument::fromJson(QByteArray::fromStdString(line))
+                        .object()["path"]
+                        .toString()
+                        .toStdString());
+  }
+  return paths;
+}
+
 // A folder of its own for each test; gone with the test.
 class TempDir {
  public:
@@ -239,13 +251,7 @@ TEST_F(CorvaneDavTest, TreeListsWhatAnIndependentClientLists) {
   for (const auto& entry : ours) {
     paths.push_back(entry.first);
   }
-  std::vector<std::string> printed;
-  for (const std::string& line : Lines(tree.out)) {
-    printed.push_back(QJsonDocument::fromJson(QByteArray::fromStdString(line))
-                          .object()["path"]
-                          .toString()
-                          .toStdString());
-  }
+  std::vector<std::string> printed = PrintedPaths(tree.out);
   EXPECT_EQ(printed, paths) << "the tree is printed sorted by path";
 
   Outcome rclone =
@@ -266,16 +272,18 @@ TEST_F(CorvaneDavTest, TreeListsWhatAnIndependentClientLists) {
   EXPECT_EQ(ours, theirs);
   EXPECT_THAT(tree.err, HasSubstr("tree: 18 items (10 files, 8 folders)"));
 
+  // A mounted root narrows the account to one folder, its paths relative to it.
+  Outcome mounted = Tool({"--root", "docs", "tree", "--json"});
+  ASSERT_EQ(mounted.status, 0) << mounted.err;
+  std::vector<std::string> below = PrintedPaths(mounted.out);
+  EXPECT_THAT(
+      below, ::testing::ElementsAre("#hash?.txt", "100% done.txt", "a&b+c=d.txt", "deep", "deep/er",
+                                    "deep/er/still", "deep/er/still/file.bin", "report 2023.pdf"));
+
   // ls shows one level, the same items.
   Outcome ls = Tool({"ls", "docs", "--json"});
   ASSERT_EQ(ls.status, 0) << ls.err;
-  std::vector<std::string> listed;
-  for (const std::string& line : Lines(ls.out)) {
-    listed.push_back(QJsonDocument::fromJson(QByteArray::fromStdString(line))
-                         .object()["path"]
-                         .toString()
-                         .toStdString());
-  }
+  std::vector<std::string> listed = PrintedPaths(ls.out);
   EXPECT_THAT(listed,
               ::testing::ElementsAre("docs/#hash?.txt", "docs/100% done.txt", "docs/a&b+c=d.txt",
                                      "docs/deep", "docs/report 2023.pdf"));

@@ -136,7 +136,9 @@ std::string FormatItem(const Item& item, bool json) {
     std::snprintf(head, sizeof(head), "file   %12llu  ",
                   static_cast<unsigned long long>(item.size));
   }
-  line << head << FormatTime(item.mtime) << "  " << item.path;
+  // A listing tells no time for folders: a dash rather than the epoch.
+  line << head << (item.mtime ? FormatTime(item.mtime) : std::string(19, ' ') + "-") << "  "
+       << item.path;
   if (!item.folder && !item.hash.IsEmpty()) {
     line << "  " << item.hash.ToDisplayString();
   }
