@@ -5,6 +5,21 @@
 
 #include "core/UnicodeLower.h"
 
+namespace {
+
+bool AllComponentsValid(std::string_view path) {
+  for (std::size_t start = 0;;) {
+    std::size_t slash = path.find('/', start);
+    if (!ChildNode::IsValidName(path.substr(start, slash - start)))
+      return false;
+    if (slash == std::string_view::npos)
+      return true;
+    start = slash + 1;
+  }
+}
+
+}  // namespace
+
 namespace detail {
 
 bool NameLess::operator()(const ChildNode& a, const ChildNode& b) const {
@@ -274,7 +289,8 @@ FolderNode::ResultInsert<T> FolderNode::InsertTry(detail::ChildSet<T>& set,
     return result;
   }
   if constexpr (std::is_same_v<T, FolderNode>) {
-    if (IsInside(node.get()) || this == node.get()) {
+    // Only a folder with subfolders can hold this one; a fresh node skips the walk up.
+    if (this == node.get() || (!node->folders_.empty() && IsInside(node.get()))) {
       result.status = ResultInsert<T>::LOOP;
       return result;
     }
@@ -439,7 +455,8 @@ FolderNode::ResultInsert<FolderNode> FolderNode::MoveFolderFromTry(FolderNode* f
 }
 
 bool FolderNode::DeepCopyContentFrom(const FolderNode* other) {
-  if (other == nullptr || other->IsInside(this))
+  // A source below this folder would go with the Clear; one above it would grow while copied.
+  if (other == nullptr || other->IsInside(this) || IsInside(other))
     return false;
   Clear();
   // Copies level by level with an explicit list, for the same reason as Clear.
@@ -477,6 +494,9 @@ std::tuple<FolderNode*, std::string_view> FolderNode::Walk(std::string_view path
     *ambiguous = false;
   if (first_created != nullptr)
     *first_created = nullptr;
+  // A path that would fail half-way creates nothing.
+  if (create && !AllComponentsValid(path))
+    return {nullptr, std::string_view()};
   FolderNode* folder = this;
   std::string_view rest = path;
   for (;;) {

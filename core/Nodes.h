@@ -265,8 +265,8 @@ class FolderNode : public ChildNode {
   virtual UniqueNodePtr<FileNode> RemoveFile(FileIterator it);
   virtual UniqueNodePtr<FolderNode> RemoveFolder(FolderIterator it);
 
-  // Replaces the content of this folder by a copy of the content of `other`. False when `other`
-  // is this folder or lies inside it.
+  // Replaces the content of this folder by a copy of the content of `other`. False when one of
+  // the two lies inside the other (or they are the same).
   virtual bool DeepCopyContentFrom(const FolderNode* other);
   // Frees every child.
   virtual void Clear();
@@ -274,7 +274,7 @@ class FolderNode : public ChildNode {
   // Paths are relative to this folder, components joined by '/'. The empty path is this folder.
   FolderNode* GetFolderAtPath(std::string_view path, bool case_insensitive = false) const;
   // The folder that holds the last component of `path`, and that component; {nullptr, {}} when
-  // a folder on the way is missing or a component is invalid.
+  // a folder on the way is missing or a component is invalid. The name is a view into `path`.
   std::tuple<FolderNode*, std::string_view> TraversePath(std::string_view path,
                                                          bool case_insensitive = false,
                                                          bool* ambiguous = nullptr) const;
