@@ -170,9 +170,14 @@ void HashCalculatorOneDrive::Feed(const std::uint8_t* data, std::uint32_t size) 
   std::uint32_t i = 0;
   for (; column != 0 && i < size; ++i, column = (column + 1) % kWidthBits)
     columns_[column] ^= data[i];
-  for (; size - i >= kWidthBits; i += kWidthBits) {
-    for (std::uint32_t c = 0; c < kWidthBits; ++c)
-      columns_[c] ^= data[i + c];
+  if (size - i >= kWidthBits) {
+    // On a local copy the compiler knows the input cannot alias the columns, and vectorizes.
+    std::array<std::uint8_t, kWidthBits> columns = columns_;
+    for (; size - i >= kWidthBits; i += kWidthBits) {
+      for (std::uint32_t c = 0; c < kWidthBits; ++c)
+        columns[c] ^= data[i + c];
+    }
+    columns_ = columns;
   }
   for (std::uint32_t c = 0; i < size; ++i, ++c)
     columns_[c] ^= data[i];

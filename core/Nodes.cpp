@@ -1,6 +1,8 @@
 #include "core/Nodes.h"
 
 #include <algorithm>
+#include <functional>
+#include <unordered_map>
 #include <vector>
 
 #include "core/UnicodeLower.h"
@@ -125,6 +127,7 @@ void FolderNode::Clear() {
     pending.push_back(folder);
   };
   auto delete_file = [](FileNode* file) { delete file; };
+  ChildrenChanged();
   files_.clear_and_dispose(delete_file);
   folders_.clear_and_dispose(take_folder);
   while (!pending.empty()) {
@@ -157,6 +160,60 @@ UniqueNodePtr<FolderNode> FolderNode::CreateInstance() const {
 
 // FolderNode: lookups
 
+// Case-insensitive lookups in a large folder go through an index from the hash of each lowered
+// name to its nodes, made on the first such lookup and dropped on any change of the children;
+// a scan of scattered nodes costs a cache miss per child.
+struct FolderNode::LowerIndex {
+  std::unordered_multimap<std::size_t, FileNode*> files;
+  std::unordered_multimap<std::size_t, FolderNode*> folders;
+
+  template <typename T>
+  std::unordered_multimap<std::size_t, T*>& Of() {
+    if constexpr (std::is_same_v<T, FileNode>)
+      return files;
+    else
+      return folders;
+  }
+};
+
+void FolderNode::LowerIndexDeleter::operator()(LowerIndex* index) const {
+  delete index;
+}
+
+void FolderNode::ChildrenChanged() {
+  lower_index_.reset();
+}
+
+template <typename T, typename Visit>
+void FolderNode::VisitLowerMatches(const detail::ChildSet<T>& const_set, const std::string& lowered,
+                                   Visit visit) const {
+  auto& set = const_cast<detail::ChildSet<T>&>(const_set);
+  constexpr std::size_t kIndexedFrom = 32;
+  if (set.size() < kIndexedFrom) {
+    for (T& child : set) {
+      if (utils::EqualsLowered(child.GetName(), lowered) && !visit(&child))
+        return;
+    }
+    return;
+  }
+  if (!lower_index_) {
+    lower_index_.reset(new LowerIndex);
+    for (FileNode& file : const_cast<detail::ChildSet<FileNode>&>(files_))
+      lower_index_->files.emplace(Hash(utils::UnicodeToLower(file.GetName())), &file);
+    for (FolderNode& folder : const_cast<detail::ChildSet<FolderNode>&>(folders_))
+      lower_index_->folders.emplace(Hash(utils::UnicodeToLower(folder.GetName())), &folder);
+  }
+  auto range = lower_index_->Of<T>().equal_range(Hash(lowered));
+  for (auto it = range.first; it != range.second; ++it) {
+    if (utils::EqualsLowered(it->second->GetName(), lowered) && !visit(it->second))
+      return;
+  }
+}
+
+std::size_t FolderNode::Hash(const std::string& lowered) {
+  return std::hash<std::string>()(lowered);
+}
+
 template <typename T>
 detail::ChildIter<T> FolderNode::Find(const detail::ChildSet<T>& const_set, std::string_view name,
                                       bool case_insensitive, bool* ambiguous) const {
@@ -168,19 +225,20 @@ detail::ChildIter<T> FolderNode::Find(const detail::ChildSet<T>& const_set, std:
   if (!case_insensitive)
     return detail::ChildIter<T>(exact);
 
-  std::string lowered = utils::UnicodeToLower(name);
-  auto found = exact;
-  std::size_t matches = exact == set.end() ? 0 : 1;
-  for (auto it = set.begin(); it != set.end() && (matches < 2 || found == set.end()); ++it) {
-    if (it == exact || !utils::EqualsLowered(it->GetName(), lowered))
-      continue;
-    ++matches;
-    if (found == set.end())
-      found = it;
-  }
+  T* first = exact == set.end() ? nullptr : &*exact;
+  std::size_t others = 0;
+  VisitLowerMatches(set, utils::UnicodeToLower(name), [&](T* match) {
+    if (exact != set.end() && match == &*exact)
+      return true;
+    ++others;
+    if (exact == set.end() && (first == nullptr || match->GetName() < first->GetName()))
+      first = match;
+    return true;
+  });
   if (ambiguous != nullptr)
-    *ambiguous = matches > 1;
-  return detail::ChildIter<T>(found);
+    *ambiguous = (exact != set.end() ? 1 : 0) + others > 1;
+  return first == nullptr ? detail::ChildIter<T>(set.end())
+                          : detail::ChildIter<T>(set.iterator_to(*first));
 }
 
 FolderNode::FileIterator FolderNode::FindFile(std::string_view name, bool case_insensitive,
@@ -235,12 +293,12 @@ bool FolderNode::NamedLike(const detail::ChildSet<T>& set, const ChildNode* node
     auto it = set.find(std::string_view(node->GetName()), detail::NameLess());
     return it != set.end() && &*it != node;
   }
-  std::string lowered = utils::UnicodeToLower(node->GetName());
   std::size_t matches = 0;
-  for (auto it = set.begin(); it != set.end() && matches < 2; ++it) {
-    if (&*it != node && utils::EqualsLowered(it->GetName(), lowered))
+  VisitLowerMatches(set, utils::UnicodeToLower(node->GetName()), [&](const T* match) {
+    if (match != node)
       ++matches;
-  }
+    return matches < 2;
+  });
   if (ambiguous != nullptr)
     *ambiguous = matches > 1;
   return matches > 0;
@@ -298,6 +356,7 @@ FolderNode::ResultInsert<T> FolderNode::InsertTry(detail::ChildSet<T>& set,
   T* raw = node.release();
   raw->parent_ = this;
   set.insert(*raw);
+  ChildrenChanged();
   result.status = ResultInsert<T>::INSERTED;
   result.node = raw;
   return result;
@@ -328,6 +387,7 @@ FolderNode::ResultInsert<T> FolderNode::RenameTry(detail::ChildSet<T>& set, deta
   set.erase(it.base());
   node->name_ = std::move(new_name);
   set.insert(*node);
+  ChildrenChanged();
   result.status = ResultInsert<T>::INSERTED;
   result.node = node;
   return result;
@@ -346,6 +406,7 @@ FolderNode::ResultInsert<FolderNode> FolderNode::RenameFolderTry(FolderIterator 
 UniqueNodePtr<FileNode> FolderNode::RemoveFile(FileIterator it) {
   FileNode* node = *it;
   files_.erase(it.base());
+  ChildrenChanged();
   node->parent_ = nullptr;
   return UniqueNodePtr<FileNode>(node);
 }
@@ -353,6 +414,7 @@ UniqueNodePtr<FileNode> FolderNode::RemoveFile(FileIterator it) {
 UniqueNodePtr<FolderNode> FolderNode::RemoveFolder(FolderIterator it) {
   FolderNode* node = *it;
   folders_.erase(it.base());
+  ChildrenChanged();
   node->parent_ = nullptr;
   return UniqueNodePtr<FolderNode>(node);
 }
@@ -430,9 +492,11 @@ FolderNode::ResultInsert<T> FolderNode::MoveFrom(FolderNode* from, std::string_v
     }
   }
   from_set.erase(it);
+  from->ChildrenChanged();
   node->name_ = std::move(new_name);
   node->parent_ = this;
   Children<T>().insert(*node);
+  ChildrenChanged();
   result.status = ResultInsert<T>::INSERTED;
   result.node = node;
   return result;

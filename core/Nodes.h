@@ -298,6 +298,17 @@ class FolderNode : public ChildNode {
   }
 
  private:
+  struct LowerIndex;
+  struct LowerIndexDeleter {
+    void operator()(LowerIndex* index) const;
+  };
+
+  // Every change of the set of children (not of their properties) calls it.
+  void ChildrenChanged();
+  template <typename T, typename Visit>
+  void VisitLowerMatches(const detail::ChildSet<T>& set, const std::string& lowered,
+                         Visit visit) const;
+  static std::size_t Hash(const std::string& lowered);
   template <typename T>
   detail::ChildIter<T> Find(const detail::ChildSet<T>& set, std::string_view name,
                             bool case_insensitive, bool* ambiguous) const;
@@ -322,4 +333,5 @@ class FolderNode : public ChildNode {
 
   detail::ChildSet<FileNode> files_;
   detail::ChildSet<FolderNode> folders_;
+  mutable std::unique_ptr<LowerIndex, LowerIndexDeleter> lower_index_;
 };

@@ -83,8 +83,22 @@ TEST(NodesTest, OddButValidNamesAreKept) {
   }
 }
 
-TEST(NodesTest, CaseInsensitiveLookupsFollowUnicodeAndReportAmbiguity) {
+// Small folders are scanned, large ones indexed: both must answer alike.
+class CaseInsensitiveTest : public testing::TestWithParam<int> {
+ protected:
+  void AddFillers(FolderNode* folder) {
+    for (int i = 0; i < GetParam(); ++i) {
+      folder->CreateFileW("filler " + std::to_string(i), 0, SomeHash(), 0);
+      folder->CreateFolder("FILLER " + std::to_string(i));
+    }
+  }
+};
+
+INSTANTIATE_TEST_SUITE_P(ScannedAndIndexed, CaseInsensitiveTest, testing::Values(0, 64));
+
+TEST_P(CaseInsensitiveTest, LookupsFollowUnicodeAndReportAmbiguity) {
   FolderNode root;
+  AddFillers(&root);
   for (const char* name :
        {"ÄÖ.txt", "Привет", "ΟΔΟΣ", "README", "Readme", "\u212Aelvin", "Bad\xc3", "Straße"})
     ASSERT_NE(root.CreateFileW(name, 0, SomeHash(), 0), nullptr) << name;
@@ -131,9 +145,52 @@ TEST(NodesTest, CaseInsensitiveLookupsFollowUnicodeAndReportAmbiguity) {
   EXPECT_TRUE(root.HasFolderNamedLike(root.GetFolder("Docs"), false) == false);
 
   // Paths take the same switch.
+  AddFillers(root.GetFolder("Docs"));
   FolderNode* inner = root.GetFolder("Docs")->CreateFolder("Ünïcode");
   EXPECT_EQ(root.GetFolderAtPath("docs/ÜNÏCODE", true), inner);
   EXPECT_EQ(root.GetFolderAtPath("docs/ÜNÏCODE", false), nullptr);
+}
+
+TEST_P(CaseInsensitiveTest, LookupsFollowEveryChangeOfTheChildren) {
+  FolderNode root;
+  FolderNode other;
+  AddFillers(&root);
+  FileNode* a = root.CreateFileW("Alpha", 0, SomeHash(), 0);
+  EXPECT_EQ(root.GetFile("ALPHA", true), a);
+
+  ASSERT_TRUE(root.RenameFileTry(root.FindFile("Alpha"), "Beta"));
+  EXPECT_EQ(root.GetFile("ALPHA", true), nullptr);
+  EXPECT_EQ(root.GetFile("bETA", true), a);
+
+  bool ambiguous = false;
+  FileNode* twin = root.CreateFileW("BETA", 0, SomeHash(), 0);
+  EXPECT_EQ(root.GetFile("beta", true, &ambiguous), twin);  // "BETA" sorts before "Beta"
+  EXPECT_TRUE(ambiguous);
+  EXPECT_TRUE(root.HasFileNamedLike(a, true));
+
+  EXPECT_TRUE(FolderNode::MoveFileW(&root, "BETA", &other, "BETA"));
+  EXPECT_EQ(root.GetFile("beta", true, &ambiguous), a);
+  EXPECT_FALSE(ambiguous);
+  EXPECT_FALSE(root.HasFileNamedLike(a, true));
+  EXPECT_EQ(other.GetFile("beta", true), twin);
+
+  UniqueNodePtr<FileNode> out = root.RemoveFile(root.FindFile("Beta"));
+  EXPECT_EQ(root.GetFile("beta", true), nullptr);
+  EXPECT_TRUE(root.InsertFileTry(std::move(out)));
+  EXPECT_EQ(root.GetFile("beta", true), a);
+
+  FolderNode* sub = root.CreateFolder("Sub");
+  EXPECT_EQ(root.GetFolder("SUB", true), sub);
+  EXPECT_TRUE(other.MoveFolderFromTry(&root, "Sub", "Sub2"));
+  EXPECT_EQ(root.GetFolder("SUB", true), nullptr);
+  EXPECT_EQ(other.GetFolder("sub2", true), sub);
+  EXPECT_TRUE(other.DeleteFolder("Sub2"));
+  EXPECT_EQ(other.GetFolder("sub2", true), nullptr);
+
+  root.Clear();
+  EXPECT_EQ(root.GetFile("beta", true), nullptr);
+  EXPECT_TRUE(root.DeepCopyContentFrom(&other));
+  EXPECT_EQ(root.GetFile("beta", true)->GetName(), "BETA");
 }
 
 TEST(NodesTest, CreationRefusesATakenNameOfEitherKind) {
