@@ -78,17 +78,9 @@ HashBase<N> FinishInto(detail::Digest* digest) {
 
 // Box
 
-void HashCalculatorBox::Begin() {
-  sha1_.Begin();
-}
-
-void HashCalculatorBox::Feed(const std::uint8_t* data, std::uint32_t size) {
-  sha1_.Feed(data, size);
-}
-
 SomeHash HashCalculatorBox::Finish() {
   HashBox value;
-  value.sha1 = FinishInto<20>(&sha1_).ToHexString();
+  value.sha1 = FinishInto<20>(&digest_).ToHexString();
   return SomeHash(value);
 }
 
@@ -130,30 +122,14 @@ SomeHash HashCalculatorDropbox::Finish() {
 
 // Google
 
-void HashCalculatorGoogle::Begin() {
-  md5_.Begin();
-}
-
-void HashCalculatorGoogle::Feed(const std::uint8_t* data, std::uint32_t size) {
-  md5_.Feed(data, size);
-}
-
 SomeHash HashCalculatorGoogle::Finish() {
-  return SomeHash(FinishInto<16>(&md5_));
+  return SomeHash(FinishInto<16>(&digest_));
 }
 
 // Internal
 
-void HashCalculatorInternal::Begin() {
-  sha256_.Begin();
-}
-
-void HashCalculatorInternal::Feed(const std::uint8_t* data, std::uint32_t size) {
-  sha256_.Feed(data, size);
-}
-
 SomeHash HashCalculatorInternal::Finish() {
-  return SomeHash(FinishInto<32>(&sha256_).ToHexString());
+  return SomeHash(FinishInto<32>(&digest_).ToHexString());
 }
 
 // OneDrive

@@ -403,20 +403,21 @@ FolderNode::ResultInsert<FolderNode> FolderNode::RenameFolderTry(FolderIterator 
   return RenameTry(folders_, it, std::move(new_name));
 }
 
-UniqueNodePtr<FileNode> FolderNode::RemoveFile(FileIterator it) {
-  FileNode* node = *it;
-  files_.erase(it.base());
+template <typename T>
+UniqueNodePtr<T> FolderNode::Remove(detail::ChildSet<T>& set, detail::ChildIter<T> it) {
+  T* node = *it;
+  set.erase(it.base());
   ChildrenChanged();
   node->parent_ = nullptr;
-  return UniqueNodePtr<FileNode>(node);
+  return UniqueNodePtr<T>(node);
+}
+
+UniqueNodePtr<FileNode> FolderNode::RemoveFile(FileIterator it) {
+  return Remove(files_, it);
 }
 
 UniqueNodePtr<FolderNode> FolderNode::RemoveFolder(FolderIterator it) {
-  FolderNode* node = *it;
-  folders_.erase(it.base());
-  ChildrenChanged();
-  node->parent_ = nullptr;
-  return UniqueNodePtr<FolderNode>(node);
+  return Remove(folders_, it);
 }
 
 FileNode* FolderNode::CreateFileW(std::string_view name, std::uint64_t size, const SomeHash& hash,

@@ -323,6 +323,8 @@ class FolderNode : public ChildNode {
   ResultInsert<T> RenameTry(detail::ChildSet<T>& set, detail::ChildIter<T> it,
                             std::string&& new_name);
   template <typename T>
+  UniqueNodePtr<T> Remove(detail::ChildSet<T>& set, detail::ChildIter<T> it);
+  template <typename T>
   ResultInsert<T> MoveFrom(FolderNode* from, std::string_view name, std::string&& new_name);
   template <typename T>
   detail::ChildSet<T>& Children();
