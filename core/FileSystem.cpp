@@ -137,3 +137,33 @@ bool FileSystem::Change::IsDeletionType() const {
   return type == FILE_DELETE || type == FOLDER_DELETE || type == FILE_OR_FOLDER_DELETE ||
          type == REMOVE;
 }
+
+// What NTFS holds, the disk the core shows being a Windows one.
+FileSystem::LengthLimits FileSystem::GetMaxSupportedPathLength() const {
+  LengthLimits limits;
+  limits.first = 32767;
+  return limits;
+}
+
+FileSystem::LengthLimits FileSystem::GetMaxSupportedNameLength() const {
+  LengthLimits limits;
+  limits.first = 255;
+  return limits;
+}
+
+FileSystem::Result FileSystem::ReadInodeImpl(const std::string&, std::uint64_t*) {
+  return NOT_SUPPORTED;
+}
+
+utils::ValueOrError<FileSystem::FileProperties, FileSystem::Result> FileSystem::ReadFilePropsImpl(
+    std::string_view) {
+  return NOT_SUPPORTED;
+}
+
+FileSystem::Result FileSystem::RenameFileImpl(const FileNode& file,
+                                              const OverwriteControl& from_control,
+                                              const std::string& from,
+                                              const OverwriteControl& to_control,
+                                              const std::string& to, SomeHash*) {
+  return MoveFileImpl(file, from_control, from, to_control, to);
+}

@@ -14,6 +14,10 @@
 #include "core/SomeHash.h"
 #include "core/Stoppable.h"
 #include "core/URLProcessorResult.h"
+#include "core/ValueOrError.h"
+
+class FileNode;
+class FolderNode;
 
 class FileSystem : public virtual Stoppable {
  public:
@@ -57,7 +61,47 @@ class FileSystem : public virtual Stoppable {
   struct FileProperties;
   struct LengthLimits;
 
+  // The operations on items, in the order of the core's table. Paths are canonical. An operation
+  // with a default here is one most file systems answer alike; the others each adapter gives.
+
+  // Next block of the open upload, in order and without gaps.
+  virtual Result WriteFile(const std::uint8_t* data, std::uint32_t size) = 0;
   virtual FailReason GetFailReason() const { return fail_reason_; }
+  virtual LengthLimits GetMaxSupportedPathLength() const;
+  virtual LengthLimits GetMaxSupportedNameLength() const;
+  // Ends the open read or upload; an upload writes the server's hash into `props->hash` (`props`
+  // may be null).
+  virtual Result CloseFile(FileProperties* props) = 0;
+  // Abandons the open transfer and leaves the file system usable.
+  virtual Result InterruptFile() = 0;
+  virtual Result CreateFolderImpl(const OverwriteControl& control, const std::string& path) = 0;
+  virtual Result DeleteFileImpl(const OverwriteControl& control, const std::string& path,
+                                std::uint64_t size, std::uint64_t time) = 0;
+  virtual Result DeleteFolderImpl(const FolderNode& folder, const Revision& revision,
+                                  const std::string& path) = 0;
+  // `*resume_offset`: how much of the content the server holds already; the caller sends the rest.
+  virtual Result OpenForCreate(const OverwriteControl& control, const std::string& path,
+                               const SomeHash& hash, std::uint64_t size, std::uint64_t time,
+                               std::uint64_t* resume_offset, bool flag) = 0;
+  virtual Result OpenForRead(const std::string& path, std::uint64_t offset, std::uint64_t limit,
+                             std::uint64_t size, const SomeHash& hash) = 0;
+  virtual Result OpenForRewrite(const OverwriteControl& control, const std::string& path,
+                                const SomeHash& hash, std::uint64_t size, std::uint64_t time,
+                                std::uint64_t* resume_offset) = 0;
+  virtual Result ReadFile(std::uint8_t* buffer, std::uint32_t size, std::uint32_t* done) = 0;
+  // Neither is known without asking the service item by item: NOT_SUPPORTED unless overridden.
+  virtual Result ReadInodeImpl(const std::string& path, std::uint64_t* inode);
+  virtual utils::ValueOrError<FileProperties, Result> ReadFilePropsImpl(std::string_view path);
+  // A rename is a move to another name here; `*hash` stays, the content being the same.
+  virtual Result RenameFileImpl(const FileNode& file, const OverwriteControl& from_control,
+                                const std::string& from, const OverwriteControl& to_control,
+                                const std::string& to, SomeHash* hash);
+  virtual Result MoveFileImpl(const FileNode& file, const OverwriteControl& from_control,
+                              const std::string& from, const OverwriteControl& to_control,
+                              const std::string& to) = 0;
+  virtual Result MoveFolderImpl(const FolderNode& folder, const OverwriteControl& from_control,
+                                const std::string& from, const OverwriteControl& to_control,
+                                const std::string& to) = 0;
 
   // True for a path in the form the core uses: relative, no leading or trailing "/", no empty,
   // "." or ".." segment. The empty path (the root) is canonical.

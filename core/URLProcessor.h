@@ -84,6 +84,7 @@ class URLProcessor : public virtual Stoppable {
   virtual void SetHttpVersion(int setting) = 0;
   virtual void SetCompression(bool gzip) = 0;  // ask for gzip and decode it
   virtual void SetUserAgent(const std::string& agent) = 0;
+  virtual std::string GetUserAgent() const = 0;
 
   // --- requests ---------------------------------------------------------------------------
   // Sends the request with its whole body and waits for the head of the answer. False: no answer

@@ -1,0 +1,87 @@
+#include "core/Json.h"
+
+// The parser pulls in boost/bind.hpp, which otherwise asks for the placeholders to be declared.
+#define BOOST_BIND_GLOBAL_PLACEHOLDERS
+
+#include <sstream>
+
+#include <boost/property_tree/json_parser.hpp>
+
+#include "core/LoggerWrapper.h"
+#include "core/PropertyTreeText.h"
+
+namespace utils {
+namespace json {
+
+namespace {
+
+// The deepest nesting of arrays and objects, strings skipped.
+int NestingDepth(const std::string& text) {
+  int depth = 0;
+  int deepest = 0;
+  bool in_string = false;
+  for (std::size_t i = 0; i < text.size(); ++i) {
+    char c = text[i];
+    if (in_string) {
+      if (c == '\\') {
+        ++i;
+      } else if (c == '"') {
+        in_string = false;
+      }
+    } else if (c == '"') {
+      in_string = true;
+    } else if (c == '[' || c == '{') {
+      deepest = std::max(deepest, ++depth);
+    } else if (c == ']' || c == '}') {
+      --depth;
+    }
+  }
+  return deepest;
+}
+
+}  // namespace
+
+bool Parse(const std::string& text, json_tree* tree, std::string* error) {
+  if (NestingDepth(text) > kMaxNestingDepth) {
+    property_tree_text::SetError(error,
+                                 "JSON nested deeper than " + std::to_string(kMaxNestingDepth));
+    return false;
+  }
+  return property_tree_text::ParseWith(
+      text, tree, error, "JSON",
+      [](std::istream& in, json_tree& parsed) { boost::property_tree::read_json(in, parsed); });
+}
+
+bool ReadAndParse(InputStream* stream, json_tree* tree, std::string* error) {
+  std::string body;
+  if (!property_tree_text::ReadWholeBody(stream, &body, error)) {
+    return false;
+  }
+  return Parse(body, tree, error);
+}
+
+boost::optional<const json_tree&> Child(const json_tree& tree, const std::string& dotted_path) {
+  return tree.get_child_optional(json_tree::path_type(dotted_path, '.'));
+}
+
+std::string ToString(const json_tree& tree, bool pretty) {
+  try {
+    std::ostringstream out;
+    boost::property_tree::write_json(out, tree, pretty);
+    std::string text = out.str();
+    // The writer ends with a line feed even when not pretty; callers send the text as a body.
+    if (!pretty && !text.empty() && text.back() == '\n') {
+      text.pop_back();
+    }
+    return text;
+  } catch (const std::exception&) {
+    return std::string();
+  }
+}
+
+void Log(const json_tree& tree, bool pretty) {
+  LOG_INFO << ToString(tree, pretty);
+}
+
+}  // namespace json
+}  // namespace utils

@@ -1,0 +1,185 @@
+// Stop() from another thread must end every kind of stalled call quickly, and Start() must bring
+// the processor back.
+#include <gtest/gtest.h>
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <future>
+#include <thread>
+
+#include "core/CurlURLProcessor.h"
+#include "support/TestHttpServer.h"
+
+namespace {
+
+using test::HttpRequest;
+using test::HttpResponse;
+using Result = URLProcessor::Result;
+using Clock = std::chrono::steady_clock;
+
+// Generous against a loaded machine, yet far below any time-out of the processor.
+constexpr auto kStopBound = std::chrono::milliseconds(1000);
+
+// A listener whose accept queue is full, so that a further connect hangs in the handshake.
+class BlackHole {
+ public:
+  BlackHole() {
+    fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in address{};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(address);
+    ::bind(fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    ::listen(fd_, 0);
+    ::getsockname(fd_, reinterpret_cast<sockaddr*>(&address), &length);
+    port_ = ntohs(address.sin_port);
+    for (int& filler : fillers_) {
+      filler = ::socket(AF_INET, SOCK_STREAM | SOCK_NONBLOCK, 0);
+      ::connect(filler, reinterpret_cast<sockaddr*>(&address), sizeof(address));
+    }
+  }
+  ~BlackHole() {
+    for (int filler : fillers_) {
+      ::close(filler);
+    }
+    ::close(fd_);
+  }
+  int port() const { return port_; }
+
+ private:
+  int fd_ = -1;
+  int port_ = 0;
+  int fillers_[4] = {-1, -1, -1, -1};
+};
+
+class URLProcessorStopTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    ASSERT_TRUE(http_.Open(nullptr));
+    server_.Handle("GET", "/stall", [](const HttpRequest&) {
+      HttpResponse response = HttpResponse::Status(200);
+      response.generated_size = 1 << 20;
+      response.trickle_bytes = 10;
+      response.trickle_interval_ms = 20000;
+      return response;
+    });
+    server_.Handle("GET", "/ok",
+                   [](const HttpRequest&) { return HttpResponse::Status(200, "ok"); });
+  }
+
+  URLProcessor::Request Make(const std::string& verb, const std::string& path) {
+    URLProcessor::Request request;
+    request.verb = verb;
+    request.url = DispatcherUrl::FromString(server_.BaseUrl() + path);
+    return request;
+  }
+
+  // Runs `call` on this thread, stops it from another one once it has blocked, and answers how
+  // long the call went on after the stop.
+  template <typename Call>
+  Clock::duration StopDuring(Call call) {
+    std::promise<Clock::time_point> stopped_at;
+    std::thread stopper([&] {
+      std::this_thread::sleep_for(std::chrono::milliseconds(200));
+      stopped_at.set_value(Clock::now());
+      http_.Stop();
+    });
+    call();
+    Clock::time_point returned = Clock::now();
+    stopper.join();
+    return returned - stopped_at.get_future().get();
+  }
+
+  void ExpectUsableAfterStart() {
+    http_.Start();
+    std::string body;
+    ASSERT_TRUE(http_.Send(Make("GET", "/ok")));
+    EXPECT_EQ(http_.GetInputStream()->ReadAllTo(&body, 4096), StreamResult::END);
+    EXPECT_EQ(http_.Finish(), Result::OK);
+    EXPECT_EQ(body, "ok");
+  }
+
+  test::TestHttpServer server_;
+  CurlURLProcessor http_;
+};
+
+TEST_F(URLProcessorStopTest, StopEndsAStalledDownload) {
+  ASSERT_TRUE(http_.Send(Make("GET", "/stall")));
+  StreamResult read = StreamResult::OK;
+  std::string body;
+  auto late = StopDuring([&] { read = http_.GetInputStream()->ReadAllTo(&body, 4096); });
+  EXPECT_LT(late, kStopBound);
+  EXPECT_EQ(read, StreamResult::STOPPED);
+  EXPECT_EQ(body.size(), 10u);
+  EXPECT_EQ(http_.Finish(), Result::STOPPED);
+  ExpectUsableAfterStart();
+}
+
+TEST_F(URLProcessorStopTest, StopEndsAStalledUpload) {
+  // The server never reads the body: the socket buffers fill and curl stalls.
+  test::TestHttpServer deaf;
+  std::promise<void> release;
+  std::shared_future<void> released = release.get_future().share();
+  deaf.Handle(
+      "PUT", "/up",
+      [released](const HttpRequest&) {
+        released.wait();
+        return HttpResponse::Status(201);
+      },
+      test::Match::kExact, test::BodyMode::kAnswerFirst);
+  URLProcessor::Request request;
+  request.verb = "PUT";
+  request.url = DispatcherUrl::FromString(deaf.BaseUrl() + "/up");
+  request.headers = {"Expect:"};
+  ASSERT_TRUE(http_.BeginUpload(request, 1ull << 32));
+  std::vector<std::uint8_t> block(1 << 20, 1);
+  StreamResult written = StreamResult::OK;
+  auto late = StopDuring([&] {
+    while (written == StreamResult::OK) {
+      written = http_.GetOutputStream()->Write(block.data(), block.size());
+    }
+  });
+  EXPECT_LT(late, kStopBound);
+  EXPECT_EQ(written, StreamResult::STOPPED);
+  EXPECT_EQ(http_.Finish(), Result::STOPPED);
+  release.set_value();
+  ExpectUsableAfterStart();
+}
+
+TEST_F(URLProcessorStopTest, StopEndsASlowConnectAndAWaitForTheHead) {
+  BlackHole hole;
+  URLProcessor::Request request;
+  request.url = DispatcherUrl::FromString("http://127.0.0.1:" + std::to_string(hole.port()) + "/");
+  bool sent = true;
+  auto late = StopDuring([&] { sent = http_.Send(request); });
+  EXPECT_LT(late, kStopBound);
+  EXPECT_FALSE(sent);
+  EXPECT_EQ(http_.Finish(), Result::STOPPED);
+  http_.Start();
+
+  server_.Handle("GET", "/late", [](const HttpRequest&) {
+    HttpResponse response = HttpResponse::Status(200);
+    response.delay_ms = 20000;
+    return response;
+  });
+  late = StopDuring([&] { sent = http_.Send(Make("GET", "/late")); });
+  EXPECT_LT(late, kStopBound);
+  EXPECT_FALSE(sent);
+  EXPECT_EQ(http_.Finish(), Result::STOPPED);
+  ExpectUsableAfterStart();
+}
+
+TEST_F(URLProcessorStopTest, AStoppedProcessorAnswersStoppedUntilStart) {
+  http_.Stop();
+  EXPECT_FALSE(http_.Send(Make("GET", "/ok")));
+  EXPECT_EQ(http_.Finish(), Result::STOPPED);
+  EXPECT_FALSE(http_.BeginUpload(Make("PUT", "/ok"), 10));
+  EXPECT_EQ(http_.Finish(), Result::STOPPED);
+  EXPECT_TRUE(server_.Requests().empty());
+  ExpectUsableAfterStart();
+}
+
+}  // namespace
