@@ -7,8 +7,8 @@
 
 #include <boost/property_tree/json_parser.hpp>
 
-#include "core/InputStream.h"
 #include "core/LoggerWrapper.h"
+#include "core/PropertyTreeText.h"
 
 namespace utils {
 namespace json {
@@ -39,39 +39,22 @@ int NestingDepth(const std::string& text) {
   return deepest;
 }
 
-void SetError(std::string* error, std::string text) {
-  if (error) {
-    *error = std::move(text);
-  }
-}
-
 }  // namespace
 
 bool Parse(const std::string& text, json_tree* tree, std::string* error) {
   if (NestingDepth(text) > kMaxNestingDepth) {
-    SetError(error, "JSON nested deeper than " + std::to_string(kMaxNestingDepth));
+    property_tree_text::SetError(error,
+                                 "JSON nested deeper than " + std::to_string(kMaxNestingDepth));
     return false;
   }
-  try {
-    std::istringstream in(text);
-    json_tree parsed;
-    boost::property_tree::read_json(in, parsed);
-    tree->swap(parsed);
-    return true;
-  } catch (const boost::property_tree::json_parser_error& parse_error) {
-    SetError(error, "Invalid JSON: " + parse_error.message() + " at line " +
-                        std::to_string(parse_error.line()));
-  } catch (const std::exception& other) {
-    SetError(error, std::string("Invalid JSON: ") + other.what());
-  }
-  return false;
+  return property_tree_text::ParseWith(
+      text, tree, error, "JSON",
+      [](std::istream& in, json_tree& parsed) { boost::property_tree::read_json(in, parsed); });
 }
 
 bool ReadAndParse(InputStream* stream, json_tree* tree, std::string* error) {
   std::string body;
-  InputStream::Result result = stream->ReadAllTo(&body, 4096);
-  if (result != InputStream::Result::END) {
-    SetError(error, std::string("Failed to read the body: ") + ::ToString(result));
+  if (!property_tree_text::ReadWholeBody(stream, &body, error)) {
     return false;
   }
   return Parse(body, tree, error);

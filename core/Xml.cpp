@@ -1,11 +1,13 @@
 #include "core/Xml.h"
 
 #include <sstream>
+#include <string_view>
+#include <vector>
 
 #include <boost/property_tree/xml_parser.hpp>
 
-#include "core/InputStream.h"
 #include "core/LoggerWrapper.h"
+#include "core/PropertyTreeText.h"
 
 namespace utils {
 namespace xml {
@@ -18,11 +20,13 @@ std::size_t SkipPast(const std::string& text, std::size_t from, const char* mark
   return found == std::string::npos ? text.size() : found + std::char_traits<char>::length(marker);
 }
 
-// The deepest nesting of elements. Comments, CDATA, declarations and quoted attribute values
-// are skipped, since they may hold "<" and ">".
-int NestingDepth(const std::string& text) {
-  int depth = 0;
-  int deepest = 0;
+// The element structure, which the parser takes on trust: every end tag must close the element
+// last opened, at least one element must be there, none may be left open, and the nesting stays
+// within kMaxNestingDepth. Comments, CDATA, declarations and quoted attribute values are skipped,
+// since they may hold "<" and ">". Empty when the structure holds, else what is wrong.
+std::string CheckElementStructure(const std::string& text) {
+  std::vector<std::string_view> open;
+  bool seen_element = false;
   std::size_t i = text.find('<');
   while (i < text.size()) {
     if (text.compare(i, 4, "<!--") == 0) {
@@ -31,12 +35,11 @@ int NestingDepth(const std::string& text) {
       i = SkipPast(text, i, "]]>");
     } else if (text.compare(i, 2, "<?") == 0 || text.compare(i, 2, "<!") == 0) {
       i = SkipPast(text, i, ">");
-    } else if (text.compare(i, 2, "</") == 0) {
-      --depth;
-      i = SkipPast(text, i, ">");
     } else {
+      const bool closing = text.compare(i, 2, "</") == 0;
+      const std::size_t name_start = i + (closing ? 2 : 1);
+      std::size_t end = name_start;
       char quote = 0;
-      std::size_t end = i + 1;
       for (; end < text.size() && (quote || text[end] != '>'); ++end) {
         if (quote && text[end] == quote) {
           quote = 0;
@@ -44,20 +47,31 @@ int NestingDepth(const std::string& text) {
           quote = text[end];
         }
       }
-      if (end < text.size() && text[end - 1] != '/') {
-        deepest = std::max(deepest, ++depth);
+      if (end >= text.size()) {
+        return "unterminated tag";
       }
+      std::size_t name_end = text.find_first_of(" \t\r\n/>", name_start);
+      std::string_view name(text.data() + name_start, name_end - name_start);
+      if (closing) {
+        if (open.empty() || open.back() != name) {
+          return "end tag </" + std::string(name) + "> closes no open element";
+        }
+        open.pop_back();
+      } else if (text[end - 1] != '/') {
+        open.push_back(name);
+        if (open.size() > static_cast<std::size_t>(kMaxNestingDepth)) {
+          return "nested deeper than " + std::to_string(kMaxNestingDepth);
+        }
+      }
+      seen_element = true;
       i = end + 1;
     }
     i = text.find('<', i);
   }
-  return deepest;
-}
-
-void SetError(std::string* error, std::string text) {
-  if (error) {
-    *error = std::move(text);
+  if (!seen_element) {
+    return "no element";
   }
+  return open.empty() ? std::string() : "<" + std::string(open.back()) + "> is not closed";
 }
 
 bool IsSpecialKey(const std::string& key) {
@@ -67,30 +81,20 @@ bool IsSpecialKey(const std::string& key) {
 }  // namespace
 
 bool Parse(const std::string& text, xml_tree* tree, std::string* error) {
-  if (NestingDepth(text) > kMaxNestingDepth) {
-    SetError(error, "XML nested deeper than " + std::to_string(kMaxNestingDepth));
+  std::string structure_error = CheckElementStructure(text);
+  if (!structure_error.empty()) {
+    property_tree_text::SetError(error, "Invalid XML: " + structure_error);
     return false;
   }
-  try {
-    std::istringstream in(text);
-    xml_tree parsed;
-    boost::property_tree::read_xml(in, parsed, boost::property_tree::xml_parser::no_comments);
-    tree->swap(parsed);
-    return true;
-  } catch (const boost::property_tree::xml_parser_error& parse_error) {
-    SetError(error, "Invalid XML: " + parse_error.message() + " at line " +
-                        std::to_string(parse_error.line()));
-  } catch (const std::exception& other) {
-    SetError(error, std::string("Invalid XML: ") + other.what());
-  }
-  return false;
+  return property_tree_text::ParseWith(
+      text, tree, error, "XML", [](std::istream& in, xml_tree& parsed) {
+        boost::property_tree::read_xml(in, parsed, boost::property_tree::xml_parser::no_comments);
+      });
 }
 
 bool ReadAndParse(InputStream* stream, xml_tree* tree, std::string* error) {
   std::string body;
-  InputStream::Result result = stream->ReadAllTo(&body, 4096);
-  if (result != InputStream::Result::END) {
-    SetError(error, std::string("Failed to read the body: ") + ::ToString(result));
+  if (!property_tree_text::ReadWholeBody(stream, &body, error)) {
     return false;
   }
   return Parse(body, tree, error);

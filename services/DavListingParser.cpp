@@ -1,0 +1,234 @@
+#include "services/DavListingParser.h"
+
+#include <QLatin1String>
+
+#include <utility>
+
+#include "core/Clock.h"
+#include "core/LoggerWrapper.h"
+#include "core/Nodes.h"
+#include "core/PercentEncoding.h"
+#include "core/RadarsLogger.h"
+#include "core/RemoteNameMapper.h"
+#include "services/DavXmlStream.h"
+
+namespace auxil {
+
+namespace {
+
+bool EndsWith(const std::string& text, const std::string& tail) {
+  return text.size() >= tail.size() &&
+         text.compare(text.size() - tail.size(), tail.size(), tail) == 0;
+}
+
+// The decoded, normalized path of a URL or href, the form in which the listed folder is found.
+std::string DecodedDavPath(const std::string& url) {
+  std::string path = PathOfUrl(url);
+  NormalizeDavPath(&path);
+  return utils::PercentDecoded(path);
+}
+
+// One parse: the reader, the fields of the current `response` and what the listing is about.
+class PropfindParser {
+ public:
+  PropfindParser(InputStream* input, ParseFolderListener& listener, const std::string& requestUrl,
+                 RemoteNameMapper* nameMapper)
+      : stream_(input),
+        listener_(listener),
+        requestUrl_(requestUrl),
+        requestedPath_(DecodedDavPath(requestUrl)),
+        parseTime_(static_cast<std::uint64_t>(utils::GetClock().NowMs() / 1000)),
+        nameMapper_(nameMapper) {}
+
+  bool Run();
+
+ private:
+  void OnStartElement();
+  void ReadStatus();
+  bool FinishResponse();
+  bool FinishFolder(std::string&& name);
+  bool FinishFile(std::string&& name);
+  bool FailOnEmptyName();
+
+  DavXmlStream stream_;
+  ParseFolderListener& listener_;
+  const std::string& requestUrl_;
+  const std::string requestedPath_;
+  const std::uint64_t parseTime_;
+  RemoteNameMapper* nameMapper_;
+  DavResponseFields fields_;
+  bool selfSeen_ = false;
+};
+
+bool PropfindParser::Run() {
+  while (!stream_.AtEnd() && stream_.ReadNext()) {
+    const QXmlStreamReader& xml = stream_.Xml();
+    if (xml.isEndElement() && xml.name() == QLatin1String("response")) {
+      if (!FinishResponse()) {
+        return false;
+      }
+    } else if (xml.isStartElement()) {
+      OnStartElement();
+    }
+  }
+  switch (stream_.GetState()) {
+    case DavXmlStream::kGood:
+      return true;
+    case DavXmlStream::kMalformed:
+      LOG_ERROR << "Malformed xml received while parsing propstat response for " << requestUrl_
+                << ".";
+      RadarsLogger::instance().SendMetric("failed_parse_webdav_listing", "1", 1);
+      return false;
+    case DavXmlStream::kStreamFailed:
+      return false;
+  }
+  return false;
+}
+
+void PropfindParser::OnStartElement() {
+  const QStringRef name = stream_.Xml().name();
+  if (name == QLatin1String("response")) {
+    fields_.Clear();
+  } else if (name == QLatin1String("collection")) {
+    fields_.isCollection = true;
+  } else if (name == QLatin1String("href")) {
+    fields_.href.clear();
+    stream_.ReadElementText(&fields_.href);
+  } else if (name == QLatin1String("sha256")) {
+    fields_.sha256.clear();
+    stream_.ReadElementText(&fields_.sha256);
+  } else if (name == QLatin1String("getetag")) {
+    fields_.etag.clear();
+    stream_.ReadElementText(&fields_.etag);
+  } else if (name == QLatin1String("getcontentlength")) {
+    std::uint64_t length = 0;
+    if (stream_.ReadIntegerElement(&length)) {
+      fields_.contentLength = length;
+    }
+  } else if (name == QLatin1String("getlastmodified")) {
+    std::uint64_t modified = 0;
+    if (stream_.ReadDateElement(&modified)) {
+      fields_.lastModified = modified;
+    }
+  } else if (name == QLatin1String("status")) {
+    ReadStatus();
+  }
+}
+
+// A `response` is good once any of its status lines is: a server answers a property it hasn't
+// with a second `propstat` of 404 beside the good one.
+void PropfindParser::ReadStatus() {
+  std::string status;
+  if (stream_.ReadElementText(&status) && (EndsWith(status, "OK") || EndsWith(status, "200"))) {
+    fields_.statusOk = true;
+  }
+}
+
+bool PropfindParser::FinishResponse() {
+  if (!fields_.statusOk) {
+    stream_.DumpXmlPosition();
+    LOG_ERROR << "Non successful http status in: " << fields_.href;
+    return false;
+  }
+  std::string name = ItemNameFromHref(fields_.href);
+  nameMapper_->UnmapNameToLocal(&name);
+  return fields_.isCollection ? FinishFolder(std::move(name)) : FinishFile(std::move(name));
+}
+
+bool PropfindParser::FinishFolder(std::string&& name) {
+  // Only the tail is compared: a proxy may answer with a longer path than was asked for.
+  if (!selfSeen_ && EndsWith(DecodedDavPath(fields_.href), requestedPath_)) {
+    selfSeen_ = true;
+    return true;
+  }
+  if (name.empty()) {
+    return FailOnEmptyName();
+  }
+  if (!listener_.AddFolder(std::move(name))) {
+    stream_.DumpXmlPosition();
+    LOG_ERROR << "Failed to add folder.";
+    return false;
+  }
+  return true;
+}
+
+bool PropfindParser::FinishFile(std::string&& name) {
+  // The etag and the sha256 make the one opaque value that versions are compared by.
+  if (!fields_.sha256.empty()) {
+    fields_.etag += "_" + fields_.sha256;
+  }
+  if (!fields_.contentLength) {
+    stream_.DumpXmlPosition();
+    LOG_ERROR << "No content length for element \"" << name << "\".";
+    return false;
+  }
+  if (name.empty()) {
+    return FailOnEmptyName();
+  }
+  const std::uint64_t modified = fields_.lastModified.value_or(parseTime_);
+  if (!listener_.AddFile(std::move(name), *fields_.contentLength, modified, fields_.etag)) {
+    LOG_ERROR << "Failed to add file.";
+    stream_.DumpXmlPosition();
+    return false;
+  }
+  return true;
+}
+
+bool PropfindParser::FailOnEmptyName() {
+  stream_.DumpXmlPosition();
+  LOG_ERROR << "Failed to get item name from href: " << fields_.href;
+  return false;
+}
+
+}  // namespace
+
+bool ParsePropfindResponse(InputStream* input, ParseFolderListener& listener,
+                           const std::string& requestUrl, RemoteNameMapper* nameMapper) {
+  return PropfindParser(input, listener, requestUrl, nameMapper).Run();
+}
+
+std::string PathOfUrl(const std::string& url) {
+  if (url.empty() || url.find("://") == std::string::npos) {
+    return url;
+  }
+  std::size_t slash = url.find('/');
+  for (;;) {
+    if (slash == 0 || url[slash - 1] != ':') {
+      return url.substr(slash);
+    }
+    // The slashes of the scheme: the path begins at the first slash after the authority.
+    const std::size_t from = slash + 2;
+    slash = from < url.size() ? url.find('/', from) : std::string::npos;
+    if (slash == std::string::npos) {
+      return std::string();
+    }
+  }
+}
+
+void NormalizeDavPath(std::string* path) {
+  std::string normalized;
+  normalized.reserve(path->size() + 1);
+  normalized.push_back('/');
+  for (const char c : *path) {
+    if (c != '/' || normalized.back() != '/') {
+      normalized.push_back(c);
+    }
+  }
+  if (normalized.size() > 1 && normalized.back() == '/') {
+    normalized.pop_back();
+  }
+  *path = std::move(normalized);
+}
+
+std::string ItemNameFromHref(const std::string& href) {
+  const std::size_t end = href.find_last_not_of('/');
+  if (end == std::string::npos) {
+    return std::string();
+  }
+  const std::size_t slash = href.rfind('/', end);
+  const std::size_t begin = slash == std::string::npos ? 0 : slash + 1;
+  std::string name = utils::PercentDecoded(std::string_view(href).substr(begin, end + 1 - begin));
+  return FolderNode::IsValidName(name) ? name : std::string();
+}
+
+}  // namespace auxil
