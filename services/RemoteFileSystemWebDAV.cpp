@@ -72,8 +72,8 @@ FileSystem::Result RemoteFileSystemWebDAV::CheckConnection() {
 
 DispatcherUrl RemoteFileSystemWebDAV::MakeRequestUrl(const std::string& path, bool asFolder) {
   std::string full;
-  if (!GetRemoteRootPath().empty() && path != "/") {
-    full = GetRemoteRootPath();
+  if (!mountedRoot_.empty() && path != "/") {
+    full = mountedRoot_;
   }
   if (!path.empty() && path.front() != '/') {
     full += "/";

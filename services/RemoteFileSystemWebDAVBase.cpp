@@ -5,6 +5,7 @@
 #include "core/Clock.h"
 #include "core/LoggerWrapper.h"
 #include "core/Nodes.h"
+#include "core/PercentEncoding.h"
 #include "core/RadarsLogger.h"
 #include "core/StringUtils.h"
 #include "core/Xml.h"
@@ -95,6 +96,7 @@ bool RemoteFileSystemWebDAVBase::Open(const std::shared_ptr<URLProcessorFactory>
   urlProcessor_->SetHttpVersion(kHttpVersionSetting);
   std::string root = TrimSlashes(GetRemoteRootPath());
   MapPathToRemote(&root);
+  mountedRoot_ = root.empty() ? root : "/" + root;
   openMode_ = kIdle;
   return true;
 }

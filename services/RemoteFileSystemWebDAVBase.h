@@ -117,6 +117,8 @@ class RemoteFileSystemWebDAVBase : public RemoteFileSystemNoChangesSupport {
   std::shared_ptr<URLProcessor> urlProcessor_;
   std::string responseHeaders_;
   DispatcherUrl baseUrl_;
+  // The mounted root on the server in its remote form: "/backups" or "" for the whole account.
+  std::string mountedRoot_;
   bool serverLacksFeatures_ = false;
   std::string responseBody_;
   std::uint64_t readStartOffset_ = 0;
