@@ -1,6 +1,7 @@
 // get and put: one file through the adapter's file slot, in the order the core drives it.
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <atomic>
 #include <fstream>
 #include <iostream>
@@ -24,13 +25,16 @@ double Fraction(const std::atomic<std::uint64_t>& done, std::uint64_t whole) {
 
 // After a failed transfer the slot is abandoned, not finished: a half written file must not be
 // completed, and an interrupted upload keeps its session for the next try.
-int AbandonTransfer(Context& context, FileSystem::Result result, const std::string& what) {
+int AbandonTransfer(Context& context, FileSystem::Result result, const std::string& what,
+                    std::string detail = std::string()) {
   if (result == FileSystem::STOPPED) {
     context.fs->Start();
   }
   context.fs->InterruptFile();
-  return Report(context, result, what,
-                context.interrupter.Interrupted() ? "interrupted" : std::string());
+  if (context.interrupter.Interrupted()) {
+    detail = "interrupted";
+  }
+  return Report(context, result, what, detail);
 }
 
 struct LocalFile {
@@ -154,19 +158,25 @@ int RunGet(Context& context) {
   if (result != FileSystem::SUCCEEDED) {
     return Report(context, result, "get: OpenForRead");
   }
+  // The core knows the size from its tree and reads exactly the bytes it asked for: an adapter
+  // need not answer a read past the end.
+  std::uint64_t end = std::min(limit, item.size);
+  std::uint64_t wanted = end > offset ? end - offset : 0;
   std::atomic<std::uint64_t> received{0};
   {
-    std::uint64_t wanted = limit > offset ? limit - offset : 0;
     ProgressBar bar("get", [&received, wanted] { return Fraction(received, wanted); });
     std::vector<std::uint8_t> block(kBlockSize);
-    for (;;) {
+    while (received < wanted) {
+      auto ask = static_cast<std::uint32_t>(std::min<std::uint64_t>(kBlockSize, wanted - received));
       std::uint32_t done = 0;
-      result = fs.ReadFile(block.data(), kBlockSize, &done);
+      result = fs.ReadFile(block.data(), ask, &done);
+      if (result == FileSystem::SUCCEEDED && done == 0) {
+        return AbandonTransfer(context, FileSystem::FAILED, "get: ReadFile",
+                               "the file ended after " + std::to_string(received.load()) + " of " +
+                                   std::to_string(wanted) + " bytes");
+      }
       if (result != FileSystem::SUCCEEDED) {
         return AbandonTransfer(context, result, "get: ReadFile");
-      }
-      if (done == 0) {
-        break;
       }
       out.write(reinterpret_cast<const char*>(block.data()), done);
       received += done;
