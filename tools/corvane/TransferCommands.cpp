@@ -86,18 +86,9 @@ FileSystem::Result OpenUpload(Context& context, const std::string& remote, const
                           resume_offset, false);
 }
 
-// Lower-case hex, as other tools print it; Yandex's two digests with one blank between. The
-// QuickXor digest is printed even when all zero (the empty file), where a OneDrive hash as a
-// whole has no hex form.
+// Lower-case hex, as other tools print it; Yandex's two digests with one blank between.
 std::string HashText(const SomeHash& hash) {
-  switch (hash.GetType()) {
-    case SomeHash::YANDEX:
-      return hash.ToDisplayString();
-    case SomeHash::ONEDRIVE:
-      return hash.GetHashOneDrive().quick_xor.ToHexString();
-    default:
-      return hash.ToHexString();
-  }
+  return hash.GetType() == SomeHash::YANDEX ? hash.ToDisplayString() : hash.ToHexString();
 }
 
 }  // namespace
