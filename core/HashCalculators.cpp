@@ -78,17 +78,9 @@ HashBase<N> FinishInto(detail::Digest* digest) {
 
 // Box
 
-void HashCalculatorBox::Begin() {
-  sha1_.Begin();
-}
-
-void HashCalculatorBox::Feed(const std::uint8_t* data, std::uint32_t size) {
-  sha1_.Feed(data, size);
-}
-
 SomeHash HashCalculatorBox::Finish() {
   HashBox value;
-  value.sha1 = FinishInto<20>(&sha1_).ToHexString();
+  value.sha1 = FinishInto<20>(&digest_).ToHexString();
   return SomeHash(value);
 }
 
@@ -130,30 +122,14 @@ SomeHash HashCalculatorDropbox::Finish() {
 
 // Google
 
-void HashCalculatorGoogle::Begin() {
-  md5_.Begin();
-}
-
-void HashCalculatorGoogle::Feed(const std::uint8_t* data, std::uint32_t size) {
-  md5_.Feed(data, size);
-}
-
 SomeHash HashCalculatorGoogle::Finish() {
-  return SomeHash(FinishInto<16>(&md5_));
+  return SomeHash(FinishInto<16>(&digest_));
 }
 
 // Internal
 
-void HashCalculatorInternal::Begin() {
-  sha256_.Begin();
-}
-
-void HashCalculatorInternal::Feed(const std::uint8_t* data, std::uint32_t size) {
-  sha256_.Feed(data, size);
-}
-
 SomeHash HashCalculatorInternal::Finish() {
-  return SomeHash(FinishInto<32>(&sha256_).ToHexString());
+  return SomeHash(FinishInto<32>(&digest_).ToHexString());
 }
 
 // OneDrive
@@ -170,9 +146,14 @@ void HashCalculatorOneDrive::Feed(const std::uint8_t* data, std::uint32_t size) 
   std::uint32_t i = 0;
   for (; column != 0 && i < size; ++i, column = (column + 1) % kWidthBits)
     columns_[column] ^= data[i];
-  for (; size - i >= kWidthBits; i += kWidthBits) {
-    for (std::uint32_t c = 0; c < kWidthBits; ++c)
-      columns_[c] ^= data[i + c];
+  if (size - i >= kWidthBits) {
+    // On a local copy the compiler knows the input cannot alias the columns, and vectorizes.
+    std::array<std::uint8_t, kWidthBits> columns = columns_;
+    for (; size - i >= kWidthBits; i += kWidthBits) {
+      for (std::uint32_t c = 0; c < kWidthBits; ++c)
+        columns[c] ^= data[i + c];
+    }
+    columns_ = columns;
   }
   for (std::uint32_t c = 0; i < size; ++i, ++c)
     columns_[c] ^= data[i];

@@ -61,14 +61,24 @@ class Digest {
 
 }  // namespace detail
 
-class HashCalculatorBox : public HashCalculator {
- public:
-  void Begin() override;
-  void Feed(const std::uint8_t* data, std::uint32_t size) override;
-  SomeHash Finish() override;
+namespace detail {
 
- private:
-  detail::Digest sha1_{detail::Digest::kSha1};
+// A calculator over one digest; each kind gives the digest its own form in Finish.
+template <Digest::Kind kKind>
+class OneDigestCalculator : public HashCalculator {
+ public:
+  void Begin() override { digest_.Begin(); }
+  void Feed(const std::uint8_t* data, std::uint32_t size) override { digest_.Feed(data, size); }
+
+ protected:
+  Digest digest_{kKind};
+};
+
+}  // namespace detail
+
+class HashCalculatorBox : public detail::OneDigestCalculator<detail::Digest::kSha1> {
+ public:
+  SomeHash Finish() override;
 };
 
 class HashCalculatorDropbox : public HashCalculator {
@@ -87,24 +97,14 @@ class HashCalculatorDropbox : public HashCalculator {
   std::uint32_t block_fill_ = 0;
 };
 
-class HashCalculatorGoogle : public HashCalculator {
+class HashCalculatorGoogle : public detail::OneDigestCalculator<detail::Digest::kMd5> {
  public:
-  void Begin() override;
-  void Feed(const std::uint8_t* data, std::uint32_t size) override;
   SomeHash Finish() override;
-
- private:
-  detail::Digest md5_{detail::Digest::kMd5};
 };
 
-class HashCalculatorInternal : public HashCalculator {
+class HashCalculatorInternal : public detail::OneDigestCalculator<detail::Digest::kSha256> {
  public:
-  void Begin() override;
-  void Feed(const std::uint8_t* data, std::uint32_t size) override;
   SomeHash Finish() override;
-
- private:
-  detail::Digest sha256_{detail::Digest::kSha256};
 };
 
 // QuickXorHash: byte i of the content is xored into a 160-bit ring at bit 11 * i, and the

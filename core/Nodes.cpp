@@ -1,9 +1,26 @@
 #include "core/Nodes.h"
 
 #include <algorithm>
+#include <functional>
+#include <unordered_map>
 #include <vector>
 
 #include "core/UnicodeLower.h"
+
+namespace {
+
+bool AllComponentsValid(std::string_view path) {
+  for (std::size_t start = 0;;) {
+    std::size_t slash = path.find('/', start);
+    if (!ChildNode::IsValidName(path.substr(start, slash - start)))
+      return false;
+    if (slash == std::string_view::npos)
+      return true;
+    start = slash + 1;
+  }
+}
+
+}  // namespace
 
 namespace detail {
 
@@ -110,6 +127,7 @@ void FolderNode::Clear() {
     pending.push_back(folder);
   };
   auto delete_file = [](FileNode* file) { delete file; };
+  ChildrenChanged();
   files_.clear_and_dispose(delete_file);
   folders_.clear_and_dispose(take_folder);
   while (!pending.empty()) {
@@ -142,6 +160,60 @@ UniqueNodePtr<FolderNode> FolderNode::CreateInstance() const {
 
 // FolderNode: lookups
 
+// Case-insensitive lookups in a large folder go through an index from the hash of each lowered
+// name to its nodes, made on the first such lookup and dropped on any change of the children;
+// a scan of scattered nodes costs a cache miss per child.
+struct FolderNode::LowerIndex {
+  std::unordered_multimap<std::size_t, FileNode*> files;
+  std::unordered_multimap<std::size_t, FolderNode*> folders;
+
+  template <typename T>
+  std::unordered_multimap<std::size_t, T*>& Of() {
+    if constexpr (std::is_same_v<T, FileNode>)
+      return files;
+    else
+      return folders;
+  }
+};
+
+void FolderNode::LowerIndexDeleter::operator()(LowerIndex* index) const {
+  delete index;
+}
+
+void FolderNode::ChildrenChanged() {
+  lower_index_.reset();
+}
+
+template <typename T, typename Visit>
+void FolderNode::VisitLowerMatches(const detail::ChildSet<T>& const_set, const std::string& lowered,
+                                   Visit visit) const {
+  auto& set = const_cast<detail::ChildSet<T>&>(const_set);
+  constexpr std::size_t kIndexedFrom = 32;
+  if (set.size() < kIndexedFrom) {
+    for (T& child : set) {
+      if (utils::EqualsLowered(child.GetName(), lowered) && !visit(&child))
+        return;
+    }
+    return;
+  }
+  if (!lower_index_) {
+    lower_index_.reset(new LowerIndex);
+    for (FileNode& file : const_cast<detail::ChildSet<FileNode>&>(files_))
+      lower_index_->files.emplace(Hash(utils::UnicodeToLower(file.GetName())), &file);
+    for (FolderNode& folder : const_cast<detail::ChildSet<FolderNode>&>(folders_))
+      lower_index_->folders.emplace(Hash(utils::UnicodeToLower(folder.GetName())), &folder);
+  }
+  auto range = lower_index_->Of<T>().equal_range(Hash(lowered));
+  for (auto it = range.first; it != range.second; ++it) {
+    if (utils::EqualsLowered(it->second->GetName(), lowered) && !visit(it->second))
+      return;
+  }
+}
+
+std::size_t FolderNode::Hash(const std::string& lowered) {
+  return std::hash<std::string>()(lowered);
+}
+
 template <typename T>
 detail::ChildIter<T> FolderNode::Find(const detail::ChildSet<T>& const_set, std::string_view name,
                                       bool case_insensitive, bool* ambiguous) const {
@@ -153,19 +225,20 @@ detail::ChildIter<T> FolderNode::Find(const detail::ChildSet<T>& const_set, std:
   if (!case_insensitive)
     return detail::ChildIter<T>(exact);
 
-  std::string lowered = utils::UnicodeToLower(name);
-  auto found = exact;
-  std::size_t matches = exact == set.end() ? 0 : 1;
-  for (auto it = set.begin(); it != set.end() && (matches < 2 || found == set.end()); ++it) {
-    if (it == exact || !utils::EqualsLowered(it->GetName(), lowered))
-      continue;
-    ++matches;
-    if (found == set.end())
-      found = it;
-  }
+  T* first = exact == set.end() ? nullptr : &*exact;
+  std::size_t others = 0;
+  VisitLowerMatches(set, utils::UnicodeToLower(name), [&](T* match) {
+    if (exact != set.end() && match == &*exact)
+      return true;
+    ++others;
+    if (exact == set.end() && (first == nullptr || match->GetName() < first->GetName()))
+      first = match;
+    return true;
+  });
   if (ambiguous != nullptr)
-    *ambiguous = matches > 1;
-  return detail::ChildIter<T>(found);
+    *ambiguous = (exact != set.end() ? 1 : 0) + others > 1;
+  return first == nullptr ? detail::ChildIter<T>(set.end())
+                          : detail::ChildIter<T>(set.iterator_to(*first));
 }
 
 FolderNode::FileIterator FolderNode::FindFile(std::string_view name, bool case_insensitive,
@@ -220,12 +293,12 @@ bool FolderNode::NamedLike(const detail::ChildSet<T>& set, const ChildNode* node
     auto it = set.find(std::string_view(node->GetName()), detail::NameLess());
     return it != set.end() && &*it != node;
   }
-  std::string lowered = utils::UnicodeToLower(node->GetName());
   std::size_t matches = 0;
-  for (auto it = set.begin(); it != set.end() && matches < 2; ++it) {
-    if (&*it != node && utils::EqualsLowered(it->GetName(), lowered))
+  VisitLowerMatches(set, utils::UnicodeToLower(node->GetName()), [&](const T* match) {
+    if (match != node)
       ++matches;
-  }
+    return matches < 2;
+  });
   if (ambiguous != nullptr)
     *ambiguous = matches > 1;
   return matches > 0;
@@ -274,7 +347,8 @@ FolderNode::ResultInsert<T> FolderNode::InsertTry(detail::ChildSet<T>& set,
     return result;
   }
   if constexpr (std::is_same_v<T, FolderNode>) {
-    if (IsInside(node.get()) || this == node.get()) {
+    // Only a folder with subfolders can hold this one; a fresh node skips the walk up.
+    if (this == node.get() || (!node->folders_.empty() && IsInside(node.get()))) {
       result.status = ResultInsert<T>::LOOP;
       return result;
     }
@@ -282,6 +356,7 @@ FolderNode::ResultInsert<T> FolderNode::InsertTry(detail::ChildSet<T>& set,
   T* raw = node.release();
   raw->parent_ = this;
   set.insert(*raw);
+  ChildrenChanged();
   result.status = ResultInsert<T>::INSERTED;
   result.node = raw;
   return result;
@@ -312,6 +387,7 @@ FolderNode::ResultInsert<T> FolderNode::RenameTry(detail::ChildSet<T>& set, deta
   set.erase(it.base());
   node->name_ = std::move(new_name);
   set.insert(*node);
+  ChildrenChanged();
   result.status = ResultInsert<T>::INSERTED;
   result.node = node;
   return result;
@@ -327,18 +403,21 @@ FolderNode::ResultInsert<FolderNode> FolderNode::RenameFolderTry(FolderIterator 
   return RenameTry(folders_, it, std::move(new_name));
 }
 
-UniqueNodePtr<FileNode> FolderNode::RemoveFile(FileIterator it) {
-  FileNode* node = *it;
-  files_.erase(it.base());
+template <typename T>
+UniqueNodePtr<T> FolderNode::Remove(detail::ChildSet<T>& set, detail::ChildIter<T> it) {
+  T* node = *it;
+  set.erase(it.base());
+  ChildrenChanged();
   node->parent_ = nullptr;
-  return UniqueNodePtr<FileNode>(node);
+  return UniqueNodePtr<T>(node);
+}
+
+UniqueNodePtr<FileNode> FolderNode::RemoveFile(FileIterator it) {
+  return Remove(files_, it);
 }
 
 UniqueNodePtr<FolderNode> FolderNode::RemoveFolder(FolderIterator it) {
-  FolderNode* node = *it;
-  folders_.erase(it.base());
-  node->parent_ = nullptr;
-  return UniqueNodePtr<FolderNode>(node);
+  return Remove(folders_, it);
 }
 
 FileNode* FolderNode::CreateFileW(std::string_view name, std::uint64_t size, const SomeHash& hash,
@@ -414,9 +493,11 @@ FolderNode::ResultInsert<T> FolderNode::MoveFrom(FolderNode* from, std::string_v
     }
   }
   from_set.erase(it);
+  from->ChildrenChanged();
   node->name_ = std::move(new_name);
   node->parent_ = this;
   Children<T>().insert(*node);
+  ChildrenChanged();
   result.status = ResultInsert<T>::INSERTED;
   result.node = node;
   return result;
@@ -439,7 +520,8 @@ FolderNode::ResultInsert<FolderNode> FolderNode::MoveFolderFromTry(FolderNode* f
 }
 
 bool FolderNode::DeepCopyContentFrom(const FolderNode* other) {
-  if (other == nullptr || other->IsInside(this))
+  // A source below this folder would go with the Clear; one above it would grow while copied.
+  if (other == nullptr || other->IsInside(this) || IsInside(other))
     return false;
   Clear();
   // Copies level by level with an explicit list, for the same reason as Clear.
@@ -477,6 +559,9 @@ std::tuple<FolderNode*, std::string_view> FolderNode::Walk(std::string_view path
     *ambiguous = false;
   if (first_created != nullptr)
     *first_created = nullptr;
+  // A path that would fail half-way creates nothing.
+  if (create && !AllComponentsValid(path))
+    return {nullptr, std::string_view()};
   FolderNode* folder = this;
   std::string_view rest = path;
   for (;;) {

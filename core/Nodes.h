@@ -265,8 +265,8 @@ class FolderNode : public ChildNode {
   virtual UniqueNodePtr<FileNode> RemoveFile(FileIterator it);
   virtual UniqueNodePtr<FolderNode> RemoveFolder(FolderIterator it);
 
-  // Replaces the content of this folder by a copy of the content of `other`. False when `other`
-  // is this folder or lies inside it.
+  // Replaces the content of this folder by a copy of the content of `other`. False when one of
+  // the two lies inside the other (or they are the same).
   virtual bool DeepCopyContentFrom(const FolderNode* other);
   // Frees every child.
   virtual void Clear();
@@ -274,7 +274,7 @@ class FolderNode : public ChildNode {
   // Paths are relative to this folder, components joined by '/'. The empty path is this folder.
   FolderNode* GetFolderAtPath(std::string_view path, bool case_insensitive = false) const;
   // The folder that holds the last component of `path`, and that component; {nullptr, {}} when
-  // a folder on the way is missing or a component is invalid.
+  // a folder on the way is missing or a component is invalid. The name is a view into `path`.
   std::tuple<FolderNode*, std::string_view> TraversePath(std::string_view path,
                                                          bool case_insensitive = false,
                                                          bool* ambiguous = nullptr) const;
@@ -298,6 +298,17 @@ class FolderNode : public ChildNode {
   }
 
  private:
+  struct LowerIndex;
+  struct LowerIndexDeleter {
+    void operator()(LowerIndex* index) const;
+  };
+
+  // Every change of the set of children (not of their properties) calls it.
+  void ChildrenChanged();
+  template <typename T, typename Visit>
+  void VisitLowerMatches(const detail::ChildSet<T>& set, const std::string& lowered,
+                         Visit visit) const;
+  static std::size_t Hash(const std::string& lowered);
   template <typename T>
   detail::ChildIter<T> Find(const detail::ChildSet<T>& set, std::string_view name,
                             bool case_insensitive, bool* ambiguous) const;
@@ -312,6 +323,8 @@ class FolderNode : public ChildNode {
   ResultInsert<T> RenameTry(detail::ChildSet<T>& set, detail::ChildIter<T> it,
                             std::string&& new_name);
   template <typename T>
+  UniqueNodePtr<T> Remove(detail::ChildSet<T>& set, detail::ChildIter<T> it);
+  template <typename T>
   ResultInsert<T> MoveFrom(FolderNode* from, std::string_view name, std::string&& new_name);
   template <typename T>
   detail::ChildSet<T>& Children();
@@ -322,4 +335,5 @@ class FolderNode : public ChildNode {
 
   detail::ChildSet<FileNode> files_;
   detail::ChildSet<FolderNode> folders_;
+  mutable std::unique_ptr<LowerIndex, LowerIndexDeleter> lower_index_;
 };

@@ -60,7 +60,8 @@ std::string HashOneDrive::ToHexString() const {
     std::snprintf(text, sizeof(text), "%08x", crc32);
     return text;
   }
-  return std::string();
+  // The QuickXor of an empty file is all zeros: a real digest, printed as such.
+  return quick_xor.ToHexString();
 }
 
 std::string HashOneDrive::ToDisplayString() const {

@@ -4,9 +4,9 @@
 #include <exception>
 #include <sstream>
 
-#include <boost/property_tree/json_parser.hpp>
 #include <boost/property_tree/ptree.hpp>
 
+#include "core/Json.h"
 #include "core/LoggerWrapper.h"
 
 namespace {
@@ -135,14 +135,12 @@ URLProcessor::GetJSONAndResult(const DispatcherUrl& url, const std::vector<std::
   Result result = Finish();
   std::unique_ptr<utils::json::json_tree> tree;
   if (!body.empty()) {
-    // Parsed here rather than through core/Json.h so that the transport stands on its own.
-    try {
-      std::istringstream in(body);
-      auto parsed = std::make_unique<utils::json::json_tree>();
-      boost::property_tree::json_parser::read_json(in, *parsed);
+    auto parsed = std::make_unique<utils::json::json_tree>();
+    std::string error;
+    if (utils::json::Parse(body, parsed.get(), &error)) {
       tree = std::move(parsed);
-    } catch (const std::exception& e) {
-      LOG_WARNING << "Answer of " << GetUrl() << " is not JSON: " << e.what();
+    } else {
+      LOG_WARNING << "Answer of " << GetUrl() << " is not JSON: " << error;
     }
   }
   return {std::move(tree), result};

@@ -52,6 +52,11 @@ void AppendUtf8(long code, std::string* out) {
   }
 }
 
+// The one code point whose lower case is two code points whatever the language: 'i' and a
+// combining dot above. QChar keeps to one-to-one mappings and leaves it as it is.
+constexpr long kCapitalIWithDot = 0x130;
+constexpr std::string_view kCapitalIWithDotLower = "i\u0307";
+
 char AsciiLower(char c) {
   return c >= 'A' && c <= 'Z' ? static_cast<char>(c - 'A' + 'a') : c;
 }
@@ -73,6 +78,8 @@ std::string UnicodeToLower(std::string_view utf8) {
     long code = DecodeUtf8(utf8, &pos);
     if (code < 0)
       out.push_back(utf8[start]);
+    else if (code == kCapitalIWithDot)
+      out.append(kCapitalIWithDotLower);
     else
       AppendUtf8(static_cast<long>(QChar::toLower(static_cast<uint>(code))), &out);
   }

@@ -2,8 +2,9 @@
 //
 //   utils::UnicodeToLower("ÄÖ Straße") == "äö straße"
 //
-// Each code point is mapped by its simple (one to one) lower case. Bytes that are not valid UTF-8
-// pass through unchanged, so two different invalid names never become equal.
+// Each code point is mapped by its lower case, U+0130 to two code points, the others one to one
+// (no mapping depends on context or language: a final sigma stays as written). Bytes that are
+// not valid UTF-8 pass through unchanged, so two different invalid names never become equal.
 #pragma once
 
 #include <string>

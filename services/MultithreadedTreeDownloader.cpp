@@ -106,7 +106,11 @@ void MultithreadedTreeDownloader::PushSubfolders(const DownloadedDir& dir,
 
 void MultithreadedTreeDownloader::Start(int threadCount, URLProcessorFactory& factory,
                                         const std::optional<std::string>& userAgent) {
-  running_ = true;
+  {
+    // A Stop() that came before the workers holds for them too.
+    std::lock_guard<std::mutex> lock(processorsMutex_);
+    running_ = !stopped_;
+  }
   for (int i = 0; i < threadCount; ++i) {
     std::shared_ptr<URLProcessor> processor = factory.Create();
     if (!processor) {
@@ -120,6 +124,9 @@ void MultithreadedTreeDownloader::Start(int threadCount, URLProcessorFactory& fa
     processor->SetHttpVersion(URLProcessor::kHttp11);
     {
       std::lock_guard<std::mutex> lock(processorsMutex_);
+      if (stopped_) {
+        processor->Stop();
+      }
       processors_.push_back(processor);
     }
     threads_.emplace_back([this, processor] {
@@ -255,18 +262,30 @@ void MultithreadedTreeDownloader::Stop() {
     std::lock_guard<std::mutex> lock(sleepMutex_);
     sleepCondition_.notify_all();
   }
-  queries_.Clear();
-  downloaded_.Push(DownloadedDir{nullptr, std::string(), FileSystem::STOPPED});
-  std::lock_guard<std::mutex> lock(processorsMutex_);
-  for (const std::shared_ptr<URLProcessor>& processor : processors_) {
-    processor->Stop();
+  {
+    // The null queries of a running Finish() are the only way its workers end.
+    std::lock_guard<std::mutex> lock(processorsMutex_);
+    if (!finishing_) {
+      queries_.Clear();
+    }
   }
+  downloaded_.Push(DownloadedDir{nullptr, std::string(), FileSystem::STOPPED});
+  StopProcessors();
 }
 
 void MultithreadedTreeDownloader::Start() {
   std::lock_guard<std::mutex> lock(processorsMutex_);
+  stopped_ = false;
   for (const std::shared_ptr<URLProcessor>& processor : processors_) {
     processor->Start();
+  }
+}
+
+void MultithreadedTreeDownloader::StopProcessors() {
+  std::lock_guard<std::mutex> lock(processorsMutex_);
+  stopped_ = true;
+  for (const std::shared_ptr<URLProcessor>& processor : processors_) {
+    processor->Stop();
   }
 }
 
@@ -276,10 +295,17 @@ void MultithreadedTreeDownloader::Finish() {
     std::lock_guard<std::mutex> lock(sleepMutex_);
     sleepCondition_.notify_all();
   }
-  queries_.Clear();
-  for (std::size_t i = 0; i < threads_.size(); ++i) {
-    queries_.Push(Query());
+  {
+    std::lock_guard<std::mutex> lock(processorsMutex_);
+    finishing_ = true;
+    queries_.Clear();
+    for (std::size_t i = 0; i < threads_.size(); ++i) {
+      queries_.Push(Query());
+    }
   }
+  // A worker still waiting for an answer that no one will read would hold up the join for as
+  // long as the server takes.
+  StopProcessors();
   for (std::thread& thread : threads_) {
     thread.join();
   }
@@ -288,6 +314,7 @@ void MultithreadedTreeDownloader::Finish() {
   threads_.clear();
   std::lock_guard<std::mutex> lock(processorsMutex_);
   processors_.clear();
+  finishing_ = false;
 }
 
 }  // namespace auxil

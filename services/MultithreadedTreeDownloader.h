@@ -75,7 +75,8 @@ class MultithreadedTreeDownloader : public Stoppable {
   void Stop() override;
   // Clears the stop state of the processors.
   void Start() override;
-  // Ends and joins the workers; the downloader holds no thread afterwards.
+  // Breaks the running requests, ends and joins the workers; the downloader holds no thread
+  // afterwards. Safe against a Stop() from another thread at the same time.
   void Finish();
 
   // Some listing failed on a file without an etag.
@@ -91,6 +92,8 @@ class MultithreadedTreeDownloader : public Stoppable {
   // Sleeps unless or until Stop() or Finish().
   void SleepWhileRunning(int seconds);
   void PushSubfolders(const DownloadedDir& dir, std::uint64_t* discovered);
+  // Breaks the running requests, and those of processors made later.
+  void StopProcessors();
 
   template <typename T, std::uint64_t kSize>
   class FixedItemSizeQueue : public utils::InterThreadQueue<T> {
@@ -111,8 +114,11 @@ class MultithreadedTreeDownloader : public Stoppable {
   RemoteNameMapper* nameMapper_;
   std::atomic<bool> rateLimitReported_{false};
   std::atomic<bool> serverLacksEtag_{false};
-  // Stop() comes from any thread, while Start() or Finish() may be changing the processors.
+  // Stop() comes from any thread, while Start() or Finish() may be changing the processors or
+  // ending the workers.
   std::mutex processorsMutex_;
+  bool stopped_ = false;    // under processorsMutex_
+  bool finishing_ = false;  // under processorsMutex_
   std::mutex sleepMutex_;
   std::condition_variable sleepCondition_;
 };

@@ -6,6 +6,7 @@
 #include <functional>
 #include <string>
 
+#include "core/RemoteFileSystem.h"
 #include "core/SomeHash.h"
 
 class FolderNode;
@@ -40,6 +41,22 @@ class ParseFolderToFolderNode : public ParseFolderListener {
   // A file came without an etag: the server lacks what the comparison of versions needs.
   bool noEtag = false;
   FolderNode* folder;
+  MakeHashFunction makeHash;
+};
+
+// Appends to a one-level listing, for GetFolderListing.
+class ParseFolderToListing : public ParseFolderListener {
+ public:
+  ParseFolderToListing(RemoteFileSystem::FolderListing* listing, MakeHashFunction makeHash)
+      : listing(listing), makeHash(std::move(makeHash)) {}
+
+  void Reserve(std::uint64_t count) override { listing->files.reserve(count); }
+  bool AddFolder(std::string&& name) override;
+  bool AddFile(std::string&& name, std::uint64_t size, std::uint64_t modified,
+               const std::string& etag) override;
+
+  bool noEtag = false;
+  RemoteFileSystem::FolderListing* listing;
   MakeHashFunction makeHash;
 };
 

@@ -2,6 +2,7 @@
 
 #include "core/LoggerWrapper.h"
 #include "core/RemoteFileSystemFactoryS3.h"
+#include "services/RemoteFileSystemFactoryWebDAV.h"
 
 namespace {
 
@@ -19,6 +20,9 @@ struct FactoryRow {
 
 // One row per service this library serves; an id without a row has no factory.
 constexpr FactoryRow kFactories[] = {
+    {CloudServiceId::WEBDAV, &Make<RemoteFileSystemFactoryWebDAV>},
+    // pCloud is a plain WebDAV account.
+    {CloudServiceId::PCLOUD, &Make<RemoteFileSystemFactoryWebDAV>},
     {CloudServiceId::S3_BASE, &Make<s3::RemoteFileSystemFactoryS3Base>},
     {CloudServiceId::S3_EMBERA, &Make<s3::RemoteFileSystemFactoryS3Embera>},
     {CloudServiceId::S3_AMAZON, &Make<s3::RemoteFileSystemFactoryS3Amazon>},

@@ -1,6 +1,7 @@
 #include "services/RemoteFileIdsSerializer.h"
 
 #include "core/LoggerWrapper.h"
+#include "core/PathUtils.h"
 #include "services/RemoteFileIds.h"
 
 bool RemoteFileIdsSerializer::CollectRecords(RemoteFileIds* ids, const std::atomic<bool>* stop,
@@ -31,10 +32,9 @@ bool RemoteFileIdsSerializer::CollectRecords(RemoteFileIds* ids, const std::atom
 
 bool RemoteFileIdsSerializer::InsertRecord(RemoteFileIds* ids, const Record& record) {
   // 1. Parent and name from the path.
-  const std::size_t slash = record.path.rfind('/');
-  const std::string parent_path =
-      slash == std::string::npos ? std::string() : record.path.substr(0, slash);
-  const std::string name = slash == std::string::npos ? record.path : record.path.substr(slash + 1);
+  std::string parent_path;
+  std::string name;
+  utils::SplitPath(record.path, &parent_path, &name);
   const std::string parent_id = ids->GetFolderIdByPath(parent_path);
   // 2. The item itself.
   const bool added = record.folder ? ids->AddFolderId(record.id, name, parent_id, false)

@@ -71,7 +71,7 @@ TEST(SomeHashTest, DefaultIsEmptyAndEmptyFileHashIsARealValue) {
        "d41d8cd98f00b204e9800998ecf8427e"
        "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
       // QuickXorHash of nothing is all zero bits; the value still has its kind.
-      {SomeHash::ONEDRIVE, ""},
+      {SomeHash::ONEDRIVE, "0000000000000000000000000000000000000000"},
   };
   for (const auto& c : kEmpty) {
     SomeHash empty_file = SomeHash::EmptyFileHash(c.type);

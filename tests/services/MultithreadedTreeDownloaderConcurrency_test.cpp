@@ -25,10 +25,15 @@ using Clock = std::chrono::steady_clock;
 
 class TreeWalk {
  public:
-  explicit TreeWalk(FakeDavTransport* transport)
+  // `stopFirst`: the walk is stopped before it starts, as a Stop() between the adapter's
+  // publishing of the downloader and the start of the workers does.
+  explicit TreeWalk(FakeDavTransport* transport, bool stopFirst = false)
       : downloader_(
             test::SendDavPropfind(), [](const std::string& etag) { return SomeHash(etag); },
             &mapper_) {
+    if (stopFirst) {
+      downloader_.Stop();
+    }
     result_ = std::async(std::launch::async, [this, transport] {
       const FileSystem::Result result = downloader_.DownloadTree(&root_, *transport, &bytesSeen_);
       downloader_.Finish();
@@ -98,6 +103,35 @@ TEST(MultithreadedTreeDownloaderConcurrencyTest, StopFromAnotherThreadEndsTheWal
     // Finish joined every worker: each closed what it opened.
     EXPECT_EQ(transport.OpenProcessors(), 0);
     EXPECT_EQ(log.Count("Failed to open urlprocessor."), test.failOpen ? 3u : 0u);
+  }
+}
+
+// However the walk ends, Finish breaks the requests still running rather than wait for them.
+TEST(MultithreadedTreeDownloaderConcurrencyTest, NoWorkerOutlivesTheWalkInARequest) {
+  struct Case {
+    const char* name;
+    bool stopFirst;
+    FileSystem::Result expected;
+  };
+  const Case cases[] = {
+      {"a sibling vanished while a request hangs", false, FileSystem::CONFLICT},
+      {"stopped before the workers started", true, FileSystem::STOPPED},
+  };
+  for (const Case& test : cases) {
+    SCOPED_TRACE(test.name);
+    FakeDavTransport transport;
+    const FakeDavTransport::Reply hang{207, "", DavListing("a", {}, {}), true};
+    transport.SetReplies(
+        DavFolderUrl(""),
+        {test.stopFirst ? hang : FakeDavTransport::Reply{207, "", DavListing("", {"a", "b"}, {})}});
+    transport.SetReplies(DavFolderUrl("a"), {hang});
+    transport.SetReplies(DavFolderUrl("b"), {{404, ""}});
+    TreeWalk walk(&transport, test.stopFirst);
+
+    FileSystem::Result result = FileSystem::SUCCEEDED;
+    EXPECT_TRUE(walk.EndsWithin(std::chrono::seconds(1), &result));
+    EXPECT_EQ(result, test.expected);
+    EXPECT_EQ(transport.OpenProcessors(), 0);
   }
 }
 

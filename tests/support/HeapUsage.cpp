@@ -10,7 +10,8 @@
 #endif
 
 #ifdef CORVANE_SANITIZER_ALLOCATOR
-#include <sanitizer/allocator_interface.h>
+// Declared here rather than through <sanitizer/allocator_interface.h>, which gcc does not ship.
+extern "C" std::size_t __sanitizer_get_current_allocated_bytes();
 #else
 #include <malloc.h>
 #endif

@@ -295,6 +295,11 @@ std::vector<HttpRequest> TestHttpServer::Requests() const {
   return requests_;
 }
 
+int TestHttpServer::OpenConnectionCount() const {
+  std::lock_guard<std::mutex> lock(mutex_);
+  return static_cast<int>(open_fds_.size());
+}
+
 void TestHttpServer::ClearRequests() {
   std::lock_guard<std::mutex> lock(mutex_);
   requests_.clear();

@@ -123,6 +123,8 @@ class TestHttpServer {
   void ClearRequests();
   // Connections accepted so far: tells whether a client reused its connection.
   int ConnectionCount() const { return connections_; }
+  // Connections not yet closed, each with its thread: what the server adds to a thread count.
+  int OpenConnectionCount() const;
 
  private:
   struct Route {

@@ -1,0 +1,305 @@
+#include "services/RemoteFileSystemWebDAV.h"
+
+#include <QXmlStreamReader>
+
+#include <algorithm>
+
+#include "core/LoggerWrapper.h"
+#include "core/RadarsLogger.h"
+#include "core/StringUtils.h"
+#include "services/RemoteWebDAVUtils.h"
+
+const std::array<std::string, 12> kWebDavClientNames = {
+    "Microsoft-WebDAV-MiniRedir/6.1.7600",
+    "Microsoft-WebDAV-MiniRedir/6.1.7601",
+    "Microsoft-WebDAV-MiniRedir/5.1.2600",
+    "WebDAVFS/3.0.0 (03008000) Darwin/13.0.0 (x86_64)",
+    "gvfs/1.20.3",
+    "wdfs/1.4.2 neon/0.30.0",
+    "davfs2/1.4.7 neon/0.30.0",
+    "cadaver/0.23.3 neon/0.30.0",
+    "Go-http-client/1.1",
+    "1C+Enterprise/8.3",
+    "Cyberduck/6.3.2.27291 (Windows 10/10.0) (x86)",
+    "Microsoft-WebDAV-MiniRedir/10.0.17134",
+};
+
+namespace {
+
+// A server that reports a size short of what was written may still be storing it.
+constexpr std::int64_t kSizeSettleWaitMs = 300;
+
+std::string WithoutQuotesAndBlanks(std::string text) {
+  text.erase(std::remove_if(text.begin(), text.end(), [](char c) { return c == '"' || c == ' '; }),
+             text.end());
+  return text;
+}
+
+// An etag of a server against one the tree holds. Servers differ in quoting and case, and some
+// add a suffix of their own, so the shorter one decides the length; one character proves nothing.
+bool EtagsAgree(const std::string& header, const std::string& expected) {
+  std::string a = WithoutQuotesAndBlanks(header);
+  std::string b = WithoutQuotesAndBlanks(expected);
+  const std::size_t common = std::min(a.size(), b.size());
+  a.resize(common);
+  b.resize(common);
+  return common >= 2 && ToLower(a) == ToLower(b);
+}
+
+}  // namespace
+
+RemoteFileSystemWebDAV::RemoteFileSystemWebDAV(
+    std::shared_ptr<RemoteFileSystemSharedData> sharedData, const std::string& remoteRootPath)
+    : RemoteFileSystemWebDAVBase(std::move(sharedData), remoteRootPath) {}
+
+bool RemoteFileSystemWebDAV::Open(const std::shared_ptr<URLProcessorFactory>& factory) {
+  if (!RemoteFileSystemWebDAVBase::Open(factory)) {
+    return false;
+  }
+  baseUrl_ = GetBaseUrlFromCookie(urlProcessor_.get());
+  if (baseUrl_.IsEmpty()) {
+    LOG_ERROR << "No base url.";
+    return false;
+  }
+  return true;
+}
+
+FileSystem::Result RemoteFileSystemWebDAV::CheckConnection() {
+  std::uint64_t total = 0;
+  std::uint64_t used = 0;
+  return GetCloudSize(&total, &used);
+}
+
+DispatcherUrl RemoteFileSystemWebDAV::MakeRequestUrl(const std::string& path, bool asFolder) {
+  std::string full;
+  if (!mountedRoot_.empty() && path != "/") {
+    full = mountedRoot_;
+  }
+  if (!path.empty() && path.front() != '/') {
+    full += "/";
+  }
+  full += path;
+  while (!full.empty() && full.back() == '/') {
+    full.pop_back();
+  }
+  return RemoteFileSystemWebDAVBase::MakeRequestUrl(full, asFolder);
+}
+
+SomeHash RemoteFileSystemWebDAV::MakeHashFromServerValue(const std::string& value) {
+  return SomeHash(value);
+}
+
+FileSystem::Result RemoteFileSystemWebDAV::DeleteFileImpl(const OverwriteControl& control,
+                                                          const std::string& path,
+                                                          std::uint64_t size, std::uint64_t) {
+  std::string ifMatch;
+  if (!control.hash.IsEmpty() || size == 0) {
+    ifMatch = control.hash.GetHashGenericString();
+  } else {
+    LOG_ERROR << "Hash is not set in overwrite control: " << path;
+  }
+  return DeleteItem(path, ifMatch);
+}
+
+FileSystem::Result RemoteFileSystemWebDAV::OpenForRewrite(const OverwriteControl& control,
+                                                          const std::string& path,
+                                                          const SomeHash& hash, std::uint64_t size,
+                                                          std::uint64_t,
+                                                          std::uint64_t* resumeOffset) {
+  // 1. The request: a file must be what the tree says it is, or not exist yet. An empty file
+  //    is written without a condition.
+  LOG_INFO << "Uploading remote file \"" << path << "\", size=" << size << ".";
+  *resumeOffset = 0;
+  URLProcessor::Request request;
+  request.verb = "PUT";
+  request.url = MakeFileUrl(path);
+  request.content_type = "application/binary";
+  request.headers = {"Content-Length: " + std::to_string(size)};
+  if (control.hash.IsEmpty()) {
+    request.headers.push_back("If-None-Match: *");
+  } else if (size > 0) {
+    request.headers.push_back("If-Match: " + control.hash.GetHashGenericString());
+  }
+  responseBody_.clear();
+  if (!urlProcessor_->BeginUpload(request, size)) {
+    const URLProcessor::Result result = FinishTransfer("remote_webdav");
+    if (result == URLProcessor::Result::STOPPED) {
+      LOG_INFO << "Stopped.";
+      return STOPPED;
+    }
+    return GetResultFromHttpCodeOrFailed(urlProcessor_->GetResponseCode());
+  }
+
+  // 2. The state of the upload.
+  uploadSize_ = size;
+  bytesDone_ = *resumeOffset;
+  expectedHash_ = hash.IsEmpty() ? std::string() : hash.GetHashGenericString();
+  hashingUpload_ = !expectedHash_.empty() && size > 0;
+  hashCalculator_.Begin();
+  uploadPath_ = path;
+  openMode_ = kWriting;
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemWebDAV::WriteFile(const std::uint8_t* data, std::uint32_t size) {
+  bytesDone_ += size;
+  if (hashingUpload_) {
+    hashCalculator_.Feed(data, size);
+  }
+  if (!expectedHash_.empty() && bytesDone_ == uploadSize_ && hashingUpload_) {
+    const std::string actual = hashCalculator_.Finish().GetHashGenericString();
+    if (ToLower(actual) != ToLower(expectedHash_)) {
+      return AbandonInvalidUpload(actual);
+    }
+  }
+  return RemoteFileSystemWebDAVBase::WriteFile(data, size);
+}
+
+FileSystem::Result RemoteFileSystemWebDAV::AbandonInvalidUpload(const std::string& actualHash) {
+  LOG_WARNING << "Invalid content being uploaded. Expected hash is " << expectedHash_
+              << ". Actual is " << actualHash << ".";
+  const URLProcessor::Result result = urlProcessor_->Finish();
+  if (result != URLProcessor::Result::OK) {
+    LOG_WARNING << "Finished returned not succeeded but " << result << ".";
+  }
+  openMode_ = kIdle;
+  RadarsLogger::instance().SendMetric("webdav_invalid_write_hash", "1", 1);
+  SetFailReasonValue(FAIL_REASON_HTTP);
+  return result == URLProcessor::Result::STOPPED ? STOPPED : FAILED;
+}
+
+FileSystem::Result RemoteFileSystemWebDAV::FinishWrite(SomeHash* hashOut) {
+  checkEtagOnFirstRead_ = false;
+  Result result = RemoteFileSystemWebDAVBase::FinishWrite(hashOut);
+  if (result == SUCCEEDED) {
+    const std::string etag = GetValueFromHTTPHeaders(responseHeaders_, "etag", true);
+    if (bytesDone_ < uploadSize_) {
+      LOG_WARNING << "Partial write.";
+      result = FAILED;
+    } else if (!hashOut) {
+      LOG_ERROR << "No props. Props should be here to retrieve hash.";
+      result = FAILED;
+    } else if (!etag.empty()) {
+      *hashOut = SomeHash(etag);
+    } else {
+      result = FetchEtagAfterUpload(hashOut);
+    }
+  }
+  bytesDone_ = 0;
+  hashingUpload_ = false;
+  return result;
+}
+
+FileSystem::Result RemoteFileSystemWebDAV::FetchEtagAfterUpload(SomeHash* hashOut) {
+  // 1. One PROPFIND of the file.
+  URLProcessor::Request request;
+  request.verb = "PROPFIND";
+  request.url = MakeFileUrl(uploadPath_);
+  request.headers = {"Depth: 0"};
+  std::string body;
+  if (urlProcessor_->Send(request)) {
+    body = ReadAnswerPrefix(urlProcessor_->GetInputStream());
+  }
+  const URLProcessor::Result result = urlProcessor_->Finish();
+  if (result == URLProcessor::Result::STOPPED) {
+    LOG_INFO << "Stopped.";
+    return FAILED;
+  }
+  if (result != URLProcessor::Result::MULTI_STATUS) {
+    LOG_INFO << "Response: " << body;
+    LOG_WARNING << "Failed to read response to propfind after file write: " << result;
+    return FAILED;
+  }
+
+  // 2. Its etag, and a look at the size the server has.
+  QXmlStreamReader xml(QByteArray::fromRawData(body.data(), static_cast<int>(body.size())));
+  std::string etag;
+  bool sizeSeen = false;
+  bool etagSeen = false;
+  while (!(sizeSeen && etagSeen) && !xml.atEnd() && !xml.hasError()) {
+    if (xml.readNext() != QXmlStreamReader::StartElement) {
+      continue;
+    }
+    if (xml.name() == QLatin1String("getcontentlength")) {
+      sizeSeen = true;
+      const std::string length = QStrToStr(xml.readElementText());
+      if (length != std::to_string(bytesDone_)) {
+        LOG_INFO << "Response: " << body;
+        LOG_WARNING << "Remote file size doesn't match " << bytesDone_ << ".";
+        LOG_INFO << "Content length is 0, trying a bit later...";
+        WaitForStop(kSizeSettleWaitMs);
+      }
+    } else if (xml.name() == QLatin1String("getetag")) {
+      etagSeen = true;
+      etag = QStrToStr(xml.readElementText());
+    }
+  }
+  if (xml.hasError()) {
+    LOG_ERROR << "Failed to parse xml from: " << body
+              << " \nerror: " << QStrToStr(xml.errorString());
+    return FAILED;
+  }
+  if (etag.empty()) {
+    LOG_INFO << "Response: " << body;
+    LOG_ERROR << "No etag in response.";
+    return FAILED;
+  }
+  *hashOut = SomeHash(etag);
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemWebDAV::OpenForRead(const std::string& path,
+                                                       std::uint64_t offset, std::uint64_t limit,
+                                                       std::uint64_t size, const SomeHash& hash) {
+  expectedHash_ = hash.GetHashGenericString();
+  uploadSize_ = size;
+  bytesDone_ = 0;
+  checkEtagOnFirstRead_ = true;
+  return RemoteFileSystemWebDAVBase::OpenForRead(path, offset, limit, size, hash);
+}
+
+FileSystem::Result RemoteFileSystemWebDAV::ReadFile(std::uint8_t* buffer, std::uint32_t size,
+                                                    std::uint32_t* done) {
+  const Result result = RemoteFileSystemWebDAVBase::ReadFile(buffer, size, done);
+  if (result != SUCCEEDED) {
+    return result;
+  }
+  if (*done != 0 && checkEtagOnFirstRead_) {
+    const Result checked = CheckEtagOfRead();
+    if (checked != SUCCEEDED) {
+      return checked;
+    }
+    checkEtagOnFirstRead_ = false;
+  }
+  bytesDone_ += *done;
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemWebDAV::CheckEtagOfRead() {
+  const std::string etag = GetValueFromHTTPHeaders(responseHeaders_, "etag", true);
+  if (etag.empty() || expectedHash_.empty() || EtagsAgree(etag, expectedHash_)) {
+    return SUCCEEDED;
+  }
+  LOG_WARNING << "Invalid content received, expected " << expectedHash_ << ",  got " << etag;
+  RadarsLogger::instance().SendMetric("webdav_remote_invalid_hash", "1", 1);
+  openMode_ = kIdle;
+  const URLProcessor::Result finished = FinishTransfer(nullptr);
+  LOG_INFO << "Finish() returned " << finished;
+  // The transfer's word as a result: a read that went through is still refused.
+  switch (finished) {
+    case URLProcessor::Result::STOPPED:
+      return STOPPED;
+    case URLProcessor::Result::OK:
+    case URLProcessor::Result::PARTIAL_CONTENT:
+      return FAILED;
+    default:
+      return GetResultFromHttpCodeOrFailed(urlProcessor_->GetResponseCode());
+  }
+}
+
+FileSystem::Result RemoteFileSystemWebDAV::FinishRead() {
+  checkEtagOnFirstRead_ = false;
+  const Result result = RemoteFileSystemWebDAVBase::FinishRead();
+  bytesDone_ = 0;
+  return result;
+}

@@ -1,0 +1,502 @@
+// The corvane tool as a user runs it: a separate process against a real WebDAV server (apache2
+// with mod_dav_fs), judged by its output, its exit status and the files in the server's folder.
+#include <fcntl.h>
+#include <pwd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <QDateTime>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <map>
+#include <random>
+#include <sstream>
+#include <string>
+#include <tuple>
+#include <vector>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include "support/DavServer.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+using ::testing::HasSubstr;
+using ::testing::Not;
+
+// Exit statuses: 10 plus the Result value.
+constexpr int kConflict = 14;
+constexpr int kFatal = 13;
+constexpr int kFailed = 12;
+constexpr int kItemMissed = 28;
+constexpr int kNotSupported = 29;
+
+constexpr char kUser[] = "alice";
+constexpr char kPassword[] = "s3cret wörd";
+
+struct Outcome {
+  int status = -1;
+  std::string out;
+  std::string err;
+};
+
+std::string ReadAll(const fs::path& path) {
+  std::ifstream in(path, std::ios::binary);
+  std::stringstream text;
+  text << in.rdbuf();
+  return text.str();
+}
+
+void WriteAll(const fs::path& path, const std::string& content) {
+  fs::create_directories(path.parent_path());
+  std::ofstream(path, std::ios::binary) << content;
+}
+
+std::string RandomBytes(std::size_t size, unsigned seed) {
+  std::mt19937 random(seed);
+  std::string bytes(size, '\0');
+  for (char& byte : bytes) {
+    byte = static_cast<char>(random());
+  }
+  return bytes;
+}
+
+std::string FirstWord(const std::string& text) {
+  return text.substr(0, text.find_first_of(" \n"));
+}
+
+std::vector<std::string> Lines(const std::string& text) {
+  std::vector<std::string> lines;
+  std::istringstream in(text);
+  for (std::string line; std::getline(in, line);) {
+    lines.push_back(line);
+  }
+  return lines;
+}
+
+// The "path" of each JSON line the tool printed, in order.
+std::vector<std::string> PrintedPaths(const std::string& out) {
+  std::vector<std::string> paths;
+  for (const std::string& line : Lines(out)) {
+    paths.push_back(QJsonDocument::fromJson(QByteArray::fromStdString(line))
+                        .object()["path"]
+                        .toString()
+                        .toStdString());
+  }
+  return paths;
+}
+
+// A folder of its own for each test; gone with the test.
+class TempDir {
+ public:
+  TempDir() {
+    char pattern[] = "/tmp/corvane-tool-XXXXXX";
+    path_ = ::mkdtemp(pattern);
+  }
+  ~TempDir() { fs::remove_all(path_); }
+  const fs::path& path() const { return path_; }
+
+ private:
+  fs::path path_;
+};
+
+using Environment = std::vector<std::pair<std::string, std::string>>;
+
+// Runs `argv` with stdout and stderr in files of `dir`, with `environment` in place of the
+// user's CORVANE_ settings.
+Outcome RunProcess(const std::vector<std::string>& argv, const fs::path& dir,
+                   const Environment& environment = {}) {
+  fs::path out = dir / "stdout";
+  fs::path err = dir / "stderr";
+  pid_t pid = ::fork();
+  if (pid == 0) {
+    for (const char* name :
+         {"CORVANE_SERVICE", "CORVANE_URL", "CORVANE_USER", "CORVANE_PASSWORD", "CORVANE_TOKEN"}) {
+      ::unsetenv(name);
+    }
+    for (const auto& [name, value] : environment) {
+      ::setenv(name.c_str(), value.c_str(), 1);
+    }
+    int out_fd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    int err_fd = ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
+    ::dup2(out_fd, 1);
+    ::dup2(err_fd, 2);
+    std::vector<char*> args;
+    for (const std::string& arg : argv) {
+      args.push_back(const_cast<char*>(arg.c_str()));
+    }
+    args.push_back(nullptr);
+    ::execvp(args[0], args.data());
+    ::_exit(127);
+  }
+  int status = 0;
+  ::waitpid(pid, &status, 0);
+  Outcome run;
+  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+  run.out = ReadAll(out);
+  run.err = ReadAll(err);
+  return run;
+}
+
+Outcome RunTool(std::vector<std::string> args, const fs::path& dir,
+                const Environment& environment = {}) {
+  args.insert(args.begin(), CORVANE_TOOL_PATH);
+  return RunProcess(args, dir, environment);
+}
+
+// Apache's workers run as www-data when the tests run as root: what a test puts into the served
+// folder must be theirs, or they could not rename or delete it.
+void HandToServer(const fs::path& root) {
+  if (::geteuid() != 0) {
+    return;
+  }
+  passwd* user = ::getpwnam("www-data");
+  ASSERT_NE(user, nullptr);
+  ::chown(root.c_str(), user->pw_uid, user->pw_gid);
+  for (const auto& entry : fs::recursive_directory_iterator(root)) {
+    ::chown(entry.path().c_str(), user->pw_uid, user->pw_gid);
+  }
+}
+
+class CorvaneDavTest : public ::testing::Test {
+ protected:
+  void SetUp() override { ASSERT_TRUE(dav_.Start()) << dav_.Error(); }
+
+  Outcome Tool(std::vector<std::string> args) {
+    // The password comes from the environment, as a user keeps it out of the process list.
+    std::vector<std::string> account = {"--service", "webdav", "--url", dav_.BaseUrl(),
+                                        "--user",    kUser,    "--log", Log().string()};
+    args.insert(args.begin(), account.begin(), account.end());
+    return RunTool(args, temp_.path(), {{"CORVANE_PASSWORD", kPassword}});
+  }
+
+  void WriteRemote(const std::string& path, const std::string& content) {
+    WriteAll(dav_.Root() / fs::u8path(path), content);
+    AgeRemote(path);
+    HandToServer(dav_.Root());
+  }
+  // Apache gives a file changed within the last second a weak ETag, which no If-Match accepts:
+  // an hour of age stands for the time a user leaves between two commands.
+  void AgeRemote(const std::string& path) {
+    fs::last_write_time(dav_.Root() / fs::u8path(path),
+                        fs::file_time_type::clock::now() - std::chrono::hours(1));
+  }
+  void MakeRemoteFolder(const std::string& path) {
+    fs::create_directories(dav_.Root() / fs::u8path(path));
+    HandToServer(dav_.Root());
+  }
+  std::string ReadRemote(const std::string& path) {
+    return ReadAll(dav_.Root() / fs::u8path(path));
+  }
+  bool RemoteExists(const std::string& path) { return fs::exists(dav_.Root() / fs::u8path(path)); }
+  fs::path Local(const std::string& name) { return temp_.path() / name; }
+  fs::path Log() { return temp_.path() / "corvane.log"; }
+
+  TempDir temp_;
+  test::DavServer dav_{test::DavServerKind::kApache, kUser, kPassword};
+};
+
+// The rclone remote of the server, written the way rclone takes a remote on its command line.
+std::string RcloneRemote(const test::DavServer& dav, const fs::path& dir) {
+  Outcome obscured = RunProcess({"rclone", "obscure", kPassword}, dir);
+  return ":webdav,url='" + dav.BaseUrl() + "',user=" + kUser + ",pass=" + FirstWord(obscured.out) +
+         ":";
+}
+
+struct Listed {
+  bool folder;
+  std::int64_t size;
+  std::int64_t mtime;
+  bool operator==(const Listed& other) const {
+    return std::tie(folder, size, mtime) == std::tie(other.folder, other.size, other.mtime);
+  }
+};
+
+void PrintTo(const Listed& item, std::ostream* out) {
+  *out << (item.folder ? "folder" : "file") << " size " << item.size << " mtime " << item.mtime;
+}
+
+TEST_F(CorvaneDavTest, TreeListsWhatAnIndependentClientLists) {
+  // An account with nesting, an empty file and names that need escaping in a URL.
+  const std::vector<std::pair<std::string, std::size_t>> files = {
+      {"readme.txt", 12},
+      {"empty.dat", 0},
+      {"docs/report 2023.pdf", 70000},
+      {"docs/100% done.txt", 5},
+      {"docs/a&b+c=d.txt", 6},
+      {"docs/#hash?.txt", 7},
+      {"docs/deep/er/still/file.bin", 4096},
+      {u8"Фото/лето.jpg", 2000},
+      {u8"mixed ü 日本/naïve café.md", 333},
+      {u8"mixed ü 日本/sub/🎉.txt", 9},
+  };
+  for (std::size_t i = 0; i < files.size(); ++i) {
+    WriteRemote(files[i].first, RandomBytes(files[i].second, static_cast<unsigned>(i)));
+  }
+  MakeRemoteFolder("empty folder");
+
+  Outcome tree = Tool({"tree", "--json"});
+  ASSERT_EQ(tree.status, 0) << tree.err;
+
+  std::map<std::string, Listed> ours;
+  for (const std::string& line : Lines(tree.out)) {
+    QJsonObject item = QJsonDocument::fromJson(QByteArray::fromStdString(line)).object();
+    ASSERT_FALSE(item.isEmpty()) << "not a JSON object: " << line;
+    bool folder = item["type"].toString() == "folder";
+    ours[item["path"].toString().toStdString()] = {
+        folder, folder ? -1 : item["size"].toVariant().toLongLong(),
+        folder ? 0 : item["mtime"].toVariant().toLongLong()};
+    EXPECT_TRUE(folder || !item["hash"].toString().isEmpty()) << line;
+  }
+  std::vector<std::string> paths;
+  for (const auto& entry : ours) {
+    paths.push_back(entry.first);
+  }
+  std::vector<std::string> printed = PrintedPaths(tree.out);
+  EXPECT_EQ(printed, paths) << "the tree is printed sorted by path";
+
+  Outcome rclone =
+      RunProcess({"rclone", "lsjson", "-R", RcloneRemote(dav_, temp_.path())}, temp_.path());
+  ASSERT_EQ(rclone.status, 0) << rclone.err;
+  std::map<std::string, Listed> theirs;
+  for (const QJsonValue& value :
+       QJsonDocument::fromJson(QByteArray::fromStdString(rclone.out)).array()) {
+    QJsonObject item = value.toObject();
+    bool folder = item["IsDir"].toBool();
+    theirs[item["Path"].toString().toStdString()] = {
+        folder, folder ? -1 : item["Size"].toVariant().toLongLong(),
+        folder ? 0
+               : QDateTime::fromString(item["ModTime"].toString(), Qt::ISODate).toSecsSinceEpoch()};
+  }
+  // 10 files and 8 folders: rclone saw the whole account.
+  ASSERT_EQ(theirs.size(), 18u) << rclone.out;
+  EXPECT_EQ(ours, theirs);
+  EXPECT_THAT(tree.err, HasSubstr("tree: 18 items (10 files, 8 folders)"));
+
+  // A mounted root narrows the account to one folder, its paths relative to it.
+  Outcome mounted = Tool({"--root", "docs", "tree", "--json"});
+  ASSERT_EQ(mounted.status, 0) << mounted.err;
+  std::vector<std::string> below = PrintedPaths(mounted.out);
+  EXPECT_THAT(
+      below, ::testing::ElementsAre("#hash?.txt", "100% done.txt", "a&b+c=d.txt", "deep", "deep/er",
+                                    "deep/er/still", "deep/er/still/file.bin", "report 2023.pdf"));
+
+  // ls shows one level, the same items.
+  Outcome ls = Tool({"ls", "docs", "--json"});
+  ASSERT_EQ(ls.status, 0) << ls.err;
+  std::vector<std::string> listed = PrintedPaths(ls.out);
+  EXPECT_THAT(listed,
+              ::testing::ElementsAre("docs/#hash?.txt", "docs/100% done.txt", "docs/a&b+c=d.txt",
+                                     "docs/deep", "docs/report 2023.pdf"));
+}
+
+TEST_F(CorvaneDavTest, FilesGoUpAndComeDownWithTheirControls) {
+  const std::string first = RandomBytes(300 * 1024 + 17, 1);
+  const std::string second = RandomBytes(200 * 1024 + 3, 2);
+  WriteAll(Local("first.bin"), first);
+  WriteAll(Local("second.bin"), second);
+  MakeRemoteFolder(u8"backup ü");
+  const std::string remote = u8"backup ü/data.bin";
+
+  // A new file: the server holds its bytes, the tool prints the server's hash of it.
+  Outcome put = Tool({"put", Local("first.bin").string(), remote});
+  ASSERT_EQ(put.status, 0) << put.err;
+  EXPECT_EQ(ReadRemote(remote), first);
+  std::string server_hash = Lines(put.out).at(0);
+  EXPECT_FALSE(server_hash.empty());
+
+  // The same name again without --overwrite is a conflict, and the file stays as it was.
+  Outcome refused = Tool({"put", Local("second.bin").string(), remote});
+  EXPECT_EQ(refused.status, kConflict) << refused.err;
+  EXPECT_THAT(refused.err, HasSubstr("CONFLICT"));
+  EXPECT_EQ(ReadRemote(remote), first);
+
+  // With --overwrite the control is the current hash, and the new content replaces the old.
+  AgeRemote(remote);
+  Outcome overwrite = Tool({"put", "--overwrite", Local("second.bin").string(), remote});
+  ASSERT_EQ(overwrite.status, 0) << overwrite.err;
+  EXPECT_EQ(ReadRemote(remote), second);
+  EXPECT_NE(Lines(overwrite.out).at(0), server_hash);
+
+  // The whole file, a range (the limit is the end offset), and stdout.
+  Outcome get = Tool({"get", remote, Local("back.bin").string()});
+  ASSERT_EQ(get.status, 0) << get.err;
+  EXPECT_EQ(ReadAll(Local("back.bin")), second);
+
+  Outcome range =
+      Tool({"get", remote, Local("range.bin").string(), "--offset", "1000", "--limit", "70000"});
+  ASSERT_EQ(range.status, 0) << range.err;
+  EXPECT_EQ(ReadAll(Local("range.bin")), second.substr(1000, 69000));
+
+  WriteRemote("small.txt", "hello, world");
+  Outcome to_stdout = Tool({"get", "small.txt", "-"});
+  ASSERT_EQ(to_stdout.status, 0) << to_stdout.err;
+  EXPECT_EQ(to_stdout.out, "hello, world");
+
+  Outcome missing = Tool({"get", "nothing.here", Local("x").string()});
+  EXPECT_EQ(missing.status, kItemMissed) << missing.err;
+  EXPECT_THAT(missing.err, HasSubstr("ITEM_MISSED"));
+}
+
+TEST_F(CorvaneDavTest, FolderOperationsChangeTheServer) {
+  WriteRemote("inbox/letter.txt", "dear");
+  WriteRemote("inbox/old/notes.txt", "notes");
+
+  Outcome mkdir = Tool({"mkdir", u8"projects"});
+  ASSERT_EQ(mkdir.status, 0) << mkdir.err;
+  Outcome nested = Tool({"mkdir", u8"projects/2024 ü"});
+  ASSERT_EQ(nested.status, 0) << nested.err;
+  EXPECT_TRUE(fs::is_directory(dav_.Root() / fs::u8path(u8"projects/2024 ü")));
+
+  // A file and a folder move; the server's folder shows the new names only.
+  Outcome move_file = Tool({"mv", "inbox/letter.txt", u8"projects/2024 ü/letter.txt"});
+  ASSERT_EQ(move_file.status, 0) << move_file.err;
+  EXPECT_EQ(ReadRemote(u8"projects/2024 ü/letter.txt"), "dear");
+  EXPECT_FALSE(RemoteExists("inbox/letter.txt"));
+
+  Outcome move_folder = Tool({"mv", "inbox/old", "archive"});
+  ASSERT_EQ(move_folder.status, 0) << move_folder.err;
+  EXPECT_EQ(ReadRemote("archive/notes.txt"), "notes");
+  EXPECT_FALSE(RemoteExists("inbox/old"));
+
+  // rm takes files only; rmdir takes a folder with everything in it.
+  Outcome rm_folder = Tool({"rm", "archive"});
+  EXPECT_EQ(rm_folder.status, kFailed);
+  EXPECT_THAT(rm_folder.err, HasSubstr("is a folder"));
+  EXPECT_TRUE(RemoteExists("archive/notes.txt"));
+
+  Outcome rm = Tool({"rm", u8"projects/2024 ü/letter.txt"});
+  ASSERT_EQ(rm.status, 0) << rm.err;
+  EXPECT_FALSE(RemoteExists(u8"projects/2024 ü/letter.txt"));
+
+  Outcome rmdir = Tool({"rmdir", "projects"});
+  ASSERT_EQ(rmdir.status, 0) << rmdir.err;
+  EXPECT_FALSE(RemoteExists("projects"));
+  EXPECT_TRUE(RemoteExists("archive"));
+
+  Outcome gone = Tool({"rm", "archive/none.txt"});
+  EXPECT_EQ(gone.status, kItemMissed) << gone.err;
+}
+
+TEST_F(CorvaneDavTest, AccountCommandsAnswerWhatTheServiceCan) {
+  WriteRemote("a.bin", RandomBytes(5000, 3));
+
+  Outcome quota = Tool({"quota", "--json"});
+  ASSERT_EQ(quota.status, 0) << quota.err;
+  QJsonObject sizes = QJsonDocument::fromJson(QByteArray::fromStdString(quota.out)).object();
+  EXPECT_GE(sizes["total"].toVariant().toULongLong(), sizes["used"].toVariant().toULongLong());
+  EXPECT_EQ(sizes["free"].toVariant().toULongLong(),
+            sizes["total"].toVariant().toULongLong() - sizes["used"].toVariant().toULongLong());
+
+  // Plain WebDAV has no public links and no change feed: the honest answers, not a success.
+  Outcome link = Tool({"link", "a.bin"});
+  EXPECT_GE(link.status, 10) << link.err;
+  EXPECT_THAT(link.err, HasSubstr("corvane: link: a.bin: "));
+  EXPECT_EQ(link.out, "");
+  Outcome unlink = Tool({"unlink", "a.bin"});
+  EXPECT_EQ(unlink.status, kFatal) << unlink.err;
+  Outcome changes = Tool({"changes", "--for", "1"});
+  EXPECT_EQ(changes.status, kNotSupported) << changes.err;
+  EXPECT_THAT(changes.err, HasSubstr("NOT_SUPPORTED"));
+}
+
+// The hash command agrees with the tools a user compares it with.
+TEST(CorvaneHashTest, AgreesWithIndependentTools) {
+  TempDir temp;
+  // Empty, short, and past Dropbox's 4 MiB block and QuickXor's 160-bit ring.
+  const std::vector<std::string> contents = {"", "hello", RandomBytes(4 * 1024 * 1024 + 7, 9)};
+  for (std::size_t i = 0; i < contents.size(); ++i) {
+    std::string file = (temp.path() / ("content" + std::to_string(i))).string();
+    WriteAll(file, contents[i]);
+    auto tool = [&](std::vector<std::string> argv) {
+      argv.push_back(file);
+      return FirstWord(RunProcess(argv, temp.path()).out);
+    };
+    std::string md5 = tool({"md5sum"});
+    std::string sha256 = tool({"sha256sum"});
+    const std::vector<std::pair<std::string, std::string>> expected = {
+        {"google", md5},
+        {"box", tool({"sha1sum"})},
+        {"internal", sha256},
+        {"yandex", md5 + " " + sha256},
+        {"dropbox", tool({"rclone", "hashsum", "dropbox"})},
+        {"quickxor", tool({"rclone", "hashsum", "quickxor"})},
+    };
+    for (const auto& [type, hash] : expected) {
+      ASSERT_EQ(hash.size() >= 32, true) << type << ": the independent tool gave " << hash;
+      Outcome ours = RunTool({"hash", "--type", type, file}, temp.path());
+      EXPECT_EQ(ours.status, 0) << ours.err;
+      EXPECT_EQ(ours.out, hash + "\n") << type << " of content " << i;
+    }
+  }
+}
+
+TEST(CorvaneCommandLineTest, RefusesWhatItCannotDo) {
+  TempDir temp;
+  struct Case {
+    std::vector<std::string> args;
+    int status;
+    std::string message;
+  };
+  const std::vector<Case> cases = {
+      {{"frob"}, 2, "unknown command frob"},
+      {{}, 2, "no command given"},
+      {{"get", "only-one"}, 2, "wrong number of arguments for get"},
+      {{"--service", "webdav", "--url", "http://127.0.0.1:9", "tree", "--overwrite"},
+       2,
+       "--overwrite is no option of tree"},
+      {{"get", "a", "b", "--offset", "12x"}, 2, "--offset takes a number"},
+      {{"--endpoint", "google.drive", "quota"}, 2, "--endpoint takes NAME=URL"},
+      {{"hash", "--type", "crc32", "/etc/hostname"}, 2, "--type is one of"},
+      {{"hash", "--type", "google", "/no/such/file"}, 3, "cannot read /no/such/file"},
+      {{"--service", "nope", "tree"}, 3, "unknown service nope"},
+      {{"--service", "webdav", "tree"}, 3, "--url (or CORVANE_URL) is needed for webdav"},
+      {{"--service", "box", "quota"}, 3, "--token (or CORVANE_TOKEN) is needed for box"},
+      {{"--service", "google", "--token", "t", "--endpoint", "no.such=http://x", "quota"},
+       3,
+       "unknown endpoint no.such"},
+      {{"emulate", "dropbox", "--port", "8080"}, 3, "emulate: no emulator for dropbox"},
+      {{"emulate", "dropbox"}, 2, "--port N is needed"},
+  };
+  for (const Case& test : cases) {
+    Outcome run = RunTool(test.args, temp.path());
+    std::string line = ::testing::PrintToString(test.args);
+    EXPECT_EQ(run.status, test.status) << line << "\n" << run.err;
+    EXPECT_THAT(run.err, HasSubstr(test.message)) << line;
+    EXPECT_EQ(run.out, "") << line;
+  }
+  Outcome help = RunTool({"--help"}, temp.path());
+  EXPECT_EQ(help.status, 0);
+  EXPECT_THAT(help.out, HasSubstr("usage: corvane"));
+}
+
+// The library's answer for a service it has no adapter for reaches the user in one piece: the
+// entry's log line in the log file, the tool's message and status; the token shows nowhere.
+TEST(CorvaneCommandLineTest, ServiceWithoutAdapterAndTokenSecrecy) {
+  TempDir temp;
+  const std::string token = "ya29.SECRET-token-7f3a";
+  const fs::path log = temp.path() / "corvane.log";
+  Outcome run = RunTool({"--service", "dropbox", "--token", token, "--log", log.string(),
+                         "--endpoint", "dropbox.api=http://127.0.0.1:9", "--endpoint",
+                         "dropbox.content=http://127.0.0.1:9", "quota"},
+                        temp.path());
+  std::string logged = ReadAll(log);
+  EXPECT_NE(run.status, 0);
+  bool unhandled = logged.find("Unhandled service id: DROPBOX") != std::string::npos;
+  EXPECT_EQ(unhandled, run.status == 3) << run.err << logged;
+  EXPECT_EQ(unhandled, run.err.find("the library has no adapter for dropbox") != std::string::npos)
+      << run.err;
+  EXPECT_THAT(run.err, Not(HasSubstr("Unhandled service id"))) << "the log went to the file";
+  for (const std::string& text : {run.out, run.err, logged}) {
+    EXPECT_THAT(text, Not(HasSubstr(token)));
+  }
+}
+
+}  // namespace

@@ -1,0 +1,83 @@
+#include "Command.h"
+
+#include <ostream>
+#include <vector>
+
+#include "core/RemoteFileSystem.h"
+
+namespace corvane {
+
+const Command* FindCommand(const std::string& name) {
+  static const std::vector<Command> commands = {
+      {"tree", 0, 0, {}, true, RunTree},
+      {"ls", 0, 1, {}, true, RunLs},
+      {"get", 2, 2, {"offset", "limit"}, true, RunGet},
+      {"put", 2, 2, {"overwrite"}, true, RunPut},
+      {"mkdir", 1, 1, {}, true, RunMkdir},
+      {"rm", 1, 1, {}, true, RunRm},
+      {"rmdir", 1, 1, {}, true, RunRmdir},
+      {"mv", 2, 2, {}, true, RunMv},
+      {"quota", 0, 0, {}, true, RunQuota},
+      {"link", 1, 1, {}, true, RunLink},
+      {"unlink", 1, 1, {}, true, RunUnlink},
+      {"changes", 0, 0, {"for"}, true, RunChanges},
+      {"hash", 1, 1, {"type"}, false, RunHash},
+      {"emulate", 1, 1, {"port"}, false, RunEmulate},
+  };
+  for (const Command& command : commands) {
+    if (name == command.name) {
+      return &command;
+    }
+  }
+  return nullptr;
+}
+
+int Report(Context& context, FileSystem::Result result, const std::string& what,
+           const std::string& detail) {
+  if (result == FileSystem::SUCCEEDED) {
+    return 0;
+  }
+  context.err << "corvane: " << what << ": " << FileSystem::ResultName(result);
+  std::string description = detail;
+  if (description.empty() && context.fs) {
+    description = context.fs->GetLastErrorDescription().toStdString();
+  }
+  if (!description.empty()) {
+    context.err << ": " << description;
+  }
+  context.err << std::endl;
+  return kExitResultBase + static_cast<int>(result);
+}
+
+int Fail(Context& context, int status, const std::string& message) {
+  context.err << "corvane: " << message << std::endl;
+  return status;
+}
+
+bool ToCanonicalPath(std::string* path) {
+  while (!path->empty() && path->front() == '/') {
+    path->erase(0, 1);
+  }
+  while (!path->empty() && path->back() == '/') {
+    path->pop_back();
+  }
+  return FileSystem::IsCanonicalPath(*path);
+}
+
+FileSystem::Result FindItem(RemoteFileSystem& fs, const std::string& path, Item* item) {
+  auto [parent, name] = SplitParent(path);
+  RemoteFileSystem::FolderListing listing;
+  FileSystem::Result result = fs.GetFolderListing(parent, &listing);
+  if (result != FileSystem::SUCCEEDED) {
+    return result;
+  }
+  for (const Item& entry : ListingItems(parent, listing)) {
+    if (entry.path == path) {
+      *item = entry;
+      return FileSystem::SUCCEEDED;
+    }
+  }
+  return FileSystem::ITEM_MISSED;
+}
+
+}  // namespace corvane

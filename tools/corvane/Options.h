@@ -1,0 +1,54 @@
+// Options: the command line of corvane, with the environment's defaults.
+//
+//   corvane [--service NAME] [--root PATH] [--url URL] [--user U] [--password P] [--token T]
+//           [--endpoint NAME=URL]... [--log FILE] [--json] COMMAND [ARGS] [command options]
+//
+// Options may stand before or after the command; "--" ends them. Each command accepts only the
+// command options it has a use for, so that a mistyped line fails instead of doing something else.
+#pragma once
+
+#include <cstdint>
+#include <optional>
+#include <set>
+#include <string>
+#include <utility>
+#include <vector>
+
+namespace corvane {
+
+struct Options {
+  // The account.
+  std::string service;
+  std::string root;
+  std::string url;
+  std::string user;
+  std::string password;
+  std::string token;
+  std::vector<std::pair<std::string, std::string>> endpoints;
+
+  // The output.
+  std::string log_file;
+  bool json = false;
+
+  // Command options; `given` names those that appeared, for the command to vet.
+  std::optional<std::uint64_t> offset;
+  std::optional<std::uint64_t> limit;
+  bool overwrite = false;
+  std::optional<std::uint64_t> for_seconds;
+  std::string hash_type;
+  std::optional<std::uint64_t> port;
+  std::set<std::string> given;
+
+  std::string command;
+  std::vector<std::string> args;
+};
+
+// Reads argv after the program's name; the environment (CORVANE_SERVICE, CORVANE_URL,
+// CORVANE_USER, CORVANE_PASSWORD, CORVANE_TOKEN) fills what the line leaves out. Answers an
+// empty string, or what is wrong with the line.
+std::string ParseArguments(const std::vector<std::string>& argv, Options* options);
+
+// The text of `corvane --help`.
+const char* UsageText();
+
+}  // namespace corvane

@@ -1,0 +1,48 @@
+// Output: how corvane prints items, changes and failures, as text for people or one JSON object
+// a line for programs.
+//
+//   file         12  2023-11-14 22:13:20  a/b.txt  "2a-60a1"
+//   folder        -  2023-11-14 22:13:20  a
+//   {"path": "a/b.txt", "type": "file", "size": 12, "mtime": 1700000000, "hash": "\"2a-60a1\""}
+#pragma once
+
+#include <cstdint>
+#include <ostream>
+#include <string>
+#include <string_view>
+#include <vector>
+
+#include "core/FileSystem.h"
+#include "core/RemoteFileSystem.h"
+
+class FolderNode;
+
+namespace corvane {
+
+struct Item {
+  std::string path;
+  bool folder = false;
+  std::uint64_t size = 0;
+  std::uint64_t mtime = 0;
+  SomeHash hash;
+};
+
+// Every item below `root`, sorted by path (byte order).
+std::vector<Item> CollectTree(const FolderNode& root);
+// The entries of a listing of `folder`, sorted by path.
+std::vector<Item> ListingItems(const std::string& folder,
+                               const RemoteFileSystem::FolderListing& listing);
+
+// `text` as a JSON string literal, quotes included.
+std::string JsonString(std::string_view text);
+std::string FormatItem(const Item& item, bool json);
+std::string FormatChange(const FileSystem::Change& change, bool json);
+// "2023-11-14 22:13:20", UTC.
+std::string FormatTime(std::uint64_t seconds);
+// "1.5 MiB (1572864 bytes)".
+std::string FormatBytes(std::uint64_t bytes);
+
+// The path of the folder that holds `path` ("" for an item at the root) and the item's name.
+std::pair<std::string, std::string> SplitParent(const std::string& path);
+
+}  // namespace corvane

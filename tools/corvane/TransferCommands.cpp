@@ -1,0 +1,262 @@
+// get and put: one file through the adapter's file slot, in the order the core drives it.
+#include <sys/stat.h>
+
+#include <algorithm>
+#include <atomic>
+#include <fstream>
+#include <iostream>
+#include <memory>
+#include <vector>
+
+#include "Command.h"
+#include "Interrupter.h"
+#include "ProgressBar.h"
+#include "core/HashCalculators.h"
+#include "core/RemoteFileSystem.h"
+
+namespace corvane {
+namespace {
+
+constexpr std::uint32_t kBlockSize = 1024 * 1024;
+
+double Fraction(const std::atomic<std::uint64_t>& done, std::uint64_t whole) {
+  return whole ? static_cast<double>(done.load()) / static_cast<double>(whole) : 1.0;
+}
+
+// After a failed transfer the slot is abandoned, not finished: a half written file must not be
+// completed, and an interrupted upload keeps its session for the next try.
+int AbandonTransfer(Context& context, FileSystem::Result result, const std::string& what,
+                    std::string detail = std::string()) {
+  if (result == FileSystem::STOPPED) {
+    context.fs->Start();
+  }
+  context.fs->InterruptFile();
+  if (context.interrupter.Interrupted()) {
+    detail = "interrupted";
+  }
+  return Report(context, result, what, detail);
+}
+
+struct LocalFile {
+  std::uint64_t size = 0;
+  std::uint64_t mtime = 0;
+};
+
+bool StatLocal(const std::string& path, LocalFile* file) {
+  struct stat info {};
+  if (::stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) {
+    return false;
+  }
+  file->size = static_cast<std::uint64_t>(info.st_size);
+  file->mtime = static_cast<std::uint64_t>(info.st_mtime);
+  return true;
+}
+
+// Runs the rest of `in` through `calculator`; false when it can't be read or a signal came.
+bool HashStream(std::istream& in, HashCalculator* calculator, const Interrupter* interrupter) {
+  std::vector<char> block(kBlockSize);
+  calculator->Begin();
+  while (in) {
+    in.read(block.data(), block.size());
+    calculator->Feed(reinterpret_cast<const std::uint8_t*>(block.data()),
+                     static_cast<std::uint32_t>(in.gcount()));
+    if (interrupter && interrupter->Interrupted()) {
+      return false;
+    }
+  }
+  return in.eof();
+}
+
+FileSystem::Result OpenUpload(Context& context, const std::string& remote, const SomeHash& hash,
+                              const LocalFile& local, std::uint64_t* resume_offset) {
+  RemoteFileSystem& fs = *context.fs;
+  if (context.options.overwrite) {
+    // The control is the hash the file has now: whoever changed it since loses nothing.
+    Item existing;
+    FileSystem::Result found = FindItem(fs, remote, &existing);
+    if (found == FileSystem::SUCCEEDED && !existing.folder) {
+      return fs.OpenForRewrite(FileSystem::OverwriteControl(existing.hash), remote, hash,
+                               local.size, local.mtime, resume_offset);
+    }
+    if (found != FileSystem::ITEM_MISSED) {
+      return found;
+    }
+  }
+  return fs.OpenForCreate(FileSystem::OverwriteControl(), remote, hash, local.size, local.mtime,
+                          resume_offset, false);
+}
+
+// Lower-case hex, as other tools print it; Yandex's two digests with one blank between.
+std::string HashText(const SomeHash& hash) {
+  return hash.GetType() == SomeHash::YANDEX ? hash.ToDisplayString() : hash.ToHexString();
+}
+
+}  // namespace
+
+int RunHash(Context& context) {
+  static const std::pair<const char*, SomeHash::HashType> kTypes[] = {
+      {"dropbox", SomeHash::DROPBOX}, {"quickxor", SomeHash::ONEDRIVE},
+      {"google", SomeHash::GOOGLE},   {"box", SomeHash::BOX},
+      {"yandex", SomeHash::YANDEX},   {"internal", SomeHash::GENERIC},
+  };
+  std::unique_ptr<HashCalculator> calculator;
+  for (const auto& [name, type] : kTypes) {
+    if (context.options.hash_type == name) {
+      calculator = MakeHashCalculator(type);
+    }
+  }
+  if (!calculator) {
+    return Fail(context, kExitUsage,
+                "hash: --type is one of dropbox, quickxor, google, box, yandex, internal");
+  }
+  const std::string& path = context.options.args[0];
+  std::ifstream in(path, std::ios::binary);
+  if (!in || !HashStream(in, calculator.get(), nullptr)) {
+    return Fail(context, kExitEnvironment, "hash: cannot read " + path);
+  }
+  context.out << HashText(calculator->Finish()) << std::endl;
+  return 0;
+}
+
+int RunGet(Context& context) {
+  RemoteFileSystem& fs = *context.fs;
+  std::string remote = context.options.args[0];
+  const std::string& local = context.options.args[1];
+  if (!ToCanonicalPath(&remote) || remote.empty()) {
+    return Fail(context, kExitUsage, "get: not a file path: " + context.options.args[0]);
+  }
+  // 1. Size and hash as the core has them from its tree.
+  Item item;
+  FileSystem::Result result = FindItem(fs, remote, &item);
+  if (result == FileSystem::SUCCEEDED && item.folder) {
+    return Fail(context, kExitUsage, "get: " + remote + " is a folder");
+  }
+  if (result != FileSystem::SUCCEEDED) {
+    return Report(context, result, "get: " + remote);
+  }
+  std::ofstream file;
+  if (local != "-") {
+    file.open(local, std::ios::binary | std::ios::trunc);
+    if (!file) {
+      return Fail(context, kExitEnvironment, "get: cannot write " + local);
+    }
+  }
+  std::ostream& out = local == "-" ? std::cout : file;
+  // 2. The ranged read.
+  std::uint64_t offset = context.options.offset.value_or(0);
+  std::uint64_t limit = context.options.limit.value_or(item.size);
+  result = fs.OpenForRead(remote, offset, limit, item.size, item.hash);
+  if (result != FileSystem::SUCCEEDED) {
+    return Report(context, result, "get: OpenForRead");
+  }
+  // The core knows the size from its tree and reads exactly the bytes it asked for: an adapter
+  // need not answer a read past the end.
+  std::uint64_t end = std::min(limit, item.size);
+  std::uint64_t wanted = end > offset ? end - offset : 0;
+  std::atomic<std::uint64_t> received{0};
+  {
+    ProgressBar bar("get", [&received, wanted] { return Fraction(received, wanted); });
+    std::vector<std::uint8_t> block(kBlockSize);
+    while (received < wanted) {
+      auto ask = static_cast<std::uint32_t>(std::min<std::uint64_t>(kBlockSize, wanted - received));
+      std::uint32_t done = 0;
+      result = fs.ReadFile(block.data(), ask, &done);
+      if (result == FileSystem::SUCCEEDED && done == 0) {
+        return AbandonTransfer(context, FileSystem::FAILED, "get: ReadFile",
+                               "the file ended after " + std::to_string(received.load()) + " of " +
+                                   std::to_string(wanted) + " bytes");
+      }
+      if (result != FileSystem::SUCCEEDED) {
+        return AbandonTransfer(context, result, "get: ReadFile");
+      }
+      out.write(reinterpret_cast<const char*>(block.data()), done);
+      received += done;
+    }
+  }
+  // 3. The slot closes; a read leaves nothing to report back.
+  result = fs.CloseFile(nullptr);
+  if (result != FileSystem::SUCCEEDED) {
+    return Report(context, result, "get: CloseFile");
+  }
+  out.flush();
+  if (!out) {
+    return Fail(context, kExitEnvironment, "get: writing " + local + " failed");
+  }
+  context.err << "get: " << received.load() << " bytes of " << remote << std::endl;
+  return 0;
+}
+
+int RunPut(Context& context) {
+  RemoteFileSystem& fs = *context.fs;
+  const std::string& local = context.options.args[0];
+  std::string remote = context.options.args[1];
+  if (!ToCanonicalPath(&remote) || remote.empty()) {
+    return Fail(context, kExitUsage, "put: not a file path: " + context.options.args[1]);
+  }
+  // 1. The content hash by the service's own calculator.
+  LocalFile file;
+  std::ifstream in(local, std::ios::binary);
+  if (!StatLocal(local, &file) || !in) {
+    return Fail(context, kExitEnvironment, "put: cannot read " + local);
+  }
+  SomeHash hash;
+  if (std::unique_ptr<HashCalculator> calculator = MakeHashCalculator(fs.GetHashType())) {
+    if (!HashStream(in, calculator.get(), &context.interrupter)) {
+      return context.interrupter.Interrupted()
+                 ? Report(context, FileSystem::STOPPED, "put", "interrupted")
+                 : Fail(context, kExitEnvironment, "put: cannot read " + local);
+    }
+    hash = calculator->Finish();
+  }
+  // 2. Open, where a service that resumes tells how much it holds already.
+  if (fs.SupportsResumingUpload()) {
+    fs.SetFileHashToResumeInterruptedUpload(hash);
+  }
+  std::uint64_t resume_offset = 0;
+  FileSystem::Result result = OpenUpload(context, remote, hash, file, &resume_offset);
+  if (result != FileSystem::SUCCEEDED) {
+    return Report(context, result,
+                  context.options.overwrite ? "put: OpenForRewrite" : "put: OpenForCreate");
+  }
+  if (resume_offset > 0) {
+    context.err << "put: resuming at byte " << resume_offset << std::endl;
+  }
+  // 3. The content from the resume offset on.
+  in.clear();
+  in.seekg(static_cast<std::streamoff>(resume_offset));
+  std::atomic<std::uint64_t> sent{resume_offset};
+  {
+    ProgressBar bar("put", [&sent, &file] { return Fraction(sent, file.size); });
+    std::vector<char> block(kBlockSize);
+    while (sent < file.size) {
+      in.read(block.data(), block.size());
+      auto got = static_cast<std::uint32_t>(in.gcount());
+      if (got == 0) {
+        fs.InterruptFile();
+        return Fail(context, kExitEnvironment, "put: " + local + " shrank while being sent");
+      }
+      result = fs.WriteFile(reinterpret_cast<const std::uint8_t*>(block.data()), got);
+      if (result != FileSystem::SUCCEEDED) {
+        return AbandonTransfer(context, result, "put: WriteFile");
+      }
+      sent += got;
+    }
+  }
+  // 4. Finish: the server's hash of what it now holds.
+  FileSystem::FileProperties props;
+  props.time = file.mtime;
+  result = fs.CloseFile(&props);
+  if (result != FileSystem::SUCCEEDED) {
+    return Report(context, result, "put: CloseFile");
+  }
+  if (context.options.json) {
+    context.out << "{\"path\": " << JsonString(remote) << ", \"size\": " << file.size
+                << ", \"hash\": " << JsonString(props.hash.ToHexString()) << "}" << std::endl;
+  } else {
+    context.out << props.hash.ToDisplayString() << std::endl;
+  }
+  context.err << "put: " << file.size << " bytes to " << remote << std::endl;
+  return 0;
+}
+
+}  // namespace corvane

@@ -1,0 +1,160 @@
+// tree, ls and changes: what the core does to learn an account and to follow it.
+#include <chrono>
+#include <cstdio>
+#include <optional>
+#include <ostream>
+#include <queue>
+#include <thread>
+
+#include "Command.h"
+#include "Interrupter.h"
+#include "ProgressBar.h"
+#include "core/Nodes.h"
+#include "core/RemoteFileSystem.h"
+
+namespace corvane {
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+// A feed that answered nothing is asked again after this pause.
+constexpr auto kIdlePoll = std::chrono::seconds(1);
+
+struct Snapshot {
+  FolderNode root;
+  std::uint64_t free = 0;
+  std::uint64_t total = 0;
+  tsl::htrie_set<char> service_items;
+};
+
+FileSystem::Result DownloadTree(RemoteFileSystem& fs, Snapshot* snapshot) {
+  RemoteFileSystem* adapter = &fs;
+  ProgressBar bar("tree", [adapter] { return adapter->GetFirstSnapshotProgress(); });
+  return fs.GetFullTree(&snapshot->root, &snapshot->free, &snapshot->total,
+                        &snapshot->service_items);
+}
+
+void PrintItems(Context& context, const std::vector<Item>& items) {
+  for (const Item& item : items) {
+    context.out << FormatItem(item, context.options.json) << '\n';
+  }
+  context.out.flush();
+}
+
+// Sleeps `pause`, cut short by a signal or the deadline.
+void IdleWait(Context& context, Clock::duration pause, std::optional<Clock::time_point> deadline) {
+  Clock::time_point until = Clock::now() + pause;
+  if (deadline && *deadline < until) {
+    until = *deadline;
+  }
+  while (Clock::now() < until && !context.interrupter.Interrupted()) {
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
+  }
+}
+
+}  // namespace
+
+int RunTree(Context& context) {
+  RemoteFileSystem& fs = *context.fs;
+  // 1. The quota first, as the core asks it: it is the scale of the progress of the walk.
+  std::uint64_t total = 0;
+  std::uint64_t used = 0;
+  FileSystem::Result result = fs.GetCloudSize(&total, &used);
+  if (result != FileSystem::SUCCEEDED) {
+    return Report(context, result, "tree: GetCloudSize");
+  }
+  // 2. The whole tree.
+  Clock::time_point start = Clock::now();
+  Snapshot snapshot;
+  result = DownloadTree(fs, &snapshot);
+  if (result != FileSystem::SUCCEEDED) {
+    return Report(context, result, "tree: GetFullTree");
+  }
+  double seconds = std::chrono::duration<double>(Clock::now() - start).count();
+  // 3. The items and the summary.
+  std::vector<Item> items = CollectTree(snapshot.root);
+  PrintItems(context, items);
+  std::size_t folders = 0;
+  for (const Item& item : items) {
+    folders += item.folder ? 1 : 0;
+  }
+  char elapsed[32];
+  std::snprintf(elapsed, sizeof(elapsed), "%.2f", seconds);
+  context.err << "tree: " << items.size() << " items (" << items.size() - folders << " files, "
+              << folders << " folders), "
+              << FormatBytes(snapshot.root.FolderSize(FolderNode::WithServiceItems(true))) << " in "
+              << elapsed << " s; free " << FormatBytes(snapshot.free) << " of "
+              << FormatBytes(snapshot.total) << std::endl;
+  return 0;
+}
+
+int RunLs(Context& context) {
+  std::string path = context.options.args.empty() ? std::string() : context.options.args[0];
+  if (!ToCanonicalPath(&path)) {
+    return Fail(context, kExitUsage, "not a valid path: " + context.options.args[0]);
+  }
+  RemoteFileSystem::FolderListing listing;
+  FileSystem::Result result = context.fs->GetFolderListing(path, &listing);
+  if (result != FileSystem::SUCCEEDED) {
+    return Report(context, result, "ls: GetFolderListing");
+  }
+  PrintItems(context, ListingItems(path, listing));
+  return 0;
+}
+
+int RunChanges(Context& context) {
+  RemoteFileSystem& fs = *context.fs;
+  std::optional<Clock::time_point> deadline;
+  if (context.options.for_seconds) {
+    deadline = Clock::now() + std::chrono::seconds(*context.options.for_seconds);
+  }
+  // 1. The tree the changes apply to.
+  Snapshot snapshot;
+  FileSystem::Result result = DownloadTree(fs, &snapshot);
+  if (result != FileSystem::SUCCEEDED) {
+    return Report(context, result, "changes: GetFullTree");
+  }
+  context.err << "changes: following the feed (Ctrl-C ends)" << std::endl;
+  // 2. The feed loop, until the time is up or the user ends it.
+  while (!context.interrupter.Interrupted() && (!deadline || Clock::now() < *deadline)) {
+    std::queue<FileSystem::Change> changes;
+    result = fs.GetChanges(&changes);
+    if (result == FileSystem::STOPPED && context.interrupter.Interrupted()) {
+      break;
+    }
+    if (result != FileSystem::SUCCEEDED) {
+      return Report(context, result, "changes: GetChanges");
+    }
+    bool idle = changes.empty();
+    for (; !changes.empty(); changes.pop()) {
+      FileSystem::Change& change = changes.front();
+      bool applied = fs.PrepareRemoteChange(&change);
+      if (applied &&
+          !fs.ApplyRemoteChange(change, &snapshot.root, &snapshot.free, &snapshot.total)) {
+        return Report(context, FileSystem::FAILED, "changes: ApplyRemoteChange",
+                      "the feed stopped at " + change.ToString());
+      }
+      if (!applied) {
+        fs.SkipRemoteChange(change, &snapshot.root);
+      }
+      context.out << FormatChange(change, context.options.json)
+                  << (applied || context.options.json ? "" : "  (skipped)") << std::endl;
+    }
+    // 3. A feed that lost its thread asks for the tree again.
+    if (fs.ShouldRenewTree()) {
+      context.err << "changes: the adapter asks for a new tree" << std::endl;
+      snapshot.root.Clear();
+      snapshot.service_items.clear();
+      result = DownloadTree(fs, &snapshot);
+      if (result != FileSystem::SUCCEEDED) {
+        return Report(context, result, "changes: GetFullTree");
+      }
+    }
+    if (idle) {
+      IdleWait(context, kIdlePoll, deadline);
+    }
+  }
+  return 0;
+}
+
+}  // namespace corvane
