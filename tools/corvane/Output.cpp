@@ -22,24 +22,63 @@ void SortByPath(std::vector<Item>* items) {
 
 }  // namespace
 
-std::vector<Item> CollectTree(const FolderNode& root) {
-  std::vector<Item> items;
-  // Depth first with an explicit stack: a real account nests deeper than a thread's stack likes.
-  std::vector<std::pair<const FolderNode*, std::string>> pending = {{&root, std::string()}};
-  while (!pending.empty()) {
-    auto [folder, path] = pending.back();
-    pending.pop_back();
-    for (auto it = folder->FilesBegin(); it != folder->FilesEnd(); ++it) {
-      items.push_back({Join(path, it->GetName()), false, it->size, it->GetTime(), it->hash});
+namespace {
+
+// One step of the walk in path order. A folder stands twice among its siblings: itself under its
+// name, and its contents under its name and "/", so that byte order of the keys is byte order of
+// the full paths ("a/b-x" comes before "a/b/c").
+struct WalkEntry {
+  std::string key;
+  const FileNode* file = nullptr;
+  const FolderNode* folder = nullptr;
+  bool contents = false;
+};
+
+struct WalkFrame {
+  std::string path;
+  std::vector<WalkEntry> entries;
+  std::size_t next = 0;
+};
+
+WalkFrame MakeFrame(const FolderNode& folder, std::string path) {
+  WalkFrame frame{std::move(path), {}, 0};
+  for (auto it = folder.FilesBegin(); it != folder.FilesEnd(); ++it) {
+    frame.entries.push_back({std::string(it->GetName()), *it, nullptr, false});
+  }
+  for (auto it = folder.FoldersBegin(); it != folder.FoldersEnd(); ++it) {
+    std::string name(it->GetName());
+    frame.entries.push_back({name + "/", nullptr, *it, true});
+    frame.entries.push_back({std::move(name), nullptr, *it, false});
+  }
+  std::sort(frame.entries.begin(), frame.entries.end(),
+            [](const WalkEntry& a, const WalkEntry& b) { return a.key < b.key; });
+  return frame;
+}
+
+}  // namespace
+
+void VisitTreeInPathOrder(const FolderNode& root, const std::function<void(const Item&)>& visit) {
+  // Only the folders on the current path are held, never a list of the whole tree, and an
+  // explicit stack: a real account nests deeper than a thread's stack likes.
+  std::vector<WalkFrame> stack;
+  stack.push_back(MakeFrame(root, std::string()));
+  while (!stack.empty()) {
+    WalkFrame& frame = stack.back();
+    if (frame.next == frame.entries.size()) {
+      stack.pop_back();
+      continue;
     }
-    for (auto it = folder->FoldersBegin(); it != folder->FoldersEnd(); ++it) {
-      std::string child = Join(path, it->GetName());
-      items.push_back({child, true, 0, it->GetTime(), SomeHash()});
-      pending.emplace_back(*it, child);
+    const WalkEntry& entry = frame.entries[frame.next++];
+    if (entry.file) {
+      visit({Join(frame.path, entry.key), false, entry.file->size, entry.file->GetTime(),
+             entry.file->hash});
+    } else if (!entry.contents) {
+      visit({Join(frame.path, entry.key), true, 0, entry.folder->GetTime(), SomeHash()});
+    } else {
+      std::string path = Join(frame.path, std::string(entry.folder->GetName()));
+      stack.push_back(MakeFrame(*entry.folder, std::move(path)));
     }
   }
-  SortByPath(&items);
-  return items;
 }
 
 std::vector<Item> ListingItems(const std::string& folder,

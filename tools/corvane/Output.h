@@ -7,6 +7,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <ostream>
 #include <string>
 #include <string_view>
@@ -27,8 +28,8 @@ struct Item {
   SomeHash hash;
 };
 
-// Every item below `root`, sorted by path (byte order).
-std::vector<Item> CollectTree(const FolderNode& root);
+// Calls `visit` for every item below `root`, in byte order of the paths.
+void VisitTreeInPathOrder(const FolderNode& root, const std::function<void(const Item&)>& visit);
 // The entries of a listing of `folder`, sorted by path.
 std::vector<Item> ListingItems(const std::string& folder,
                                const RemoteFileSystem::FolderListing& listing);

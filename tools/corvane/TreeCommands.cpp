@@ -71,17 +71,19 @@ int RunTree(Context& context) {
     return Report(context, result, "tree: GetFullTree");
   }
   double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  // 3. The items and the summary.
-  std::vector<Item> items = CollectTree(snapshot.root);
-  PrintItems(context, items);
+  // 3. The items, straight from the tree, and the summary.
+  std::size_t items = 0;
   std::size_t folders = 0;
-  for (const Item& item : items) {
+  VisitTreeInPathOrder(snapshot.root, [&](const Item& item) {
+    context.out << FormatItem(item, context.options.json) << '\n';
+    ++items;
     folders += item.folder ? 1 : 0;
-  }
+  });
+  context.out.flush();
   char elapsed[32];
   std::snprintf(elapsed, sizeof(elapsed), "%.2f", seconds);
-  context.err << "tree: " << items.size() << " items (" << items.size() - folders << " files, "
-              << folders << " folders), "
+  context.err << "tree: " << items << " items (" << items - folders << " files, " << folders
+              << " folders), "
               << FormatBytes(snapshot.root.FolderSize(FolderNode::WithServiceItems(true))) << " in "
               << elapsed << " s; free " << FormatBytes(snapshot.free) << " of "
               << FormatBytes(snapshot.total) << std::endl;
