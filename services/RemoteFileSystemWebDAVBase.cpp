@@ -16,6 +16,9 @@
 namespace {
 
 constexpr int kHttpVersionSetting = URLProcessor::kHttp11;
+// What a MOVE or a PUT may answer when it went through.
+constexpr std::initializer_list<URLProcessor::Result> kWrittenResults = {
+    URLProcessor::Result::OK, URLProcessor::Result::CREATED, URLProcessor::Result::NO_CONTENT};
 constexpr char kQuotaBody[] =
     "<D:propfind xmlns:D=\"DAV:\">  <D:prop>   <D:quota-available-bytes/>   "
     "<D:quota-used-bytes/>  </D:prop></D:propfind>";
@@ -146,6 +149,20 @@ URLProcessor::Result RemoteFileSystemWebDAVBase::FinishTransfer(const char* metr
   return result;
 }
 
+std::optional<FileSystem::Result> RemoteFileSystemWebDAVBase::SettledResult(
+    URLProcessor::Result result, std::initializer_list<URLProcessor::Result> good) {
+  for (URLProcessor::Result each : good) {
+    if (result == each) {
+      return SUCCEEDED;
+    }
+  }
+  if (result == URLProcessor::Result::STOPPED) {
+    LOG_INFO << "Stopped.";
+    return STOPPED;
+  }
+  return std::nullopt;
+}
+
 URLProcessor::Result RemoteFileSystemWebDAVBase::SendAndFinish(
     const URLProcessor::Request& request) {
   if (urlProcessor_->Send(request)) {
@@ -166,12 +183,9 @@ FileSystem::Result RemoteFileSystemWebDAVBase::CreateFolderImpl(const OverwriteC
   request.verb = "MKCOL";
   request.url = MakeFolderUrl(path);
   const URLProcessor::Result result = SendAndFinish(request);
-  if (result == URLProcessor::Result::OK || result == URLProcessor::Result::CREATED) {
-    return SUCCEEDED;
-  }
-  if (result == URLProcessor::Result::STOPPED) {
-    LOG_INFO << "Stopped.";
-    return STOPPED;
+  if (auto settled =
+          SettledResult(result, {URLProcessor::Result::OK, URLProcessor::Result::CREATED})) {
+    return *settled;
   }
   const int code = urlProcessor_->GetResponseCode();
   if (code == 405) {
@@ -191,12 +205,9 @@ FileSystem::Result RemoteFileSystemWebDAVBase::DeleteItem(const std::string& pat
     request.headers.push_back("If-Match: " + ifMatch);
   }
   const URLProcessor::Result result = SendAndFinish(request);
-  if (result == URLProcessor::Result::OK || result == URLProcessor::Result::NO_CONTENT) {
-    return SUCCEEDED;
-  }
-  if (result == URLProcessor::Result::STOPPED) {
-    LOG_INFO << "Stopped.";
-    return STOPPED;
+  if (auto settled =
+          SettledResult(result, {URLProcessor::Result::OK, URLProcessor::Result::NO_CONTENT})) {
+    return *settled;
   }
   const int code = urlProcessor_->GetResponseCode();
   LOG_WARNING << "DELETE failed; response code " << code << ".";
@@ -221,13 +232,8 @@ FileSystem::Result RemoteFileSystemWebDAVBase::MoveItem(const std::string& from,
   const std::string destination = "Destination: " + MakeRequestUrl(to, false).Url();
   request.headers = {destination, toControl.hash.IsEmpty() ? "Overwrite: F" : "Overwrite: T"};
   const URLProcessor::Result result = SendAndFinish(request);
-  if (result == URLProcessor::Result::OK || result == URLProcessor::Result::CREATED ||
-      result == URLProcessor::Result::NO_CONTENT) {
-    return SUCCEEDED;
-  }
-  if (result == URLProcessor::Result::STOPPED) {
-    LOG_INFO << "Stopped.";
-    return STOPPED;
+  if (auto settled = SettledResult(result, kWrittenResults)) {
+    return *settled;
   }
   const int code = urlProcessor_->GetResponseCode();
   LOG_INFO << "Destination in headers: " << destination;
@@ -533,13 +539,8 @@ FileSystem::Result RemoteFileSystemWebDAVBase::FinishWrite(SomeHash*) {
     responseBody_ = ReadAnswerPrefix(urlProcessor_->GetInputStream());
   }
   const URLProcessor::Result result = FinishTransfer("remote_webdav");
-  if (result == URLProcessor::Result::OK || result == URLProcessor::Result::CREATED ||
-      result == URLProcessor::Result::NO_CONTENT) {
-    return SUCCEEDED;
-  }
-  if (result == URLProcessor::Result::STOPPED) {
-    LOG_INFO << "Stopped.";
-    return STOPPED;
+  if (auto settled = SettledResult(result, kWrittenResults)) {
+    return *settled;
   }
   if (!responseBody_.empty()) {
     LOG_INFO << "Received: " << utils::SafePrintBinary(responseBody_);

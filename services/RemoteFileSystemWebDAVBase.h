@@ -11,8 +11,10 @@
 #pragma once
 
 #include <cstdint>
+#include <initializer_list>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -103,6 +105,10 @@ class RemoteFileSystemWebDAVBase : public RemoteFileSystemNoChangesSupport {
                   const OverwriteControl& toControl);
   // Sends a request whose answer only matters by its code; logs what the server said.
   URLProcessor::Result SendAndFinish(const URLProcessor::Request& request);
+  // The answer every request shares: SUCCEEDED for one of the `good` transfer results, STOPPED
+  // (logged) for a stop; nothing for the rest, which each operation words and maps itself.
+  static std::optional<Result> SettledResult(URLProcessor::Result result,
+                                             std::initializer_list<URLProcessor::Result> good);
   // Ends the running transfer, records the fail reason and counts a network failure.
   URLProcessor::Result FinishTransfer(const char* metricTag);
   // The URL text of the running or last request.
