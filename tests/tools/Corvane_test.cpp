@@ -10,10 +10,13 @@
 #include <QJsonDocument>
 #include <QJsonObject>
 #include <chrono>
+#include <condition_variable>
+#include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
 #include <map>
+#include <mutex>
 #include <random>
 #include <sstream>
 #include <string>
@@ -24,6 +27,7 @@
 #include <gtest/gtest.h>
 
 #include "support/DavServer.h"
+#include "support/TestHttpServer.h"
 
 namespace {
 
@@ -37,6 +41,7 @@ constexpr int kFatal = 13;
 constexpr int kFailed = 12;
 constexpr int kItemMissed = 28;
 constexpr int kNotSupported = 29;
+constexpr int kStopped = 11;
 
 constexpr char kUser[] = "alice";
 constexpr char kPassword[] = "s3cret wörd";
@@ -109,9 +114,9 @@ class TempDir {
 
 using Environment = std::vector<std::pair<std::string, std::string>>;
 
-// Runs `argv` with stdout and stderr in files of `dir`, with `environment` in place of the
+// Starts `argv` with stdout and stderr in files of `dir`, with `environment` in place of the
 // user's CORVANE_ settings.
-Outcome RunProcess(const std::vector<std::string>& argv, const fs::path& dir,
+pid_t StartProcess(const std::vector<std::string>& argv, const fs::path& dir,
                    const Environment& environment = {}) {
   fs::path out = dir / "stdout";
   fs::path err = dir / "stderr";
@@ -136,13 +141,22 @@ Outcome RunProcess(const std::vector<std::string>& argv, const fs::path& dir,
     ::execvp(args[0], args.data());
     ::_exit(127);
   }
+  return pid;
+}
+
+Outcome WaitProcess(pid_t pid, const fs::path& dir) {
   int status = 0;
   ::waitpid(pid, &status, 0);
   Outcome run;
   run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  run.out = ReadAll(out);
-  run.err = ReadAll(err);
+  run.out = ReadAll(dir / "stdout");
+  run.err = ReadAll(dir / "stderr");
   return run;
+}
+
+Outcome RunProcess(const std::vector<std::string>& argv, const fs::path& dir,
+                   const Environment& environment = {}) {
+  return WaitProcess(StartProcess(argv, dir, environment), dir);
 }
 
 Outcome RunTool(std::vector<std::string> args, const fs::path& dir,
@@ -411,6 +425,51 @@ TEST_F(CorvaneDavTest, AccountCommandsAnswerWhatTheServiceCan) {
 }
 
 // The hash command agrees with the tools a user compares it with.
+TEST(CorvaneInterruptTest, CtrlCDuringAnUploadEndsItCleanly) {
+  // A server that takes the upload and then keeps its answer back, as a stalled link would.
+  TempDir temp;
+  test::TestHttpServer server;
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool release = false;
+  int uploads = 0;
+  server.Handle(
+      "PUT", "/dav/",
+      [&](const test::HttpRequest&) {
+        std::unique_lock<std::mutex> lock(mutex);
+        ++uploads;
+        changed.notify_all();
+        changed.wait_for(lock, std::chrono::seconds(30), [&] { return release; });
+        return test::HttpResponse::Status(201);
+      },
+      test::Match::kPrefix, test::BodyMode::kHashOnly);
+  WriteAll(temp.path() / "big.bin", RandomBytes(4 << 20, 11));
+
+  pid_t pid =
+      StartProcess({CORVANE_TOOL_PATH, "--service", "webdav", "--url", server.BaseUrl() + "/dav",
+                    "--user", "u", "put", (temp.path() / "big.bin").string(), "big.bin"},
+                   temp.path(), {{"CORVANE_PASSWORD", "p"}});
+  {
+    std::unique_lock<std::mutex> lock(mutex);
+    ASSERT_TRUE(changed.wait_for(lock, std::chrono::seconds(20), [&] { return uploads > 0; }));
+  }
+  const auto interrupted = std::chrono::steady_clock::now();
+  ASSERT_EQ(::kill(pid, SIGINT), 0);
+  Outcome run = WaitProcess(pid, temp.path());
+  const auto took = std::chrono::steady_clock::now() - interrupted;
+  {
+    std::lock_guard<std::mutex> lock(mutex);
+    release = true;
+  }
+  changed.notify_all();
+
+  // The program ends by itself, not by the signal, and says why.
+  EXPECT_EQ(run.status, kStopped) << run.err;
+  EXPECT_THAT(run.err, HasSubstr("STOPPED"));
+  EXPECT_LT(took, std::chrono::seconds(2));
+  EXPECT_EQ(uploads, 1);
+}
+
 TEST(CorvaneHashTest, AgreesWithIndependentTools) {
   TempDir temp;
   // Empty, short, and past Dropbox's 4 MiB block and QuickXor's 160-bit ring.
