@@ -29,8 +29,8 @@ bool ParseFolderToListing::AddFile(std::string&& name, std::uint64_t size, std::
     noEtag = true;
     return false;
   }
-  listing->files.emplace_back(
-      std::move(name), FileSystem::FileProperties(makeHash(etag), 0, size, modified, false));
+  listing->files.emplace_back(std::move(name),
+                              FileSystem::FileProperties(makeHash(etag), 0, size, modified, false));
   return true;
 }
 

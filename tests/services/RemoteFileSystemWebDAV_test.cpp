@@ -9,11 +9,11 @@
 
 #include "core/Clock.h"
 #include "core/Cookie.h"
-#include "core/RemoteFileSystemSharedData.h"
 #include "core/HashCalculators.h"
 #include "core/LoggerWrapper.h"
 #include "core/Nodes.h"
 #include "core/RadarsLogger.h"
+#include "core/RemoteFileSystemSharedData.h"
 #include "services/RemoteFileSystemBox.h"
 #include "services/RemoteWebDAVUtils.h"
 #include "support/TestHttpServer.h"
