@@ -158,56 +158,8 @@ std::uint64_t RemoteFileSystem::GetTrashedFilesSize() {
   return 0;
 }
 
-// "/" is in no table, so a path maps as one string, segment by segment alike.
-bool RemoteFileSystem::MapInPlace(MapFunction map, std::string* text) const {
-  return map(GetUnsupportedSymbolsMap(), *text, text);
-}
-
-void RemoteFileSystem::MapTo(MapFunction map, const std::string& text, std::string* out,
-                             bool* changed) const {
-  const bool mapped = map(GetUnsupportedSymbolsMap(), text, out);
-  if (!mapped) {
-    *out = text;
-  }
-  if (changed) {
-    *changed = mapped;
-  }
-}
-
-bool RemoteFileSystem::MapNameToRemote(std::string* name) const {
-  return MapInPlace(&InvalidSymbolsMapping::MapToRemote, name);
-}
-
-void RemoteFileSystem::MapNameToRemote(const std::string& name, std::string* out,
-                                       bool* changed) const {
-  MapTo(&InvalidSymbolsMapping::MapToRemote, name, out, changed);
-}
-
-bool RemoteFileSystem::MapPathToRemote(std::string* path) const {
-  return MapInPlace(&InvalidSymbolsMapping::MapToRemote, path);
-}
-
-void RemoteFileSystem::MapPathToRemote(const std::string& path, std::string* out,
-                                       bool* changed) const {
-  MapTo(&InvalidSymbolsMapping::MapToRemote, path, out, changed);
-}
-
-bool RemoteFileSystem::UnmapNameToLocal(std::string* name) const {
-  return MapInPlace(&InvalidSymbolsMapping::UnmapToLocal, name);
-}
-
-void RemoteFileSystem::UnmapNameToLocal(const std::string& name, std::string* out,
-                                        bool* changed) const {
-  MapTo(&InvalidSymbolsMapping::UnmapToLocal, name, out, changed);
-}
-
-bool RemoteFileSystem::UnmapPathToLocal(std::string* path) const {
-  return MapInPlace(&InvalidSymbolsMapping::UnmapToLocal, path);
-}
-
-void RemoteFileSystem::UnmapPathToLocal(const std::string& path, std::string* out,
-                                        bool* changed) const {
-  MapTo(&InvalidSymbolsMapping::UnmapToLocal, path, out, changed);
+const InvalidSymbolsMapping::Map& RemoteFileSystem::SymbolsMap() const {
+  return GetUnsupportedSymbolsMap();
 }
 
 void RemoteFileSystem::RemoveFirstSlashIfExists(std::string* path) {

@@ -165,16 +165,6 @@ class RemoteFileSystem : public FileSystem, public RemoteNameMapper {
   virtual bool IsItemInMountedDir(const std::string& path);
   virtual std::uint64_t GetTrashedFilesSize();
 
-  // --- names (RemoteNameMapper), by GetUnsupportedSymbolsMap ---------------------------------
-  bool MapNameToRemote(std::string* name) const final;
-  void MapNameToRemote(const std::string& name, std::string* out, bool* changed) const final;
-  bool MapPathToRemote(std::string* path) const final;
-  void MapPathToRemote(const std::string& path, std::string* out, bool* changed) const final;
-  bool UnmapNameToLocal(std::string* name) const final;
-  void UnmapNameToLocal(const std::string& name, std::string* out, bool* changed) const final;
-  bool UnmapPathToLocal(std::string* path) const final;
-  void UnmapPathToLocal(const std::string& path, std::string* out, bool* changed) const final;
-
   // --- helpers ------------------------------------------------------------------------------
   // Walks `path` from `root`, creating the folders on the way that are missing. `*folder`
   // receives the folder that holds the last segment, `*name` that segment. False when a segment
@@ -204,9 +194,8 @@ class RemoteFileSystem : public FileSystem, public RemoteNameMapper {
   std::atomic<unsigned int> get_changes_timeout_sec_{0};
 
  private:
-  using MapFunction = bool (*)(const UnsupportedSymbolsMap&, std::string_view, std::string*);
-  bool MapInPlace(MapFunction map, std::string* text) const;
-  void MapTo(MapFunction map, const std::string& text, std::string* out, bool* changed) const;
+  // Names travel by the service's table of unsupported symbols.
+  const InvalidSymbolsMapping::Map& SymbolsMap() const final;
 
   std::shared_ptr<RemoteFileSystemSharedData> shared_data_;
   const std::string remote_root_path_;

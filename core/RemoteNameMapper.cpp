@@ -76,3 +76,54 @@ bool InvalidSymbolsMapping::UnmapToLocal(const Map& map, std::string_view text, 
   }
   return changed;
 }
+
+bool RemoteNameMapper::MapInPlace(MapFunction map, std::string* text) const {
+  return map(SymbolsMap(), *text, text);
+}
+
+void RemoteNameMapper::MapTo(MapFunction map, const std::string& text, std::string* out,
+                             bool* changed) const {
+  const bool mapped = map(SymbolsMap(), text, out);
+  if (!mapped) {
+    *out = text;
+  }
+  if (changed) {
+    *changed = mapped;
+  }
+}
+
+bool RemoteNameMapper::MapNameToRemote(std::string* name) const {
+  return MapInPlace(&InvalidSymbolsMapping::MapToRemote, name);
+}
+
+void RemoteNameMapper::MapNameToRemote(const std::string& name, std::string* out,
+                                       bool* changed) const {
+  MapTo(&InvalidSymbolsMapping::MapToRemote, name, out, changed);
+}
+
+bool RemoteNameMapper::MapPathToRemote(std::string* path) const {
+  return MapInPlace(&InvalidSymbolsMapping::MapToRemote, path);
+}
+
+void RemoteNameMapper::MapPathToRemote(const std::string& path, std::string* out,
+                                       bool* changed) const {
+  MapTo(&InvalidSymbolsMapping::MapToRemote, path, out, changed);
+}
+
+bool RemoteNameMapper::UnmapNameToLocal(std::string* name) const {
+  return MapInPlace(&InvalidSymbolsMapping::UnmapToLocal, name);
+}
+
+void RemoteNameMapper::UnmapNameToLocal(const std::string& name, std::string* out,
+                                        bool* changed) const {
+  MapTo(&InvalidSymbolsMapping::UnmapToLocal, name, out, changed);
+}
+
+bool RemoteNameMapper::UnmapPathToLocal(std::string* path) const {
+  return MapInPlace(&InvalidSymbolsMapping::UnmapToLocal, path);
+}
+
+void RemoteNameMapper::UnmapPathToLocal(const std::string& path, std::string* out,
+                                        bool* changed) const {
+  MapTo(&InvalidSymbolsMapping::UnmapToLocal, path, out, changed);
+}

@@ -34,17 +34,27 @@ class InvalidSymbolsMapping {
 };
 
 // The in-place forms answer whether the text changed; in the others `*changed` (may be null) says
-// so and `*out` always receives the result.
+// so and `*out` always receives the result. All eight go by the one table of SymbolsMap(): "/" is
+// in no table, so a path maps as one string, every segment alike.
 class RemoteNameMapper {
  public:
   virtual ~RemoteNameMapper() = default;
 
-  virtual bool MapNameToRemote(std::string* name) const = 0;
-  virtual void MapNameToRemote(const std::string& name, std::string* out, bool* changed) const = 0;
-  virtual bool MapPathToRemote(std::string* path) const = 0;
-  virtual void MapPathToRemote(const std::string& path, std::string* out, bool* changed) const = 0;
-  virtual bool UnmapNameToLocal(std::string* name) const = 0;
-  virtual void UnmapNameToLocal(const std::string& name, std::string* out, bool* changed) const = 0;
-  virtual bool UnmapPathToLocal(std::string* path) const = 0;
-  virtual void UnmapPathToLocal(const std::string& path, std::string* out, bool* changed) const = 0;
+  virtual bool MapNameToRemote(std::string* name) const;
+  virtual void MapNameToRemote(const std::string& name, std::string* out, bool* changed) const;
+  virtual bool MapPathToRemote(std::string* path) const;
+  virtual void MapPathToRemote(const std::string& path, std::string* out, bool* changed) const;
+  virtual bool UnmapNameToLocal(std::string* name) const;
+  virtual void UnmapNameToLocal(const std::string& name, std::string* out, bool* changed) const;
+  virtual bool UnmapPathToLocal(std::string* path) const;
+  virtual void UnmapPathToLocal(const std::string& path, std::string* out, bool* changed) const;
+
+ protected:
+  // The characters the service refuses, with their replacements.
+  virtual const InvalidSymbolsMapping::Map& SymbolsMap() const = 0;
+
+ private:
+  using MapFunction = bool (*)(const InvalidSymbolsMapping::Map&, std::string_view, std::string*);
+  bool MapInPlace(MapFunction map, std::string* text) const;
+  void MapTo(MapFunction map, const std::string& text, std::string* out, bool* changed) const;
 };
