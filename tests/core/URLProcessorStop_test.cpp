@@ -59,13 +59,8 @@ class URLProcessorStopTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(http_.Open(nullptr));
-    server_.Handle("GET", "/stall", [](const HttpRequest&) {
-      HttpResponse response = HttpResponse::Status(200);
-      response.generated_size = 1 << 20;
-      response.trickle_bytes = 10;
-      response.trickle_interval_ms = 20000;
-      return response;
-    });
+    server_.Handle("GET", "/stall",
+                   [](const HttpRequest&) { return HttpResponse::Trickling(20000); });
     server_.Handle("GET", "/ok",
                    [](const HttpRequest&) { return HttpResponse::Status(200, "ok"); });
   }

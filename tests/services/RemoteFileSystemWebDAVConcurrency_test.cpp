@@ -59,13 +59,8 @@ class WebDavStopTest : public testing::Test {
           return response;
         },
         test::Match::kPrefix);
-    server_.Handle("GET", "/dav/slow", [](const HttpRequest&) {
-      HttpResponse response = HttpResponse::Status(200);
-      response.generated_size = 1 << 20;
-      response.trickle_bytes = 10;
-      response.trickle_interval_ms = 1000;
-      return response;
-    });
+    server_.Handle("GET", "/dav/slow",
+                   [](const HttpRequest&) { return HttpResponse::Trickling(1000); });
     server_.Handle(
         "PUT", "/dav/up",
         [](const HttpRequest&) {

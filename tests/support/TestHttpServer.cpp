@@ -160,6 +160,14 @@ HttpResponse HttpResponse::Status(int status, std::string body) {
   return response;
 }
 
+HttpResponse HttpResponse::Trickling(int interval_ms) {
+  HttpResponse response;
+  response.generated_size = 1 << 20;
+  response.trickle_bytes = 10;
+  response.trickle_interval_ms = interval_ms;
+  return response;
+}
+
 HttpResponse HttpResponse::Gzipped(int status, const std::string& plain) {
   z_stream stream{};
   // 15 + 16: a gzip wrapper rather than zlib's.
