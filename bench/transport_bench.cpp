@@ -13,7 +13,7 @@
 #include <vector>
 
 #include "core/CurlURLProcessor.h"
-#include "support/TestHttpServer.h"
+#include "emulators/HttpServer.h"
 
 namespace {
 
@@ -24,7 +24,7 @@ double MiBPerSecond(std::uint64_t bytes, Clock::duration elapsed) {
          std::chrono::duration<double>(elapsed).count();
 }
 
-double Ours(test::TestHttpServer& server, std::uint64_t size, bool upload) {
+double Ours(emulators::HttpServer& server, std::uint64_t size, bool upload) {
   CurlURLProcessor http;
   http.Open(nullptr);
   URLProcessor::Request request;
@@ -64,15 +64,16 @@ double Tool(const std::string& command, std::uint64_t size) {
 
 int main(int argc, char** argv) {
   std::uint64_t size = (argc > 1 ? std::strtoull(argv[1], nullptr, 10) : 1024) * 1024 * 1024;
-  test::TestHttpServer server;
-  server.Handle("GET", "/blob", [size](const test::HttpRequest&) {
-    test::HttpResponse response;
+  emulators::HttpServer server;
+  server.Handle("GET", "/blob", [size](const emulators::HttpRequest&) {
+    emulators::HttpResponse response;
     response.generated_size = size;
     return response;
   });
   server.Handle(
-      "PUT", "/blob", [](const test::HttpRequest&) { return test::HttpResponse::Status(201); },
-      test::Match::kExact, test::BodyMode::kHashOnly);
+      "PUT", "/blob",
+      [](const emulators::HttpRequest&) { return emulators::HttpResponse::Status(201); },
+      emulators::Match::kExact, emulators::BodyMode::kHashOnly);
 
   // The tool uploads a sparse file of the same size, so no disk is read.
   std::string source = "/tmp/transport_bench_" + std::to_string(::getpid());

@@ -4,18 +4,18 @@
 #include "core/CurlURLProcessorFactory.h"
 #include "core/Endpoints.h"
 #include "core/LoggerWrapper.h"
-#include "support/TestHttpServer.h"
+#include "emulators/HttpServer.h"
 
 namespace {
 
-using test::HttpRequest;
-using test::HttpResponse;
+using emulators::HttpRequest;
+using emulators::HttpResponse;
 
 TEST(CurlURLProcessorFactory, EveryProcessorCarriesTheAccountAndNoTokenIsLogged) {
   const std::string token = "sl.AbCdEf-very-secret";
   auto cookie = std::make_shared<core::cookie::CookieOAuth>(token);
   CurlURLProcessorFactory factory(cookie);
-  test::TestHttpServer server;
+  emulators::HttpServer server;
   server.Handle("POST", "/2/files/list_folder", [](const HttpRequest&) {
     HttpResponse response = HttpResponse::Status(409, "{\"error_summary\":\"path/not_found/\"}");
     response.cut_after = 5;

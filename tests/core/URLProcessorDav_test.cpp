@@ -5,8 +5,8 @@
 
 #include "core/Cookie.h"
 #include "core/CurlURLProcessor.h"
+#include "emulators/HttpServer.h"
 #include "support/DavServer.h"
-#include "support/TestHttpServer.h"
 
 namespace {
 
@@ -43,7 +43,7 @@ TEST_P(URLProcessorDavTest, PutGetPropfindMkcolRoundTrips) {
 
   // 2. A streamed PUT of 3 MiB (past the "Expect: 100-continue" size) and its GET.
   constexpr std::size_t kSize = 3 * 1024 * 1024 + 17;
-  const std::string data = test::PatternString(0, kSize);
+  const std::string data = emulators::PatternString(0, kSize);
   ASSERT_TRUE(http.BeginUpload(request("PUT", "/new folder/f#1.bin"), kSize));
   StreamResult written = StreamResult::OK;
   for (std::size_t offset = 0; offset < kSize && written == StreamResult::OK; offset += 65536) {

@@ -11,12 +11,12 @@
 #include <thread>
 
 #include "core/CurlURLProcessor.h"
-#include "support/TestHttpServer.h"
+#include "emulators/HttpServer.h"
 
 namespace {
 
-using test::HttpRequest;
-using test::HttpResponse;
+using emulators::HttpRequest;
+using emulators::HttpResponse;
 using Result = URLProcessor::Result;
 using Clock = std::chrono::steady_clock;
 
@@ -97,7 +97,7 @@ class URLProcessorStopTest : public ::testing::Test {
     EXPECT_EQ(body, "ok");
   }
 
-  test::TestHttpServer server_;
+  emulators::HttpServer server_;
   CurlURLProcessor http_;
 };
 
@@ -115,7 +115,7 @@ TEST_F(URLProcessorStopTest, StopEndsAStalledDownload) {
 
 TEST_F(URLProcessorStopTest, StopEndsAStalledUpload) {
   // The server never reads the body: the socket buffers fill and curl stalls.
-  test::TestHttpServer deaf;
+  emulators::HttpServer deaf;
   std::promise<void> release;
   std::shared_future<void> released = release.get_future().share();
   deaf.Handle(
@@ -124,7 +124,7 @@ TEST_F(URLProcessorStopTest, StopEndsAStalledUpload) {
         released.wait();
         return HttpResponse::Status(201);
       },
-      test::Match::kExact, test::BodyMode::kAnswerFirst);
+      emulators::Match::kExact, emulators::BodyMode::kAnswerFirst);
   URLProcessor::Request request;
   request.verb = "PUT";
   request.url = DispatcherUrl::FromString(deaf.BaseUrl() + "/up");

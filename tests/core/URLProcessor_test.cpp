@@ -5,14 +5,14 @@
 #include "core/Cookie.h"
 #include "core/CurlURLProcessor.h"
 #include "core/LoggerWrapper.h"
-#include "support/TestHttpServer.h"
+#include "emulators/HttpServer.h"
 
 namespace {
 
-using test::BodyMode;
-using test::HttpRequest;
-using test::HttpResponse;
-using test::Match;
+using emulators::BodyMode;
+using emulators::HttpRequest;
+using emulators::HttpResponse;
+using emulators::Match;
 using Result = URLProcessor::Result;
 
 class URLProcessorTest : public ::testing::Test {
@@ -38,7 +38,7 @@ class URLProcessorTest : public ::testing::Test {
     return http_->Finish();
   }
 
-  test::TestHttpServer server_;
+  emulators::HttpServer server_;
   std::string head_;
   std::shared_ptr<CurlURLProcessor> http_ = std::make_shared<CurlURLProcessor>();
 };
@@ -169,7 +169,7 @@ TEST_F(URLProcessorTest, RangedReadsSendTheRangeAndTheAnswerIsChecked) {
     EXPECT_EQ(Exchange(request, &body), Result::PARTIAL_CONTENT);
     EXPECT_EQ(server_.Requests().back().Header("Range"), c.header);
     std::uint64_t last = c.last ? *c.last : kSize - 1;
-    EXPECT_EQ(body, test::PatternString(c.first, last - c.first + 1));
+    EXPECT_EQ(body, emulators::PatternString(c.first, last - c.first + 1));
     EXPECT_TRUE(URLProcessor::CheckRangeInResponseHeaders(head_, c.first, c.last, kSize));
     EXPECT_FALSE(
         URLProcessor::CheckRangeInResponseHeaders(head_, c.first + 1, boost::none, boost::none));
@@ -246,7 +246,7 @@ TEST_F(URLProcessorTest, BodyCutShortOrResetFailsTheTransferButNotTheNetwork) {
   StreamResult read = StreamResult::OK;
   EXPECT_EQ(Exchange(Make("GET", "/cut"), &body, &read), Result::TRANSFER_FAILED);
   EXPECT_EQ(read, StreamResult::FAILED);
-  EXPECT_EQ(body, test::PatternString(0, 300000));
+  EXPECT_EQ(body, emulators::PatternString(0, 300000));
   EXPECT_EQ(Exchange(Make("GET", "/reset"), &body), Result::NETWORK_FAILED);
   EXPECT_TRUE(URLProcessor::IsNetworkError(http_->GetLastResult()));
   // The processor goes on after a broken connection.
@@ -259,7 +259,7 @@ TEST_F(URLProcessorTest, BodyCutShortOrResetFailsTheTransferButNotTheNetwork) {
 TEST_F(URLProcessorTest, ConnectionRefusedAndTimeOutAreNetworkFailures) {
   int port = 0;
   {
-    test::TestHttpServer gone;
+    emulators::HttpServer gone;
     port = gone.Port();
   }
   URLProcessor::Request request;
@@ -306,7 +306,7 @@ TEST_F(URLProcessorTest, SmallUploadIsStreamedInBlocks) {
   server_.Handle("PUT", "/up", [](const HttpRequest& request) {
     return HttpResponse::Status(201, request.body);
   });
-  const std::string data = test::PatternString(0, 10000);
+  const std::string data = emulators::PatternString(0, 10000);
   URLProcessor::Request request = Make("PUT", "/up");
   request.headers = {"Content-Range: bytes 0-9999/10000"};
   request.content_type = "application/octet-stream";
@@ -385,12 +385,12 @@ TEST_F(URLProcessorTest, LargeStreamsRoundTripByteExactWithBoundedMemory) {
   // Upload: the blocks are made as they go, so neither side holds the file.
   URLProcessor::Request put = Make("PUT", "/big");
   ASSERT_TRUE(http_->BeginUpload(put, kSize));
-  test::Sha256 sent_hash;
+  emulators::Sha256 sent_hash;
   std::vector<std::uint8_t> block(1024 * 1024);
   StreamResult written = StreamResult::OK;
   for (std::uint64_t offset = 0; offset < kSize && written == StreamResult::OK;
        offset += block.size()) {
-    test::PatternBytes(offset, block.data(), block.size());
+    emulators::PatternBytes(offset, block.data(), block.size());
     sent_hash.Update(block.data(), block.size());
     written = http_->GetOutputStream()->Write(block.data(), block.size());
   }
@@ -404,7 +404,7 @@ TEST_F(URLProcessorTest, LargeStreamsRoundTripByteExactWithBoundedMemory) {
 
   // Download: read slower than the server sends; at most the buffer waits in memory.
   ASSERT_TRUE(http_->Send(Make("GET", "/big")));
-  test::Sha256 received_hash;
+  emulators::Sha256 received_hash;
   std::uint64_t received = 0;
   StreamResult read = StreamResult::OK;
   while (read == StreamResult::OK) {

@@ -16,16 +16,16 @@
 
 #include "core/LoggerWrapper.h"
 #include "core/Nodes.h"
+#include "emulators/HttpServer.h"
 #include "services/MultithreadedTreeDownloader.h"
 #include "services/RemoteFileSystemWebDAV.h"
-#include "support/TestHttpServer.h"
 #include "support/WebDavTesting.h"
 
 namespace {
 
 using Result = FileSystem::Result;
-using test::HttpRequest;
-using test::HttpResponse;
+using emulators::HttpRequest;
+using emulators::HttpResponse;
 using Milliseconds = std::chrono::milliseconds;
 
 int ThreadCount() {
@@ -58,7 +58,7 @@ class WebDavStopTest : public testing::Test {
           response.delay_ms = 30000;
           return response;
         },
-        test::Match::kPrefix);
+        emulators::Match::kPrefix);
     server_.Handle("GET", "/dav/slow",
                    [](const HttpRequest&) { return HttpResponse::Trickling(1000); });
     server_.Handle(
@@ -68,7 +68,7 @@ class WebDavStopTest : public testing::Test {
           response.delay_ms = 30000;
           return response;
         },
-        test::Match::kExact, test::BodyMode::kHashOnly);
+        emulators::Match::kExact, emulators::BodyMode::kHashOnly);
     baseline_ = ThreadCount();
     dav_ = test::OpenWebDav(server_.BaseUrl() + "/dav");
     ASSERT_NE(dav_, nullptr);
@@ -88,7 +88,7 @@ class WebDavStopTest : public testing::Test {
                         std::chrono::steady_clock::now() - stopAt)};
   }
 
-  test::TestHttpServer server_;
+  emulators::HttpServer server_;
   std::unique_ptr<RemoteFileSystemWebDAV> dav_;
   int baseline_ = 0;
 };
@@ -206,7 +206,7 @@ class WebDavTreeStopTest : public testing::Test {
           response.delay_ms = delayMs_;
           return hold_.Hold(response);
         },
-        test::Match::kPrefix);
+        emulators::Match::kPrefix);
     dav_ = test::OpenWebDav(server_.BaseUrl() + "/dav");
     ASSERT_NE(dav_, nullptr);
     baseline_ = ClientThreads();
@@ -276,7 +276,7 @@ class WebDavTreeStopTest : public testing::Test {
   HeldAnswers hold_;
   std::atomic<int> delayMs_{0};
   std::atomic<int> vanishedTop_{-1};  // this top folder answers 404
-  test::TestHttpServer server_;
+  emulators::HttpServer server_;
   std::unique_ptr<RemoteFileSystemWebDAV> dav_;
   int baseline_ = 0;
 };

@@ -17,9 +17,9 @@
 #include "core/Json.h"
 #include "core/Nodes.h"
 #include "core/TimeUtils.h"
+#include "emulators/HttpServer.h"
 #include "services/RemoteFileSystemWebDAV.h"
 #include "support/DavServer.h"
-#include "support/TestHttpServer.h"
 #include "support/WebDavTesting.h"
 
 namespace {
@@ -68,7 +68,7 @@ void GenerateAccount(const fs::path& root) {
   int folder = 0;
   auto fill = [&](const fs::path& dir) {
     for (int i = 0; i < kFilesPerFolder; ++i, ++file) {
-      WriteFile(dir / (NameOf(file) + ".txt"), test::PatternString(file, file % 97),
+      WriteFile(dir / (NameOf(file) + ".txt"), emulators::PatternString(file, file % 97),
                 1600000000 + file * 37);
     }
   };
@@ -233,11 +233,11 @@ TEST_P(WebDavServersTest, TheWholeTreeComesDownExactAndAsAnotherClientSeesIt) {
   std::string content;
   const std::string path = top + "/" + file->GetName();
   ASSERT_EQ(Read(path, 0, file->size, file->size, file->hash, &content), Result::SUCCEEDED);
-  EXPECT_EQ(content, test::PatternString(5, 5));
+  EXPECT_EQ(content, emulators::PatternString(5, 5));
   const FileNode* larger = root.GetFolder(top)->GetFile(NameOf(9) + ".txt");
   ASSERT_EQ(Read(top + "/" + larger->GetName(), 2, 7, 9, larger->hash, &content),
             Result::SUCCEEDED);
-  EXPECT_EQ(content, test::PatternString(9, 9).substr(2, 5));
+  EXPECT_EQ(content, emulators::PatternString(9, 9).substr(2, 5));
 }
 
 TEST_P(WebDavServersTest, FilesAndFoldersChangeAsTheServerAllows) {
@@ -247,7 +247,7 @@ TEST_P(WebDavServersTest, FilesAndFoldersChangeAsTheServerAllows) {
   EXPECT_TRUE(fs::is_directory(server_->Root() / "docs & more"));
 
   // 2. A new file, and a second upload of a new file over it, which the condition refuses.
-  const std::string content = test::PatternString(0, 20000);
+  const std::string content = emulators::PatternString(0, 20000);
   SomeHash etag;
   ASSERT_EQ(Upload("docs & more/a #1.bin", content, SomeHash(), &etag), Result::SUCCEEDED);
   EXPECT_FALSE(etag.IsZero());
@@ -267,7 +267,7 @@ TEST_P(WebDavServersTest, FilesAndFoldersChangeAsTheServerAllows) {
   ASSERT_EQ(listing.files.size(), 1u);
   EXPECT_EQ(listing.files[0].second.size, content.size());
   etag = listing.files[0].second.hash;
-  const std::string second = test::PatternString(7, 3000);
+  const std::string second = emulators::PatternString(7, 3000);
   SomeHash newEtag;
   ASSERT_EQ(Upload("docs & more/a #1.bin", second, etag, &newEtag), Result::SUCCEEDED);
   std::string read;

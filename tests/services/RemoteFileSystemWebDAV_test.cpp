@@ -14,16 +14,16 @@
 #include "core/Nodes.h"
 #include "core/RadarsLogger.h"
 #include "core/RemoteFileSystemSharedData.h"
+#include "emulators/HttpServer.h"
 #include "services/RemoteFileSystemBox.h"
 #include "services/RemoteWebDAVUtils.h"
-#include "support/TestHttpServer.h"
 #include "support/WebDavTesting.h"
 
 namespace {
 
+using emulators::HttpRequest;
+using emulators::HttpResponse;
 using test::DavEntry;
-using test::HttpRequest;
-using test::HttpResponse;
 using Result = FileSystem::Result;
 
 HttpResponse MultiStatusResponse(const std::vector<DavEntry>& entries) {
@@ -89,7 +89,7 @@ class WebDavFaultTest : public testing::Test {
     return dav;
   }
 
-  test::TestHttpServer server_;
+  emulators::HttpServer server_;
 };
 
 TEST(WebDavCodeTable, EveryCodeHasItsResultAndWord) {
@@ -162,7 +162,7 @@ TEST_F(WebDavFaultTest, UrlsJoinTheMountedRootButNotForTheServerRoot) {
   auto dav = Open("backups/my docs");
   server_.Handle(
       "*", "/dav/backups/", [](const HttpRequest&) { return HttpResponse::Status(201); },
-      test::Match::kPrefix);
+      emulators::Match::kPrefix);
   ASSERT_EQ(dav->CreateFolderImpl({}, "new #1?"), Result::SUCCEEDED);
   std::uint64_t total = 0, used = 0;
   ASSERT_EQ(dav->GetCloudSize(&total, &used), Result::SUCCEEDED);
@@ -184,7 +184,7 @@ TEST_F(WebDavFaultTest, FolderOperationsSendTheirHeadersAndMapRefusals) {
                  [](const HttpRequest&) { return HttpResponse::Status(405); });
   server_.Handle(
       "MOVE", "/dav/", [](const HttpRequest&) { return HttpResponse::Status(201); },
-      test::Match::kPrefix);
+      emulators::Match::kPrefix);
   server_.Handle("DELETE", "/dav/locked",
                  [](const HttpRequest&) { return HttpResponse::Status(423); });
   LoggerWrapper::Capture log;
@@ -223,7 +223,7 @@ TEST_F(WebDavFaultTest, DeleteOfAFileIsConditionalOnItsEtag) {
       [](const HttpRequest& request) {
         return HttpResponse::Status(request.Header("If-Match") == "\"v2\"" ? 412 : 204);
       },
-      test::Match::kPrefix);
+      emulators::Match::kPrefix);
   LoggerWrapper::Capture log;
   EXPECT_EQ(
       dav->DeleteFileImpl(FileSystem::OverwriteControl(SomeHash(std::string("\"v1\""))), "a", 5, 0),
@@ -450,7 +450,7 @@ TEST_F(WebDavFaultTest, AnEarlyAnswerEndsTheUploadAtTheNextBlock) {
   server_.Handle(
       "PUT", "/dav/big",
       [](const HttpRequest&) { return HttpResponse::Status(507, "quota exceeded"); },
-      test::Match::kExact, test::BodyMode::kAnswerFirst);
+      emulators::Match::kExact, emulators::BodyMode::kAnswerFirst);
   const std::string block(256 * 1024, 'z');
   std::uint64_t offset = 0;
   // Large enough to ask "Expect: 100-continue": the server's word comes before the body.
@@ -557,7 +557,7 @@ TEST_F(WebDavFaultTest, AReadIsCheckedAgainstTheEtagOfTheTree) {
 }
 
 TEST_F(WebDavFaultTest, ARangedReadTrustsOnlyAServerThatHonouredTheRange) {
-  const std::string content = test::PatternString(0, 1000);
+  const std::string content = emulators::PatternString(0, 1000);
   for (bool honours : {true, false}) {
     SCOPED_TRACE(honours);
     auto dav = Open();

@@ -26,8 +26,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include "emulators/HttpServer.h"
 #include "support/DavServer.h"
-#include "support/TestHttpServer.h"
 
 namespace {
 
@@ -428,21 +428,21 @@ TEST_F(CorvaneDavTest, AccountCommandsAnswerWhatTheServiceCan) {
 TEST(CorvaneInterruptTest, CtrlCDuringAnUploadEndsItCleanly) {
   // A server that takes the upload and then keeps its answer back, as a stalled link would.
   TempDir temp;
-  test::TestHttpServer server;
+  emulators::HttpServer server;
   std::mutex mutex;
   std::condition_variable changed;
   bool release = false;
   int uploads = 0;
   server.Handle(
       "PUT", "/dav/",
-      [&](const test::HttpRequest&) {
+      [&](const emulators::HttpRequest&) {
         std::unique_lock<std::mutex> lock(mutex);
         ++uploads;
         changed.notify_all();
         changed.wait_for(lock, std::chrono::seconds(30), [&] { return release; });
-        return test::HttpResponse::Status(201);
+        return emulators::HttpResponse::Status(201);
       },
-      test::Match::kPrefix, test::BodyMode::kHashOnly);
+      emulators::Match::kPrefix, emulators::BodyMode::kHashOnly);
   WriteAll(temp.path() / "big.bin", RandomBytes(4 << 20, 11));
 
   pid_t pid =

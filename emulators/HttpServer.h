@@ -1,24 +1,24 @@
-// TestHttpServer: an HTTP/1.1 server on an ephemeral loopback port, in process, for tests and
+// HttpServer: an HTTP/1.1 server on an ephemeral loopback port, in process, for tests and
 // service emulators. Each connection runs on its own thread; handlers answer per verb and path,
 // every request is logged, and an answer can carry faults (delay, cut body, reset, trickle, early
 // answer before the upload body).
 //
-//   test::TestHttpServer server;
-//   server.Handle("GET", "/files/", [](const test::HttpRequest& request) {
-//     test::HttpResponse response;
+//   emulators::HttpServer server;
+//   server.Handle("GET", "/files/", [](const emulators::HttpRequest& request) {
+//     emulators::HttpResponse response;
 //     response.headers = {{"Content-Type", "application/json"}};
 //     response.body = R"({"name":")" + request.path.substr(7) + R"("})";
 //     return response;
-//   }, test::Match::kPrefix);
-//   server.Handle("PUT", "/upload", [](const test::HttpRequest& request) {
-//     return test::HttpResponse::Status(request.body_size == 5 ? 201 : 400);
-//   }, test::Match::kExact, test::BodyMode::kHashOnly);
+//   }, emulators::Match::kPrefix);
+//   server.Handle("PUT", "/upload", [](const emulators::HttpRequest& request) {
+//     return emulators::HttpResponse::Status(request.body_size == 5 ? 201 : 400);
+//   }, emulators::Match::kExact, emulators::BodyMode::kHashOnly);
 //   ... point the client at server.BaseUrl() ...
 //   EXPECT_EQ(server.Requests().back().Header("Depth"), "1");
 //
 // Handlers run on the connections' threads, possibly at once: they guard their own state.
 // Large bodies never sit in memory: an answer may be generated (HttpResponse::generated_size,
-// the bytes of test::PatternBytes), and an upload in BodyMode::kHashOnly is counted and hashed
+// the bytes of emulators::PatternBytes), and an upload in BodyMode::kHashOnly is counted and hashed
 // as it arrives. Request bodies must have a Content-Length; "Expect: 100-continue" is honoured.
 #pragma once
 
@@ -34,7 +34,7 @@
 #include <utility>
 #include <vector>
 
-namespace test {
+namespace emulators {
 
 using HeaderList = std::vector<std::pair<std::string, std::string>>;
 
@@ -107,12 +107,12 @@ class Sha256 {
   void* context_;
 };
 
-class TestHttpServer {
+class HttpServer {
  public:
-  TestHttpServer();
-  ~TestHttpServer();
-  TestHttpServer(const TestHttpServer&) = delete;
-  TestHttpServer& operator=(const TestHttpServer&) = delete;
+  HttpServer();
+  ~HttpServer();
+  HttpServer(const HttpServer&) = delete;
+  HttpServer& operator=(const HttpServer&) = delete;
 
   int Port() const { return port_; }
   std::string BaseUrl() const;  // "http://127.0.0.1:PORT"
@@ -158,4 +158,4 @@ class TestHttpServer {
   std::set<int> open_fds_;
 };
 
-}  // namespace test
+}  // namespace emulators

@@ -1,4 +1,4 @@
-#include "support/TestHttpServer.h"
+#include "emulators/HttpServer.h"
 
 #include <arpa/inet.h>
 #include <netinet/in.h>
@@ -13,7 +13,7 @@
 #include <cstring>
 #include <stdexcept>
 
-namespace test {
+namespace emulators {
 namespace {
 
 constexpr std::size_t kIoBlock = 256 * 1024;
@@ -186,7 +186,7 @@ HttpResponse HttpResponse::Gzipped(int status, const std::string& plain) {
 }
 
 // One client connection: buffered reading of heads and bodies.
-class TestHttpServer::Connection {
+class HttpServer::Connection {
  public:
   explicit Connection(int fd) : fd_(fd) {}
 
@@ -247,7 +247,7 @@ class TestHttpServer::Connection {
   std::size_t position_ = 0;
 };
 
-TestHttpServer::TestHttpServer() {
+HttpServer::HttpServer() {
   listen_fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
   int on = 1;
   ::setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
@@ -259,13 +259,13 @@ TestHttpServer::TestHttpServer() {
   if (::bind(listen_fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
       ::listen(listen_fd_, 64) != 0 ||
       ::getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    throw std::runtime_error("TestHttpServer: cannot listen on loopback");
+    throw std::runtime_error("HttpServer: cannot listen on loopback");
   }
   port_ = ntohs(address.sin_port);
   acceptor_ = std::thread([this] { AcceptLoop(); });
 }
 
-TestHttpServer::~TestHttpServer() {
+HttpServer::~HttpServer() {
   {
     std::lock_guard<std::mutex> lock(mutex_);
     closing_ = true;
@@ -282,12 +282,12 @@ TestHttpServer::~TestHttpServer() {
   }
 }
 
-std::string TestHttpServer::BaseUrl() const {
+std::string HttpServer::BaseUrl() const {
   return "http://127.0.0.1:" + std::to_string(port_);
 }
 
-void TestHttpServer::Handle(const std::string& verb, const std::string& path, Handler handler,
-                            Match match, BodyMode mode) {
+void HttpServer::Handle(const std::string& verb, const std::string& path, Handler handler,
+                        Match match, BodyMode mode) {
   std::lock_guard<std::mutex> lock(mutex_);
   routes_.erase(std::remove_if(routes_.begin(), routes_.end(),
                                [&](const Route& route) {
@@ -298,23 +298,22 @@ void TestHttpServer::Handle(const std::string& verb, const std::string& path, Ha
   routes_.push_back(Route{verb, path, match, mode, std::move(handler)});
 }
 
-std::vector<HttpRequest> TestHttpServer::Requests() const {
+std::vector<HttpRequest> HttpServer::Requests() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return requests_;
 }
 
-int TestHttpServer::OpenConnectionCount() const {
+int HttpServer::OpenConnectionCount() const {
   std::lock_guard<std::mutex> lock(mutex_);
   return static_cast<int>(open_fds_.size());
 }
 
-void TestHttpServer::ClearRequests() {
+void HttpServer::ClearRequests() {
   std::lock_guard<std::mutex> lock(mutex_);
   requests_.clear();
 }
 
-bool TestHttpServer::FindRoute(const std::string& verb, const std::string& path,
-                               Route* found) const {
+bool HttpServer::FindRoute(const std::string& verb, const std::string& path, Route* found) const {
   std::lock_guard<std::mutex> lock(mutex_);
   const Route* best = nullptr;
   for (const Route& route : routes_) {
@@ -336,17 +335,17 @@ bool TestHttpServer::FindRoute(const std::string& verb, const std::string& path,
   return best != nullptr;
 }
 
-bool TestHttpServer::SleepMs(int ms) {
+bool HttpServer::SleepMs(int ms) {
   std::unique_lock<std::mutex> lock(mutex_);
   return !wake_.wait_for(lock, std::chrono::milliseconds(ms), [this] { return closing_.load(); });
 }
 
-void TestHttpServer::Log(HttpRequest request) {
+void HttpServer::Log(HttpRequest request) {
   std::lock_guard<std::mutex> lock(mutex_);
   requests_.push_back(std::move(request));
 }
 
-void TestHttpServer::AcceptLoop() {
+void HttpServer::AcceptLoop() {
   for (;;) {
     int fd = ::accept(listen_fd_, nullptr, nullptr);
     if (fd < 0) {
@@ -398,7 +397,7 @@ bool ReadHead(Connection* connection, HttpRequest* request) {
 
 }  // namespace
 
-void TestHttpServer::Serve(int fd) {
+void HttpServer::Serve(int fd) {
   Connection connection(fd);
   for (;;) {
     // 1. The head, and the route that answers it.
@@ -512,4 +511,4 @@ void TestHttpServer::Serve(int fd) {
   ::close(fd);
 }
 
-}  // namespace test
+}  // namespace emulators
