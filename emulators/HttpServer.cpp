@@ -10,6 +10,7 @@
 #include <zlib.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cstring>
 #include <stdexcept>
 
@@ -247,19 +248,21 @@ class HttpServer::Connection {
   std::size_t position_ = 0;
 };
 
-HttpServer::HttpServer() {
+HttpServer::HttpServer(int port) {
   listen_fd_ = ::socket(AF_INET, SOCK_STREAM, 0);
   int on = 1;
   ::setsockopt(listen_fd_, SOL_SOCKET, SO_REUSEADDR, &on, sizeof(on));
   sockaddr_in address{};
   address.sin_family = AF_INET;
   address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-  address.sin_port = 0;
+  address.sin_port = htons(static_cast<std::uint16_t>(port));
   socklen_t length = sizeof(address);
   if (::bind(listen_fd_, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
       ::listen(listen_fd_, 64) != 0 ||
       ::getsockname(listen_fd_, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
-    throw std::runtime_error("HttpServer: cannot listen on loopback");
+    ::close(listen_fd_);
+    throw std::runtime_error("cannot listen on 127.0.0.1:" + std::to_string(port) + ": " +
+                             std::strerror(errno));
   }
   port_ = ntohs(address.sin_port);
   acceptor_ = std::thread([this] { AcceptLoop(); });
@@ -287,7 +290,7 @@ std::string HttpServer::BaseUrl() const {
 }
 
 void HttpServer::Handle(const std::string& verb, const std::string& path, Handler handler,
-                        Match match, BodyMode mode) {
+                        Match match, BodyMode mode, HeadHandler on_head) {
   std::lock_guard<std::mutex> lock(mutex_);
   routes_.erase(std::remove_if(routes_.begin(), routes_.end(),
                                [&](const Route& route) {
@@ -295,7 +298,7 @@ void HttpServer::Handle(const std::string& verb, const std::string& path, Handle
                                         route.match == match;
                                }),
                 routes_.end());
-  routes_.push_back(Route{verb, path, match, mode, std::move(handler)});
+  routes_.push_back(Route{verb, path, match, mode, std::move(handler), std::move(on_head)});
 }
 
 std::vector<HttpRequest> HttpServer::Requests() const {
@@ -388,7 +391,7 @@ bool ReadHead(Connection* connection, HttpRequest* request) {
   while (connection->ReadLine(&line) && !line.empty()) {
     std::size_t colon = line.find(':');
     if (colon != std::string::npos) {
-      request->headers.emplace_back(line.substr(0, colon),
+      request->headers.emplace_back(std::string(Trim(std::string_view(line).substr(0, colon))),
                                     std::string(Trim(std::string_view(line).substr(colon + 1))));
     }
   }
@@ -396,6 +399,30 @@ bool ReadHead(Connection* connection, HttpRequest* request) {
 }
 
 }  // namespace
+
+bool HttpServer::ReadRequestBody(Connection* connection, std::uint64_t length, BodyMode mode,
+                                 HttpRequest* request) {
+  Sha256 hash;
+  ContentHasher digests(ContentHasher::kMd5 | ContentHasher::kSha1 | ContentHasher::kSha256);
+  bool complete = connection->ReadBody(length, [&](const char* data, std::size_t size) {
+    if (mode == BodyMode::kDigestOnly) {
+      digests.Update(data, size);
+    } else {
+      hash.Update(data, size);
+    }
+    if (mode == BodyMode::kStore) {
+      request->body.append(data, size);
+    }
+    request->body_size += size;
+  });
+  if (mode == BodyMode::kDigestOnly) {
+    request->body_digests = digests.Finish();
+    request->body_sha256 = request->body_digests.sha256;
+  } else {
+    request->body_sha256 = hash.HexDigest();
+  }
+  return complete;
+}
 
 void HttpServer::Serve(int fd) {
   Connection connection(fd);
@@ -419,28 +446,27 @@ void HttpServer::Serve(int fd) {
     }
 
     // 2. The body, unless the answer goes first.
+    HttpResponse response;
+    if (routed && route.on_head) {
+      response = route.on_head(request);
+      if (response.status > 0) {
+        mode = BodyMode::kAnswerFirst;
+      }
+    }
     if (mode != BodyMode::kAnswerFirst) {
       if (IEquals(request.Header("Expect"), "100-continue")) {
         SendAll(fd, "HTTP/1.1 100 Continue\r\n\r\n", 25);
       }
-      Sha256 hash;
-      bool keep = mode == BodyMode::kStore;
-      bool complete = connection.ReadBody(length, [&](const char* data, std::size_t size) {
-        hash.Update(data, size);
-        if (keep) {
-          request.body.append(data, size);
-        }
-        request.body_size += size;
-      });
-      request.body_sha256 = hash.HexDigest();
-      if (!complete) {
+      if (!ReadRequestBody(&connection, length, mode, &request)) {
         Log(std::move(request));
         break;
       }
+      response = routed ? route.handler(request) : HttpResponse::Status(404);
+    } else if (!route.on_head || response.status == 0) {
+      response = route.handler(request);
     }
 
     // 3. The answer with its faults.
-    HttpResponse response = routed ? route.handler(request) : HttpResponse::Status(404);
     bool head_only = request.verb == "HEAD" || response.status == 204 || response.status == 304;
     bool close = response.close || mode == BodyMode::kAnswerFirst ||
                  IEquals(request.Header("Connection"), "close");
@@ -448,7 +474,7 @@ void HttpServer::Serve(int fd) {
     if (response.delay_ms > 0 && !SleepMs(response.delay_ms)) {
       break;
     }
-    if (response.reset) {
+    if (response.reset && response.cut_after == UINT64_MAX) {
       linger hard{1, 0};
       ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &hard, sizeof(hard));
       break;
@@ -492,6 +518,10 @@ void HttpServer::Serve(int fd) {
         }
       }
       if (!ok || sent < body_size) {
+        if (response.reset) {
+          linger hard{1, 0};
+          ::setsockopt(fd, SOL_SOCKET, SO_LINGER, &hard, sizeof(hard));
+        }
         break;
       }
     }
