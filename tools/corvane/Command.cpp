@@ -22,7 +22,7 @@ const Command* FindCommand(const std::string& name) {
       {"unlink", 1, 1, {}, true, RunUnlink},
       {"changes", 0, 0, {"for"}, true, RunChanges},
       {"hash", 1, 1, {"type"}, false, RunHash},
-      {"emulate", 1, 1, {"port"}, false, RunEmulate},
+      {"emulate", 1, 1, {"port", "seed"}, false, RunEmulate},
   };
   for (const Command& command : commands) {
     if (name == command.name) {

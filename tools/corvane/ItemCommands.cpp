@@ -171,12 +171,4 @@ int RunUnlink(Context& context) {
   return Report(context, context.fs->ClosePublicLink(path), "unlink: " + path);
 }
 
-int RunEmulate(Context& context) {
-  const std::string& service = context.options.args[0];
-  if (!context.options.port) {
-    return Fail(context, kExitUsage, "emulate: --port N is needed");
-  }
-  return Fail(context, kExitEnvironment, "emulate: no emulator for " + service);
-}
-
 }  // namespace corvane
