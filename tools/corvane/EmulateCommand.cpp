@@ -18,7 +18,8 @@ int RunEmulate(Context& context) {
   // 1. The emulator on its port.
   const std::string& service = context.options.args[0];
   if (!context.options.port || *context.options.port > 65535) {
-    return Fail(context, kExitUsage, "emulate: --port N (0 to 65535) is needed");
+    return Fail(context, kExitUsage,
+                "emulate: --port N is needed (0 to 65535; 0 takes any free port)");
   }
   std::string error;
   std::unique_ptr<emulators::Emulator> emulator =
