@@ -3,6 +3,7 @@
 #include <ostream>
 #include <vector>
 
+#include "AccountTree.h"
 #include "core/RemoteFileSystem.h"
 
 namespace corvane {
@@ -64,20 +65,8 @@ bool ToCanonicalPath(std::string* path) {
   return FileSystem::IsCanonicalPath(*path);
 }
 
-FileSystem::Result FindItem(RemoteFileSystem& fs, const std::string& path, Item* item) {
-  auto [parent, name] = SplitParent(path);
-  RemoteFileSystem::FolderListing listing;
-  FileSystem::Result result = fs.GetFolderListing(parent, &listing);
-  if (result != FileSystem::SUCCEEDED) {
-    return result;
-  }
-  for (const Item& entry : ListingItems(parent, listing)) {
-    if (entry.path == path) {
-      *item = entry;
-      return FileSystem::SUCCEEDED;
-    }
-  }
-  return FileSystem::ITEM_MISSED;
+FileSystem::Result FindItem(Context& context, const std::string& path, Item* item) {
+  return context.tree->Find(path, item);
 }
 
 }  // namespace corvane
