@@ -19,6 +19,7 @@
 
 #include "core/RemoteFileSystem.h"
 #include "core/SomeHash.h"
+#include "emulators/Faults.h"
 
 namespace contract {
 
@@ -54,6 +55,10 @@ class ContractTarget {
   }
   // Every later answer waits seconds before its head; false where the server can't be slowed.
   virtual bool SlowDown() { return false; }
+  // Fault instructions, where the server takes them (an emulator; a real server doesn't).
+  virtual bool TakesFaults() const { return false; }
+  virtual void AddFault(const emulators::FaultRule& rule) { (void)rule; }
+  virtual void ClearFaults() {}
   // Whether the server honours a conditional write (rclone's WebDAV ignores If-Match).
   virtual bool ChecksOverwriteControl() const { return true; }
   // Whether a file moves through RenameFileImpl (the adapter refuses MoveFileImpl).

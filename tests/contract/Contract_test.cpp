@@ -12,6 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "contract/ContractTarget.h"
+#include "core/Clock.h"
 #include "core/HashCalculators.h"
 #include "core/LoggerWrapper.h"
 #include "core/Nodes.h"
@@ -347,6 +348,77 @@ TEST_P(ContractTest, StopFromAnotherThreadEndsASlowTreeWithinASecond) {
   fs_->Stop();
   EXPECT_EQ(tree.get(), FileSystem::STOPPED);
   EXPECT_LT(Clock::now() - stopped, std::chrono::seconds(1));
+}
+
+// What a broken answer may cost: a clear failure, or (after the adapter's own retry) the exact
+// result. Never a short read, a partial tree or a lost upload reported as success.
+TEST_P(ContractTest, BrokenAnswersNeverPassAsWhole) {
+  const std::string content = test::RandomBytes(300000, 6);
+  target_->PutFile("docs/r.bin", content);
+  target_->PutFile("docs/s.txt", "s");
+  RemoteItem item = Tree()["docs/r.bin"];
+  if (!target_->TakesFaults())
+    GTEST_SKIP() << GetParam() << " takes no fault instructions";
+  // Retry waits pass on a clock of the test's own.
+  utils::ManualClock clock;
+  utils::ScopedClock scoped(&clock);
+  struct Case {
+    const char* what;
+    emulators::Fault fault;
+  };
+  std::vector<Case> cases(5);
+  cases[0] = {"body cut after 1000 bytes", {}};
+  cases[0].fault.cut_after = 1000;
+  cases[1] = {"reset after 1000 bytes", {}};
+  cases[1].fault.cut_after = 1000;
+  cases[1].fault.reset = true;
+  cases[2] = {"reset instead of an answer", {}};
+  cases[2].fault.reset = true;
+  cases[3] = {"503 with Retry-After", {}};
+  cases[3].fault.status = 503;
+  cases[3].fault.retry_after_s = 3;
+  cases[4] = {"429 with Retry-After", {}};
+  cases[4].fault.status = 429;
+  cases[4].fault.retry_after_s = 2;
+  int round = 0;
+  for (const Case& c : cases) {
+    for (int nth = 1; nth <= 2; ++nth) {
+      SCOPED_TRACE(std::string(c.what) + ", request " + std::to_string(nth));
+      emulators::FaultRule rule;
+      rule.nth = nth;
+      rule.fault = c.fault;
+      // 1. A read.
+      target_->ClearFaults();
+      target_->AddFault(rule);
+      std::string bytes;
+      if (Read("docs/r.bin", 0, content.size(), item, &bytes) == FileSystem::SUCCEEDED) {
+        EXPECT_EQ(bytes, content);
+      }
+      // 2. A tree.
+      target_->ClearFaults();
+      target_->AddFault(rule);
+      std::unique_ptr<RemoteFileSystem> fresh = target_->Connect();
+      FolderNode root;
+      std::uint64_t free = 0, total = 0;
+      tsl::htrie_set<char> service_items;
+      if (fresh->GetFullTree(&root, &free, &total, &service_items) == FileSystem::SUCCEEDED) {
+        RemoteTree tree;
+        Flatten(root, "", &tree);
+        EXPECT_EQ(tree.size(), target_->Remote().size());
+      }
+      // 3. An upload.
+      target_->ClearFaults();
+      target_->AddFault(rule);
+      const std::string name = "docs/up" + std::to_string(++round);
+      const std::string upload = test::RandomBytes(100000, round);
+      if (Upload(name, upload, nullptr, nullptr) == FileSystem::SUCCEEDED) {
+        EXPECT_EQ(target_->ReadRemote(name), upload);
+      }
+      // A fault may leave an adapter in any state but a wrong one; the next case starts afresh.
+      target_->ClearFaults();
+      fs_ = target_->Connect();
+    }
+  }
 }
 
 std::vector<std::string> RowNames() {

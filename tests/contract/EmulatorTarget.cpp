@@ -107,6 +107,14 @@ bool EmulatorTarget::PlantName(const std::string& name) {
          emulators::AccountError::kNone;
 }
 
+void EmulatorTarget::AddFault(const emulators::FaultRule& rule) {
+  emulator_->faults().Add(rule);
+}
+
+void EmulatorTarget::ClearFaults() {
+  emulator_->faults().Clear();
+}
+
 bool EmulatorTarget::SlowDown() {
   emulators::FaultRule rule;
   rule.times = 0;

@@ -36,6 +36,9 @@ class EmulatorTarget : public ContractTarget {
   std::string ReadRemote(const std::string& path) override;
   bool PlantName(const std::string& name) override;
   bool SlowDown() override;
+  bool TakesFaults() const override { return true; }
+  void AddFault(const emulators::FaultRule& rule) override;
+  void ClearFaults() override;
 
   emulators::Emulator& emulator() { return *emulator_; }
 
