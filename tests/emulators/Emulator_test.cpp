@@ -2,8 +2,7 @@
 // the control path, foreign changes and the account dump. A small dialect of the test's own
 // stands for a service here; each service's dialect has its own suite.
 #include "emulators/Emulator.h"
-
-#include <curl/curl.h>
+#include "support/Fetch.h"
 
 #include <QJsonArray>
 #include <QJsonDocument>
@@ -56,42 +55,8 @@ class ListingDialect : public emulators::Dialect {
   }
 };
 
-struct Answer {
-  long status = 0;
-  std::string body;
-  std::string headers;
-  CURLcode code = CURLE_OK;
-};
-
-Answer Fetch(const std::string& verb, const std::string& url, const std::string& token,
-             const std::string& body = std::string(), const std::string& range = std::string()) {
-  Answer answer;
-  CURL* curl = curl_easy_init();
-  curl_slist* headers = nullptr;
-  if (!token.empty())
-    headers = curl_slist_append(headers, ("Authorization: " + token).c_str());
-  if (!range.empty())
-    headers = curl_slist_append(headers, ("Range: " + range).c_str());
-  auto append = +[](char* data, size_t size, size_t count, void* out) {
-    static_cast<std::string*>(out)->append(data, size * count);
-    return size * count;
-  };
-  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, verb.c_str());
-  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
-  curl_easy_setopt(curl, CURLOPT_TIMEOUT, 10L);
-  if (!body.empty())
-    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.c_str());
-  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, append);
-  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &answer.body);
-  curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, append);
-  curl_easy_setopt(curl, CURLOPT_HEADERDATA, &answer.headers);
-  answer.code = curl_easy_perform(curl);
-  curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &answer.status);
-  curl_slist_free_all(headers);
-  curl_easy_cleanup(curl);
-  return answer;
-}
+using test::Answer;
+using test::Fetch;
 
 QJsonObject Object(const std::string& body) {
   return QJsonDocument::fromJson(QByteArray::fromStdString(body)).object();
