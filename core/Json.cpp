@@ -52,8 +52,7 @@ bool Parse(const std::string& text, json_tree* tree, std::string* error) {
       [](std::istream& in, json_tree& parsed) { boost::property_tree::read_json(in, parsed); });
 }
 
-bool ReadAndParse(InputStream* stream, json_tree* tree, std::string* error,
-                  std::size_t max_size) {
+bool ReadAndParse(InputStream* stream, json_tree* tree, std::string* error, std::size_t max_size) {
   std::string body;
   if (!property_tree_text::ReadWholeBody(stream, &body, error, max_size)) {
     return false;

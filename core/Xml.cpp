@@ -92,8 +92,7 @@ bool Parse(const std::string& text, xml_tree* tree, std::string* error) {
       });
 }
 
-bool ReadAndParse(InputStream* stream, xml_tree* tree, std::string* error,
-                  std::size_t max_size) {
+bool ReadAndParse(InputStream* stream, xml_tree* tree, std::string* error, std::size_t max_size) {
   std::string body;
   if (!property_tree_text::ReadWholeBody(stream, &body, error, max_size)) {
     return false;

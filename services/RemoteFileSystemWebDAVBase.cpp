@@ -53,7 +53,8 @@ bool CheckPath(const std::string& path) {
 
 // Digits only, and no more than fit: a "-1" or a 21-digit number is no size.
 std::optional<std::uint64_t> ParseSize(const std::string& text) {
-  if (text.empty() || text.size() > 20 || text.find_first_not_of("0123456789") != std::string::npos) {
+  if (text.empty() || text.size() > 20 ||
+      text.find_first_not_of("0123456789") != std::string::npos) {
     return std::nullopt;
   }
   std::uint64_t value = 0;
@@ -77,10 +78,11 @@ bool ReadQuotaProperty(const utils::xml::xml_tree& tree, const std::string& name
   const std::string& text = node->data();
   const std::size_t begin = text.find_first_not_of(" \t\r\n");
   const std::size_t end = text.find_last_not_of(" \t\r\n");
-  *value = begin == std::string::npos ? std::nullopt
-                                      : ParseSize(text.substr(begin, end + 1 - begin));
+  *value =
+      begin == std::string::npos ? std::nullopt : ParseSize(text.substr(begin, end + 1 - begin));
   if (!*value) {
-    LOG_WARNING << "Invalid quota value of " << name << ": " << utils::SafePrintBinary(node->data());
+    LOG_WARNING << "Invalid quota value of " << name << ": "
+                << utils::SafePrintBinary(node->data());
     return false;
   }
   return true;

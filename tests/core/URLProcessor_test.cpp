@@ -522,8 +522,9 @@ TEST_F(URLProcessorTest, AnswersThatCannotBeTrustedFailTheRequest) {
        Result::TRANSFER_FAILED, "Content-Encoding that was not asked for; refused: "},
       {"redirect to itself", hostile::RedirectTo("/loop"), false, Result::HTTP_FAILED,
        "Number of redirects hit maximum"},
-      {"JSON page cut where it still parses", hostile::CutAfter("{\"a\":1}" + std::string(99, ' '), 7),
-       true, Result::TRANSFER_FAILED, "failed: "},
+      {"JSON page cut where it still parses",
+       hostile::CutAfter("{\"a\":1}" + std::string(99, ' '), 7), true, Result::TRANSFER_FAILED,
+       "failed: "},
       {"JSON page past its cap", hostile::Generated(64 * 1024 * 1024), true,
        Result::TRANSFER_FAILED, "Answer larger than 16777216 bytes; refused."},
   };
@@ -555,7 +556,8 @@ TEST_F(URLProcessorTest, AnswersThatCannotBeTrustedFailTheRequest) {
   std::string body;
   EXPECT_EQ(Exchange(Make("GET", "/loop"), &body), Result::HTTP_FAILED);
   EXPECT_EQ(http_->GetResponseCode(), 301);
-  EXPECT_EQ(server_.Requests().size(), static_cast<std::size_t>(CurlURLProcessor::kMaxRedirects + 1));
+  EXPECT_EQ(server_.Requests().size(),
+            static_cast<std::size_t>(CurlURLProcessor::kMaxRedirects + 1));
 }
 
 TEST_F(URLProcessorTest, ARedirectToAnotherHostCarriesNoCredentials) {
@@ -563,7 +565,8 @@ TEST_F(URLProcessorTest, ARedirectToAnotherHostCarriesNoCredentials) {
   storage.Handle("GET", "/blob", [](const HttpRequest&) { return HttpResponse::Status(200, "x"); });
   // The same machine under another name is another host to the client.
   const std::string elsewhere = "http://localhost:" + std::to_string(storage.Port()) + "/blob";
-  server_.Handle("GET", "/file", [&](const HttpRequest&) { return hostile::RedirectTo(elsewhere); });
+  server_.Handle("GET", "/file",
+                 [&](const HttpRequest&) { return hostile::RedirectTo(elsewhere); });
   const std::shared_ptr<const core::cookie::Cookie> accounts[] = {
       std::make_shared<core::cookie::CookieOAuth>("token-1"),
       std::make_shared<core::cookie::CookieWebDAVBase>("http://x", "anna", "pw")};

@@ -18,7 +18,9 @@ class RemoteFileSystem;
 
 namespace corvane {
 
+class Deadline;
 class Interrupter;
+class ServiceSession;
 
 constexpr int kExitUsage = 2;
 constexpr int kExitEnvironment = 3;
@@ -30,6 +32,8 @@ struct Context {
   std::ostream& out;
   std::ostream& err;
   RemoteFileSystem* fs = nullptr;  // set for the commands that reach a service
+  const ServiceSession* session = nullptr;
+  const Deadline* deadline = nullptr;  // set when --timeout was given
 };
 
 using CommandFunction = int (*)(Context& context);
@@ -47,7 +51,8 @@ struct Command {
 const Command* FindCommand(const std::string& name);
 
 // 0 for SUCCEEDED. Otherwise prints "corvane: WHAT: RESULT" with `detail` or else the adapter's
-// last error description, and answers 10 plus the result.
+// last error description, and answers 10 plus the result; kExitEnvironment for a FAILED that
+// came of a service out of reach.
 int Report(Context& context, FileSystem::Result result, const std::string& what,
            const std::string& detail = std::string());
 // Prints "corvane: MESSAGE" and answers `status`.

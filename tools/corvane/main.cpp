@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Command.h"
+#include "Deadline.h"
 #include "Interrupter.h"
 #include "Options.h"
 #include "ServiceSession.h"
@@ -72,10 +73,17 @@ int main(int argc, char** argv) {
       return corvane::kExitEnvironment;
     }
     context.fs = &session->fs();
+    context.session = session.get();
     interrupter.Watch(context.fs);
+  }
+  std::unique_ptr<corvane::Deadline> deadline;
+  if (options.timeout_seconds && context.fs) {
+    deadline = std::make_unique<corvane::Deadline>(context.fs, *options.timeout_seconds);
+    context.deadline = deadline.get();
   }
   // 3. The command.
   int status = command->run(context);
+  deadline.reset();
   interrupter.Watch(nullptr);
   session.reset();
   return status;
