@@ -68,7 +68,8 @@ std::optional<std::uint64_t> ParseSize(const std::string& text) {
   return value;
 }
 
-// An absent property is 0; a present one that is no size fails the answer.
+// An absent or empty property (a server without quota lists it empty under a 404 status) is 0;
+// one that holds something other than a size fails the answer.
 bool ReadQuotaProperty(const utils::xml::xml_tree& tree, const std::string& name,
                        std::optional<std::uint64_t>* value) {
   const auto node = tree.get_child_optional("multistatus.response.propstat.prop." + name);
@@ -78,8 +79,10 @@ bool ReadQuotaProperty(const utils::xml::xml_tree& tree, const std::string& name
   const std::string& text = node->data();
   const std::size_t begin = text.find_first_not_of(" \t\r\n");
   const std::size_t end = text.find_last_not_of(" \t\r\n");
-  *value =
-      begin == std::string::npos ? std::nullopt : ParseSize(text.substr(begin, end + 1 - begin));
+  if (begin == std::string::npos) {
+    return true;
+  }
+  *value = ParseSize(text.substr(begin, end + 1 - begin));
   if (!*value) {
     LOG_WARNING << "Invalid quota value of " << name << ": "
                 << utils::SafePrintBinary(node->data());
