@@ -3,8 +3,10 @@
 #include <curl/curl.h>
 
 #include <algorithm>
+#include <cctype>
 #include <cstring>
 #include <mutex>
+#include <string_view>
 
 #include "core/Cookie.h"
 #include "core/LoggerWrapper.h"
@@ -196,7 +198,8 @@ bool CurlURLProcessor::Begin(const Request& request, bool upload, std::uint64_t 
   transfer_done_ = aborted_by_stop_ = abandoned_ = upload_cut_ = false;
   curl_result_ = CURLE_OK;
   code_ = 0;
-  head_done_ = head_redirects_ = false;
+  head_done_ = head_redirects_ = refused_encoding_ = encoding_pending_ = false;
+  tx_on_wire_at_head_ = 0;
   rx_.clear();
   rx_pos_ = 0;
   rx_paused_ = discard_body_ = false;
@@ -254,6 +257,7 @@ void CurlURLProcessor::Configure(const Request& request, bool upload, std::uint6
   // our "Authorization" header when the host changes.
   follow_redirects_ = IsVerb(request.verb, "GET") || IsVerb(request.verb, "HEAD");
   curl_easy_setopt(easy_, CURLOPT_FOLLOWLOCATION, follow_redirects_ ? 1L : 0L);
+  curl_easy_setopt(easy_, CURLOPT_MAXREDIRS, kMaxRedirects);
   if (upload) {
     curl_easy_setopt(easy_, CURLOPT_UPLOAD, 1L);
     curl_easy_setopt(easy_, CURLOPT_INFILESIZE_LARGE, static_cast<curl_off_t>(length));
@@ -397,6 +401,12 @@ URLProcessor::Result CurlURLProcessor::Outcome() const {
   if (aborted_by_stop_ || stopped_) {
     return Result::STOPPED;
   }
+  if (refused_encoding_ || EarlySuccess()) {
+    return Result::TRANSFER_FAILED;
+  }
+  if (curl_result_ == CURLE_TOO_MANY_REDIRECTS) {
+    return Result::HTTP_FAILED;
+  }
   // An answer that came before the upload was all sent is the server's word on the request.
   bool early_answer = uploading_ && tx_sent_ < tx_total_;
   if (head_done_ && (curl_result_ == CURLE_OK || abandoned_ || early_answer)) {
@@ -439,8 +449,50 @@ URLProcessor::Result CurlURLProcessor::Finish() {
   // 2. Tell how it ended.
   in_request_ = false;
   last_result_ = Outcome();
+  if (EarlySuccess()) {
+    LOG_WARNING << "Answer " << code_ << " came when " << tx_on_wire_at_head_ << " of " << tx_total_
+                << " bytes of the upload were sent; the upload failed: " << url_;
+  }
   uploading_ = false;
   return last_result_;
+}
+
+bool CurlURLProcessor::EarlySuccess() const {
+  // Bytes handed to curl may still sit in its buffer: only those on the wire when the answer came
+  // can have been taken by the server.
+  return uploading_ && head_done_ && IsSuccessHttpCode(code_) &&
+         (tx_sent_ < tx_total_ || tx_on_wire_at_head_ < tx_total_);
+}
+
+bool CurlURLProcessor::AcceptsEncoding(std::string_view line) const {
+  std::string value;
+  for (char c : line.substr(line.find(':') + 1)) {
+    if (c != ' ' && c != '\t' && c != '\r' && c != '\n') {
+      value += static_cast<char>(std::tolower(static_cast<unsigned char>(c)));
+    }
+  }
+  return value.empty() || value == "identity" || (gzip_ && value == "gzip");
+}
+
+void CurlURLProcessor::EndOfHead() {
+  long code = 0;
+  curl_easy_getinfo(easy_, CURLINFO_RESPONSE_CODE, &code);
+  bool followed = head_redirects_ && code >= 300 && code < 400;
+  head_redirects_ = false;
+  bool refused = encoding_pending_;
+  encoding_pending_ = false;
+  if (code < 200 || followed) {
+    return;
+  }
+  code_ = static_cast<int>(code);
+  head_done_ = true;
+  curl_off_t on_wire = 0;
+  curl_easy_getinfo(easy_, CURLINFO_SIZE_UPLOAD_T, &on_wire);
+  tx_on_wire_at_head_ = static_cast<std::uint64_t>(on_wire);
+  if (refused) {
+    refused_encoding_ = true;
+    LOG_WARNING << "Answer in a Content-Encoding that was not asked for; refused: " << url_;
+  }
 }
 
 bool CurlURLProcessor::EarlyAnswerRead() const {
@@ -543,14 +595,14 @@ std::size_t CurlURLProcessor::OnHeader(char* data, std::size_t size, std::size_t
   if (line.size() > 9 && strncasecmp(data, "Location:", 9) == 0) {
     self->head_redirects_ = self->follow_redirects_;
   }
+  if (line.size() > 17 && strncasecmp(data, "Content-Encoding:", 17) == 0 &&
+      !self->AcceptsEncoding(line)) {
+    self->encoding_pending_ = true;
+  }
   if (line == "\r\n" || line == "\n") {
-    long code = 0;
-    curl_easy_getinfo(self->easy_, CURLINFO_RESPONSE_CODE, &code);
-    bool followed = self->head_redirects_ && code >= 300 && code < 400;
-    self->head_redirects_ = false;
-    if (code >= 200 && !followed) {
-      self->code_ = static_cast<int>(code);
-      self->head_done_ = true;
+    self->EndOfHead();
+    if (self->refused_encoding_) {
+      return 0;
     }
   }
   return length;

@@ -33,6 +33,8 @@ class CurlURLProcessor : public URLProcessor {
   // Uploads from this size on ask "Expect: 100-continue", so that a refusal costs no body.
   static constexpr std::uint64_t kExpectContinueFrom = 1024 * 1024;
   static constexpr int kDefaultTimeoutSec = 60;
+  // Enough for a download link that points at a storage host; a loop ends here.
+  static constexpr long kMaxRedirects = 5;
 
   // `verify_tls` false accepts any certificate: only for a loopback test server.
   explicit CurlURLProcessor(std::shared_ptr<const core::cookie::Cookie> cookie = nullptr,
@@ -82,6 +84,9 @@ class CurlURLProcessor : public URLProcessor {
   void Abort(bool stopped);
   Result Outcome() const;
   bool EarlyAnswerRead() const;
+  bool EarlySuccess() const;
+  bool AcceptsEncoding(std::string_view line) const;
+  void EndOfHead();
 
   InputStream::Result ReadBody(std::uint8_t* buffer, std::uint32_t size, std::uint32_t* done);
   OutputStream::Result WriteBody(const std::uint8_t* data, std::uint32_t size);
@@ -122,6 +127,9 @@ class CurlURLProcessor : public URLProcessor {
   bool head_done_ = false;
   bool head_redirects_ = false;
   bool follow_redirects_ = false;
+  bool encoding_pending_ = false;  // the head being read names an encoding not asked for
+  bool refused_encoding_ = false;  // the answer came in an encoding the request did not accept
+  std::uint64_t tx_on_wire_at_head_ = 0;  // upload bytes written when the final head came
   std::chrono::steady_clock::time_point last_progress_;
   Result last_result_ = Result::OK;
 

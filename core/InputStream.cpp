@@ -2,6 +2,9 @@
 
 #include <algorithm>
 #include <cstring>
+#include <new>
+
+#include "core/LoggerWrapper.h"
 
 const char* ToString(StreamResult result) {
   switch (result) {
@@ -21,12 +24,23 @@ std::ostream& operator<<(std::ostream& out, StreamResult result) {
   return out << ToString(result);
 }
 
-InputStream::Result InputStream::ReadAllTo(std::string* out, std::uint32_t block_size) {
+InputStream::Result InputStream::ReadAllTo(std::string* out, std::uint32_t block_size,
+                                           std::size_t max_size) {
   std::vector<std::uint8_t> block(std::max<std::uint32_t>(block_size, 1));
+  const std::size_t start = out->size();
   for (;;) {
     std::uint32_t done = 0;
     Result result = Read(block.data(), static_cast<std::uint32_t>(block.size()), &done);
-    out->append(reinterpret_cast<const char*>(block.data()), done);
+    if (out->size() - start + done > max_size) {
+      LOG_WARNING << "Answer larger than " << max_size << " bytes; refused.";
+      return Result::FAILED;
+    }
+    try {
+      out->append(reinterpret_cast<const char*>(block.data()), done);
+    } catch (const std::bad_alloc&) {
+      LOG_ERROR << "No memory for an answer of " << out->size() - start + done << " bytes.";
+      return Result::FAILED;
+    }
     if (result != Result::OK) {
       return result;
     }

@@ -8,6 +8,7 @@
 // 3 the end of the stream.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <ostream>
 #include <string>
@@ -28,9 +29,14 @@ class InputStream {
   // END, FAILED and STOPPED with `*done` == 0.
   virtual Result Read(std::uint8_t* buffer, std::uint32_t size, std::uint32_t* done) = 0;
 
+  // What an answer read whole into memory may hold unless its reader knows better: a page of a
+  // service's JSON is a few MB at most.
+  static constexpr std::size_t kMaxAnswerBytes = 16 * 1024 * 1024;
+
   // Appends the rest of the stream to `out`, reading `block_size` bytes at a time. Answers END when
-  // the whole body was read.
-  Result ReadAllTo(std::string* out, std::uint32_t block_size);
+  // the whole body was read, FAILED (with a log line) when it would grow past `max_size` bytes.
+  Result ReadAllTo(std::string* out, std::uint32_t block_size,
+                   std::size_t max_size = kMaxAnswerBytes);
 };
 
 class OutputStream {

@@ -18,9 +18,9 @@ bool Parse(const std::string& text, json_tree* tree, std::string* error) {
   return JsonParser(text).Parse(tree, error);
 }
 
-bool ReadAndParse(InputStream* stream, json_tree* tree, std::string* error) {
+bool ReadAndParse(InputStream* stream, json_tree* tree, std::string* error, std::size_t max_size) {
   std::string body;
-  if (!property_tree_text::ReadWholeBody(stream, &body, error)) {
+  if (!property_tree_text::ReadWholeBody(stream, &body, error, max_size)) {
     return false;
   }
   return Parse(body, tree, error);

@@ -10,6 +10,8 @@
 // Malformed or truncated input answers false with a description; nothing throws out.
 #pragma once
 
+#include "core/InputStream.h"
+
 #include <string>
 
 #include <boost/optional.hpp>
@@ -27,7 +29,9 @@ constexpr int kMaxNestingDepth = 512;
 
 bool Parse(const std::string& text, json_tree* tree, std::string* error = nullptr);
 // Reads the whole stream (4096 bytes at a time), then parses it.
-bool ReadAndParse(InputStream* stream, json_tree* tree, std::string* error);
+// The body may hold at most `max_size` bytes.
+bool ReadAndParse(InputStream* stream, json_tree* tree, std::string* error,
+                  std::size_t max_size = InputStream::kMaxAnswerBytes);
 // The member of an object by its key as it stands, dots and all ("@odata.nextLink").
 boost::optional<const json_tree&> Member(const json_tree& tree, const std::string& key);
 // The node at a "."-separated path of keys, if there is one.

@@ -11,8 +11,9 @@ void SetError(std::string* error, std::string text) {
   }
 }
 
-bool ReadWholeBody(InputStream* stream, std::string* body, std::string* error) {
-  InputStream::Result result = stream->ReadAllTo(body, 4096);
+bool ReadWholeBody(InputStream* stream, std::string* body, std::string* error,
+                   std::size_t max_size) {
+  InputStream::Result result = stream->ReadAllTo(body, 4096, max_size);
   if (result != InputStream::Result::END) {
     SetError(error, std::string("Failed to read the body: ") + ::ToString(result));
     return false;

@@ -15,8 +15,10 @@ namespace property_tree_text {
 
 void SetError(std::string* error, std::string text);
 
-// Appends the whole stream (4096 bytes at a time) to `*body`; false with the reason otherwise.
-bool ReadWholeBody(InputStream* stream, std::string* body, std::string* error);
+// Appends the whole stream (4096 bytes at a time) to `*body`; false with the reason otherwise,
+// also when it would hold more than `max_size` bytes.
+bool ReadWholeBody(InputStream* stream, std::string* body, std::string* error,
+                   std::size_t max_size);
 
 // Runs `read(std::istream&, ptree&)` over `text`; `*tree` is replaced only on success. `kind`
 // names the format in the error ("JSON").

@@ -129,11 +129,20 @@ URLProcessor::GetJSONAndResult(const DispatcherUrl& url, const std::vector<std::
   request.url = url;
   request.headers = headers;
   std::string body;
+  StreamResult read = StreamResult::FAILED;
   if (Send(request)) {
-    GetInputStream()->ReadAllTo(&body, 4096);
+    read = GetInputStream()->ReadAllTo(&body, 4096);
   }
   Result result = Finish();
   std::unique_ptr<utils::json::json_tree> tree;
+  if (read != StreamResult::END) {
+    // A page cut short may still parse; the caller would take it for the whole.
+    if (IsSuccessResult(result)) {
+      LOG_WARNING << "Answer of " << GetUrl() << " was not read whole: " << read;
+      result = Result::TRANSFER_FAILED;
+    }
+    return {std::move(tree), result};
+  }
   if (!body.empty()) {
     auto parsed = std::make_unique<utils::json::json_tree>();
     std::string error;

@@ -48,6 +48,21 @@ std::ostream& operator<<(std::ostream& out, URLProcessorResult result);
 // The result a completed transfer gets from its HTTP code.
 URLProcessorResult ResultFromHttpCode(int http_code);
 
+// The transfer went through and the server answered with a 2xx.
+inline bool IsSuccessResult(URLProcessorResult result) {
+  switch (result) {
+    case URLProcessorResult::OK:
+    case URLProcessorResult::CREATED:
+    case URLProcessorResult::ACCEPTED:
+    case URLProcessorResult::NO_CONTENT:
+    case URLProcessorResult::MULTI_STATUS:
+    case URLProcessorResult::PARTIAL_CONTENT:
+      return true;
+    default:
+      return false;
+  }
+}
+
 // Network failures: the request may go through if tried again later.
 inline bool IsNetworkErrorResult(URLProcessorResult result) {
   return result == URLProcessorResult::NETWORK_FAILED ||

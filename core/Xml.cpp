@@ -92,9 +92,9 @@ bool Parse(const std::string& text, xml_tree* tree, std::string* error) {
       });
 }
 
-bool ReadAndParse(InputStream* stream, xml_tree* tree, std::string* error) {
+bool ReadAndParse(InputStream* stream, xml_tree* tree, std::string* error, std::size_t max_size) {
   std::string body;
-  if (!property_tree_text::ReadWholeBody(stream, &body, error)) {
+  if (!property_tree_text::ReadWholeBody(stream, &body, error, max_size)) {
     return false;
   }
   return Parse(body, tree, error);

@@ -8,6 +8,8 @@
 // Malformed or truncated input answers false with a description; nothing throws out.
 #pragma once
 
+#include "core/InputStream.h"
+
 #include <string>
 
 #include <boost/property_tree/ptree.hpp>
@@ -24,7 +26,9 @@ constexpr int kMaxNestingDepth = 512;
 
 bool Parse(const std::string& text, xml_tree* tree, std::string* error = nullptr);
 // Reads the whole stream (4096 bytes at a time), then parses it.
-bool ReadAndParse(InputStream* stream, xml_tree* tree, std::string* error);
+// The body may hold at most `max_size` bytes.
+bool ReadAndParse(InputStream* stream, xml_tree* tree, std::string* error,
+                  std::size_t max_size = InputStream::kMaxAnswerBytes);
 // Drops the prefix of every element name ("D:href" becomes "href"); attributes stay as they are.
 void RemoveNamespaces(xml_tree* tree);
 std::string ToString(const xml_tree& tree);

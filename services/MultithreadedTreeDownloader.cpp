@@ -192,6 +192,19 @@ void MultithreadedTreeDownloader::ListWithRetries(const Query& query,
   }
 }
 
+FileSystem::Result MultithreadedTreeDownloader::ResultOfFailedListing(int code) {
+  switch (code) {
+    case 404:
+      return FileSystem::CONFLICT;
+    case 401:
+      // Refused credentials stay refused however often the folder is asked for.
+      LOG_WARNING << "Authorization failed (401).";
+      return FileSystem::AUTH_INVALID;
+    default:
+      return FileSystem::FAILED;
+  }
+}
+
 FileSystem::Result MultithreadedTreeDownloader::DownloadDir(
     const Query& query, const std::shared_ptr<URLProcessor>& processor) {
   const FileSystem::Result listed = listFolder_(query.path, processor);
@@ -219,7 +232,7 @@ FileSystem::Result MultithreadedTreeDownloader::DownloadDir(
       LOG_INFO << "Stopped.";
       return FileSystem::STOPPED;
     default:
-      return processor->GetResponseCode() == 404 ? FileSystem::CONFLICT : FileSystem::FAILED;
+      return ResultOfFailedListing(processor->GetResponseCode());
   }
 }
 

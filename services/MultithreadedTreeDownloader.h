@@ -86,6 +86,7 @@ class MultithreadedTreeDownloader : public Stoppable {
   void Worker(std::shared_ptr<URLProcessor> processor);
   void ListWithRetries(const Query& query, const std::shared_ptr<URLProcessor>& processor,
                        const std::string& responseHeaders);
+  static FileSystem::Result ResultOfFailedListing(int code);
   FileSystem::Result DownloadDir(const Query& query,
                                  const std::shared_ptr<URLProcessor>& processor);
   void WaitForRateLimit(const std::string& responseHeaders, int* delay);

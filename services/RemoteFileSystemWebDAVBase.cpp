@@ -1,6 +1,7 @@
 #include "services/RemoteFileSystemWebDAVBase.h"
 
 #include <QCoreApplication>
+#include <optional>
 
 #include "core/Clock.h"
 #include "core/LoggerWrapper.h"
@@ -23,6 +24,8 @@ constexpr char kQuotaBody[] =
     "<D:propfind xmlns:D=\"DAV:\">  <D:prop>   <D:quota-available-bytes/>   "
     "<D:quota-used-bytes/>  </D:prop></D:propfind>";
 constexpr char kXmlContentType[] = "application/xml";
+// A Depth: 0 answer about the root holds two numbers; anything near this size is not one.
+constexpr std::size_t kMaxQuotaAnswerBytes = 1024 * 1024;
 
 std::int64_t NowSec() {
   return utils::GetClock().NowMs() / 1000;
@@ -46,6 +49,68 @@ bool CheckPath(const std::string& path) {
   }
   LOG_ERROR << "Invalid path.";
   return false;
+}
+
+// Digits only, and no more than fit: a "-1" or a 21-digit number is no size.
+std::optional<std::uint64_t> ParseSize(const std::string& text) {
+  if (text.empty() || text.size() > 20 ||
+      text.find_first_not_of("0123456789") != std::string::npos) {
+    return std::nullopt;
+  }
+  std::uint64_t value = 0;
+  for (char digit : text) {
+    const auto add = static_cast<std::uint64_t>(digit - '0');
+    if (value > (UINT64_MAX - add) / 10) {
+      return std::nullopt;
+    }
+    value = value * 10 + add;
+  }
+  return value;
+}
+
+// An absent or empty property (a server without quota lists it empty under a 404 status) is 0;
+// one that holds something other than a size fails the answer.
+bool ReadQuotaProperty(const utils::xml::xml_tree& tree, const std::string& name,
+                       std::optional<std::uint64_t>* value) {
+  const auto node = tree.get_child_optional("multistatus.response.propstat.prop." + name);
+  if (!node) {
+    return true;
+  }
+  const std::string& text = node->data();
+  const std::size_t begin = text.find_first_not_of(" \t\r\n");
+  const std::size_t end = text.find_last_not_of(" \t\r\n");
+  if (begin == std::string::npos) {
+    return true;
+  }
+  *value = ParseSize(text.substr(begin, end + 1 - begin));
+  if (!*value) {
+    LOG_WARNING << "Invalid quota value of " << name << ": "
+                << utils::SafePrintBinary(node->data());
+    return false;
+  }
+  return true;
+}
+
+FileSystem::Result ReadQuota(utils::xml::xml_tree* tree, std::uint64_t* total,
+                             std::uint64_t* used) {
+  utils::xml::RemoveNamespaces(tree);
+  std::optional<std::uint64_t> usedBytes;
+  std::optional<std::uint64_t> availableBytes;
+  if (!ReadQuotaProperty(*tree, "quota-used-bytes", &usedBytes) ||
+      !ReadQuotaProperty(*tree, "quota-available-bytes", &availableBytes)) {
+    return FileSystem::FAILED;
+  }
+  *used = usedBytes.value_or(0);
+  if (availableBytes && *availableBytes > UINT64_MAX - *used) {
+    LOG_WARNING << "Quota out of range: " << *availableBytes << " available and " << *used
+                << " used.";
+    return FileSystem::FAILED;
+  }
+  *total = availableBytes ? *availableBytes + *used : 0;
+  if (*total == 0) {
+    utils::xml::Log(*tree);
+  }
+  return FileSystem::SUCCEEDED;
 }
 
 bool IsReadGood(URLProcessor::Result result) {
@@ -270,9 +335,11 @@ FileSystem::Result RemoteFileSystemWebDAVBase::GetCloudSize(std::uint64_t* total
   request.body = kQuotaBody;
   request.content_type = kXmlContentType;
   utils::xml::xml_tree tree;
+  std::string error = "no answer";
+  bool parsed = false;
   if (urlProcessor_->Send(request)) {
-    std::string error;
-    utils::xml::ReadAndParse(urlProcessor_->GetInputStream(), &tree, &error);
+    parsed = utils::xml::ReadAndParse(urlProcessor_->GetInputStream(), &tree, &error,
+                                      kMaxQuotaAnswerBytes);
   }
   const URLProcessor::Result result = urlProcessor_->Finish();
   SetFailReason(result, -1);
@@ -283,15 +350,11 @@ FileSystem::Result RemoteFileSystemWebDAVBase::GetCloudSize(std::uint64_t* total
     }
     return GetResultFromHttpCodeOrFailed(urlProcessor_->GetResponseCode());
   }
-  utils::xml::RemoveNamespaces(&tree);
-  const std::string prop = "multistatus.response.propstat.prop.";
-  *used = tree.get_optional<std::uint64_t>(prop + "quota-used-bytes").value_or(0);
-  const auto available = tree.get_optional<std::uint64_t>(prop + "quota-available-bytes");
-  *total = available ? *available + *used : 0;
-  if (*total == 0) {
-    utils::xml::Log(tree);
+  if (!parsed) {
+    LOG_WARNING << "Failed to parse quota answer: " << error;
+    return FAILED;
   }
-  return SUCCEEDED;
+  return ReadQuota(&tree, total, used);
 }
 
 FileSystem::Result RemoteFileSystemWebDAVBase::ListFolderDepth1(const std::string& path,
@@ -375,6 +438,11 @@ FileSystem::Result RemoteFileSystemWebDAVBase::GetFolderListing(const std::strin
   }
   const URLProcessor::Result result = urlProcessor_->Finish();
   SetFailReason(result, -1);
+  if (IsNetworkErrorResult(result)) {
+    // What arrived before the break is not the folder: its missing entries would read as deleted.
+    LOG_WARNING << "Folder listing is incomplete: " << path << " (" << result << ").";
+    return FAILED;
+  }
   if (result == URLProcessor::Result::MULTI_STATUS) {
     if (parseOk) {
       return SUCCEEDED;
@@ -514,9 +582,15 @@ FileSystem::Result RemoteFileSystemWebDAVBase::WriteFile(const std::uint8_t* dat
     case URLProcessor::Result::STOPPED:
       LOG_INFO << "Stopped.";
       return STOPPED;
+    case URLProcessor::Result::HTTP_FAILED:
+      if (urlProcessor_->GetResponseCode() == 401) {
+        // Refused credentials do not heal by sending again: the same answer as for any verb.
+        return GetResultFromHttpCodeOrFailed(401);
+      }
+      LOG_WARNING << "Failed.";
+      return FAILED;
     case URLProcessor::Result::NETWORK_FAILED:
     case URLProcessor::Result::TRANSFER_FAILED:
-    case URLProcessor::Result::HTTP_FAILED:
       LOG_WARNING << "Failed.";
       return FAILED;
     case URLProcessor::Result::FORBIDDEN:

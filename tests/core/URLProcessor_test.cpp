@@ -337,9 +337,11 @@ TEST_F(URLProcessorTest, EarlyAnswerDuringAnUploadFailsTheWriteAndTellsTheCode) 
     bool expect_continue;  // else the body goes at once and the answer comes while it flows
     Result expected;
   };
+  // A success that came before the body went out stored nothing the client sent.
   const Case cases[] = {{413, true, Result::HTTP_FAILED},
                         {503, true, Result::HTTP_FAILED},
-                        {201, true, Result::CREATED},
+                        {201, true, Result::TRANSFER_FAILED},
+                        {200, false, Result::TRANSFER_FAILED},
                         {403, false, Result::FORBIDDEN}};
   constexpr std::uint64_t kLength = 64 * 1024 * 1024;
   for (const Case& c : cases) {
@@ -366,7 +368,10 @@ TEST_F(URLProcessorTest, EarlyAnswerDuringAnUploadFailsTheWriteAndTellsTheCode) 
     std::string body;
     http_->GetInputStream()->ReadAllTo(&body, 4096);
     EXPECT_EQ(body, "{\"why\":\"early\"}");
+    LoggerWrapper::Capture log;
     EXPECT_EQ(http_->Finish(), c.expected);
+    EXPECT_EQ(log.Contains("bytes of the upload were sent; the upload failed: "),
+              c.expected == Result::TRANSFER_FAILED);
     EXPECT_EQ(server_.Requests().back().Header("Expect"), c.expect_continue ? "100-continue" : "");
   }
 }
@@ -481,3 +486,99 @@ TEST_F(URLProcessorTest, GetJSONAndResultParsesTheAnswer) {
 }
 
 }  // namespace
+
+namespace hostile {
+
+HttpResponse RedirectTo(const std::string& location) {
+  HttpResponse response = HttpResponse::Status(301);
+  response.headers = {{"Location", location}};
+  return response;
+}
+
+HttpResponse CutAfter(std::string body, std::uint64_t cut) {
+  HttpResponse response = HttpResponse::Status(200, std::move(body));
+  response.cut_after = cut;
+  return response;
+}
+
+HttpResponse Generated(std::uint64_t size) {
+  HttpResponse response = HttpResponse::Status(200);
+  response.generated_size = size;
+  return response;
+}
+
+}  // namespace hostile
+
+TEST_F(URLProcessorTest, AnswersThatCannotBeTrustedFailTheRequest) {
+  struct Case {
+    const char* name;
+    HttpResponse answer;
+    bool json;  // read through GetJSONAndResult, else as a plain body
+    Result expected;
+    const char* log;
+  };
+  const Case cases[] = {
+      {"gzip nobody asked for", HttpResponse::Gzipped(200, std::string(5000, 'g')), false,
+       Result::TRANSFER_FAILED, "Content-Encoding that was not asked for; refused: "},
+      {"redirect to itself", hostile::RedirectTo("/loop"), false, Result::HTTP_FAILED,
+       "Number of redirects hit maximum"},
+      {"JSON page cut where it still parses",
+       hostile::CutAfter("{\"a\":1}" + std::string(99, ' '), 7), true, Result::TRANSFER_FAILED,
+       "failed: "},
+      {"JSON page past its cap", hostile::Generated(64 * 1024 * 1024), true,
+       Result::TRANSFER_FAILED, "Answer larger than 16777216 bytes; refused."},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    server_.ClearRequests();
+    server_.Handle("GET", "/loop", [&c](const HttpRequest&) { return c.answer; });
+    LoggerWrapper::Capture log;
+    Result result = Result::OK;
+    if (c.json) {
+      std::unique_ptr<utils::json::json_tree> tree;
+      std::tie(tree, result) =
+          http_->GetJSONAndResult(DispatcherUrl::FromString(server_.BaseUrl() + "/loop"), {});
+      EXPECT_EQ(tree, nullptr);
+    } else {
+      std::string body;
+      StreamResult read = StreamResult::FAILED;  // stays so when no answer's head came
+      result = Exchange(Make("GET", "/loop"), &body, &read);
+      EXPECT_NE(read, StreamResult::END);
+      EXPECT_EQ(body.find('g'), std::string::npos) << "compressed bytes passed as content";
+    }
+    EXPECT_EQ(result, c.expected);
+    EXPECT_TRUE(log.Contains(c.log));
+  }
+  // A handful of redirects, then the loop is broken off.
+  EXPECT_EQ(server_.Requests().size(), 1u);
+  server_.ClearRequests();
+  server_.Handle("GET", "/loop", [](const HttpRequest&) { return hostile::RedirectTo("/loop"); });
+  std::string body;
+  EXPECT_EQ(Exchange(Make("GET", "/loop"), &body), Result::HTTP_FAILED);
+  EXPECT_EQ(http_->GetResponseCode(), 301);
+  EXPECT_EQ(server_.Requests().size(),
+            static_cast<std::size_t>(CurlURLProcessor::kMaxRedirects + 1));
+}
+
+TEST_F(URLProcessorTest, ARedirectToAnotherHostCarriesNoCredentials) {
+  emulators::HttpServer storage;
+  storage.Handle("GET", "/blob", [](const HttpRequest&) { return HttpResponse::Status(200, "x"); });
+  // The same machine under another name is another host to the client.
+  const std::string elsewhere = "http://localhost:" + std::to_string(storage.Port()) + "/blob";
+  server_.Handle("GET", "/file",
+                 [&](const HttpRequest&) { return hostile::RedirectTo(elsewhere); });
+  const std::shared_ptr<const core::cookie::Cookie> accounts[] = {
+      std::make_shared<core::cookie::CookieOAuth>("token-1"),
+      std::make_shared<core::cookie::CookieWebDAVBase>("http://x", "anna", "pw")};
+  for (const auto& account : accounts) {
+    auto http = std::make_shared<CurlURLProcessor>(account);
+    ASSERT_TRUE(http->Open(nullptr));
+    ASSERT_TRUE(http->Send(Make("GET", "/file")));
+    std::string body;
+    http->GetInputStream()->ReadAllTo(&body, 4096);
+    EXPECT_EQ(http->Finish(), Result::OK);
+    EXPECT_EQ(body, "x");
+    EXPECT_TRUE(server_.Requests().back().HasHeader("Authorization"));
+    EXPECT_FALSE(storage.Requests().back().HasHeader("Authorization"));
+  }
+}

@@ -2,6 +2,7 @@
 // with mod_dav_fs), judged by its output, its exit status and the files in the server's folder.
 #include <fcntl.h>
 #include <pwd.h>
+#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -29,6 +30,7 @@
 #include "emulators/HttpServer.h"
 #include "support/DavServer.h"
 #include "support/Processes.h"
+#include "support/WebDavTesting.h"
 
 namespace {
 
@@ -73,8 +75,6 @@ std::vector<std::string> PrintedPaths(const std::string& out) {
   }
   return paths;
 }
-
-using Environment = std::vector<std::pair<std::string, std::string>>;
 
 Outcome RunTool(std::vector<std::string> args, const fs::path& dir,
                 const Environment& environment = {}) {
@@ -479,3 +479,297 @@ TEST(CorvaneCommandLineTest, ServiceWithoutAdapterAndTokenSecrecy) {
 }
 
 }  // namespace
+
+// The tool against a programmable server that misbehaves as real ones do: each failure must be
+// told by its exit status and its log line, and must cost the user nothing.
+class CorvaneHostileServerTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    server_.Handle("PROPFIND", "/dav", [](const emulators::HttpRequest&) { return Quota("5000"); });
+    server_.Handle("PROPFIND", "/dav/", [](const emulators::HttpRequest&) {
+      return emulators::HttpResponse::Status(
+          207, test::Multistatus({{"/dav/", true},
+                                  {"/dav/sub/", true},
+                                  {"/dav/f.txt", false, 5, "\"e1\""},
+                                  {"/dav/big.bin", false, 2 * 1024 * 1024, "\"e2\""}}));
+    });
+  }
+
+  static emulators::HttpResponse Quota(const std::string& available) {
+    return emulators::HttpResponse::Status(
+        207,
+        "<?xml version=\"1.0\"?><d:multistatus xmlns:d=\"DAV:\"><d:response><d:href>/dav/"
+        "</d:href><d:propstat><d:prop><d:quota-available-bytes>" +
+            available +
+            "</d:quota-available-bytes><d:quota-used-bytes>100</d:quota-used-bytes></d:prop>"
+            "<d:status>HTTP/1.1 200 OK</d:status></d:propstat></d:response></d:multistatus>");
+  }
+
+  Outcome Tool(std::vector<std::string> args, const std::string& url = std::string()) {
+    std::vector<std::string> account = {
+        "--service", "webdav", "--url", url.empty() ? server_.BaseUrl() + "/dav" : url,
+        "--user",    "u",      "--log", (temp_.path() / "log").string()};
+    args.insert(args.begin(), account.begin(), account.end());
+    return RunTool(args, temp_.path(), {{"CORVANE_PASSWORD", "p"}});
+  }
+
+  std::string Log() const { return ReadAll(temp_.path() / "log"); }
+
+  emulators::HttpServer server_;
+  TempDir temp_;
+};
+
+TEST_F(CorvaneHostileServerTest, BrokenAnswersFailWithTheirStatusAndLogLine) {
+  constexpr int kAuthInvalid = 16;
+  const std::string gigabyte_hint = "Answer larger than 1048576 bytes; refused.";
+  struct Case {
+    const char* name;
+    std::string verb;
+    std::string path;
+    emulators::HttpResponse answer;
+    emulators::BodyMode mode;
+    std::vector<std::string> args;
+    int status;
+    std::string log;
+  };
+  auto cut = [](emulators::HttpResponse response, std::uint64_t after) {
+    response.cut_after = after;
+    return response;
+  };
+  auto redirect = emulators::HttpResponse::Status(301);
+  redirect.headers = {{"Location", "/dav/f.txt"}};
+  const std::string listing =
+      test::Multistatus({{"/dav/sub/", true}, {"/dav/sub/a.txt", false, 1, "\"a\""}});
+  const Case cases[] = {
+      {"listing cut after the 207 head",
+       "PROPFIND",
+       "/dav/sub/",
+       cut(emulators::HttpResponse::Status(207, listing), 120),
+       emulators::BodyMode::kStore,
+       {"ls", "sub"},
+       kFailed,
+       "Folder listing is incomplete: sub"},
+      {"file of a broken listing is not missing",
+       "PROPFIND",
+       "/dav/sub/",
+       cut(emulators::HttpResponse::Status(207, listing), 120),
+       emulators::BodyMode::kStore,
+       {"rm", "sub/a.txt"},
+       kFailed,
+       "Folder listing is incomplete: sub"},
+      {"unparsable quota",
+       "PROPFIND",
+       "/dav",
+       Quota("lots"),
+       emulators::BodyMode::kStore,
+       {"quota"},
+       kFailed,
+       "Invalid quota value of quota-available-bytes: lots"},
+      {"quota past 2^64",
+       "PROPFIND",
+       "/dav",
+       Quota("18446744073709551600"),
+       emulators::BodyMode::kStore,
+       {"quota"},
+       kFailed,
+       "Quota out of range: "},
+      {"early 201 to an upload",
+       "PUT",
+       "/dav/up.bin",
+       emulators::HttpResponse::Status(201),
+       emulators::BodyMode::kAnswerFirst,
+       {"put", "big.local", "up.bin"},
+       kFailed,
+       "bytes of the upload were sent; the upload failed: "},
+      {"401 to an upload",
+       "PUT",
+       "/dav/up.bin",
+       emulators::HttpResponse::Status(401),
+       emulators::BodyMode::kAnswerFirst,
+       {"put", "big.local", "up.bin"},
+       kAuthInvalid,
+       "Authorization failed (401)."},
+      {"401 in the middle of a walk",
+       "PROPFIND",
+       "/dav/sub/",
+       emulators::HttpResponse::Status(401),
+       emulators::BodyMode::kStore,
+       {"tree"},
+       kAuthInvalid,
+       "Got error from download thread: AUTH_INVALID"},
+      {"gzip nobody asked for",
+       "GET",
+       "/dav/f.txt",
+       emulators::HttpResponse::Gzipped(200, "hello"),
+       emulators::BodyMode::kStore,
+       {"get", "f.txt", "-"},
+       kFailed,
+       "Content-Encoding that was not asked for; refused: "},
+      {"redirect to itself",
+       "GET",
+       "/dav/f.txt",
+       redirect,
+       emulators::BodyMode::kStore,
+       {"get", "f.txt", "-"},
+       kFailed,
+       "Number of redirects hit maximum"},
+  };
+  WriteAll(temp_.path() / "big.local", RandomBytes(2 * 1024 * 1024, 3));
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    server_.Handle(
+        c.verb, c.path, [&c](const emulators::HttpRequest&) { return c.answer; },
+        emulators::Match::kExact, c.mode);
+    std::vector<std::string> args = c.args;
+    for (std::string& arg : args) {
+      if (arg == "big.local") {
+        arg = (temp_.path() / arg).string();
+      }
+    }
+    fs::remove(temp_.path() / "log");
+    Outcome run = Tool(args);
+    EXPECT_EQ(run.status, c.status) << run.err;
+    EXPECT_THAT(Log(), HasSubstr(c.log));
+    EXPECT_EQ(run.out.find("hello"), std::string::npos);
+    SetUp();  // the next case starts from a well-behaved server
+  }
+}
+
+TEST_F(CorvaneHostileServerTest, AFailedGetLeavesTheLocalFileAsItWas) {
+  auto reset = emulators::HttpResponse::Status(200, "fresh");
+  reset.reset = true;
+  auto cut = emulators::HttpResponse::Status(200, "fresh");
+  cut.cut_after = 2;
+  auto moved = emulators::HttpResponse::Status(200, "fresh");
+  moved.headers = {{"ETag", "\"other\""}};
+  struct Case {
+    const char* name;
+    emulators::HttpResponse answer;
+    int status;
+    std::string log;
+  };
+  const Case cases[] = {
+      {"reset before the answer", reset, 3, "Failed to read response code"},
+      {"cut", cut, kFailed, "failed: "},
+      {"stall past the timeout", emulators::HttpResponse::Trickling(400), kStopped, "Stopped."},
+      {"content of another version", moved, kFailed, "Invalid content received"},
+  };
+  const std::string precious = RandomBytes(3000, 5);
+  const fs::path target = temp_.path() / "local.txt";
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    WriteAll(target, precious);
+    server_.Handle("GET", "/dav/f.txt", [&c](const emulators::HttpRequest&) { return c.answer; });
+    fs::remove(temp_.path() / "log");
+    auto start = std::chrono::steady_clock::now();
+    Outcome run = Tool({"--timeout", "1", "get", "f.txt", target.string()});
+    EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+    EXPECT_EQ(run.status, c.status) << run.err;
+    EXPECT_THAT(Log(), HasSubstr(c.log));
+    EXPECT_EQ(ReadAll(target), precious);
+    std::size_t files = 0;
+    for ([[maybe_unused]] const auto& entry : fs::directory_iterator(temp_.path())) {
+      ++files;
+    }
+    EXPECT_EQ(files, 4u) << "a temporary file was left behind";  // local.txt, log, stdout, stderr
+    if (c.status == kStopped) {
+      EXPECT_THAT(run.err, HasSubstr(": STOPPED: timed out after 1 s"));
+    }
+  }
+  // A read that goes well replaces the file, with the permissions it had.
+  fs::permissions(target, fs::perms::owner_read | fs::perms::owner_write);
+  server_.Handle("GET", "/dav/f.txt", [](const emulators::HttpRequest&) {
+    return emulators::HttpResponse::Status(200, "fresh");
+  });
+  Outcome run = Tool({"get", "f.txt", target.string()});
+  EXPECT_EQ(run.status, 0) << run.err;
+  EXPECT_EQ(ReadAll(target), "fresh");
+  EXPECT_EQ(fs::status(target).permissions(), fs::perms::owner_read | fs::perms::owner_write);
+}
+
+TEST_F(CorvaneHostileServerTest, AGigabyteQuotaAnswerCostsLittleMemory) {
+  server_.Handle("PROPFIND", "/dav", [](const emulators::HttpRequest&) {
+    emulators::HttpResponse response = emulators::HttpResponse::Status(207);
+    response.generated_size = std::uint64_t{1} << 30;
+    return response;
+  });
+  pid_t pid =
+      StartProcess({CORVANE_TOOL_PATH, "--service", "webdav", "--url", server_.BaseUrl() + "/dav",
+                    "--log", (temp_.path() / "log").string(), "quota"},
+                   temp_.path());
+  int status = 0;
+  rusage usage{};
+  ASSERT_EQ(::wait4(pid, &status, 0, &usage), pid);
+  ASSERT_TRUE(WIFEXITED(status));
+  EXPECT_EQ(WEXITSTATUS(status), kFailed);
+  EXPECT_THAT(Log(), HasSubstr("Answer larger than 1048576 bytes; refused."));
+  EXPECT_THAT(ReadAll(temp_.path() / "stderr"), HasSubstr("quota: GetCloudSize: FAILED"));
+  // ru_maxrss is in KiB. The sanitizers' shadow memory is no part of what the tool holds.
+#if defined(__SANITIZE_ADDRESS__)
+  constexpr long kLimitKiB = 256 * 1024;
+#else
+  constexpr long kLimitKiB = 64 * 1024;
+#endif
+  EXPECT_LT(usage.ru_maxrss, kLimitKiB) << "peak memory of quota against a 1 GiB answer";
+}
+
+TEST_F(CorvaneHostileServerTest, ARefusedConnectionIsAServiceOutOfReach) {
+  Outcome run = Tool({"ls"}, "http://127.0.0.1:1/dav");
+  EXPECT_EQ(run.status, 3) << run.err;
+  EXPECT_THAT(run.err, HasSubstr("ls: GetFolderListing: FAILED: the service cannot be reached"));
+  EXPECT_THAT(Log(), HasSubstr("failed: Couldn't connect to server"));
+}
+
+TEST_F(CorvaneHostileServerTest, NamesCanNeitherForgeLinesNorBreakJson) {
+  // Percent-encoded in the listing as a server sends them: LF, CR, ESC, tab, a lone 0xFF.
+  server_.Handle("PROPFIND", "/dav/", [](const emulators::HttpRequest&) {
+    return emulators::HttpResponse::Status(
+        207, test::Multistatus({{"/dav/", true},
+                                {"/dav/a%0Afile%20x", false, 1, "\"1\""},
+                                {"/dav/b%0Dc", false, 1, "\"2\""},
+                                {"/dav/%1B%5B31mred", false, 1, "\"3\""},
+                                {"/dav/t%09ab", false, 1, "\"4\""},
+                                {"/dav/bad%FFbyte", false, 1, "\"5\""}}));
+  });
+  Outcome text = Tool({"ls"});
+  ASSERT_EQ(text.status, 0) << text.err;
+  const std::vector<std::string> lines = Lines(text.out);
+  EXPECT_EQ(lines.size(), 5u) << text.out;
+  for (char raw : {'\r', '\x1b', '\t'}) {
+    EXPECT_EQ(text.out.find(raw), std::string::npos) << static_cast<int>(raw);
+  }
+  EXPECT_THAT(text.out, HasSubstr("a\\x0afile x"));
+  EXPECT_THAT(text.out, HasSubstr("\\x1b[31mred"));
+  EXPECT_THAT(text.out, HasSubstr("bad\\xffbyte"));
+
+  Outcome json = Tool({"ls", "--json"});
+  ASSERT_EQ(json.status, 0) << json.err;
+  std::vector<std::string> paths;
+  for (const std::string& line : Lines(json.out)) {
+    QJsonParseError error{};
+    QJsonDocument document = QJsonDocument::fromJson(QByteArray::fromStdString(line), &error);
+    EXPECT_EQ(error.error, QJsonParseError::NoError) << line;
+    // Qt replaces invalid UTF-8 on its own: the bytes must already be valid.
+    EXPECT_TRUE(QString::fromUtf8(line.data(), static_cast<int>(line.size())).toUtf8() ==
+                QByteArray::fromStdString(line))
+        << line;
+    paths.push_back(document.object()["path"].toString().toStdString());
+  }
+  EXPECT_EQ(paths, (std::vector<std::string>{"\x1b[31mred", "a\nfile x", "b\rc",
+                                             "bad\xef\xbf\xbd"
+                                             "byte",
+                                             "t\tab"}));
+}
+
+TEST_F(CorvaneHostileServerTest, TheTimeoutEndsAWalkThatRetriesWithoutEnd) {
+  // A folder that always fails is retried for as long as the walk runs; only a stop ends it.
+  server_.Handle("PROPFIND", "/dav/sub/", [](const emulators::HttpRequest&) {
+    return emulators::HttpResponse::Status(500);
+  });
+  auto start = std::chrono::steady_clock::now();
+  Outcome run = Tool({"--timeout", "1", "tree"});
+  EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(5));
+  EXPECT_EQ(run.status, kStopped) << run.err;
+  EXPECT_THAT(run.err, HasSubstr("tree: GetFullTree: STOPPED: timed out after 1 s"));
+  EXPECT_THAT(Log(), HasSubstr("Failed downloading directory: FAILED"));
+}

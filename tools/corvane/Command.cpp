@@ -4,6 +4,8 @@
 #include <vector>
 
 #include "AccountTree.h"
+#include "Deadline.h"
+#include "ServiceSession.h"
 #include "core/RemoteFileSystem.h"
 
 namespace corvane {
@@ -38,16 +40,22 @@ int Report(Context& context, FileSystem::Result result, const std::string& what,
   if (result == FileSystem::SUCCEEDED) {
     return 0;
   }
-  context.err << "corvane: " << what << ": " << FileSystem::ResultName(result);
+  context.err << "corvane: " << TerminalText(what) << ": " << FileSystem::ResultName(result);
   std::string description = detail;
-  if (description.empty() && context.fs) {
+  const bool unreachable =
+      result == FileSystem::FAILED && context.session && context.session->ServiceUnreachable();
+  if (unreachable) {
+    description = "the service cannot be reached";
+  } else if (result == FileSystem::STOPPED && context.deadline && context.deadline->Expired()) {
+    description = "timed out after " + std::to_string(context.deadline->Seconds()) + " s";
+  } else if (description.empty() && context.fs) {
     description = context.fs->GetLastErrorDescription().toStdString();
   }
   if (!description.empty()) {
-    context.err << ": " << description;
+    context.err << ": " << TerminalText(description);
   }
   context.err << std::endl;
-  return kExitResultBase + static_cast<int>(result);
+  return unreachable ? kExitEnvironment : kExitResultBase + static_cast<int>(result);
 }
 
 int Fail(Context& context, int status, const std::string& message) {

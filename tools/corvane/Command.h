@@ -19,7 +19,9 @@ class RemoteFileSystem;
 namespace corvane {
 
 class AccountTree;
+class Deadline;
 class Interrupter;
+class ServiceSession;
 
 constexpr int kExitUsage = 2;
 constexpr int kExitEnvironment = 3;
@@ -32,6 +34,8 @@ struct Context {
   std::ostream& err;
   RemoteFileSystem* fs = nullptr;  // set for the commands that reach a service
   AccountTree* tree = nullptr;     // likewise: where items are found
+  const ServiceSession* session = nullptr;
+  const Deadline* deadline = nullptr;  // set when --timeout was given
 };
 
 using CommandFunction = int (*)(Context& context);
@@ -49,7 +53,8 @@ struct Command {
 const Command* FindCommand(const std::string& name);
 
 // 0 for SUCCEEDED. Otherwise prints "corvane: WHAT: RESULT" with `detail` or else the adapter's
-// last error description, and answers 10 plus the result.
+// last error description, and answers 10 plus the result; kExitEnvironment for a FAILED that
+// came of a service out of reach.
 int Report(Context& context, FileSystem::Result result, const std::string& what,
            const std::string& detail = std::string());
 // Prints "corvane: MESSAGE" and answers `status`.

@@ -69,6 +69,7 @@ const std::map<std::string, OptionRule>& Rules() {
       {"endpoint", {true, false, AddEndpoint}},
       {"log", {true, false, Text(&Options::log_file)}},
       {"json", {false, false, Flag(&Options::json)}},
+      {"timeout", {true, false, Number("timeout", &Options::timeout_seconds)}},
       {"offset", {true, true, Number("offset", &Options::offset)}},
       {"limit", {true, true, Number("limit", &Options::limit)}},
       {"overwrite", {false, true, Flag(&Options::overwrite)}},
@@ -164,6 +165,7 @@ Options (before or after the command):
   --endpoint NAME=URL   point one service endpoint elsewhere (repeatable)
   --log FILE            append the library's log lines to FILE
   --json                one JSON object a line
+  --timeout SECONDS     stop the command when it has run this long (exit 11, STOPPED)
 
 Commands:
   tree                          the whole tree, sorted by path, and a summary

@@ -1,7 +1,8 @@
 // Options: the command line of corvane, with the environment's defaults.
 //
 //   corvane [--service NAME] [--root PATH] [--url URL] [--user U] [--password P] [--token T]
-//           [--endpoint NAME=URL]... [--log FILE] [--json] COMMAND [ARGS] [command options]
+//           [--endpoint NAME=URL]... [--log FILE] [--json] [--timeout SECONDS]
+//           COMMAND [ARGS] [command options]
 //
 // Options may stand before or after the command; "--" ends them. Each command accepts only the
 // command options it has a use for, so that a mistyped line fails instead of doing something else.
@@ -29,6 +30,7 @@ struct Options {
   // The output.
   std::string log_file;
   bool json = false;
+  std::optional<std::uint64_t> timeout_seconds;  // the command is stopped when it runs out
 
   // Command options; `given` names those that appeared, for the command to vet.
   std::optional<std::uint64_t> offset;

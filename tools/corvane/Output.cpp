@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstdio>
 #include <ctime>
+#include <optional>
 #include <sstream>
 #include <utility>
 
@@ -94,36 +95,97 @@ std::vector<Item> ListingItems(const std::string& folder,
   return items;
 }
 
+namespace {
+
+// The code point of the UTF-8 sequence at the start of `text` and its length; nothing for a byte
+// that starts no valid sequence (stray continuation, overlong form, surrogate, beyond U+10FFFF).
+std::optional<std::pair<char32_t, std::size_t>> NextCodePoint(std::string_view text) {
+  const auto lead = static_cast<unsigned char>(text[0]);
+  if (lead < 0x80) {
+    return std::make_pair(static_cast<char32_t>(lead), std::size_t{1});
+  }
+  std::size_t length = lead >= 0xF0 ? 4 : lead >= 0xE0 ? 3 : lead >= 0xC0 ? 2 : 0;
+  if (length == 0 || lead > 0xF4 || text.size() < length) {
+    return std::nullopt;
+  }
+  char32_t point = lead & (0x7F >> length);
+  for (std::size_t i = 1; i < length; ++i) {
+    const auto next = static_cast<unsigned char>(text[i]);
+    if ((next & 0xC0) != 0x80) {
+      return std::nullopt;
+    }
+    point = (point << 6) | (next & 0x3F);
+  }
+  static constexpr char32_t kSmallest[] = {0, 0, 0x80, 0x800, 0x10000};
+  if (point < kSmallest[length] || point > 0x10FFFF || (point >= 0xD800 && point <= 0xDFFF)) {
+    return std::nullopt;
+  }
+  return std::make_pair(point, length);
+}
+
+bool IsControl(char32_t point) {
+  return point < 0x20 || (point >= 0x7F && point <= 0x9F);
+}
+
+std::string Hex(const char* format, unsigned value) {
+  char text[16];
+  std::snprintf(text, sizeof(text), format, value);
+  return text;
+}
+
+}  // namespace
+
 std::string JsonString(std::string_view text) {
   std::string out = "\"";
-  for (unsigned char c : text) {
-    switch (c) {
-      case '"':
-        out += "\\\"";
-        break;
-      case '\\':
-        out += "\\\\";
-        break;
-      case '\n':
-        out += "\\n";
-        break;
-      case '\r':
-        out += "\\r";
-        break;
-      case '\t':
-        out += "\\t";
-        break;
-      default:
-        if (c < 0x20) {
-          char escaped[8];
-          std::snprintf(escaped, sizeof(escaped), "\\u%04x", c);
-          out += escaped;
-        } else {
-          out += static_cast<char>(c);
-        }
+  while (!text.empty()) {
+    auto next = NextCodePoint(text);
+    if (!next) {
+      // JSON has no way to carry a raw byte: the replacement character keeps the line valid.
+      out += "\\ufffd";
+      text.remove_prefix(1);
+      continue;
     }
+    const auto [point, length] = *next;
+    if (point == '"' || point == '\\') {
+      out += '\\';
+      out += static_cast<char>(point);
+    } else if (point == '\n') {
+      out += "\\n";
+    } else if (point == '\r') {
+      out += "\\r";
+    } else if (point == '\t') {
+      out += "\\t";
+    } else if (IsControl(point)) {
+      out += Hex("\\u%04x", static_cast<unsigned>(point));
+    } else {
+      out.append(text.data(), length);
+    }
+    text.remove_prefix(length);
   }
   return out + "\"";
+}
+
+std::string TerminalText(std::string_view text) {
+  std::string out;
+  while (!text.empty()) {
+    auto next = NextCodePoint(text);
+    if (!next) {
+      out += Hex("\\x%02x", static_cast<unsigned char>(text[0]));
+      text.remove_prefix(1);
+      continue;
+    }
+    const auto [point, length] = *next;
+    if (point == '\\') {
+      out += "\\\\";
+    } else if (IsControl(point)) {
+      out += point < 0x80 ? Hex("\\x%02x", static_cast<unsigned>(point))
+                          : Hex("\\u%04x", static_cast<unsigned>(point));
+    } else {
+      out.append(text.data(), length);
+    }
+    text.remove_prefix(length);
+  }
+  return out;
 }
 
 std::string FormatTime(std::uint64_t seconds) {
@@ -177,9 +239,9 @@ std::string FormatItem(const Item& item, bool json) {
   }
   // A listing tells no time for folders: a dash rather than the epoch.
   line << head << (item.mtime ? FormatTime(item.mtime) : std::string(19, ' ') + "-") << "  "
-       << item.path;
+       << TerminalText(item.path);
   if (!item.folder && !item.hash.IsEmpty()) {
-    line << "  " << item.hash.ToDisplayString();
+    line << "  " << TerminalText(item.hash.ToDisplayString());
   }
   return line.str();
 }
@@ -193,15 +255,15 @@ std::string FormatChange(const FileSystem::Change& change, bool json) {
          << ", \"hash\": " << JsonString(change.hash.ToHexString()) << "}";
     return line.str();
   }
-  line << type << "  " << change.path;
+  line << type << "  " << TerminalText(change.path);
   if (!change.old_path.empty()) {
-    line << "  (was " << change.old_path << ")";
+    line << "  (was " << TerminalText(change.old_path) << ")";
   }
   if (change.size) {
     line << "  " << change.size << " bytes";
   }
   if (!change.hash.IsEmpty()) {
-    line << "  " << change.hash.ToDisplayString();
+    line << "  " << TerminalText(change.hash.ToDisplayString());
   }
   return line.str();
 }

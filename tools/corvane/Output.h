@@ -34,8 +34,12 @@ void VisitTreeInPathOrder(const FolderNode& root, const std::function<void(const
 std::vector<Item> ListingItems(const std::string& folder,
                                const RemoteFileSystem::FolderListing& listing);
 
-// `text` as a JSON string literal, quotes included.
+// `text` as a JSON string literal, quotes included; valid JSON whatever the bytes.
 std::string JsonString(std::string_view text);
+// `text` safe for a terminal and for line-based readers: control characters, backslashes and
+// bytes that are no UTF-8 appear as escapes, so that a name can neither forge a line nor drive the
+// terminal.
+std::string TerminalText(std::string_view text);
 std::string FormatItem(const Item& item, bool json);
 std::string FormatChange(const FileSystem::Change& change, bool json);
 // "2023-11-14 22:13:20", UTC.

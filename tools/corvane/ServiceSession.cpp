@@ -3,6 +3,8 @@
 #include <dlfcn.h>
 
 #include <map>
+#include <mutex>
+#include <vector>
 
 #include "core/Cookie.h"
 #include "core/CurlURLProcessorFactory.h"
@@ -56,6 +58,40 @@ bool ApplyEndpoints(const Options& options, std::string* error) {
 
 }  // namespace
 
+// The core's transport, with an eye on how the adapter's requests ended.
+class ServiceSession::ObservingFactory : public URLProcessorFactory {
+ public:
+  explicit ObservingFactory(std::shared_ptr<const core::cookie::Cookie> cookie)
+      : curl_(std::move(cookie)) {}
+
+  std::shared_ptr<URLProcessor> Create() override {
+    std::shared_ptr<URLProcessor> processor = curl_.Create();
+    std::lock_guard<std::mutex> lock(mutex_);
+    made_.push_back(processor);
+    return processor;
+  }
+
+  bool AnyUnanswered() const {
+    std::lock_guard<std::mutex> lock(mutex_);
+    for (const std::weak_ptr<URLProcessor>& each : made_) {
+      std::shared_ptr<URLProcessor> processor = each.lock();
+      if (processor && processor->GetLastResult() == URLProcessor::Result::NETWORK_FAILED) {
+        return true;
+      }
+    }
+    return false;
+  }
+
+ private:
+  CurlURLProcessorFactory curl_;
+  mutable std::mutex mutex_;
+  std::vector<std::weak_ptr<URLProcessor>> made_;
+};
+
+bool ServiceSession::ServiceUnreachable() const {
+  return transport_ && transport_->AnyUnanswered();
+}
+
 std::optional<CloudServiceId> ServiceIdByName(const std::string& name) {
   static const std::map<std::string, CloudServiceId> ids = {
       {"webdav", CloudServiceId::WEBDAV},     {"pcloud", CloudServiceId::PCLOUD},
@@ -101,7 +137,8 @@ std::unique_ptr<ServiceSession> ServiceSession::Open(const Options& options, std
     return nullptr;
   }
   session->fs_.reset(session->factory_->Create());
-  if (!session->fs_ || !session->fs_->Open(std::make_shared<CurlURLProcessorFactory>(cookie))) {
+  session->transport_ = std::make_shared<ObservingFactory>(cookie);
+  if (!session->fs_ || !session->fs_->Open(session->transport_)) {
     *error = "the adapter of " + options.service + " refused to open the connection";
     return nullptr;
   }

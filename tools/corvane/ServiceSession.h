@@ -33,11 +33,17 @@ class ServiceSession {
   ServiceSession& operator=(const ServiceSession&) = delete;
 
   RemoteFileSystem& fs() { return *fs_; }
+  // True when a request of the adapter got no answer at all (refused, unresolved, timed out
+  // before the head): the service is out of reach rather than failing.
+  bool ServiceUnreachable() const;
 
  private:
   ServiceSession() = default;
 
+  class ObservingFactory;
+
   void* library_ = nullptr;
+  std::shared_ptr<ObservingFactory> transport_;
   std::unique_ptr<RemoteFileSystemFactory> factory_;
   std::unique_ptr<RemoteFileSystem> fs_;
   bool opened_ = false;

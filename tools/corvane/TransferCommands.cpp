@@ -1,5 +1,8 @@
 // get and put: one file through the adapter's file slot, in the order the core drives it.
 #include <sys/stat.h>
+#include <unistd.h>
+
+#include <cstdlib>
 
 #include <algorithm>
 #include <atomic>
@@ -91,6 +94,68 @@ std::string HashText(const SomeHash& hash) {
   return hash.GetType() == SomeHash::YANDEX ? hash.ToDisplayString() : hash.ToHexString();
 }
 
+// The file a get writes: a temporary file beside the target, renamed over it only once the whole
+// read went well, so that a failed read leaves the target as it was. "-" is stdout.
+class LocalTarget {
+ public:
+  explicit LocalTarget(std::string target) : target_(std::move(target)) {}
+  ~LocalTarget() {
+    if (!temp_.empty()) {
+      file_.close();
+      ::unlink(temp_.c_str());
+    }
+  }
+  LocalTarget(const LocalTarget&) = delete;
+  LocalTarget& operator=(const LocalTarget&) = delete;
+
+  bool Open() {
+    if (target_ == "-") {
+      return true;
+    }
+    std::string pattern = target_ + ".corvane-XXXXXX";
+    int fd = ::mkstemp(pattern.data());
+    if (fd < 0) {
+      return false;
+    }
+    temp_ = pattern;
+    ::fchmod(fd, ModeForTarget());
+    ::close(fd);
+    file_.open(temp_, std::ios::binary | std::ios::trunc);
+    return file_.is_open();
+  }
+
+  std::ostream& out() { return temp_.empty() ? std::cout : file_; }
+
+  // Everything is on disk under the target's name, or the target is untouched.
+  bool Commit() {
+    if (temp_.empty()) {
+      return static_cast<bool>(std::cout.flush());
+    }
+    file_.close();
+    if (file_.fail() || ::rename(temp_.c_str(), target_.c_str()) != 0) {
+      return false;
+    }
+    temp_.clear();
+    return true;
+  }
+
+ private:
+  // A file that is replaced keeps its permissions; a new one gets what the umask allows.
+  mode_t ModeForTarget() const {
+    struct stat info {};
+    if (::stat(target_.c_str(), &info) == 0) {
+      return info.st_mode & 07777;
+    }
+    mode_t mask = ::umask(0);
+    ::umask(mask);
+    return 0666 & ~mask;
+  }
+
+  std::string target_;
+  std::string temp_;
+  std::ofstream file_;
+};
+
 }  // namespace
 
 int RunHash(Context& context) {
@@ -134,14 +199,11 @@ int RunGet(Context& context) {
   if (result != FileSystem::SUCCEEDED) {
     return Report(context, result, "get: " + remote);
   }
-  std::ofstream file;
-  if (local != "-") {
-    file.open(local, std::ios::binary | std::ios::trunc);
-    if (!file) {
-      return Fail(context, kExitEnvironment, "get: cannot write " + local);
-    }
+  LocalTarget target(local);
+  if (!target.Open()) {
+    return Fail(context, kExitEnvironment, "get: cannot write beside " + local);
   }
-  std::ostream& out = local == "-" ? std::cout : file;
+  std::ostream& out = target.out();
   // 2. The ranged read.
   std::uint64_t offset = context.options.offset.value_or(0);
   std::uint64_t limit = context.options.limit.value_or(item.size);
@@ -178,8 +240,7 @@ int RunGet(Context& context) {
   if (result != FileSystem::SUCCEEDED) {
     return Report(context, result, "get: CloseFile");
   }
-  out.flush();
-  if (!out) {
+  if (!target.Commit()) {
     return Fail(context, kExitEnvironment, "get: writing " + local + " failed");
   }
   context.err << "get: " << received.load() << " bytes of " << remote << std::endl;

@@ -7,6 +7,7 @@
 
 #include "AccountTree.h"
 #include "Command.h"
+#include "Deadline.h"
 #include "Interrupter.h"
 #include "Options.h"
 #include "ServiceSession.h"
@@ -76,10 +77,17 @@ int main(int argc, char** argv) {
     context.fs = &session->fs();
     tree = std::make_unique<corvane::AccountTree>(session->fs());
     context.tree = tree.get();
+    context.session = session.get();
     interrupter.Watch(context.fs);
+  }
+  std::unique_ptr<corvane::Deadline> deadline;
+  if (options.timeout_seconds && context.fs) {
+    deadline = std::make_unique<corvane::Deadline>(context.fs, *options.timeout_seconds);
+    context.deadline = deadline.get();
   }
   // 3. The command.
   int status = command->run(context);
+  deadline.reset();
   interrupter.Watch(nullptr);
   tree.reset();
   session.reset();
