@@ -109,11 +109,11 @@ FileSystem::Result HuaweiUpload::Put(bool query, int* code, std::string* body) {
       "/" + std::to_string(session_.size));
   request.content_type = "application/octet-stream";
   const std::size_t length = query ? 0 : buffer_.size();
-  if (http_.BeginUpload(request, length) && length > 0) {
-    http_.GetOutputStream()->Write(reinterpret_cast<const std::uint8_t*>(buffer_.data()),
-                                   static_cast<std::uint32_t>(length));
-  }
-  if (http_.GetResponseCode() != 0) {
+  if (http_.BeginUpload(request, length)) {
+    if (length > 0) {
+      http_.GetOutputStream()->Write(reinterpret_cast<const std::uint8_t*>(buffer_.data()),
+                                     static_cast<std::uint32_t>(length));
+    }
     http_.GetInputStream()->ReadAllTo(body, kReadBlock);
   }
   const URLProcessor::Result result = http_.Finish();
@@ -164,9 +164,9 @@ FileSystem::Result HuaweiUpload::TakeProgress(const std::string& body) {
       end = std::strtoull(ranges->back().second.get("end", "0").c_str(), nullptr, 10) + 1;
     }
   }
-  // 2. Never behind what was confirmed, never beyond what was sent.
+  // 2. A status query takes the server's word; a slice's answer lies within the slice.
   const std::uint64_t sent_end = session_.offset + buffer_.size();
-  if (end > sent_end || (end < session_.offset && !buffer_.empty())) {
+  if (end > session_.size || (!buffer_.empty() && (end > sent_end || end < session_.offset))) {
     LOG_WARNING << "Writing failed: \"" << path_ << "\" reports offset " << end
                 << " outside of the sent slice.";
     restart_needed_ = true;
