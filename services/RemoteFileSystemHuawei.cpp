@@ -561,11 +561,25 @@ FileSystem::Result RemoteFileSystemHuawei::CheckConnection() {
   return result;
 }
 
+FileSystem::Result RemoteFileSystemHuawei::LearnParentOf(const std::string& path) {
+  // Before any tree of this account the ids come from the parent's listing; once a tree is
+  // loaded, a path it doesn't know is unknown without asking.
+  if (Shared().ids.IsInit()) {
+    return SUCCEEDED;
+  }
+  FolderListing listing;
+  return GetFolderListing(SplitParent(path).first, &listing);
+}
+
 FileSystem::Result RemoteFileSystemHuawei::CreateFolderImpl(const OverwriteControl&,
                                                             const std::string& path) {
   // 1. The parent from the tree, and a folder that stands already.
   if (!CheckPath(path)) {
     return FATAL;
+  }
+  Result learned = LearnParentOf(path);
+  if (learned != SUCCEEDED) {
+    return learned;
   }
   RemoteFileIds& ids = Shared().ids;
   const auto [parent_path, name] = SplitParent(path);
@@ -608,6 +622,10 @@ FileSystem::Result RemoteFileSystemHuawei::Recycle(const std::string& path, bool
   const char* kind = folder ? "Folder " : "File ";
   if (!CheckPath(path)) {
     return FATAL;
+  }
+  Result learned = LearnParentOf(path);
+  if (learned != SUCCEEDED) {
+    return learned;
   }
   RemoteFileIds& ids = Shared().ids;
   const std::string id = folder ? ids.GetFolderIdByPath(path) : ids.GetFileIdByPath(path);
@@ -664,6 +682,13 @@ FileSystem::Result RemoteFileSystemHuawei::MoveItem(const std::string& from, con
   if (to.size() > huawei::kMaxPathLength) {
     LOG_WARNING << "File path or name is too long: " << Quoted(to);
     return NAME_TOO_LONG;
+  }
+  Result learned = LearnParentOf(from);
+  if (learned == SUCCEEDED) {
+    learned = LearnParentOf(to);
+  }
+  if (learned != SUCCEEDED) {
+    return learned;
   }
   RemoteFileIds& ids = Shared().ids;
   const std::string id = folder ? ids.GetFolderIdByPath(from) : ids.GetFileIdByPath(from);
@@ -737,6 +762,10 @@ FileSystem::Result RemoteFileSystemHuawei::OpenForRead(const std::string& path,
   }
   if (!CheckPath(path)) {
     return FATAL;
+  }
+  Result learned = LearnParentOf(path);
+  if (learned != SUCCEEDED) {
+    return learned;
   }
   const std::string id = Shared().ids.GetFileIdByPath(path);
   if (id.empty()) {
@@ -849,6 +878,10 @@ FileSystem::Result RemoteFileSystemHuawei::OpenForCreate(const OverwriteControl&
     LOG_WARNING << "File is too big, size = " << size;
     return TOO_LARGE;
   }
+  Result learned = LearnParentOf(path);
+  if (learned != SUCCEEDED) {
+    return learned;
+  }
   const std::string parent_id = Shared().ids.GetFolderIdByPath(parent_path);
   if (parent_id.empty()) {
     LOG_WARNING << "No such file " << Quoted(parent_path) << " in file ids tree.";
@@ -878,6 +911,10 @@ FileSystem::Result RemoteFileSystemHuawei::OpenForRewrite(const OverwriteControl
   if (size > max_file_size_) {
     LOG_WARNING << "File is too big, size = " << size;
     return TOO_LARGE;
+  }
+  Result learned = LearnParentOf(path);
+  if (learned != SUCCEEDED) {
+    return learned;
   }
   std::string id = Shared().ids.GetFileIdByPath(path);
   if (id.empty()) {

@@ -99,6 +99,7 @@ class RemoteFileSystemHuawei : public RemoteFileSystemNoChangesSupport {
   Result ResolveMountedRoot();
   // The folder at a local path: from the id tree, else found component by component and added.
   Result ResolveFolder(const std::string& path, std::string* id);
+  Result LearnParentOf(const std::string& path);
   std::string RemotePathOf(const std::string& path) const;
   Result ReadChangePage(std::queue<Change>* changes, std::string* next_cursor);
   void ApplyChangedItem(const utils::json::json_tree& change, std::queue<Change>* changes);
