@@ -2,6 +2,7 @@
 
 #include "core/LoggerWrapper.h"
 #include "core/RemoteFileSystemFactoryS3.h"
+#include "services/RemoteFileSystemFactoryHuawei.h"
 #include "services/RemoteFileSystemFactoryWebDAV.h"
 
 namespace {
@@ -26,6 +27,7 @@ constexpr FactoryRow kFactories[] = {
     {CloudServiceId::S3_BASE, &Make<s3::RemoteFileSystemFactoryS3Base>},
     {CloudServiceId::S3_EMBERA, &Make<s3::RemoteFileSystemFactoryS3Embera>},
     {CloudServiceId::S3_AMAZON, &Make<s3::RemoteFileSystemFactoryS3Amazon>},
+    {CloudServiceId::HUAWEI, &Make<RemoteFileSystemFactoryHuawei>},
 };
 
 }  // namespace

@@ -1,0 +1,36 @@
+// Any body through the Huawei item parser, as a listing page would bring it: no crash, and an
+// item that parses has an id, a parent and a name the tree can hold.
+#include <cstddef>
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+
+#include "core/Json.h"
+#include "core/LoggerWrapper.h"
+#include "core/Nodes.h"
+#include "services/RemoteHuaweiUtils.h"
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+  static const bool quiet = [] {
+    LoggerWrapper::SetStderrLevel(LogType::kFatal);
+    return true;
+  }();
+  (void)quiet;
+  utils::json::json_tree page;
+  if (!utils::json::Parse(std::string(reinterpret_cast<const char*>(data), size), &page)) {
+    return 0;
+  }
+  auto files = utils::json::Child(page, "files");
+  if (!files) {
+    return 0;
+  }
+  for (const auto& file : *files) {
+    huawei::Item item;
+    std::string error;
+    if (huawei::ParseItem(file.second, &item, &error) &&
+        (item.id.empty() || item.parent_id.empty() || !ChildNode::IsValidName(item.name))) {
+      std::abort();
+    }
+  }
+  return 0;
+}

@@ -1,0 +1,540 @@
+// The Huawei Drive adapter against the Huawei emulator: tree, feed, item operations, sliced
+// uploads, the code map, and bad input; judged by Results, the requests on the wire, the trees
+// and the log lines.
+#include "services/RemoteFileSystemHuawei.h"
+
+#include <gtest/gtest.h>
+
+#include <queue>
+
+#include "core/Cookie.h"
+#include "core/CurlURLProcessorFactory.h"
+#include "core/Endpoints.h"
+#include "core/Json.h"
+#include "core/LoggerWrapper.h"
+#include "core/Nodes.h"
+#include "core/RemoteFileSystemFactory.h"
+#include "emulators/Emulator.h"
+#include "emulators/HuaweiDialect.h"
+#include "services/BackupMetainfoRemoteReaderHuawei.h"
+#include "services/BackupMetainfoRemoteWriterHuawei.h"
+#include "services/RemoteFSFactoryConstructor.h"
+#include "services/RemoteFileSystemHuaweiSharedData.h"
+#include "services/RemoteHuaweiUtils.h"
+
+namespace {
+
+using emulators::Item;
+using FS = FileSystem;
+
+class HuaweiTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string error;
+    emulator_ = emulators::Emulator::Start("huawei", 0, &error);
+    ASSERT_TRUE(emulator_) << error;
+    std::int64_t* clock = &clock_ms_;
+    account().SetClock([clock] { return *clock += 1000; });
+    for (const auto& [name, url] : emulator_->Endpoints()) {
+      Endpoints::Override(name, url);
+    }
+    factory_.reset(H6BA54F7D00(CloudServiceId::HUAWEI, root_path_));
+    http_ = std::make_shared<CurlURLProcessorFactory>(
+        std::make_shared<core::cookie::CookieOAuth>("token"));
+    fs_ = Make();
+  }
+  void TearDown() override { Endpoints::ResetOverrides(); }
+
+  std::unique_ptr<RemoteFileSystem> Make() {
+    std::unique_ptr<RemoteFileSystem> fs(factory_->Create());
+    EXPECT_TRUE(fs->Open(http_));
+    return fs;
+  }
+  emulators::CloudAccount& account() { return emulator_->account(); }
+  std::string Folder(const std::string& parent, const std::string& name) {
+    Item made;
+    EXPECT_EQ(account().CreateFolder(parent, name, &made), emulators::AccountError::kNone);
+    return made.id;
+  }
+  std::string File(const std::string& parent, const std::string& name, const std::string& data) {
+    Item made;
+    EXPECT_EQ(account().CreateFile(parent, name, data, 0, &made), emulators::AccountError::kNone);
+    return made.id;
+  }
+  RemoteFileIds& ids() {
+    return std::static_pointer_cast<RemoteFileSystemHuaweiSharedData>(factory_->GetSharedData())
+        ->ids;
+  }
+  FS::Result Tree(FolderNode* root) {
+    std::uint64_t free = 0, total = 0;
+    tsl::htrie_set<char> items;
+    return fs_->GetFullTree(root, &free, &total, &items);
+  }
+  std::vector<std::string> Paths() {
+    std::vector<std::string> paths;
+    for (const auto& request : emulator_->server().Requests()) {
+      paths.push_back(request.verb + " " + request.path);
+    }
+    return paths;
+  }
+  FS::Result Upload(RemoteFileSystem* fs, const std::string& path, const std::string& data,
+                    FS::FileProperties* props, bool rewrite = false) {
+    std::uint64_t offset = 99;
+    SomeHash hash(std::string("h") + std::to_string(data.size()));
+    FS::Result opened =
+        rewrite
+            ? fs->OpenForRewrite(FS::OverwriteControl(), path, hash, data.size(), 1, &offset)
+            : fs->OpenForCreate(FS::OverwriteControl(), path, hash, data.size(), 1, &offset, false);
+    if (opened != FS::SUCCEEDED) {
+      return opened;
+    }
+    for (std::size_t at = offset; at < data.size(); at += 7000) {
+      std::size_t n = std::min<std::size_t>(7000, data.size() - at);
+      FS::Result written =
+          fs->WriteFile(reinterpret_cast<const std::uint8_t*>(data.data()) + at, n);
+      if (written != FS::SUCCEEDED) {
+        return written;
+      }
+    }
+    return fs->CloseFile(props);
+  }
+  const emulators::HuaweiDialect& dialect() {
+    return static_cast<const emulators::HuaweiDialect&>(emulator_->dialect());
+  }
+
+  std::int64_t clock_ms_ = 1'700'000'000'000;
+  std::string root_path_;
+  std::unique_ptr<emulators::Emulator> emulator_;
+  std::unique_ptr<RemoteFileSystemFactory> factory_;
+  std::shared_ptr<URLProcessorFactory> http_;
+  std::unique_ptr<RemoteFileSystem> fs_;
+};
+
+TEST_F(HuaweiTest, CapabilitiesAndLinksWithoutRequests) {
+  EXPECT_EQ(fs_->GetServiceId(), CloudServiceId::HUAWEI);
+  EXPECT_EQ(fs_->GetHashType(), SomeHash::GENERIC);
+  EXPECT_EQ(fs_->GetMaxSupportedPathLength().first, 5000u);
+  EXPECT_EQ(fs_->GetMaxSupportedNameLength().first, 250u);
+  EXPECT_TRUE(fs_->IsCaseInsensitive());
+  EXPECT_TRUE(fs_->SupportsResumingUpload());
+  EXPECT_FALSE(fs_->SupportsChangesListening());
+  EXPECT_FALSE(fs_->GetUnsupportedSymbolsMap().empty());
+  std::string link;
+  EXPECT_EQ(fs_->GetPublicLink("a", false, &link), FS::FAILED);
+  EXPECT_EQ(fs_->ClosePublicLink("a"), FS::FAILED);
+  EXPECT_TRUE(emulator_->server().Requests().empty());
+}
+
+TEST_F(HuaweiTest, TreeEqualsTheAccountWhateverTheListingOrder) {
+  // 1. Three levels, 250 files in one folder (pages of 100), a recycled file and folder, and an
+  // old folder moved under a newer one.
+  std::string a = Folder(account().RootId(), "A");
+  std::string old = Folder(account().RootId(), "Old");
+  File(old, "inside.txt", "old");
+  std::string b = Folder(a, "B");
+  std::string c = Folder(b, "C");
+  File(c, "deep.txt", "deep");
+  for (int i = 0; i < 250; ++i) {
+    File(a, "f" + std::to_string(i), std::string(i % 7, 'x'));
+  }
+  std::string gone = File(a, "gone.txt", "gone");
+  account().Trash(gone, nullptr);
+  std::string newer = Folder(account().RootId(), "Newer");
+  ASSERT_EQ(account().Move(old, {newer}, "", nullptr), emulators::AccountError::kNone);
+  LoggerWrapper::Capture log;
+
+  // 2. The tree.
+  FolderNode root;
+  ASSERT_EQ(Tree(&root), FS::SUCCEEDED);
+  EXPECT_EQ(root.GetFolder("A")->GetFolder("B")->GetFolder("C")->GetFile("deep.txt")->size, 4u);
+  EXPECT_NE(root.GetFolder("Newer")->GetFolder("Old")->GetFile("inside.txt"), nullptr);
+  EXPECT_EQ(root.GetFolder("A")->GetFile("gone.txt"), nullptr);
+  int files = 0;
+  for (auto it = root.GetFolder("A")->FilesBegin(); it != root.GetFolder("A")->FilesEnd(); ++it) {
+    ++files;
+  }
+  EXPECT_EQ(files, 250);
+  const Item f6 = *account().FindByPath("A/f6");
+  EXPECT_EQ(root.GetFolder("A")->GetFile("f6")->hash, SomeHash(f6.digests.sha256.substr(0, 32)));
+  EXPECT_EQ(ids().GetFolderIdByPath("Newer/Old"), old);
+  EXPECT_EQ(ids().GetFileIdByPath("A/f6"), f6.id);
+  EXPECT_EQ(ids().GetPathById(c), "A/B/C");
+
+  // 3. About, root, folder pages, file pages, start cursor.
+  std::vector<std::string> expected = {"GET /drive/v1/about",
+                                       "GET /drive/v1/files/root",
+                                       "GET /drive/v1/files",
+                                       "GET /drive/v1/files",
+                                       "GET /drive/v1/files",
+                                       "GET /drive/v1/files",
+                                       "GET /drive/v1/changes/getStartCursor"};
+  EXPECT_EQ(Paths(), expected);
+  auto requests = emulator_->server().Requests();
+  EXPECT_NE(requests[2].query.find("orderBy=createdTime"), std::string::npos);
+  EXPECT_NE(emulators::QueryParam(requests[5].query, "cursor"), "");
+}
+
+TEST_F(HuaweiTest, RemoteRootSkipsRecycledTwinAndNamesAMissingComponent) {
+  std::string twin = Folder(account().RootId(), "Back'ups & #1");
+  account().Trash(twin, nullptr);
+  std::string real = Folder(account().RootId(), "Back'ups & #1");
+  File(real, "in.txt", "x");
+  Folder(Folder(account().RootId(), "Other"), "Back'ups & #1");
+  root_path_ = "Back'ups & #1";
+  factory_.reset(H6BA54F7D00(CloudServiceId::HUAWEI, root_path_));
+  fs_ = Make();
+  FolderNode root;
+  ASSERT_EQ(Tree(&root), FS::SUCCEEDED);
+  EXPECT_NE(root.GetFile("in.txt"), nullptr);
+  EXPECT_EQ(ids().GetRootId(), real);
+
+  root_path_ = "Nowhere";
+  factory_.reset(H6BA54F7D00(CloudServiceId::HUAWEI, root_path_));
+  fs_ = Make();
+  LoggerWrapper::Capture log;
+  EXPECT_EQ(Tree(&root), FS::ITEM_MISSED);
+  EXPECT_TRUE(log.Contains("No \"Nowhere\" dir in cloud."));
+}
+
+TEST_F(HuaweiTest, FeedFollowsForeignChangesAndItsCursor) {
+  std::string docs = Folder(account().RootId(), "docs");
+  File(docs, "a.txt", "a");
+  Folder(account().RootId(), "dst");
+  FolderNode root;
+  ASSERT_EQ(Tree(&root), FS::SUCCEEDED);
+  struct Step {
+    emulators::ForeignChange change;
+    FS::Change::Type type;
+    std::string path;
+    std::string old_path;
+  };
+  const Step steps[] = {
+      {{"create", "docs/new.txt", "", "n"}, FS::Change::FILE_CREATE, "docs/new.txt", ""},
+      {{"rename", "docs/new.txt", "renamed.txt", ""},
+       FS::Change::FILE_RENAME,
+       "docs/renamed.txt",
+       "docs/new.txt"},
+      {{"move", "docs/a.txt", "dst", ""}, FS::Change::FILE_RENAME, "dst/a.txt", "docs/a.txt"},
+      {{"modify", "dst/a.txt", "", "longer"}, FS::Change::FILE_MODIFY, "dst/a.txt", ""},
+      {{"mkdir", "dst/sub", "", ""}, FS::Change::FOLDER_CREATE, "dst/sub", ""},
+      {{"trash", "docs", "", ""}, FS::Change::FOLDER_DELETE, "docs", ""},
+  };
+  for (const Step& step : steps) {
+    std::string error;
+    ASSERT_TRUE(emulators::ApplyForeignChange(account(), step.change, &error)) << error;
+    std::queue<FS::Change> changes;
+    ASSERT_EQ(fs_->GetChanges(&changes), FS::SUCCEEDED) << step.path;
+    ASSERT_EQ(changes.size(), 1u) << step.path;
+    EXPECT_EQ(changes.front().type, step.type) << step.path;
+    EXPECT_EQ(changes.front().path, step.path);
+    EXPECT_EQ(changes.front().old_path, step.old_path);
+  }
+  EXPECT_EQ(ids().GetFolderIdByPath("docs"), "");
+  EXPECT_NE(ids().GetFileIdByPath("dst/a.txt"), "");
+  // The cursor given is the one the last page named.
+  auto requests = emulator_->server().Requests();
+  EXPECT_EQ(emulators::QueryParam(requests.back().query, "cursor"),
+            "c" + std::to_string(account().Sequence() - 1));
+}
+
+TEST_F(HuaweiTest, FeedRefusesAPageWithoutCursorAndExpiredCursor) {
+  FolderNode root;
+  ASSERT_EQ(Tree(&root), FS::SUCCEEDED);
+  emulators::FaultRule rule;
+  rule.path_prefix = "/drive/v1/changes";
+  rule.fault.drop_field = "newStartCursor";
+  emulator_->faults().Add(rule);
+  LoggerWrapper::Capture log;
+  std::queue<FS::Change> changes;
+  EXPECT_EQ(fs_->GetChanges(&changes), FS::FAILED);
+  EXPECT_TRUE(log.Contains("Change page without"));
+  File(account().RootId(), "x", "x");
+  account().ForgetJournal();
+  EXPECT_EQ(fs_->GetChanges(&changes), FS::CONFLICT);
+}
+
+TEST_F(HuaweiTest, ItemOperations) {
+  std::string docs = Folder(account().RootId(), "docs");
+  std::string content = "0123456789abcdef";
+  File(docs, "a.txt", content);
+  FolderNode root;
+  ASSERT_EQ(Tree(&root), FS::SUCCEEDED);
+  emulator_->server().ClearRequests();
+  // 1. A folder: a typed body, the id kept; a second time no request.
+  ASSERT_EQ(fs_->CreateFolderImpl(FS::OverwriteControl(), "docs/new"), FS::SUCCEEDED);
+  auto created = emulator_->server().Requests().back();
+  utils::json::json_tree body;
+  ASSERT_TRUE(utils::json::Parse(created.body, &body));
+  EXPECT_EQ(body.get("mimeType", ""), huawei::kFolderMime);
+  EXPECT_EQ(utils::json::Child(body, "parentFolder")->front().second.data(), docs);
+  EXPECT_EQ(ids().GetFolderIdByPath("docs/new"), account().FindByPath("docs/new")->id);
+  LoggerWrapper::Capture log;
+  std::size_t before = emulator_->server().Requests().size();
+  EXPECT_EQ(fs_->CreateFolderImpl(FS::OverwriteControl(), "docs/new"), FS::SUCCEEDED);
+  EXPECT_TRUE(log.Contains("Folder already exists."));
+  // 2. Refusals and unknown paths: no request.
+  FileNode* file = root.GetFolder("docs")->GetFile("a.txt");
+  EXPECT_EQ(fs_->MoveFileImpl(*file, {}, "docs/a.txt", {}, "docs/" + std::string(300, 'n')),
+            FS::NAME_TOO_LONG);
+  EXPECT_EQ(fs_->OpenForRead("docs/none.txt", 0, 1, 1, SomeHash()), FS::ITEM_MISSED);
+  EXPECT_EQ(fs_->DeleteFileImpl(FS::OverwriteControl(), "nowhere/x", 0, 0), FS::ITEM_MISSED);
+  EXPECT_EQ(fs_->CreateFolderImpl(FS::OverwriteControl(), "../x"), FS::FATAL);
+  EXPECT_EQ(emulator_->server().Requests().size(), before);
+  // 3. A ranged read, byte for byte.
+  ASSERT_EQ(fs_->OpenForRead("docs/a.txt", 3, 9, content.size(), SomeHash()), FS::SUCCEEDED);
+  std::string read(32, '\0');
+  std::uint32_t done = 0, total = 0;
+  while (fs_->ReadFile(reinterpret_cast<std::uint8_t*>(&read[total]), 32 - total, &done) ==
+             FS::SUCCEEDED &&
+         done > 0) {
+    total += done;
+  }
+  EXPECT_EQ(read.substr(0, total), content.substr(3, 6));
+  EXPECT_EQ(emulator_->server().Requests().back().Header("Range"), "bytes=3-8");
+  fs_->CloseFile(nullptr);
+  // 4. Rename, move, recycle.
+  ASSERT_EQ(fs_->RenameFileImpl(*file, {}, "docs/a.txt", {}, "docs/b.txt", nullptr), FS::SUCCEEDED);
+  ASSERT_EQ(fs_->MoveFileImpl(*file, {}, "docs/b.txt", {}, "docs/new/b.txt"), FS::SUCCEEDED);
+  EXPECT_TRUE(account().FindByPath("docs/new/b.txt"));
+  EXPECT_EQ(ids().GetPathById(account().FindByPath("docs/new/b.txt")->id), "docs/new/b.txt");
+  ASSERT_EQ(fs_->DeleteFolderImpl(root, FS::Revision::RevisionNone(), "docs/new"), FS::SUCCEEDED);
+  EXPECT_FALSE(account().FindByPath("docs/new"));
+  EXPECT_EQ(emulator_->server().Requests().back().body, "{\"recycled\":true}");
+  EXPECT_EQ(ids().GetFolderIdByPath("docs/new"), "");
+}
+
+TEST_F(HuaweiTest, UploadInSlicesLandsInItsFolder) {
+  std::string docs = Folder(account().RootId(), "docs");
+  FolderNode root;
+  ASSERT_EQ(Tree(&root), FS::SUCCEEDED);
+  dialect().SetSliceSize(16 * 1024);
+  std::string data(70000, '\0');
+  for (std::size_t i = 0; i < data.size(); ++i) {
+    data[i] = static_cast<char>(i * 31 + 7);
+  }
+  emulator_->server().ClearRequests();
+  FS::FileProperties props;
+  ASSERT_EQ(Upload(fs_.get(), "docs/big.bin", data, &props), FS::SUCCEEDED);
+  // 1. The session: POST, size announced, no renaming, the parent named.
+  auto requests = emulator_->server().Requests();
+  ASSERT_EQ(requests.size(), 6u);
+  EXPECT_EQ(requests[0].verb, "POST");
+  EXPECT_EQ(requests[0].Header("X-Upload-Content-Length"), "70000");
+  EXPECT_EQ(emulators::QueryParam(requests[0].query, "autoRename"), "false");
+  EXPECT_NE(requests[0].body.find(docs), std::string::npos);
+  // 2. Slices of sliceSize, the last shorter.
+  for (int i = 1; i <= 4; ++i) {
+    EXPECT_EQ(requests[i].body_size, 16384u);
+  }
+  EXPECT_EQ(requests[5].Header("Content-Range"), "bytes 65536-69999/70000");
+  const Item made = *account().FindByPath("docs/big.bin");
+  EXPECT_EQ(*made.content, data);
+  EXPECT_EQ(props.hash, SomeHash(made.digests.sha256.substr(0, 32)));
+  EXPECT_EQ(ids().GetFileIdByPath("docs/big.bin"), made.id);
+  // 3. A new version goes through a PATCH session.
+  ASSERT_EQ(Upload(fs_.get(), "docs/big.bin", "short", &props, true), FS::SUCCEEDED);
+  EXPECT_EQ(emulator_->server().Requests()[6].verb, "PATCH");
+  EXPECT_EQ(*account().FindByPath("docs/big.bin")->content, "short");
+}
+
+TEST_F(HuaweiTest, UploadFaults) {
+  Folder(account().RootId(), "docs");
+  FolderNode root;
+  ASSERT_EQ(Tree(&root), FS::SUCCEEDED);
+  dialect().SetSliceSize(16 * 1024);
+  const std::string data(40000, 'q');
+  FS::FileProperties props;
+  // 1. A session gone before its first slice: a new one.
+  emulators::FaultRule expire;
+  expire.verb = "PUT";
+  expire.fault.expire_sessions = true;
+  emulator_->faults().Add(expire);
+  LoggerWrapper::Capture log;
+  ASSERT_EQ(Upload(fs_.get(), "docs/a", data, &props), FS::SUCCEEDED);
+  EXPECT_TRUE(log.Contains("will start again."));
+  // 2. A slice persisted in part is sent on from where the server stands.
+  emulators::FaultRule partial;
+  partial.verb = "PUT";
+  partial.fault.persist_limit = 1000;
+  emulator_->faults().Add(partial);
+  ASSERT_EQ(Upload(fs_.get(), "docs/b", data, &props), FS::SUCCEEDED);
+  EXPECT_EQ(account().FindByPath("docs/b")->size, data.size());
+  // 3. An answer whose size is dropped fails the comparison.
+  emulators::FaultRule drop;
+  drop.verb = "PUT";
+  drop.nth = 3;
+  drop.fault.drop_field = "size";
+  emulator_->faults().Add(drop);
+  EXPECT_EQ(Upload(fs_.get(), "docs/c", data, &props), FS::FAILED);
+  EXPECT_TRUE(log.Contains("Wrong uploaded size for \"docs/c\""));
+  // 4. A reset mid-slice keeps the session; another adapter of the factory resumes it.
+  emulators::FaultRule reset;
+  reset.verb = "PUT";
+  reset.nth = 2;
+  reset.fault.reset = true;
+  emulator_->faults().Add(reset);
+  EXPECT_EQ(Upload(fs_.get(), "docs/d", data, &props), FS::FAILED);
+  auto second = Make();
+  emulator_->server().ClearRequests();
+  log.Clear();
+  ASSERT_EQ(Upload(second.get(), "docs/d", data, &props), FS::SUCCEEDED);
+  EXPECT_TRUE(log.Contains("Resuming upload session for \"docs/d\" (h40000) from 16384."));
+  EXPECT_EQ(emulator_->server().Requests()[0].Header("Content-Range"), "bytes */40000");
+  EXPECT_EQ(*account().FindByPath("docs/d")->content, data);
+  // 5. A changed size starts anew, with the store's line.
+  EXPECT_EQ(Upload(fs_.get(), "docs/e", data, &props), FS::SUCCEEDED);
+  emulators::FaultRule cut;
+  cut.verb = "PUT";
+  cut.nth = 2;
+  cut.fault.reset = true;
+  emulator_->faults().Add(cut);
+  EXPECT_EQ(Upload(fs_.get(), "docs/f", data, &props), FS::FAILED);
+  EXPECT_EQ(Upload(fs_.get(), "docs/f", data + "+", &props), FS::SUCCEEDED);
+  EXPECT_TRUE(log.Contains("\"docs/f\" changed between uploads"));
+}
+
+TEST_F(HuaweiTest, RefusalsOfUploadsWithoutRequests) {
+  FolderNode root;
+  ASSERT_EQ(Tree(&root), FS::SUCCEEDED);
+  emulator_->server().ClearRequests();
+  std::uint64_t offset = 0;
+  SomeHash hash(std::string("h"));
+  EXPECT_EQ(fs_->OpenForCreate({}, "a/" + std::string(10000, 'n'), hash, 1, 1, &offset, false),
+            FS::NAME_TOO_LONG);
+  EXPECT_EQ(fs_->OpenForCreate({}, "big", hash, 1ull << 62, 1, &offset, false), FS::TOO_LARGE);
+  EXPECT_EQ(fs_->OpenForCreate({}, "no/such/x", hash, 1, 1, &offset, false), FS::ITEM_MISSED);
+  EXPECT_EQ(fs_->OpenForRewrite({}, "none", hash, 1, 1, &offset), FS::ITEM_MISSED);
+  EXPECT_EQ(fs_->CloseFile(nullptr), FS::FAILED);
+  EXPECT_TRUE(emulator_->server().Requests().empty());
+}
+
+TEST(HuaweiCodeMap, EveryRow) {
+  struct Row {
+    int code;
+    const char* error;
+    FS::Result result;
+  } rows[] = {
+      {400, "21004004", FS::CONFLICT},
+      {400, "21004009", FS::CONFLICT},
+      {400, "21004008", FS::NAME_TOO_LONG},
+      {400, "21004002", FS::FAILED},
+      {401, "21004011", FS::AUTH_INVALID},
+      {403, "21004039", FS::NO_SPACE},
+      {403, "21004035", FS::FORBIDDEN},
+      {404, "", FS::ITEM_MISSED},
+      {409, "", FS::CONFLICT},
+      {413, "", FS::TOO_LARGE},
+      {429, "21004290", FS::FAILED},
+      {451, "", FS::BLOCKED},
+      {500, "", FS::FAILED},
+      {503, "", FS::FAILED},
+      {418, "", FS::FAILED},
+  };
+  for (const Row& row : rows) {
+    EXPECT_EQ(huawei::ResultFromHttp(row.code, row.error), row.result) << row.code << row.error;
+  }
+}
+
+TEST_F(HuaweiTest, ServiceErrorsThroughTheMap) {
+  Folder(account().RootId(), "docs");
+  FolderNode root;
+  ASSERT_EQ(Tree(&root), FS::SUCCEEDED);
+  struct Case {
+    int status;
+    std::string error;
+    FS::Result result;
+  } cases[] = {{429, "", FS::FAILED}, {401, "", FS::AUTH_INVALID}, {403, "4039", FS::NO_SPACE}};
+  for (const Case& each : cases) {
+    emulators::FaultRule rule;
+    rule.verb = "POST";
+    rule.fault.status = each.status;
+    rule.fault.error = each.error;
+    rule.fault.retry_after_s = 3;
+    emulator_->faults().Add(rule);
+    LoggerWrapper::Capture log;
+    EXPECT_EQ(fs_->CreateFolderImpl({}, "docs/x"), each.result) << each.status;
+    EXPECT_TRUE(log.Contains("Last response code: " + std::to_string(each.status)));
+  }
+}
+
+TEST_F(HuaweiTest, BadAnswersGiveTheirLines) {
+  FolderNode root;
+  struct Case {
+    emulators::Fault fault;
+    const char* line;
+  } cases[] = {{{}, "Failed read listing response."}, {{}, "Failed get resourse."}};
+  cases[0].fault.cut_after = 10;
+  cases[1].fault.drop_field = "startCursor";
+  const char* prefixes[] = {"/drive/v1/files", "/drive/v1/changes"};
+  for (int i = 0; i < 2; ++i) {
+    emulators::FaultRule rule;
+    rule.path_prefix = prefixes[i];
+    rule.nth = i == 0 ? 2 : 1;
+    rule.fault = cases[i].fault;
+    emulator_->faults().Clear();
+    emulator_->faults().Add(rule);
+    LoggerWrapper::Capture log;
+    EXPECT_NE(Tree(&root), FS::SUCCEEDED);
+    EXPECT_TRUE(log.Contains(i == 0 ? cases[i].line : "Failed get cursor to get changes."));
+  }
+}
+
+TEST(HuaweiItems, ParseRefusesBadItems) {
+  struct Case {
+    const char* json;
+    bool ok;
+  } cases[] = {
+      {R"({"id":"1","fileName":"a","parentFolder":["p"],"editedTime":"2024-05-01T10:20:30.123Z"})",
+       true},
+      {R"({"id":"1","fileName":"a","parentFolder":["p"],"editedTime":"2024-05-01T10:20:30Z"})",
+       true},
+      {R"({"id":"1","fileName":"a","editedTime":"2024-05-01T10:20:30.123Z"})", false},
+      {R"({"id":"1","fileName":"..","parentFolder":["p"],"editedTime":"2024-05-01T10:20:30Z"})",
+       false},
+      {R"({"id":"1","fileName":"a/b","parentFolder":["p"],"editedTime":"2024-05-01T10:20:30Z"})",
+       false},
+      {R"({"id":"1","fileName":"a","parentFolder":["p"],"recycled":"yes","editedTime":"2024-05-01T10:20:30Z"})",
+       false},
+      {R"({"id":"1","fileName":"a","parentFolder":["p"],"size":"-5","editedTime":"2024-05-01T10:20:30Z"})",
+       false},
+      {R"({"id":"1","fileName":"a","parentFolder":["p"],"editedTime":"yesterday"})", false},
+  };
+  for (const Case& each : cases) {
+    utils::json::json_tree json;
+    ASSERT_TRUE(utils::json::Parse(each.json, &json));
+    huawei::Item item;
+    std::string error;
+    EXPECT_EQ(huawei::ParseItem(json, &item, &error), each.ok) << each.json;
+    EXPECT_EQ(error.empty(), each.ok);
+  }
+  utils::json::json_tree json;
+  utils::json::Parse(cases[1].json, &json);
+  huawei::Item item;
+  std::string error;
+  huawei::ParseItem(json, &item, &error);
+  EXPECT_EQ(item.time, 1714558830u);
+  EXPECT_EQ(huawei::QuoteLiteral("it's \\"), "'it\\'s \\\\'");
+}
+
+TEST_F(HuaweiTest, MetainfoRecordPerBackup) {
+  std::string backups = Folder(account().RootId(), RemoteFileSystem::kRemoteBackupRootFolder);
+  Folder(backups, "laptop");
+  const std::string remote = RemoteFileSystem::kRemoteBackupRootFolder + "/laptop";
+  auto writer = factory_->CreateMetainfoWriter(http_, "/home/me", remote);
+  ASSERT_EQ(writer->Create(), FS::SUCCEEDED);
+  LoggerWrapper::Capture log;
+  ASSERT_EQ(writer->Create(), FS::SUCCEEDED);
+  EXPECT_TRUE(log.Contains("Metainfo already exists"));
+  ASSERT_EQ(writer->Update(123, 1700000000), FS::SUCCEEDED);
+  auto records = factory_->CreateMetainfoReader(http_)->ReadAll();
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].local_path, "/home/me");
+  EXPECT_EQ(records[0].cloud_path, remote);
+  EXPECT_EQ(records[0].last_update_time, 1700000000);
+  writer->Stop();
+  EXPECT_EQ(writer->Update(1, 1), FS::STOPPED);
+  auto inert = factory_->CreateMetainfoReader(nullptr);
+  EXPECT_TRUE(inert->ReadAll().empty());
+}
+
+}  // namespace
