@@ -5,6 +5,8 @@
 
 #include <cstdlib>
 
+#include "emulators/BoxDialect.h"
+
 namespace emulators {
 
 namespace {
@@ -16,7 +18,7 @@ struct DialectRow {
 };
 
 const DialectRow kDialects[] = {
-    {"", nullptr},
+    {"box", MakeBoxDialect},
 };
 
 int HexValue(char c) {
