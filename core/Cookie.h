@@ -14,14 +14,21 @@ class Cookie {
   virtual ~Cookie() = default;
 };
 
-// An OAuth 2 access token, sent as "Authorization: Bearer ...".
+// An OAuth 2 access token, sent as "Authorization: SCHEME TOKEN": "Bearer" for most services,
+// "OAuth" for Yandex Disk.
 class CookieOAuth : public Cookie {
  public:
-  explicit CookieOAuth(std::string token) : token_(std::move(token)) {}
+  static constexpr const char* kBearer = "Bearer";
+  static constexpr const char* kYandexScheme = "OAuth";
+
+  explicit CookieOAuth(std::string token, std::string scheme = kBearer)
+      : token_(std::move(token)), scheme_(std::move(scheme)) {}
   const std::string& GetToken() const { return token_; }
+  const std::string& GetScheme() const { return scheme_; }
 
  private:
   std::string token_;
+  std::string scheme_;
 };
 
 // A WebDAV account: the server's base URL and the user's name and password (HTTP Basic or Digest).

@@ -310,7 +310,7 @@ curl_slist* CurlURLProcessor::BuildHeaderList(const Request& request, bool uploa
   }
   if (request.authorize && !HasHeader(request.headers, "Authorization")) {
     if (auto* oauth = dynamic_cast<const core::cookie::CookieOAuth*>(cookie_.get())) {
-      add("Authorization: Bearer " + oauth->GetToken());
+      add("Authorization: " + oauth->GetScheme() + " " + oauth->GetToken());
     }
   }
   return list;

@@ -7,49 +7,15 @@
 
 #include <boost/property_tree/json_parser.hpp>
 
+#include "core/JsonParser.h"
 #include "core/LoggerWrapper.h"
 #include "core/PropertyTreeText.h"
 
 namespace utils {
 namespace json {
 
-namespace {
-
-// The deepest nesting of arrays and objects, strings skipped.
-int NestingDepth(const std::string& text) {
-  int depth = 0;
-  int deepest = 0;
-  bool in_string = false;
-  for (std::size_t i = 0; i < text.size(); ++i) {
-    char c = text[i];
-    if (in_string) {
-      if (c == '\\') {
-        ++i;
-      } else if (c == '"') {
-        in_string = false;
-      }
-    } else if (c == '"') {
-      in_string = true;
-    } else if (c == '[' || c == '{') {
-      deepest = std::max(deepest, ++depth);
-    } else if (c == ']' || c == '}') {
-      --depth;
-    }
-  }
-  return deepest;
-}
-
-}  // namespace
-
 bool Parse(const std::string& text, json_tree* tree, std::string* error) {
-  if (NestingDepth(text) > kMaxNestingDepth) {
-    property_tree_text::SetError(error,
-                                 "JSON nested deeper than " + std::to_string(kMaxNestingDepth));
-    return false;
-  }
-  return property_tree_text::ParseWith(
-      text, tree, error, "JSON",
-      [](std::istream& in, json_tree& parsed) { boost::property_tree::read_json(in, parsed); });
+  return JsonParser(text).Parse(tree, error);
 }
 
 bool ReadAndParse(InputStream* stream, json_tree* tree, std::string* error) {
@@ -58,6 +24,14 @@ bool ReadAndParse(InputStream* stream, json_tree* tree, std::string* error) {
     return false;
   }
   return Parse(body, tree, error);
+}
+
+boost::optional<const json_tree&> Member(const json_tree& tree, const std::string& key) {
+  auto found = tree.find(key);
+  if (found == tree.not_found()) {
+    return boost::none;
+  }
+  return found->second;
 }
 
 boost::optional<const json_tree&> Child(const json_tree& tree, const std::string& dotted_path) {

@@ -1,5 +1,6 @@
 // JSON documents as property trees: objects are children by key, arrays children with empty keys,
-// every scalar a string ("12", "true", "null").
+// every scalar a string ("12", "true"), null an empty value. Bodies that a service reads with types
+// are written with utils::json::Writer (core/JsonWriter.h).
 //
 //   utils::json::json_tree tree;
 //   std::string error;
@@ -27,6 +28,8 @@ constexpr int kMaxNestingDepth = 512;
 bool Parse(const std::string& text, json_tree* tree, std::string* error = nullptr);
 // Reads the whole stream (4096 bytes at a time), then parses it.
 bool ReadAndParse(InputStream* stream, json_tree* tree, std::string* error);
+// The member of an object by its key as it stands, dots and all ("@odata.nextLink").
+boost::optional<const json_tree&> Member(const json_tree& tree, const std::string& key);
 // The node at a "."-separated path of keys, if there is one.
 boost::optional<const json_tree&> Child(const json_tree& tree, const std::string& dotted_path);
 // Scalars are written as strings. Empty for a tree JSON can't hold (a node with both a value and

@@ -534,13 +534,11 @@ AccountError CloudAccount::Delete(const std::string& id) {
   }
   for (auto it = order.rbegin(); it != order.rend(); ++it) {
     Record* record = Get(*it);
-    if (*it != id) {
-      for (const std::string& child_id : record->children) {
-        Record* child = Get(child_id);
-        if (child && child->item.parents.size() > 1) {
-          auto& parents = child->item.parents;
-          parents.erase(std::remove(parents.begin(), parents.end(), *it), parents.end());
-        }
+    for (const std::string& child_id : record->children) {
+      Record* child = Get(child_id);
+      if (child && child->item.parents.size() > 1) {
+        auto& parents = child->item.parents;
+        parents.erase(std::remove(parents.begin(), parents.end(), *it), parents.end());
       }
     }
     Unlink(*it);

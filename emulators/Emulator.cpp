@@ -92,6 +92,11 @@ std::unique_ptr<Emulator> Emulator::Start(const std::string& service, int port,
     *error = "no emulator for " + service;
     return nullptr;
   }
+  return Start(std::move(dialect), port, error);
+}
+
+std::unique_ptr<Emulator> Emulator::Start(std::unique_ptr<Dialect> dialect, int port,
+                                          std::string* error) {
   std::unique_ptr<HttpServer> server;
   try {
     server = std::make_unique<HttpServer>(port);

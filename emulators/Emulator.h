@@ -32,6 +32,8 @@ class Emulator : private Router {
 
   // Null with `*error` set for a service without a dialect or a port that can't be had.
   static std::unique_ptr<Emulator> Start(const std::string& service, int port, std::string* error);
+  static std::unique_ptr<Emulator> Start(std::unique_ptr<Dialect> dialect, int port,
+                                         std::string* error);
   ~Emulator() override;
 
   CloudAccount& account() override { return *account_; }

@@ -51,6 +51,22 @@ TEST(CurlURLProcessorFactory, EveryProcessorCarriesTheAccountAndNoTokenIsLogged)
   }
 }
 
+TEST(CurlURLProcessorFactory, TheTokenGoesWithTheServicesScheme) {
+  emulators::HttpServer server;
+  server.Handle("GET", "/v1/disk", [](const HttpRequest&) { return HttpResponse::Status(200); });
+  for (const char* scheme :
+       {core::cookie::CookieOAuth::kBearer, core::cookie::CookieOAuth::kYandexScheme}) {
+    CurlURLProcessorFactory factory(std::make_shared<core::cookie::CookieOAuth>("t0k", scheme));
+    std::shared_ptr<URLProcessor> http = factory.Create();
+    ASSERT_TRUE(http->Open(nullptr));
+    URLProcessor::Request request;
+    request.url = DispatcherUrl::FromString(server.BaseUrl() + "/v1/disk");
+    ASSERT_TRUE(http->Send(request));
+    EXPECT_EQ(http->Finish(), URLProcessor::Result::OK);
+    EXPECT_EQ(server.Requests().back().Header("Authorization"), std::string(scheme) + " t0k");
+  }
+}
+
 TEST(Endpoints, PublicHostsByDefaultAndOverridesPerName) {
   EXPECT_EQ(Endpoints::Get(Endpoints::kGoogleDrive), "https://www.googleapis.com");
   EXPECT_EQ(Endpoints::Get(Endpoints::kDropboxContent), "https://content.dropboxapi.com");

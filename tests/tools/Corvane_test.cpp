@@ -28,6 +28,7 @@
 
 #include "emulators/HttpServer.h"
 #include "support/DavServer.h"
+#include "support/Processes.h"
 
 namespace {
 
@@ -43,48 +44,23 @@ constexpr int kItemMissed = 28;
 constexpr int kNotSupported = 29;
 constexpr int kStopped = 11;
 
-constexpr char kUser[] = "alice";
-constexpr char kPassword[] = "s3cret wörd";
-
-struct Outcome {
-  int status = -1;
-  std::string out;
-  std::string err;
-};
-
-std::string ReadAll(const fs::path& path) {
-  std::ifstream in(path, std::ios::binary);
-  std::stringstream text;
-  text << in.rdbuf();
-  return text.str();
-}
-
-void WriteAll(const fs::path& path, const std::string& content) {
-  fs::create_directories(path.parent_path());
-  std::ofstream(path, std::ios::binary) << content;
-}
-
-std::string RandomBytes(std::size_t size, unsigned seed) {
-  std::mt19937 random(seed);
-  std::string bytes(size, '\0');
-  for (char& byte : bytes) {
-    byte = static_cast<char>(random());
-  }
-  return bytes;
-}
-
 std::string FirstWord(const std::string& text) {
   return text.substr(0, text.find_first_of(" \n"));
 }
 
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
-    lines.push_back(line);
-  }
-  return lines;
-}
+using test::Environment;
+using test::Lines;
+using test::Outcome;
+using test::RandomBytes;
+using test::ReadAll;
+using test::RunProcess;
+using test::StartProcess;
+using test::TempDir;
+using test::WaitProcess;
+using test::WriteAll;
+
+constexpr char kUser[] = "alice";
+constexpr char kPassword[] = "s3cret wörd";
 
 // The "path" of each JSON line the tool printed, in order.
 std::vector<std::string> PrintedPaths(const std::string& out) {
@@ -98,66 +74,7 @@ std::vector<std::string> PrintedPaths(const std::string& out) {
   return paths;
 }
 
-// A folder of its own for each test; gone with the test.
-class TempDir {
- public:
-  TempDir() {
-    char pattern[] = "/tmp/corvane-tool-XXXXXX";
-    path_ = ::mkdtemp(pattern);
-  }
-  ~TempDir() { fs::remove_all(path_); }
-  const fs::path& path() const { return path_; }
-
- private:
-  fs::path path_;
-};
-
 using Environment = std::vector<std::pair<std::string, std::string>>;
-
-// Starts `argv` with stdout and stderr in files of `dir`, with `environment` in place of the
-// user's CORVANE_ settings.
-pid_t StartProcess(const std::vector<std::string>& argv, const fs::path& dir,
-                   const Environment& environment = {}) {
-  fs::path out = dir / "stdout";
-  fs::path err = dir / "stderr";
-  pid_t pid = ::fork();
-  if (pid == 0) {
-    for (const char* name :
-         {"CORVANE_SERVICE", "CORVANE_URL", "CORVANE_USER", "CORVANE_PASSWORD", "CORVANE_TOKEN"}) {
-      ::unsetenv(name);
-    }
-    for (const auto& [name, value] : environment) {
-      ::setenv(name.c_str(), value.c_str(), 1);
-    }
-    int out_fd = ::open(out.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    int err_fd = ::open(err.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0644);
-    ::dup2(out_fd, 1);
-    ::dup2(err_fd, 2);
-    std::vector<char*> args;
-    for (const std::string& arg : argv) {
-      args.push_back(const_cast<char*>(arg.c_str()));
-    }
-    args.push_back(nullptr);
-    ::execvp(args[0], args.data());
-    ::_exit(127);
-  }
-  return pid;
-}
-
-Outcome WaitProcess(pid_t pid, const fs::path& dir) {
-  int status = 0;
-  ::waitpid(pid, &status, 0);
-  Outcome run;
-  run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-  run.out = ReadAll(dir / "stdout");
-  run.err = ReadAll(dir / "stderr");
-  return run;
-}
-
-Outcome RunProcess(const std::vector<std::string>& argv, const fs::path& dir,
-                   const Environment& environment = {}) {
-  return WaitProcess(StartProcess(argv, dir, environment), dir);
-}
 
 Outcome RunTool(std::vector<std::string> args, const fs::path& dir,
                 const Environment& environment = {}) {

@@ -3,6 +3,7 @@
 #include <ostream>
 #include <vector>
 
+#include "AccountTree.h"
 #include "core/RemoteFileSystem.h"
 
 namespace corvane {
@@ -22,7 +23,7 @@ const Command* FindCommand(const std::string& name) {
       {"unlink", 1, 1, {}, true, RunUnlink},
       {"changes", 0, 0, {"for"}, true, RunChanges},
       {"hash", 1, 1, {"type"}, false, RunHash},
-      {"emulate", 1, 1, {"port"}, false, RunEmulate},
+      {"emulate", 1, 1, {"port", "seed"}, false, RunEmulate},
   };
   for (const Command& command : commands) {
     if (name == command.name) {
@@ -64,20 +65,8 @@ bool ToCanonicalPath(std::string* path) {
   return FileSystem::IsCanonicalPath(*path);
 }
 
-FileSystem::Result FindItem(RemoteFileSystem& fs, const std::string& path, Item* item) {
-  auto [parent, name] = SplitParent(path);
-  RemoteFileSystem::FolderListing listing;
-  FileSystem::Result result = fs.GetFolderListing(parent, &listing);
-  if (result != FileSystem::SUCCEEDED) {
-    return result;
-  }
-  for (const Item& entry : ListingItems(parent, listing)) {
-    if (entry.path == path) {
-      *item = entry;
-      return FileSystem::SUCCEEDED;
-    }
-  }
-  return FileSystem::ITEM_MISSED;
+FileSystem::Result FindItem(Context& context, const std::string& path, Item* item) {
+  return context.tree->Find(path, item);
 }
 
 }  // namespace corvane

@@ -18,6 +18,7 @@ class RemoteFileSystem;
 
 namespace corvane {
 
+class AccountTree;
 class Interrupter;
 
 constexpr int kExitUsage = 2;
@@ -30,6 +31,7 @@ struct Context {
   std::ostream& out;
   std::ostream& err;
   RemoteFileSystem* fs = nullptr;  // set for the commands that reach a service
+  AccountTree* tree = nullptr;     // likewise: where items are found
 };
 
 using CommandFunction = int (*)(Context& context);
@@ -56,9 +58,9 @@ int Fail(Context& context, int status, const std::string& message);
 // The path as the adapters take it: no leading or trailing "/". False for ".." and the like.
 bool ToCanonicalPath(std::string* path);
 
-// Finds `path` in a listing of its parent, as the core knows an item from its tree. ITEM_MISSED
-// when the parent holds no such name.
-FileSystem::Result FindItem(RemoteFileSystem& fs, const std::string& path, Item* item);
+// Finds `path` as the core knows an item from its tree. ITEM_MISSED when its folder holds no such
+// name.
+FileSystem::Result FindItem(Context& context, const std::string& path, Item* item);
 
 // The commands, grouped by what they touch.
 int RunTree(Context& context);

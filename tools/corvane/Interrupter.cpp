@@ -40,7 +40,13 @@ void Interrupter::Run() {
     if (target_) {
       target_->Stop();
     }
+    signalled_.notify_all();
   }
+}
+
+void Interrupter::WaitForSignal() {
+  std::unique_lock<std::mutex> lock(mutex_);
+  signalled_.wait(lock, [this] { return interrupted_.load(); });
 }
 
 }  // namespace corvane

@@ -10,6 +10,7 @@
 #include <pthread.h>
 
 #include <atomic>
+#include <condition_variable>
 #include <mutex>
 #include <thread>
 
@@ -28,12 +29,15 @@ class Interrupter {
   // `target` (may be null) gets Stop() on the next signal.
   void Watch(Stoppable* target);
   bool Interrupted() const { return interrupted_.load(); }
+  // Returns on the first signal (at once if one came already).
+  void WaitForSignal();
 
  private:
   void Run();
 
   sigset_t signals_;
   std::mutex mutex_;
+  std::condition_variable signalled_;
   Stoppable* target_ = nullptr;
   std::atomic<bool> interrupted_{false};
   std::atomic<bool> closing_{false};

@@ -2,6 +2,7 @@
 // controls the core would give from its tree (the item's hash from a listing of its folder).
 #include <ostream>
 
+#include "AccountTree.h"
 #include "Command.h"
 #include "core/Nodes.h"
 #include "core/RemoteFileSystem.h"
@@ -23,7 +24,7 @@ int BadPath(Context& context, std::size_t index) {
 // The item the command is about; reports and answers false when it is missing or of the other
 // kind.
 bool FindKind(Context& context, const std::string& path, bool folder, Item* item, int* status) {
-  FileSystem::Result result = FindItem(*context.fs, path, item);
+  FileSystem::Result result = FindItem(context, path, item);
   if (result == FileSystem::SUCCEEDED && item->folder != folder) {
     result = FileSystem::FAILED;
   }
@@ -35,11 +36,11 @@ bool FindKind(Context& context, const std::string& path, bool folder, Item* item
 }
 
 // A node of the folder at `path` with its direct children, as the core's tree would hold it.
-FolderNode* MakeFolderNode(RemoteFileSystem& fs, const std::string& path, FolderNode* holder,
+FolderNode* MakeFolderNode(Context& context, const std::string& path, FolderNode* holder,
                            FileSystem::Result* result) {
   FolderNode* node = holder->CreateFolder(SplitParent(path).second);
   RemoteFileSystem::FolderListing listing;
-  *result = fs.GetFolderListing(path, &listing);
+  *result = context.tree->List(path, &listing);
   for (const std::string& name : listing.folders) {
     node->CreateFolder(name);
   }
@@ -47,6 +48,17 @@ FolderNode* MakeFolderNode(RemoteFileSystem& fs, const std::string& path, Folder
     node->CreateFileW(name, props.size, props.hash, props.time);
   }
   return node;
+}
+
+// OneDrive moves and renames files through RenameFileImpl and refuses MoveFileImpl.
+FileSystem::Result MoveFile(RemoteFileSystem& fs, const FileNode& node, const Item& item,
+                            const std::string& from, const std::string& to) {
+  FileSystem::OverwriteControl control(item.hash);
+  if (fs.GetServiceId() == CloudServiceId::ONEDRIVE) {
+    SomeHash hash = item.hash;
+    return fs.RenameFileImpl(node, control, from, FileSystem::OverwriteControl(), to, &hash);
+  }
+  return fs.MoveFileImpl(node, control, from, FileSystem::OverwriteControl(), to);
 }
 
 }  // namespace
@@ -88,7 +100,7 @@ int RunRmdir(Context& context) {
   }
   FolderNode holder;
   FileSystem::Result result = FileSystem::SUCCEEDED;
-  FolderNode* node = MakeFolderNode(*context.fs, path, &holder, &result);
+  FolderNode* node = MakeFolderNode(context, path, &holder, &result);
   if (result != FileSystem::SUCCEEDED) {
     return Report(context, result, "rmdir: " + path);
   }
@@ -107,14 +119,14 @@ int RunMv(Context& context) {
     return BadPath(context, 1);
   }
   Item item;
-  FileSystem::Result result = FindItem(*context.fs, from, &item);
+  FileSystem::Result result = FindItem(context, from, &item);
   if (result != FileSystem::SUCCEEDED) {
     return Report(context, result, "mv: " + from);
   }
   // The target must be free: an empty control says so.
   FolderNode holder;
   if (item.folder) {
-    FolderNode* node = MakeFolderNode(*context.fs, from, &holder, &result);
+    FolderNode* node = MakeFolderNode(context, from, &holder, &result);
     if (result != FileSystem::SUCCEEDED) {
       return Report(context, result, "mv: " + from);
     }
@@ -122,8 +134,7 @@ int RunMv(Context& context) {
                                         FileSystem::OverwriteControl(), to);
   } else {
     FileNode* node = holder.CreateFileW(SplitParent(from).second, item.size, item.hash, item.mtime);
-    result = context.fs->MoveFileImpl(*node, FileSystem::OverwriteControl(item.hash), from,
-                                      FileSystem::OverwriteControl(), to);
+    result = MoveFile(*context.fs, *node, item, from, to);
   }
   return Report(context, result, "mv: " + from + " -> " + to);
 }
@@ -169,14 +180,6 @@ int RunUnlink(Context& context) {
     return BadPath(context, 0);
   }
   return Report(context, context.fs->ClosePublicLink(path), "unlink: " + path);
-}
-
-int RunEmulate(Context& context) {
-  const std::string& service = context.options.args[0];
-  if (!context.options.port) {
-    return Fail(context, kExitUsage, "emulate: --port N is needed");
-  }
-  return Fail(context, kExitEnvironment, "emulate: no emulator for " + service);
 }
 
 }  // namespace corvane

@@ -75,6 +75,7 @@ const std::map<std::string, OptionRule>& Rules() {
       {"for", {true, true, Number("for", &Options::for_seconds)}},
       {"type", {true, true, Text(&Options::hash_type)}},
       {"port", {true, true, Number("port", &Options::port)}},
+      {"seed", {true, true, Text(&Options::seed)}},
   };
   return rules;
 }
@@ -175,7 +176,10 @@ Commands:
   link PATH | unlink PATH       publish or withdraw a public link
   changes [--for SECONDS]       the tree, then the change feed
   hash --type TYPE FILE         dropbox, quickxor, google, box, yandex or internal
-  emulate SERVICE --port N      host a service emulator
+  emulate SERVICE --port N [--seed DIR]
+                                host a service's emulator on 127.0.0.1 (port 0: any),
+                                with the files of DIR, until Ctrl-C; prints the
+                                options that point corvane at it
 
 Exit status: 0 on success, 10 plus the Result value on a failed operation,
 2 for a wrong command line, 3 when the service cannot be reached through the library.

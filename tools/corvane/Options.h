@@ -37,6 +37,7 @@ struct Options {
   std::optional<std::uint64_t> for_seconds;
   std::string hash_type;
   std::optional<std::uint64_t> port;
+  std::string seed;
   std::set<std::string> given;
 
   std::string command;

@@ -38,7 +38,9 @@ std::shared_ptr<const core::cookie::Cookie> MakeCookie(CloudServiceId id, const 
     *error = "--token (or CORVANE_TOKEN) is needed for " + options.service;
     return nullptr;
   }
-  return std::make_shared<core::cookie::CookieOAuth>(options.token);
+  return std::make_shared<core::cookie::CookieOAuth>(
+      options.token, id == CloudServiceId::YANDEX ? core::cookie::CookieOAuth::kYandexScheme
+                                                  : core::cookie::CookieOAuth::kBearer);
 }
 
 bool ApplyEndpoints(const Options& options, std::string* error) {

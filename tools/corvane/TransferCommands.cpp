@@ -73,7 +73,7 @@ FileSystem::Result OpenUpload(Context& context, const std::string& remote, const
   if (context.options.overwrite) {
     // The control is the hash the file has now: whoever changed it since loses nothing.
     Item existing;
-    FileSystem::Result found = FindItem(fs, remote, &existing);
+    FileSystem::Result found = FindItem(context, remote, &existing);
     if (found == FileSystem::SUCCEEDED && !existing.folder) {
       return fs.OpenForRewrite(FileSystem::OverwriteControl(existing.hash), remote, hash,
                                local.size, local.mtime, resume_offset);
@@ -127,7 +127,7 @@ int RunGet(Context& context) {
   }
   // 1. Size and hash as the core has them from its tree.
   Item item;
-  FileSystem::Result result = FindItem(fs, remote, &item);
+  FileSystem::Result result = FindItem(context, remote, &item);
   if (result == FileSystem::SUCCEEDED && item.folder) {
     return Fail(context, kExitUsage, "get: " + remote + " is a folder");
   }

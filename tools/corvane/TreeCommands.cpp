@@ -6,6 +6,7 @@
 #include <queue>
 #include <thread>
 
+#include "AccountTree.h"
 #include "Command.h"
 #include "Interrupter.h"
 #include "ProgressBar.h"
@@ -19,20 +20,6 @@ using Clock = std::chrono::steady_clock;
 
 // A feed that answered nothing is asked again after this pause.
 constexpr auto kIdlePoll = std::chrono::seconds(1);
-
-struct Snapshot {
-  FolderNode root;
-  std::uint64_t free = 0;
-  std::uint64_t total = 0;
-  tsl::htrie_set<char> service_items;
-};
-
-FileSystem::Result DownloadTree(RemoteFileSystem& fs, Snapshot* snapshot) {
-  RemoteFileSystem* adapter = &fs;
-  ProgressBar bar("tree", [adapter] { return adapter->GetFirstSnapshotProgress(); });
-  return fs.GetFullTree(&snapshot->root, &snapshot->free, &snapshot->total,
-                        &snapshot->service_items);
-}
 
 void PrintItems(Context& context, const std::vector<Item>& items) {
   for (const Item& item : items) {
@@ -96,7 +83,7 @@ int RunLs(Context& context) {
     return Fail(context, kExitUsage, "not a valid path: " + context.options.args[0]);
   }
   RemoteFileSystem::FolderListing listing;
-  FileSystem::Result result = context.fs->GetFolderListing(path, &listing);
+  FileSystem::Result result = context.tree->List(path, &listing);
   if (result != FileSystem::SUCCEEDED) {
     return Report(context, result, "ls: GetFolderListing");
   }
@@ -123,6 +110,13 @@ int RunChanges(Context& context) {
     result = fs.GetChanges(&changes);
     if (result == FileSystem::STOPPED && context.interrupter.Interrupted()) {
       break;
+    }
+    // A failure the next call may not meet (the network, the service's moment) is waited out;
+    // one that asks for the user is reported.
+    if (result == FileSystem::FAILED) {
+      context.err << "changes: GetChanges failed, asking again" << std::endl;
+      IdleWait(context, kIdlePoll, deadline);
+      continue;
     }
     if (result != FileSystem::SUCCEEDED) {
       return Report(context, result, "changes: GetChanges");

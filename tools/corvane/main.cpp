@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "AccountTree.h"
 #include "Command.h"
 #include "Interrupter.h"
 #include "Options.h"
@@ -65,6 +66,7 @@ int main(int argc, char** argv) {
   // 2. The account, for the commands that reach one.
   corvane::Context context{options, interrupter, std::cout, std::cerr};
   std::unique_ptr<corvane::ServiceSession> session;
+  std::unique_ptr<corvane::AccountTree> tree;
   if (command->needs_service) {
     session = corvane::ServiceSession::Open(options, &error);
     if (!session) {
@@ -72,11 +74,14 @@ int main(int argc, char** argv) {
       return corvane::kExitEnvironment;
     }
     context.fs = &session->fs();
+    tree = std::make_unique<corvane::AccountTree>(session->fs());
+    context.tree = tree.get();
     interrupter.Watch(context.fs);
   }
   // 3. The command.
   int status = command->run(context);
   interrupter.Watch(nullptr);
+  tree.reset();
   session.reset();
   return status;
 }

@@ -1,0 +1,39 @@
+#include "support/Fetch.h"
+
+#include <curl/curl.h>
+
+namespace test {
+
+Answer Fetch(const std::string& verb, const std::string& url, const std::string& token,
+             const std::string& body, const std::string& range, const std::string& header) {
+  Answer answer;
+  CURL* curl = curl_easy_init();
+  curl_slist* headers = nullptr;
+  if (!token.empty())
+    headers = curl_slist_append(headers, ("Authorization: " + token).c_str());
+  if (!range.empty())
+    headers = curl_slist_append(headers, ("Range: " + range).c_str());
+  if (!header.empty())
+    headers = curl_slist_append(headers, header.c_str());
+  auto append = +[](char* data, size_t size, size_t count, void* out) {
+    static_cast<std::string*>(out)->append(data, size * count);
+    return size * count;
+  };
+  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, verb.c_str());
+  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+  curl_easy_setopt(curl, CURLOPT_TIMEOUT, 10L);
+  if (!body.empty())
+    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.c_str());
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, append);
+  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &answer.body);
+  curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, append);
+  curl_easy_setopt(curl, CURLOPT_HEADERDATA, &answer.headers);
+  answer.code = curl_easy_perform(curl);
+  curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &answer.status);
+  curl_slist_free_all(headers);
+  curl_easy_cleanup(curl);
+  return answer;
+}
+
+}  // namespace test
