@@ -6,6 +6,7 @@
 #include <cstdlib>
 
 #include "emulators/HuaweiDialect.h"
+#include "emulators/BoxDialect.h"
 
 namespace emulators {
 
@@ -19,6 +20,7 @@ struct DialectRow {
 
 const DialectRow kDialects[] = {
     {"huawei", MakeHuaweiDialect},
+    {"box", MakeBoxDialect},
 };
 
 int HexValue(char c) {

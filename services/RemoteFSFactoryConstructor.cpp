@@ -3,6 +3,7 @@
 #include "core/LoggerWrapper.h"
 #include "core/RemoteFileSystemFactoryS3.h"
 #include "services/RemoteFileSystemFactoryHuawei.h"
+#include "services/RemoteFileSystemFactoryBox.h"
 #include "services/RemoteFileSystemFactoryWebDAV.h"
 
 namespace {
@@ -22,6 +23,7 @@ struct FactoryRow {
 // One row per service this library serves; an id without a row has no factory.
 constexpr FactoryRow kFactories[] = {
     {CloudServiceId::WEBDAV, &Make<RemoteFileSystemFactoryWebDAV>},
+    {CloudServiceId::BOX, &Make<RemoteFileSystemFactoryBox>},
     // pCloud is a plain WebDAV account.
     {CloudServiceId::PCLOUD, &Make<RemoteFileSystemFactoryWebDAV>},
     {CloudServiceId::S3_BASE, &Make<s3::RemoteFileSystemFactoryS3Base>},

@@ -1,0 +1,76 @@
+// Helpers of the Box adapter tests: the Box emulator with the library's endpoints pointed at it,
+// adapters of one factory opened with a token, and a tree read back as path -> file.
+#pragma once
+
+#include <map>
+#include <memory>
+#include <string>
+
+#include "core/Cookie.h"
+#include "core/CurlURLProcessorFactory.h"
+#include "core/Endpoints.h"
+#include "core/Nodes.h"
+#include "emulators/Emulator.h"
+#include "services/RemoteFSFactoryConstructor.h"
+#include "services/RemoteFileSystemBoxRestApi.h"
+
+namespace test {
+
+class BoxAccount {
+ public:
+  explicit BoxAccount(const std::string& root = std::string()) {
+    std::string error;
+    emulator = emulators::Emulator::Start("box", 0, &error);
+    for (const auto& [name, url] : emulator->Endpoints())
+      Endpoints::Override(name, url);
+    factory.reset(H6BA54F7D00(CloudServiceId::BOX, root));
+    url_factory = std::make_shared<CurlURLProcessorFactory>(
+        std::make_shared<core::cookie::CookieOAuth>("token"));
+  }
+  ~BoxAccount() { Endpoints::ResetOverrides(); }
+
+  std::unique_ptr<rest_api::RemoteFileSystemBox> Open() {
+    std::unique_ptr<rest_api::RemoteFileSystemBox> box(
+        static_cast<rest_api::RemoteFileSystemBox*>(factory->Create()));
+    box->Open(url_factory);
+    return box;
+  }
+  rest_api::RemoteFileSystemBoxSharedData& Shared() {
+    return *static_cast<rest_api::RemoteFileSystemBoxSharedData*>(factory->GetSharedData().get());
+  }
+  emulators::CloudAccount& account() { return emulator->account(); }
+  std::string Folder(const std::string& parent, const std::string& name) {
+    emulators::Item item;
+    account().CreateFolder(parent, name, &item);
+    return item.id;
+  }
+  std::string File(const std::string& parent, const std::string& name, const std::string& data) {
+    emulators::Item item;
+    account().CreateFile(parent, name, data, 1700000000000, &item);
+    return item.id;
+  }
+  // Requests on the wire whose path starts so, with the verb given ("" any).
+  std::size_t Count(const std::string& verb, const std::string& prefix) {
+    std::size_t count = 0;
+    for (const auto& request : emulator->server().Requests())
+      count += (verb.empty() || request.verb == verb) && request.path.rfind(prefix, 0) == 0;
+    return count;
+  }
+
+  std::unique_ptr<emulators::Emulator> emulator;
+  std::unique_ptr<RemoteFileSystemFactory> factory;
+  std::shared_ptr<URLProcessorFactory> url_factory;
+};
+
+// Every file of a tree by path, with its size and SHA-1.
+inline void CollectFiles(const FolderNode& folder, const std::string& prefix,
+                         std::map<std::string, std::pair<std::uint64_t, std::string>>* out) {
+  for (auto it = folder.FilesBegin(); it != folder.FilesEnd(); ++it)
+    (*out)[prefix + it->GetName()] = {it->size, it->hash.GetHashBox().sha1};
+  for (auto it = folder.FoldersBegin(); it != folder.FoldersEnd(); ++it) {
+    (*out)[prefix + it->GetName() + "/"] = {0, std::string()};
+    CollectFiles(**it, prefix + it->GetName() + "/", out);
+  }
+}
+
+}  // namespace test
