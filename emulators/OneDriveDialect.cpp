@@ -192,6 +192,13 @@ class OneDriveDialect::GraphService {
 
  private:
   CloudAccount& account() { return router_.account(); }
+  // Downloads are served from another host name, as the service's are, so that a client's
+  // credentials don't follow the redirect.
+  std::string DownloadHost() const {
+    std::string base = router_.BaseUrl();
+    std::size_t host = base.find("127.0.0.1");
+    return host == std::string::npos ? base : base.replace(host, 9, "localhost");
+  }
   Address Parse(const std::string& path) const;
   HttpResponse Dispatch(const HttpRequest& request, const Address& address);
 
@@ -675,7 +682,7 @@ HttpResponse OneDriveDialect::GraphService::ContentRedirect(const Item& item) {
   if (item.IsFolder())
     return GraphError(400, "invalidRequest", "A folder has no content.");
   HttpResponse redirect = HttpResponse::Status(302);
-  redirect.headers = {{"Location", router_.BaseUrl() + "/_download/" + item.id +
+  redirect.headers = {{"Location", DownloadHost() + "/_download/" + item.id +
                                        "?r=" + std::to_string(item.revision)}};
   return redirect;
 }

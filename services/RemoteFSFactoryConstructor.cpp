@@ -2,6 +2,7 @@
 
 #include "core/LoggerWrapper.h"
 #include "core/RemoteFileSystemFactoryS3.h"
+#include "services/RemoteFileSystemFactoryOneDrive.h"
 #include "services/RemoteFileSystemFactoryWebDAV.h"
 
 namespace {
@@ -23,6 +24,7 @@ constexpr FactoryRow kFactories[] = {
     {CloudServiceId::WEBDAV, &Make<RemoteFileSystemFactoryWebDAV>},
     // pCloud is a plain WebDAV account.
     {CloudServiceId::PCLOUD, &Make<RemoteFileSystemFactoryWebDAV>},
+    {CloudServiceId::ONEDRIVE, &Make<RemoteFileSystemFactoryOneDrive>},
     {CloudServiceId::S3_BASE, &Make<s3::RemoteFileSystemFactoryS3Base>},
     {CloudServiceId::S3_EMBERA, &Make<s3::RemoteFileSystemFactoryS3Embera>},
     {CloudServiceId::S3_AMAZON, &Make<s3::RemoteFileSystemFactoryS3Amazon>},
