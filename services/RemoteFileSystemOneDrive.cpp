@@ -454,9 +454,10 @@ FileSystem::Result RemoteFileSystemOneDrive::GetFullTree(FolderNode* root, std::
 }
 
 void RemoteFileSystemOneDrive::ReadSharedFolders(DeltaRun* run) {
-  sharedData()->SetSharedFolders(run->mounts);
+  const RemoteFileSystemOneDriveSharedData::FolderList mounts = run->mounts;
+  sharedData()->SetSharedFolders(mounts);
   run->changes.clear();
-  for (const auto& folder : run->mounts) {
+  for (const auto& folder : mounts) {
     std::string link;
     Result result = FollowDelta(
         run, "/drives/" + folder->driveId + "/items/" + folder->itemId + "/delta", &link);
@@ -572,7 +573,7 @@ FileSystem::Result RemoteFileSystemOneDrive::GetDeltaPage(const std::string& url
       LOG_ERROR << "Invalid drive item: " << error;
       continue;
     }
-    if (item.isRoot || (item.id == item.remoteId && sharedData()->FindSharedById(item.id)))
+    if (item.isRoot || (!item.hasRemote && sharedData()->FindSharedById(item.id)))
       continue;  // the drive's root, or the mounted folder itself in its own delta
     if (item.parentPath.find("Livefolders") != std::string::npos)
       utils::json::Log(entry.second, false);
@@ -591,7 +592,11 @@ FileSystem::Result RemoteFileSystemOneDrive::GetDeltaPage(const std::string& url
       full = JoinPath(*parent, item.name);
     }
     if (full.empty()) {
-      LOG_WARNING << "Invalid empty path. id=" << item.id;
+      if (item.deleted && expectedDeletes_.Take(item.id)) {
+        LOG_INFO << "Skipping self made change: " << item.id;
+      } else {
+        LOG_WARNING << "Invalid empty path. id=" << item.id;
+      }
       continue;
     }
     if (item.hasRemote && !item.deleted && item.isFolder) {
@@ -684,7 +689,11 @@ void RemoteFileSystemOneDrive::MakeChange(const GraphDriveItem& item, const std:
     change.type = Change::FOLDER_DELETE;
     renewDelta = true;
   } else if (known && *known == path) {
-    LOG_INFO << "Folder modified - event skipped.";
+    if (expectedFolders_.Take(id)) {
+      LOG_INFO << "Skipping self made change: " << path;
+    } else {
+      LOG_INFO << "Folder modified - event skipped.";
+    }
     return;
   } else if (known) {
     change.type = Change::FOLDER_RENAME;
@@ -1665,27 +1674,37 @@ FileSystem::Result RemoteFileSystemOneDrive::WriteFile(const std::uint8_t* data,
 
 FileSystem::Result RemoteFileSystemOneDrive::WriteChunkPart(const std::uint8_t* data,
                                                             std::uint32_t size) {
-  // 1. The bytes.
+  // 1. The bytes; the last ones of a chunk may bring the service's answer with them.
   OutputStream::Result written = fileClient_->GetOutputStream()->Write(data, size);
+  const bool lastOfChunk = upload_.chunkPosition + size == upload_.chunkSize;
+  bool finished = false;
+  URLResult result = URLResult::OK;
   if (written != OutputStream::Result::OK) {
-    const URLResult result = fileClient_->Finish();
-    LOG_ERROR << "Writing for \"" << transferPath_ << "\" failed with result: " << result
-              << ", response: " << fileClient_->GetResponseCode() << ".";
-    fileMode = kIdle;
-    upload_.chunkInFlight = false;
-    if (result == URLResult::STOPPED || IsStopped())
-      return STOPPED;
-    return GetHttpFailure(fileClient_.get(), result);
+    if (InputStream* stream = fileClient_->GetInputStream())
+      stream->ReadAllTo(&upload_.responseBuffer, 4096);
+    result = fileClient_->Finish();
+    finished = true;
+    if (!lastOfChunk || !URLProcessor::IsSuccessHttpCode(fileClient_->GetResponseCode())) {
+      LOG_ERROR << "Writing for \"" << transferPath_ << "\" failed with result: " << result
+                << ", response: " << upload_.responseBuffer << ".";
+      fileMode = kIdle;
+      upload_.chunkInFlight = false;
+      if (result == URLResult::STOPPED || IsStopped())
+        return STOPPED;
+      return GetHttpFailure(fileClient_.get(), result);
+    }
   }
   upload_.hashCalculator.Feed(data, size);
   upload_.sentBytes += size;
   upload_.chunkPosition += size;
-  if (upload_.chunkPosition < upload_.chunkSize)
+  if (!lastOfChunk)
     return SUCCEEDED;
   // 2. A full chunk: the service's verdict on it.
-  if (InputStream* stream = fileClient_->GetInputStream())
-    stream->ReadAllTo(&upload_.responseBuffer, 4096);
-  const URLResult result = fileClient_->Finish();
+  if (!finished) {
+    if (InputStream* stream = fileClient_->GetInputStream())
+      stream->ReadAllTo(&upload_.responseBuffer, 4096);
+    result = fileClient_->Finish();
+  }
   upload_.chunkInFlight = false;
   const int code = fileClient_->GetResponseCode();
   if (result == URLResult::STOPPED) {
