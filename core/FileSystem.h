@@ -168,6 +168,9 @@ class FileSystem::Change {
   std::uint64_t time = 0;
   std::uint64_t size = 0;  // for the size types, the new value
   SomeHash hash;
+  // Services that name items by id carry the item's id and its drive with the change.
+  std::string id;
+  std::string drive_id;
 };
 
 class FileSystem::Revision {

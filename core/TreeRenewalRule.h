@@ -20,6 +20,8 @@ class TreeRenewalRule {
   // Clears the request: the new tree starts the feed afresh.
   void OnFullTreeRequested();
   bool ShouldRenew() const;
+  // The loss is flagged, whether or not the minute has passed.
+  bool IsRequested() const { return renewal_requested_; }
 
  private:
   static constexpr std::int64_t kNever = INT64_MIN;

@@ -1,5 +1,7 @@
 #include "emulators/Dialect.h"
 
+#include "emulators/OneDriveDialect.h"
+
 #include <QDateTime>
 #include <QJsonDocument>
 
@@ -21,6 +23,7 @@ struct DialectRow {
 const DialectRow kDialects[] = {
     {"huawei", MakeHuaweiDialect},
     {"box", MakeBoxDialect},
+    {"onedrive", MakeOneDriveDialect},
 };
 
 int HexValue(char c) {

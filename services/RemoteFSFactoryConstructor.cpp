@@ -4,6 +4,7 @@
 #include "core/RemoteFileSystemFactoryS3.h"
 #include "services/RemoteFileSystemFactoryHuawei.h"
 #include "services/RemoteFileSystemFactoryBox.h"
+#include "services/RemoteFileSystemFactoryOneDrive.h"
 #include "services/RemoteFileSystemFactoryWebDAV.h"
 
 namespace {
@@ -26,6 +27,7 @@ constexpr FactoryRow kFactories[] = {
     {CloudServiceId::BOX, &Make<RemoteFileSystemFactoryBox>},
     // pCloud is a plain WebDAV account.
     {CloudServiceId::PCLOUD, &Make<RemoteFileSystemFactoryWebDAV>},
+    {CloudServiceId::ONEDRIVE, &Make<RemoteFileSystemFactoryOneDrive>},
     {CloudServiceId::S3_BASE, &Make<s3::RemoteFileSystemFactoryS3Base>},
     {CloudServiceId::S3_EMBERA, &Make<s3::RemoteFileSystemFactoryS3Embera>},
     {CloudServiceId::S3_AMAZON, &Make<s3::RemoteFileSystemFactoryS3Amazon>},

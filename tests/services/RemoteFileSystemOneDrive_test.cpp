@@ -1,0 +1,600 @@
+// The OneDrive adapter against the Graph emulator: the failure table under the injectable clock,
+// the snapshot of a generated account, the feed after each kind of change, renewal, quota, mounted
+// folders, bad answers, and transfers with their echoes.
+#include "services/RemoteFileSystemOneDrive.h"
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <queue>
+
+#include "core/Clock.h"
+#include "core/Cookie.h"
+#include "core/CurlURLProcessorFactory.h"
+#include "core/Endpoints.h"
+#include "core/HashCalculators.h"
+#include "core/LoggerWrapper.h"
+#include "core/Nodes.h"
+#include "core/RadarsLogger.h"
+#include "emulators/ContentHashes.h"
+#include "emulators/Emulator.h"
+#include "emulators/OneDriveDialect.h"
+
+namespace {
+
+using Result = FileSystem::Result;
+using Change = FileSystem::Change;
+using emulators::Item;
+
+// path -> "d" for a folder, else the size.
+using Listing = std::map<std::string, std::string>;
+
+void ListTree(const FolderNode& folder, const std::string& prefix, Listing* out) {
+  for (auto it = folder.FoldersBegin(); it != folder.FoldersEnd(); ++it) {
+    std::string path = prefix + it->GetName();
+    (*out)[path] = "d";
+    ListTree(**it, path + "/", out);
+  }
+  for (auto it = folder.FilesBegin(); it != folder.FilesEnd(); ++it)
+    (*out)[prefix + it->GetName()] = std::to_string(it->size);
+}
+
+class OneDriveTest : public testing::Test {
+ protected:
+  void SetUp() override { StartEmulator(emulators::OneDriveOptions()); }
+  void TearDown() override { Endpoints::ResetOverrides(); }
+
+  void StartEmulator(const emulators::OneDriveOptions& options) {
+    std::string error;
+    emulator_ = emulators::Emulator::Start(emulators::MakeOneDriveDialect(options), 0, &error);
+    ASSERT_NE(emulator_, nullptr) << error;
+    for (const auto& [name, url] : emulator_->Endpoints())
+      Endpoints::Override(name, url);
+  }
+
+  std::unique_ptr<RemoteFileSystemOneDrive> OpenDrive(const std::string& token = "token") {
+    auto drive = std::make_unique<RemoteFileSystemOneDrive>(shared_, "");
+    EXPECT_TRUE(drive->Open(std::make_shared<CurlURLProcessorFactory>(
+        std::make_shared<core::cookie::CookieOAuth>(token))));
+    return drive;
+  }
+
+  emulators::CloudAccount& account() { return emulator_->account(); }
+
+  std::string AddFolder(const std::string& parent, const std::string& name) {
+    Item item;
+    EXPECT_EQ(account().CreateFolder(parent, name, &item), emulators::AccountError::kNone);
+    return item.id;
+  }
+  std::string AddFile(const std::string& parent, const std::string& name,
+                      const std::string& content) {
+    Item item;
+    EXPECT_EQ(account().CreateFile(parent, name, content, 1'700'000'000'000, &item),
+              emulators::AccountError::kNone);
+    return item.id;
+  }
+
+  // The account as the adapter should see it: everything but the content of shared folders.
+  Listing Model() {
+    Listing model;
+    for (const Item& item : account().AllItems()) {
+      if (item.id == account().RootId() || account().IsInTrash(item.id) || item.parents.empty())
+        continue;
+      model[account().PathOf(item.id)] = item.IsFolder() ? "d" : std::to_string(item.size);
+    }
+    return model;
+  }
+  Listing Tree() {
+    Listing listing;
+    ListTree(root_, "", &listing);
+    return listing;
+  }
+
+  Result Snapshot(RemoteFileSystemOneDrive* drive) {
+    root_.Clear();
+    return drive->GetFullTree(&root_, &free_, &total_, &public_);
+  }
+  // One feed cycle, applied; the changes as they came.
+  std::vector<Change> Feed(RemoteFileSystemOneDrive* drive, Result expected = Result::SUCCEEDED) {
+    std::queue<Change> queue;
+    EXPECT_EQ(drive->GetChanges(&queue), expected);
+    std::vector<Change> applied;
+    while (!queue.empty()) {
+      Change change = queue.front();
+      queue.pop();
+      EXPECT_TRUE(drive->PrepareRemoteChange(&change));
+      EXPECT_TRUE(drive->ApplyRemoteChange(change, &root_, &free_, &total_));
+      applied.push_back(change);
+    }
+    return applied;
+  }
+  std::vector<emulators::HttpRequest> DeltaRequests() {
+    std::vector<emulators::HttpRequest> deltas;
+    for (const auto& request : emulator_->server().Requests()) {
+      if (request.path.find("/delta") != std::string::npos)
+        deltas.push_back(request);
+    }
+    return deltas;
+  }
+  void AddFault(const std::string& verb, const std::string& path, emulators::Fault fault,
+                int times = 1) {
+    emulators::FaultRule rule;
+    rule.verb = verb;
+    rule.path_prefix = path;
+    rule.times = times;
+    rule.fault = fault;
+    emulator_->faults().Add(rule);
+  }
+
+  utils::ManualClock clock_;
+  utils::ScopedClock scoped_clock_{&clock_};
+  std::unique_ptr<emulators::Emulator> emulator_;
+  std::shared_ptr<RemoteFileSystemOneDriveSharedData> shared_ =
+      std::make_shared<RemoteFileSystemOneDriveSharedData>();
+  FolderNode root_;
+  std::uint64_t free_ = 0;
+  std::uint64_t total_ = 0;
+  tsl::htrie_set<char> public_;
+};
+
+TEST_F(OneDriveTest, HttpFailuresMapToResultsWaitsAndReasons) {
+  struct Case {
+    int status;
+    int retry_after;  // -1: no header
+    Result result;
+    std::vector<std::int64_t> waits;
+    FileSystem::FailReason reason;
+    const char* line;
+  };
+  const Case cases[] = {
+      {401, -1, Result::FORBIDDEN, {}, FileSystem::FAIL_REASON_NONE, "Last response code: 401."},
+      {403, -1, Result::ACCESS_DENIED, {}, FileSystem::FAIL_REASON_NONE, "code: 403."},
+      {400, -1, Result::CONFLICT, {}, FileSystem::FAIL_REASON_NONE, "code: 400."},
+      {404, -1, Result::CONFLICT, {}, FileSystem::FAIL_REASON_NONE, "code: 404."},
+      {409, -1, Result::CONFLICT, {}, FileSystem::FAIL_REASON_NONE, "code: 409."},
+      {410, -1, Result::CONFLICT, {}, FileSystem::FAIL_REASON_NONE, "code: 410."},
+      {412, -1, Result::CONFLICT, {}, FileSystem::FAIL_REASON_NONE, "code: 412."},
+      {507, -1, Result::NO_SPACE, {}, FileSystem::FAIL_REASON_NONE, "code: 507."},
+      {500, -1, Result::FAILED, {}, FileSystem::FAIL_REASON_NONE, "code: 500."},
+      {429, -1, Result::FAILED, {}, FileSystem::FAIL_REASON_RATE_LIMIT, "retry-after = secs."},
+      {429, 0, Result::FAILED, {}, FileSystem::FAIL_REASON_RATE_LIMIT, "retry-after = 0secs."},
+      {429, 7, Result::FAILED, {7000}, FileSystem::FAIL_REASON_RATE_LIMIT, "err code =429"},
+      {509, 300, Result::FAILED, {300000}, FileSystem::FAIL_REASON_RATE_LIMIT, "err code =509"},
+      {429,
+       301,
+       Result::FATAL,
+       {},
+       FileSystem::FAIL_REASON_RATE_LIMIT,
+       "Must wait 301seconds, but it`s too long."},
+  };
+  auto drive = OpenDrive();
+  for (const Case& c : cases) {
+    SCOPED_TRACE(std::to_string(c.status) + " retry-after " + std::to_string(c.retry_after));
+    utils::ManualClock clock;
+    utils::ScopedClock scoped(&clock);
+    LoggerWrapper::Capture log;
+    emulators::Fault fault;
+    fault.status = c.status;
+    fault.retry_after_s = c.retry_after;
+    AddFault("GET", "/v1.0/me/drive", fault);
+    std::uint64_t total = 0, used = 0;
+    EXPECT_EQ(drive->GetCloudSize(&total, &used), c.result);
+    EXPECT_EQ(clock.Waits(), c.waits);
+    EXPECT_EQ(drive->GetFailReason(), c.reason);
+    EXPECT_TRUE(log.Contains(c.line));
+  }
+}
+
+TEST_F(OneDriveTest, NetworkFailureAndStopDuringRetryAfter) {
+  // A host that refuses: FAILED with the network reason.
+  auto drive = OpenDrive();
+  {
+    emulators::HttpServer closed;
+    Endpoints::Override(Endpoints::kMicrosoftGraph, closed.BaseUrl() + "/v1.0");
+  }
+  std::uint64_t total = 0, used = 0;
+  EXPECT_EQ(drive->GetCloudSize(&total, &used), Result::FAILED);
+  EXPECT_EQ(drive->GetFailReason(), FileSystem::FAIL_REASON_NETWORK);
+  // Stop while the service asks to wait: STOPPED, and every later operation too.
+  Endpoints::Override(Endpoints::kMicrosoftGraph, emulator_->BaseUrl() + "/v1.0");
+  emulators::Fault fault;
+  fault.status = 429;
+  fault.retry_after_s = 120;
+  AddFault("GET", "/v1.0/me/drive", fault);
+  clock_.SetOnWait([&drive](std::int64_t) { drive->Stop(); });
+  EXPECT_EQ(drive->GetCloudSize(&total, &used), Result::STOPPED);
+  EXPECT_EQ(drive->GetCloudSize(&total, &used), Result::STOPPED);
+  std::queue<Change> changes;
+  EXPECT_EQ(drive->GetChanges(&changes), Result::STOPPED);
+}
+
+TEST_F(OneDriveTest, GeneratedAccountComesDownEqualToTheModel) {
+  // 1. Twenty levels, Unicode, names differing only in case in different folders, many files.
+  std::string parent = account().RootId();
+  std::vector<std::string> folders;
+  for (int depth = 0; depth < 20; ++depth) {
+    parent = AddFolder(
+        parent, depth % 2 ? "Ebene " + std::to_string(depth) : "нива-" + std::to_string(depth));
+    folders.push_back(parent);
+  }
+  for (int i = 0; i < 1200; ++i) {
+    const std::string& folder = folders[i % folders.size()];
+    AddFile(folder, (i % 3 ? "Datei-" : "datei-") + std::to_string(i / 3) + "-ü.bin",
+            std::string(static_cast<std::size_t>(i % 7), 'x'));
+  }
+  AddFolder(account().RootId(), "日本語 フォルダ");
+  // 2. The snapshot.
+  auto drive = OpenDrive();
+  LoggerWrapper::Capture log;
+  ASSERT_EQ(Snapshot(drive.get()), Result::SUCCEEDED);
+  EXPECT_EQ(Tree(), Model());
+  EXPECT_TRUE(
+      log.Contains("Getting snapshot finished. OneDrive contains 1200 files and 21 folders."));
+  // 3. The ids: every item's path, through its id.
+  for (const Item& item : account().AllItems()) {
+    if (item.id != account().RootId()) {
+      EXPECT_EQ(shared_->ids.GetPathById(item.id).value_or("?"), account().PathOf(item.id));
+    }
+  }
+  // 4. Pages of 200, "$select" once per query; the next run starts at the kept link, verbatim.
+  std::vector<emulators::HttpRequest> deltas = DeltaRequests();
+  ASSERT_EQ(deltas.size(), 7u);
+  for (const auto& request : deltas) {
+    EXPECT_EQ(request.query.find("$select="), request.query.rfind("$select=")) << request.query;
+    EXPECT_NE(request.query.find("$select="), std::string::npos) << request.query;
+  }
+  emulator_->server().ClearRequests();
+  Feed(drive.get());
+  deltas = DeltaRequests();
+  ASSERT_EQ(deltas.size(), 1u);
+  EXPECT_NE(deltas[0].query.find("token=D" + std::to_string(account().Sequence()) + "%21"),
+            std::string::npos)
+      << deltas[0].query;
+  EXPECT_NE(deltas[0].query.find("deleted"), std::string::npos);
+}
+
+class OneDriveFeedTest : public OneDriveTest {
+ protected:
+  void SetUp() override {
+    OneDriveTest::SetUp();
+    docs_ = AddFolder(account().RootId(), "Docs");
+    sub_ = AddFolder(docs_, "Sub");
+    file_ = AddFile(docs_, "a.txt", "alpha");
+    AddFile(sub_, "b.txt", "beta!");
+    other_ = AddFolder(account().RootId(), "Other");
+    drive_ = OpenDrive();
+    ASSERT_EQ(Snapshot(drive_.get()), Result::SUCCEEDED);
+    ASSERT_EQ(Tree(), Model());
+  }
+  std::string docs_, sub_, file_, other_;
+  std::unique_ptr<RemoteFileSystemOneDrive> drive_;
+};
+
+TEST_F(OneDriveFeedTest, EachKindOfChangeLeavesTheTreeEqualToTheModel) {
+  struct Case {
+    const char* name;
+    std::function<void()> change;
+    Change::Type type;
+  };
+  Item out;
+  const Case cases[] = {
+      {"create", [&] { AddFile(sub_, "new.txt", "fresh"); }, Change::FILE_CREATE},
+      {"content", [&] { account().ReplaceContent(file_, "alpha2", 1'700'000'100'000, &out); },
+       Change::FILE_MODIFY},
+      {"file rename", [&] { account().Rename(file_, "renamed.txt", &out); }, Change::FILE_RENAME},
+      {"file move", [&] { account().Move(file_, {other_}, "", &out); }, Change::FILE_RENAME},
+      {"folder rename", [&] { account().Rename(docs_, "Papers", &out); }, Change::FOLDER_RENAME},
+      {"file delete", [&] { account().Delete(file_); }, Change::FILE_DELETE},
+      {"folder delete", [&] { account().Delete(docs_); }, Change::FOLDER_DELETE},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    LoggerWrapper::Capture log;
+    c.change();
+    std::vector<Change> applied = Feed(drive_.get());
+    EXPECT_EQ(Tree(), Model());
+    EXPECT_TRUE(std::any_of(applied.begin(), applied.end(),
+                            [&](const Change& change) { return change.type == c.type; }));
+    EXPECT_FALSE(log.Contains("not empty"));
+  }
+}
+
+TEST_F(OneDriveFeedTest, FolderRenameWithAFileInsideInOnePageIsNoFileRename) {
+  Item out;
+  account().Rename(docs_, "Papers", &out);
+  account().ReplaceContent(file_, "changed", 1'700'000'200'000, &out);
+  std::vector<Change> applied = Feed(drive_.get());
+  EXPECT_EQ(Tree(), Model());
+  for (const Change& change : applied)
+    EXPECT_NE(change.type, Change::FILE_RENAME) << change.path;
+}
+
+TEST_F(OneDriveFeedTest, DeletedFolderRunsASecondRoundInTheSameCall) {
+  account().Delete(docs_);
+  emulator_->server().ClearRequests();
+  LoggerWrapper::Capture log;
+  Feed(drive_.get());
+  EXPECT_EQ(DeltaRequests().size(), 2u);
+  EXPECT_EQ(Tree(), Model());
+  EXPECT_FALSE(log.Contains("Failed deleting folder - it is not empty."));
+}
+
+TEST_F(OneDriveFeedTest, RenewalFollowsTheDeltaCodeAfterAMinute) {
+  struct Case {
+    int status;
+    bool reset;
+    bool renews;
+  };
+  const Case cases[] = {{410, false, true}, {400, false, true}, {0, true, false}};
+  // A reset on a reused connection is tried again by the transport: the fault stays for both.
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.status);
+    ASSERT_EQ(Snapshot(drive_.get()), Result::SUCCEEDED);
+    emulators::Fault fault;
+    fault.status = c.status;
+    fault.reset = c.reset;
+    AddFault("GET", "/v1.0/me/drive/root/delta", fault, c.reset ? 3 : 1);
+    std::queue<Change> changes;
+    EXPECT_NE(drive_->GetChanges(&changes), Result::SUCCEEDED);
+    EXPECT_TRUE(changes.empty());
+    EXPECT_FALSE(drive_->ShouldRenewTree());
+    clock_.Advance(59'000);
+    EXPECT_FALSE(drive_->ShouldRenewTree());
+    clock_.Advance(1'000);
+    EXPECT_EQ(drive_->ShouldRenewTree(), c.renews);
+  }
+  ASSERT_EQ(Snapshot(drive_.get()), Result::SUCCEEDED);
+  clock_.Advance(120'000);
+  EXPECT_FALSE(drive_->ShouldRenewTree());
+}
+
+TEST_F(OneDriveFeedTest, SuspiciousDeleteOnlyWhenTheClockWentBack) {
+  Change missing(Change::FILE_DELETE, "nowhere.txt");
+  missing.id = "no-such-id";
+  for (bool set_back : {false, true}) {
+    SCOPED_TRACE(set_back);
+    LoggerWrapper::Capture log;
+    EXPECT_TRUE(drive_->ApplyRemoteChange(missing, &root_, &free_, &total_));
+    if (set_back)
+      clock_.SetWallMs(clock_.NowMs() - 700'000);
+    Feed(drive_.get());
+    EXPECT_EQ(log.Contains("Renew tree because of suspicious delete event from remote."), set_back);
+  }
+}
+
+TEST_F(OneDriveFeedTest, QuotaPushesAfter101Seconds) {
+  auto types = [](const std::vector<Change>& changes) {
+    std::vector<Change::Type> sizes;
+    for (const Change& change : changes) {
+      if (change.type == Change::FREE_SIZE_SET || change.type == Change::TOTAL_SIZE_SET)
+        sizes.push_back(change.type);
+    }
+    return sizes;
+  };
+  AddFile(other_, "grow.bin", std::string(1000, 'g'));
+  clock_.Advance(100'000);
+  EXPECT_TRUE(types(Feed(drive_.get())).empty());
+  clock_.Advance(101'000);
+  EXPECT_EQ(types(Feed(drive_.get())), std::vector<Change::Type>{Change::FREE_SIZE_SET});
+  EXPECT_EQ(free_, account().TotalSpace() - account().UsedSpace());
+  account().SetTotalSpace(account().TotalSpace() * 2);
+  clock_.Advance(101'000);
+  EXPECT_EQ(types(Feed(drive_.get())),
+            (std::vector<Change::Type>{Change::TOTAL_SIZE_SET, Change::FREE_SIZE_SET}));
+  EXPECT_EQ(total_, account().TotalSpace());
+}
+
+TEST_F(OneDriveTest, SharedFolderOfASecondDriveMountsOnItsOwnDelta) {
+  // 1. A folder of the second drive added to this one, with a file.
+  std::string shared = AddFolder(account().RootId(), "From Ann");
+  Item out;
+  account().SetSharedWithMe(shared, true, &out);
+  AddFile(shared, "plan.txt", "0123456789");
+  auto drive = OpenDrive();
+  ASSERT_EQ(Snapshot(drive.get()), Result::SUCCEEDED);
+  Listing tree = Tree();
+  EXPECT_EQ(tree["From Ann"], "d");
+  EXPECT_EQ(tree["From Ann/plan.txt"], "10");
+  EXPECT_TRUE(drive->IsItemInMountedDir("From Ann/plan.txt"));
+  EXPECT_FALSE(drive->IsItemInMountedDir("From Annex"));
+  EXPECT_EQ(drive->GetMountedDirSize(), 10u);
+  // 2. A change inside: read on the folder's own link, the free bytes stay.
+  AddFile(shared, "more.txt", std::string(500, 'm'));
+  const std::uint64_t free = free_;
+  emulator_->server().ClearRequests();
+  Feed(drive.get());
+  EXPECT_EQ(Tree()["From Ann/more.txt"], "500");
+  EXPECT_EQ(free_, free);
+  bool own_link = false;
+  for (const auto& request : DeltaRequests()) {
+    own_link |= request.path == "/v1.0/drives/" +
+                                    std::string(emulators::OneDriveDialect::kSharedDriveId) +
+                                    "/items/" + shared + "/delta" &&
+                request.query.find("token=D") != std::string::npos;
+  }
+  EXPECT_TRUE(own_link);
+  // 3. A failing listing of shared items answers 0.
+  emulators::Fault fault;
+  fault.status = 500;
+  AddFault("GET", "/v1.0/me/drive/sharedWithMe", fault);
+  EXPECT_EQ(drive->GetMountedDirSize(), 0u);
+}
+
+TEST_F(OneDriveTest, BadAnswersGiveTheirResultAndLine) {
+  struct Case {
+    const char* name;
+    std::function<void()> setup;
+    Result result;
+    const char* line;
+  };
+  auto fault_on = [this](const std::string& path, emulators::Fault fault) {
+    return [this, path, fault] { AddFault("GET", path, fault); };
+  };
+  emulators::Fault forbidden;
+  forbidden.status = 403;
+  emulators::Fault no_value;
+  no_value.drop_field = "value";
+  emulators::Fault no_link;
+  no_link.drop_field = "@odata.deltaLink";
+  emulators::Fault cut;
+  cut.cut_after = 40;
+  emulators::Fault no_facet;
+  no_facet.drop_field = "file";
+  AddFile(account().RootId(), "f.txt", "x");
+  const Case cases[] = {
+      {"403 on the root", fault_on("/v1.0/me/drive/root", forbidden), Result::FATAL,
+       "No access to root, it`s fatal err."},
+      {"page without value", fault_on("/v1.0/me/drive/root/delta", no_value), Result::FATAL,
+       "No items in response."},
+      {"last page without link", fault_on("/v1.0/me/drive/root/delta", no_link), Result::FATAL,
+       "Delta link is empty."},
+      {"truncated page", fault_on("/v1.0/me/drive/root/delta", cut), Result::FAILED,
+       "Failed request: "},
+      {"item without facet", fault_on("/v1.0/me/drive/root/delta", no_facet), Result::SUCCEEDED,
+       "Unknown drive_item's resource facet type."},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    emulator_->faults().Clear();
+    LoggerWrapper::Capture log;
+    c.setup();
+    auto drive = OpenDrive();
+    EXPECT_EQ(Snapshot(drive.get()), c.result);
+    EXPECT_TRUE(log.Contains(c.line));
+  }
+}
+
+TEST(OneDriveDriveType, DocumentLibraryIsFatal) {
+  utils::ManualClock clock;
+  utils::ScopedClock scoped(&clock);
+  emulators::OneDriveOptions options;
+  options.drive_type = "documentLibrary";
+  std::string error;
+  auto emulator = emulators::Emulator::Start(emulators::MakeOneDriveDialect(options), 0, &error);
+  for (const auto& [name, url] : emulator->Endpoints())
+    Endpoints::Override(name, url);
+  RemoteFileSystemOneDrive drive(std::make_shared<RemoteFileSystemOneDriveSharedData>(), "");
+  drive.Open(std::make_shared<CurlURLProcessorFactory>(
+      std::make_shared<core::cookie::CookieOAuth>("token")));
+  LoggerWrapper::Capture log;
+  FolderNode root;
+  std::uint64_t free = 0, total = 0;
+  EXPECT_EQ(drive.GetFullTree(&root, &free, &total, nullptr), Result::FATAL);
+  EXPECT_TRUE(log.Contains("invalid drive_type value."));
+  Endpoints::ResetOverrides();
+}
+
+TEST_F(OneDriveFeedTest, UploadsLandWithOurHashAndTheirEchoesAreDropped) {
+  struct Case {
+    const char* name;
+    std::uint64_t size;
+    std::size_t puts;  // requests that carried content
+  };
+  const Case cases[] = {{"empty", 0, 1}, {"one chunk", 1024 * 1024 + 3, 1}};
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    emulator_->server().ClearRequests();
+    const std::string path = std::string("Other/") + c.name + ".bin";
+    std::string content = emulators::PatternString(0, c.size);
+    HashCalculatorOneDrive calculator;
+    calculator.Begin();
+    calculator.Feed(reinterpret_cast<const std::uint8_t*>(content.data()),
+                    static_cast<std::uint32_t>(content.size()));
+    SomeHash ours = calculator.Finish();
+    std::uint64_t offset = 1;
+    ASSERT_EQ(drive_->OpenForCreate({}, path, ours, c.size, 1'600'000'000, &offset, false),
+              Result::SUCCEEDED);
+    EXPECT_EQ(offset, 0u);
+    LoggerWrapper::Capture upload_log;
+    for (std::size_t at = 0; at < content.size(); at += 65536) {
+      std::size_t block = std::min<std::size_t>(65536, content.size() - at);
+      ASSERT_EQ(drive_->WriteFile(reinterpret_cast<const std::uint8_t*>(content.data() + at),
+                                  static_cast<std::uint32_t>(block)),
+                Result::SUCCEEDED)
+          << testing::PrintToString(upload_log.Lines());
+    }
+    FileSystem::FileProperties props;
+    ASSERT_EQ(drive_->CloseFile(&props), Result::SUCCEEDED);
+    std::optional<Item> item = account().FindByPath(path);
+    ASSERT_TRUE(item);
+    // A session's bytes are kept as digests: the service's own hash of them is the check.
+    EXPECT_EQ(item->size, c.size);
+    EXPECT_EQ(item->digests.quickxor, emulators::ContentHasher::Of(content).quickxor);
+    EXPECT_EQ(item->modified_ms, 1'600'000'000'000);
+    EXPECT_EQ(props.hash.GetHashOneDrive().quick_xor, ours.GetHashOneDrive().quick_xor);
+    std::size_t puts = 0;
+    for (const auto& request : emulator_->server().Requests()) {
+      if (request.verb == "PUT") {
+        ++puts;
+        EXPECT_EQ(request.path.rfind("/_upload/", 0) == 0, !request.HasHeader("Authorization"));
+      }
+    }
+    EXPECT_EQ(puts, c.puts);
+    // The feed brings the upload and the PATCH of its time: both are ours.
+    LoggerWrapper::Capture log;
+    Feed(drive_.get());
+    EXPECT_FALSE(Tree().count(path)) << "the echo reached the tree";
+  }
+}
+
+TEST_F(OneDriveFeedTest, RangedAndWholeReadsAreByteExactWithoutTheTokenOnTheRedirect) {
+  const std::string content = emulators::PatternString(0, 100000);
+  std::string id = AddFile(other_, "r.bin", content);
+  Feed(drive_.get());
+  FileNode* node = root_.GetFolder("Other")->GetFile("r.bin");
+  ASSERT_NE(node, nullptr);
+  struct Case {
+    std::uint64_t offset, limit;
+  };
+  for (const Case& c : {Case{0, 100000}, Case{1000, 5000}, Case{99990, 100000}}) {
+    ASSERT_EQ(drive_->OpenForRead("Other/r.bin", c.offset, c.limit, node->size, node->hash),
+              Result::SUCCEEDED);
+    std::string got;
+    std::uint8_t buffer[8192];
+    std::uint32_t done = 0;
+    do {
+      ASSERT_EQ(drive_->ReadFile(buffer, sizeof(buffer), &done), Result::SUCCEEDED);
+      got.append(reinterpret_cast<char*>(buffer), done);
+    } while (done > 0);
+    EXPECT_EQ(drive_->CloseFile(nullptr), Result::SUCCEEDED);
+    EXPECT_EQ(got, content.substr(c.offset, c.limit - c.offset));
+  }
+  // A stale eTag on a whole read: the metric, and no bytes taken for good.
+  RadarsLogger::Capture metrics;
+  Item out;
+  account().ReplaceContent(id, content, 1'700'000'300'000, &out);
+  ASSERT_EQ(drive_->OpenForRead("Other/r.bin", 0, 100000, node->size, node->hash),
+            Result::SUCCEEDED);
+  std::uint8_t buffer[8192];
+  std::uint32_t done = 0;
+  EXPECT_EQ(drive_->ReadFile(buffer, sizeof(buffer), &done), Result::FAILED);
+  EXPECT_EQ(metrics.Count("onedrive_remote_unexpected_hash"), 1u);
+}
+
+TEST_F(OneDriveFeedTest, FolderOperationsSendOneRequestAndDropTheirEchoes) {
+  LoggerWrapper::Capture log;
+  // 1. The same path sends nothing.
+  emulator_->server().ClearRequests();
+  const FileNode& a = *root_.GetFolder("Docs")->GetFile("a.txt");
+  EXPECT_EQ(drive_->RenameFileImpl(a, {}, "Docs/a.txt", {}, "Docs/a.txt", nullptr),
+            Result::SUCCEEDED);
+  EXPECT_TRUE(emulator_->server().Requests().empty());
+  // 2. A folder made, with its body as written.
+  ASSERT_EQ(drive_->CreateFolderImpl({}, "Other/Made"), Result::SUCCEEDED);
+  ASSERT_EQ(emulator_->server().Requests().size(), 1u);
+  EXPECT_EQ(emulator_->server().Requests().back().body,
+            R"({"folder":{},"name":"Made","@microsoft.graph.conflictBehavior":"replace"})");
+  // 3. A folder deleted: every item below is recorded.
+  ASSERT_EQ(drive_->DeleteFolderImpl(*root_.GetFolder("Docs"), FileSystem::Revision::RevisionNone(),
+                                     "Docs"),
+            Result::SUCCEEDED);
+  EXPECT_EQ(log.Count("self made delete"), 4u);  // Docs, Sub, a.txt, b.txt
+  // 4. The echoes are all dropped: the tree is left as the caller keeps it.
+  Feed(drive_.get());
+  EXPECT_EQ(log.Count("Skipping self made change: "), 5u);
+  EXPECT_TRUE(root_.GetFolder("Docs"));
+  EXPECT_EQ(Model().count("Docs"), 0u);
+  EXPECT_EQ(Model().count("Other/Made"), 1u);
+}
+
+}  // namespace
