@@ -1,5 +1,7 @@
 #include "emulators/Dialect.h"
 
+#include "emulators/DropboxDialect.h"
+
 #include <QDateTime>
 #include <QJsonDocument>
 
@@ -16,7 +18,7 @@ struct DialectRow {
 };
 
 const DialectRow kDialects[] = {
-    {"", nullptr},
+    {"dropbox", MakeDropboxDialect},
 };
 
 int HexValue(char c) {
