@@ -521,17 +521,22 @@ HttpResponse DropboxDialect::Longpoll(const HttpRequest& request) {
   // 2. Held until a change under the cursor's folder, the timeout, or the server's end.
   auto deadline = std::chrono::steady_clock::now() +
                   std::chrono::milliseconds(std::int64_t{timeout} * longpoll_second_ms_);
+  QJsonObject answer{{"changes", false}};
+  if (longpoll_backoff_ > 0)
+    answer.insert("backoff", longpoll_backoff_.load());
   while (!stopping_) {
     {
       std::lock_guard<std::mutex> lock(mutex_);
-      if (HasChangesSince(cursor))
-        return JsonAnswer(200, QJsonObject{{"changes", true}});
+      if (HasChangesSince(cursor)) {
+        answer.insert("changes", true);
+        break;
+      }
     }
     if (std::chrono::steady_clock::now() >= deadline)
       break;
     std::this_thread::sleep_for(std::chrono::milliseconds(10));
   }
-  return JsonAnswer(200, QJsonObject{{"changes", false}});
+  return JsonAnswer(200, answer);
 }
 
 std::string DropboxDialect::EncodeCursor(const Cursor& cursor) const {

@@ -45,6 +45,8 @@ class DropboxDialect : public Dialect {
   void SetPageSize(std::size_t entries) { page_size_ = entries; }
   // How long one second of a longpoll's "timeout" is held (tests shorten it).
   void SetLongpollSecondMs(int ms) { longpoll_second_ms_ = ms; }
+  // Every longpoll answer asks the client to back off this long (0: no "backoff" key).
+  void SetLongpollBackoff(int seconds) { longpoll_backoff_ = seconds; }
 
  private:
   struct Snapshot {
@@ -94,6 +96,7 @@ class DropboxDialect : public Dialect {
   Router* router_ = nullptr;
   std::size_t page_size_ = 2000;
   std::atomic<int> longpoll_second_ms_{1000};
+  std::atomic<int> longpoll_backoff_{0};
   std::atomic<bool> stopping_{false};
   std::mutex mutex_;
   std::map<std::uint64_t, Snapshot> snapshots_;

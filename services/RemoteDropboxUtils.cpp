@@ -66,14 +66,15 @@ FileSystem::Result ParseRpcResponse(utils::json::json_tree* json,
     return FileSystem::AUTH_INVALID;
   }
   // 3. Only JSON is read, compared to the byte. Dropbox documents that a 429 may come as plain
-  // text: that one is still a rate limit, judged without a body.
+  // text (still a rate limit, judged without a body) and that a 5xx is its servers' passing
+  // trouble, to be tried again.
   if (ContentTypeOf(*client) != kJsonContentType) {
     LOG_ERROR << "Got not json but: " << body;
     if (code == 429) {
       json->clear();
       return FileSystem::SUCCEEDED;
     }
-    return FileSystem::FATAL;
+    return code >= 500 ? FileSystem::FAILED : FileSystem::FATAL;
   }
   std::string error;
   if (!utils::json::Parse(body, json, &error)) {
