@@ -1,14 +1,14 @@
 #include "emulators/Dialect.h"
 
-#include "emulators/OneDriveDialect.h"
-
 #include <QDateTime>
 #include <QJsonDocument>
 
 #include <cstdlib>
 
-#include "emulators/HuaweiDialect.h"
 #include "emulators/BoxDialect.h"
+#include "emulators/DropboxDialect.h"
+#include "emulators/HuaweiDialect.h"
+#include "emulators/OneDriveDialect.h"
 
 namespace emulators {
 
@@ -24,6 +24,7 @@ const DialectRow kDialects[] = {
     {"huawei", MakeHuaweiDialect},
     {"box", MakeBoxDialect},
     {"onedrive", MakeOneDriveDialect},
+    {"dropbox", MakeDropboxDialect},
 };
 
 int HexValue(char c) {

@@ -63,6 +63,8 @@ class Dialect {
   // The account as the service shapes it (root id, id form, same names in a folder).
   virtual std::unique_ptr<CloudAccount> MakeAccount() const;
   virtual void Install(Router& router) = 0;
+  // Called before the server closes: a handler that holds a request (a long poll) lets it go.
+  virtual void Shutdown() {}
 };
 
 // The dialect of a service name of the command line ("huawei", "box", ...); null when none.

@@ -115,6 +115,7 @@ Emulator::Emulator(std::unique_ptr<Dialect> dialect, std::unique_ptr<HttpServer>
 
 Emulator::~Emulator() {
   // The connections' threads end before the account they serve.
+  dialect_->Shutdown();
   server_.reset();
 }
 

@@ -2,8 +2,9 @@
 
 #include "core/LoggerWrapper.h"
 #include "core/RemoteFileSystemFactoryS3.h"
-#include "services/RemoteFileSystemFactoryHuawei.h"
 #include "services/RemoteFileSystemFactoryBox.h"
+#include "services/RemoteFileSystemFactoryDropbox.h"
+#include "services/RemoteFileSystemFactoryHuawei.h"
 #include "services/RemoteFileSystemFactoryOneDrive.h"
 #include "services/RemoteFileSystemFactoryWebDAV.h"
 
@@ -23,6 +24,7 @@ struct FactoryRow {
 
 // One row per service this library serves; an id without a row has no factory.
 constexpr FactoryRow kFactories[] = {
+    {CloudServiceId::DROPBOX, &Make<RemoteFileSystemFactoryDropbox>},
     {CloudServiceId::WEBDAV, &Make<RemoteFileSystemFactoryWebDAV>},
     {CloudServiceId::BOX, &Make<RemoteFileSystemFactoryBox>},
     // pCloud is a plain WebDAV account.

@@ -441,7 +441,7 @@ TEST(CorvaneCommandLineTest, RefusesWhatItCannotDo) {
       {{"--service", "google", "--token", "t", "--endpoint", "no.such=http://x", "quota"},
        3,
        "unknown endpoint no.such"},
-      {{"emulate", "dropbox", "--port", "8080"}, 3, "emulate: no emulator for dropbox"},
+      {{"emulate", "onedrive", "--port", "8080"}, 3, "emulate: no emulator for onedrive"},
       {{"emulate", "dropbox"}, 2, "--port N is needed"},
   };
   for (const Case& test : cases) {

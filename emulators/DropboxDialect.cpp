@@ -1,0 +1,870 @@
+#include "emulators/DropboxDialect.h"
+
+#include <zlib.h>
+
+#include <QByteArray>
+#include <QDateTime>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QString>
+#include <QUrl>
+
+#include <chrono>
+#include <thread>
+
+namespace emulators {
+
+namespace {
+
+constexpr char kJson[] = "application/json";
+constexpr char kCursorPrefix[] = "AAH";
+constexpr int kMaxNameBytes = 255;
+
+std::string Lower(const std::string& text) {
+  return QString::fromStdString(text).toLower().toStdString();
+}
+
+HttpResponse JsonAnswer(int status, const QJsonValue& body) {
+  HttpResponse response;
+  response.status = status;
+  response.headers = {{"Content-Type", kJson}};
+  if (body.isObject()) {
+    response.body = QJsonDocument(body.toObject()).toJson(QJsonDocument::Compact).toStdString();
+  } else {
+    response.body = "null";
+  }
+  return response;
+}
+
+HttpResponse TextAnswer(int status, const std::string& text, const char* type = "text/plain") {
+  HttpResponse response = HttpResponse::Status(status, text);
+  response.headers = {{"Content-Type", type}};
+  return response;
+}
+
+// "path/not_found" -> {".tag":"path","path":{".tag":"not_found"}}
+QJsonObject TaggedError(const std::string& code) {
+  std::size_t slash = code.find('/');
+  QString tag = QString::fromStdString(code.substr(0, slash));
+  QJsonObject error{{".tag", tag}};
+  if (slash != std::string::npos)
+    error.insert(tag, TaggedError(code.substr(slash + 1)));
+  return error;
+}
+
+HttpResponse EndpointError(const std::string& code) {
+  return JsonAnswer(409, QJsonObject{{"error_summary", QString::fromStdString(code + "/..")},
+                                     {"error", TaggedError(code)}});
+}
+
+HttpResponse BadInput(const std::string& function, const std::string& why) {
+  return TextAnswer(400, "Error in call to API function \"" + function + "\": " + why);
+}
+
+// JSON for a header: every character above 0x7E as \uXXXX, as Dropbox documents for its headers.
+std::string HeaderSafeJson(const QJsonObject& object) {
+  QString text = QString::fromUtf8(QJsonDocument(object).toJson(QJsonDocument::Compact));
+  std::string out;
+  for (QChar c : text) {
+    if (c.unicode() < 0x7F) {
+      out += static_cast<char>(c.unicode());
+    } else {
+      out += QString("\\u%1").arg(c.unicode(), 4, 16, QChar('0')).toStdString();
+    }
+  }
+  return out;
+}
+
+bool HasRawNonAscii(const std::string& text) {
+  for (unsigned char c : text) {
+    if (c >= 0x80)
+      return true;
+  }
+  return false;
+}
+
+// An RPC body: a JSON object, or nothing ("null" or empty) for a call without arguments.
+bool ReadRpcArgs(const HttpRequest& request, const std::string& function, QJsonObject* args,
+                 HttpResponse* refusal) {
+  if (request.body.empty() || request.body == "null")
+    return true;
+  if (request.Header("Content-Type").compare(0, 16, kJson) != 0) {
+    *refusal =
+        BadInput(function, "Bad HTTP \"Content-Type\" header: \"" + request.Header("Content-Type") +
+                               "\".  Expecting one of \"application/json\".");
+    return false;
+  }
+  QJsonDocument document = QJsonDocument::fromJson(QByteArray::fromStdString(request.body));
+  if (!document.isObject()) {
+    *refusal = BadInput(function, "request body: could not decode input as JSON");
+    return false;
+  }
+  *args = document.object();
+  return true;
+}
+
+// A content call's arguments: the "Dropbox-API-Arg" header, or the "arg" query parameter of a GET.
+bool ReadContentArgs(const HttpRequest& request, const std::string& function, QJsonObject* args,
+                     HttpResponse* refusal) {
+  std::string text = request.Header("Dropbox-API-Arg");
+  if (text.empty())
+    text = QueryParam(request.query, "arg");
+  else if (HasRawNonAscii(text)) {
+    *refusal =
+        BadInput(function, "HTTP header \"Dropbox-API-Arg\": could not decode input as JSON");
+    return false;
+  }
+  QJsonDocument document = QJsonDocument::fromJson(QByteArray::fromStdString(text));
+  if (!document.isObject()) {
+    *refusal =
+        BadInput(function, "HTTP header \"Dropbox-API-Arg\": could not decode input as JSON");
+    return false;
+  }
+  *args = document.object();
+  return true;
+}
+
+std::string Text(const QJsonObject& args, const char* key) {
+  return args.value(key).toString().toStdString();
+}
+
+std::string IsoSeconds(std::int64_t ms) {
+  return QDateTime::fromMSecsSinceEpoch(ms, Qt::UTC).toString("yyyy-MM-ddTHH:mm:ssZ").toStdString();
+}
+
+std::string Rev(const Item& item) {
+  std::string rev = QString("%1").arg(item.revision, 9, 16, QChar('0')).toStdString();
+  for (char c : item.id) {
+    if (std::isdigit(static_cast<unsigned char>(c)))
+      rev += c;
+  }
+  return rev;
+}
+
+// "" (the root) or "/a/b" with proper segments; "/" alone is not the root's name here.
+bool IsWellFormed(const std::string& path) {
+  if (path.empty())
+    return true;
+  if (path[0] != '/' || path.back() == '/')
+    return false;
+  std::size_t start = 1;
+  while (start <= path.size()) {
+    std::size_t end = path.find('/', start);
+    if (end == std::string::npos)
+      end = path.size();
+    std::string segment = path.substr(start, end - start);
+    if (segment.empty() || segment == "." || segment == ".." ||
+        segment.find('\0') != std::string::npos || segment.size() > kMaxNameBytes) {
+      return false;
+    }
+    start = end + 1;
+  }
+  return true;
+}
+
+std::string ParentOf(const std::string& path) {
+  return path.substr(0, path.rfind('/'));
+}
+
+std::string NameOf(const std::string& path) {
+  return path.substr(path.rfind('/') + 1);
+}
+
+bool IsUnder(const std::string& lower_path, const std::string& lower_root) {
+  return lower_root.empty() || lower_path == lower_root ||
+         lower_path.compare(0, lower_root.size() + 1, lower_root + "/") == 0;
+}
+
+enum class Lookup { kFound, kNotFound, kNotFolder, kMalformed };
+
+// Walks a Dropbox path without regard to case; `create` makes the missing folders.
+Lookup Resolve(CloudAccount& account, const std::string& path, Item* out, bool create = false) {
+  if (path.compare(0, 3, "id:") == 0) {
+    std::optional<Item> item = account.Find(path);
+    if (!item || account.IsInTrash(item->id))
+      return Lookup::kNotFound;
+    *out = *item;
+    return Lookup::kFound;
+  }
+  if (!IsWellFormed(path))
+    return Lookup::kMalformed;
+  Item current = *account.Find(account.RootId());
+  std::size_t start = 1;
+  while (start <= path.size() && !path.empty()) {
+    std::size_t end = path.find('/', start);
+    if (end == std::string::npos)
+      end = path.size();
+    if (!current.IsFolder())
+      return Lookup::kNotFolder;
+    std::string name = path.substr(start, end - start);
+    std::optional<Item> child = account.ChildByName(current.id, name, true);
+    if (!child && create && account.CreateFolder(current.id, name, &current) == AccountError::kNone)
+      child = current;
+    if (!child)
+      return Lookup::kNotFound;
+    current = *child;
+    start = end + 1;
+  }
+  *out = current;
+  return Lookup::kFound;
+}
+
+HttpResponse LookupError(Lookup lookup, const std::string& tag) {
+  switch (lookup) {
+    case Lookup::kMalformed:
+      return EndpointError(tag + "/malformed_path");
+    case Lookup::kNotFolder:
+      return EndpointError(tag + "/not_folder");
+    default:
+      return EndpointError(tag + "/not_found");
+  }
+}
+
+bool IsThumbnailable(const std::string& name) {
+  static const char* const kExtensions[] = {".jpg", ".jpeg", ".png", ".tiff", ".tif",
+                                            ".gif", ".webp", ".ppm", ".bmp",  ".heic"};
+  std::string lower = Lower(name);
+  for (const char* extension : kExtensions) {
+    std::string ext(extension);
+    if (lower.size() > ext.size() && lower.compare(lower.size() - ext.size(), ext.size(), ext) == 0)
+      return true;
+  }
+  return false;
+}
+
+void AppendChunk(std::string* png, const char* type, const std::string& data) {
+  std::uint32_t length = static_cast<std::uint32_t>(data.size());
+  for (int shift = 24; shift >= 0; shift -= 8)
+    *png += static_cast<char>((length >> shift) & 0xFF);
+  std::string body = std::string(type, 4) + data;
+  *png += body;
+  std::uint32_t crc = static_cast<std::uint32_t>(
+      crc32(0, reinterpret_cast<const Bytef*>(body.data()), static_cast<uInt>(body.size())));
+  for (int shift = 24; shift >= 0; shift -= 8)
+    *png += static_cast<char>((crc >> shift) & 0xFF);
+}
+
+// An 8x8 PNG tinted by the file's digest: a real image, different per content.
+std::string ThumbnailPng(const std::string& seed) {
+  constexpr int kSide = 8;
+  std::string rows;
+  for (int y = 0; y < kSide; ++y) {
+    rows += '\0';
+    for (int x = 0; x < kSide * 3; ++x)
+      rows += seed.empty() ? '\x80' : seed[(y * kSide * 3 + x) % seed.size()];
+  }
+  std::string compressed(compressBound(static_cast<uLong>(rows.size())), '\0');
+  uLongf size = static_cast<uLongf>(compressed.size());
+  compress(reinterpret_cast<Bytef*>(&compressed[0]), &size,
+           reinterpret_cast<const Bytef*>(rows.data()), static_cast<uLong>(rows.size()));
+  compressed.resize(size);
+  std::string header = {0, 0, 0, kSide, 0, 0, 0, kSide, 8, 2, 0, 0, 0};
+  std::string png = "\x89PNG\r\n\x1a\n";
+  AppendChunk(&png, "IHDR", header);
+  AppendChunk(&png, "IDAT", compressed);
+  AppendChunk(&png, "IEND", std::string());
+  return png;
+}
+
+}  // namespace
+
+DropboxDialect::DropboxDialect() = default;
+DropboxDialect::~DropboxDialect() = default;
+
+HostList DropboxDialect::Hosts() const {
+  return {{"dropbox.api", "/api"}, {"dropbox.content", "/content"}, {"dropbox.notify", "/notify"}};
+}
+
+HttpResponse DropboxDialect::Error(int status, const std::string& code) const {
+  switch (status) {
+    case 400:
+      return BadInput("", code.empty() ? "bad request" : code);
+    case 401: {
+      std::string tag = code.empty() ? "invalid_access_token" : code;
+      return JsonAnswer(401, QJsonObject{{"error_summary", QString::fromStdString(tag + "/..")},
+                                         {"error", TaggedError(tag)}});
+    }
+    case 409:
+      return EndpointError(code.empty() ? "path/not_found" : code);
+    case 429: {
+      if (code == "plain")
+        return TextAnswer(429, "Too Many Requests");
+      std::size_t colon = code.find(':');
+      std::string tag = code.empty() ? "too_many_requests" : code.substr(0, colon);
+      int retry_after = colon == std::string::npos ? 1 : std::atoi(code.c_str() + colon + 1);
+      return JsonAnswer(
+          429, QJsonObject{{"error_summary", QString::fromStdString(tag + "/..")},
+                           {"error", QJsonObject{{"reason", QJsonObject{{".tag", tag.c_str()}}},
+                                                 {"retry_after", retry_after}}}});
+    }
+    case 503:
+      return TextAnswer(503, "<html><body><h1>503 Service Unavailable</h1></body></html>",
+                        "text/html");
+    default:
+      return TextAnswer(status, code.empty() ? "An error occurred on the Dropbox servers." : code);
+  }
+}
+
+std::unique_ptr<CloudAccount> DropboxDialect::MakeAccount() const {
+  auto account = std::make_unique<CloudAccount>("id:0");
+  account->SetIdMaker([](std::uint64_t n, ItemKind) { return "id:" + std::to_string(n); });
+  return account;
+}
+
+void DropboxDialect::Shutdown() {
+  stopping_ = true;
+}
+
+void DropboxDialect::Install(Router& router) {
+  router_ = &router;
+  auto rpc = [this, &router](const char* path,
+                             HttpResponse (DropboxDialect::*handler)(const HttpRequest&)) {
+    router.Handle(
+        "POST", std::string("/api/2/") + path,
+        [this, handler](const HttpRequest& request) { return (this->*handler)(request); });
+  };
+  rpc("files/list_folder", &DropboxDialect::ListFolder);
+  rpc("files/list_folder/continue", &DropboxDialect::Continue);
+  rpc("files/list_folder/get_latest_cursor", &DropboxDialect::LatestCursor);
+  rpc("files/create_folder_v2", &DropboxDialect::CreateFolder);
+  rpc("files/delete_v2", &DropboxDialect::Delete);
+  rpc("files/move_v2", &DropboxDialect::Move);
+  rpc("users/get_space_usage", &DropboxDialect::SpaceUsage);
+  rpc("sharing/create_shared_link_with_settings", &DropboxDialect::CreateLink);
+  rpc("sharing/list_shared_links", &DropboxDialect::ListLinks);
+  rpc("sharing/revoke_shared_link", &DropboxDialect::RevokeLink);
+  RouteOptions no_token;
+  no_token.needs_auth = false;
+  router.Handle(
+      "POST", "/notify/2/files/list_folder/longpoll",
+      [this](const HttpRequest& request) { return Longpoll(request); }, no_token);
+  for (const char* verb : {"GET", "POST"}) {
+    router.Handle(verb, "/content/2/files/get_thumbnail_v2",
+                  [this](const HttpRequest& request) { return Thumbnail(request); });
+    router.Handle(verb, "/content/2/files/download",
+                  [this](const HttpRequest& request) { return Download(request); });
+  }
+}
+
+// --- listing ---------------------------------------------------------------------------------
+
+HttpResponse DropboxDialect::ListFolder(const HttpRequest& request) {
+  // 1. The arguments as documented: "" names the root, "/" is refused.
+  QJsonObject args;
+  HttpResponse refusal;
+  if (!ReadRpcArgs(request, "files/list_folder", &args, &refusal))
+    return refusal;
+  std::string path = Text(args, "path");
+  if (path == "/") {
+    return BadInput("files/list_folder",
+                    "request body: path: Specify the root folder as an empty string rather than "
+                    "as \"/\".");
+  }
+  int limit = args.value("limit").toInt(2000);
+  if (limit < 1 || limit > 2000)
+    return BadInput("files/list_folder", "request body: limit: out of range");
+  // 2. The folder.
+  std::lock_guard<std::mutex> lock(mutex_);
+  CloudAccount& account = router_->account();
+  Item folder;
+  Lookup lookup = Resolve(account, path, &folder);
+  if (lookup != Lookup::kFound)
+    return LookupError(lookup, "path");
+  if (!folder.IsFolder())
+    return EndpointError("path/not_folder");
+  // 3. The snapshot, kept for its later pages.
+  Cursor cursor;
+  cursor.sequence = account.Sequence();
+  cursor.recursive = args.value("recursive").toBool(false);
+  std::string display = folder.id == account.RootId() ? std::string() : PathFor(folder);
+  cursor.root = Lower(display);
+  Snapshot snapshot;
+  Subtree(folder, display, cursor.recursive, cursor.recursive && !display.empty(),
+          &snapshot.entries);
+  cursor.snapshot = next_snapshot_++;
+  snapshots_[cursor.snapshot] = std::move(snapshot);
+  return Page(cursor, static_cast<std::size_t>(limit));
+}
+
+HttpResponse DropboxDialect::Continue(const HttpRequest& request) {
+  QJsonObject args;
+  HttpResponse refusal;
+  if (!ReadRpcArgs(request, "files/list_folder/continue", &args, &refusal))
+    return refusal;
+  std::lock_guard<std::mutex> lock(mutex_);
+  Cursor cursor;
+  if (!DecodeCursor(Text(args, "cursor"), &cursor))
+    return BadInput("files/list_folder/continue", "request body: cursor: invalid");
+  if (cursor.sequence < router_->account().ForgottenUpTo() ||
+      (cursor.snapshot != 0 && snapshots_.count(cursor.snapshot) == 0)) {
+    return EndpointError("reset");
+  }
+  return Page(cursor, 2000);
+}
+
+HttpResponse DropboxDialect::LatestCursor(const HttpRequest& request) {
+  QJsonObject args;
+  HttpResponse refusal;
+  if (!ReadRpcArgs(request, "files/list_folder/get_latest_cursor", &args, &refusal))
+    return refusal;
+  std::lock_guard<std::mutex> lock(mutex_);
+  Item folder;
+  Lookup lookup = Resolve(router_->account(), Text(args, "path"), &folder);
+  if (lookup != Lookup::kFound)
+    return LookupError(lookup, "path");
+  Cursor cursor;
+  cursor.sequence = router_->account().Sequence();
+  cursor.recursive = args.value("recursive").toBool(false);
+  cursor.root = folder.id == router_->account().RootId() ? std::string() : Lower(PathFor(folder));
+  return JsonAnswer(200, QJsonObject{{"cursor", QString::fromStdString(EncodeCursor(cursor))}});
+}
+
+HttpResponse DropboxDialect::Page(Cursor cursor, std::size_t limit) {
+  std::size_t size = std::min(limit, page_size_);
+  QJsonArray entries;
+  bool more = false;
+  if (cursor.snapshot != 0) {
+    // 1. The next entries of the snapshot; the journal takes over after its last page.
+    const std::vector<QJsonObject>& all = snapshots_[cursor.snapshot].entries;
+    std::size_t end = std::min(all.size(), cursor.offset + size);
+    for (std::size_t i = cursor.offset; i < end; ++i)
+      entries.append(all[i]);
+    cursor.offset = end;
+    more = end < all.size();
+    if (!more) {
+      snapshots_.erase(cursor.snapshot);
+      cursor.snapshot = 0;
+      cursor.offset = 0;
+    }
+  } else {
+    // 2. What the journal holds since the cursor.
+    for (QJsonObject& entry : JournalEntries(cursor, size, &cursor.sequence, &more))
+      entries.append(entry);
+  }
+  return JsonAnswer(200, QJsonObject{{"entries", entries},
+                                     {"cursor", QString::fromStdString(EncodeCursor(cursor))},
+                                     {"has_more", more}});
+}
+
+std::vector<QJsonObject> DropboxDialect::JournalEntries(const Cursor& cursor, std::size_t limit,
+                                                        std::uint64_t* sequence, bool* more) {
+  CloudAccount& account = router_->account();
+  std::vector<JournalEntry> journal = account.ChangesSince(cursor.sequence, limit);
+  *more = journal.size() == limit;
+  std::vector<QJsonObject> entries;
+  auto add = [&](const QJsonObject& entry) {
+    if (IsUnder(entry.value("path_lower").toString().toStdString(), cursor.root))
+      entries.push_back(entry);
+  };
+  for (const JournalEntry& change : journal) {
+    *sequence = change.sequence;
+    const Item& item = change.item;
+    switch (change.kind) {
+      case ChangeKind::kUpdated:
+        break;  // links and properties are not part of a listing
+      case ChangeKind::kTrashed:
+      case ChangeKind::kDeleted:
+        add(Deleted(RememberedPath(item)));
+        break;
+      case ChangeKind::kMoved:
+        add(Deleted(OldPath(change)));
+        [[fallthrough]];
+      case ChangeKind::kCreated:
+      case ChangeKind::kModified:
+      case ChangeKind::kRestored: {
+        std::optional<Item> now = account.Find(item.id);
+        if (!now || account.IsInTrash(item.id))
+          break;
+        std::vector<QJsonObject> subtree;
+        Subtree(*now, PathFor(*now),
+                cursor.recursive && change.kind != ChangeKind::kCreated &&
+                    change.kind != ChangeKind::kModified,
+                true, &subtree);
+        for (const QJsonObject& entry : subtree)
+          add(entry);
+        break;
+      }
+    }
+  }
+  return entries;
+}
+
+bool DropboxDialect::HasChangesSince(const Cursor& cursor) {
+  if (cursor.snapshot != 0)
+    return true;
+  Cursor next = cursor;
+  bool more = true;
+  while (more) {
+    if (!JournalEntries(next, 500, &next.sequence, &more).empty())
+      return true;
+  }
+  return false;
+}
+
+HttpResponse DropboxDialect::Longpoll(const HttpRequest& request) {
+  // 1. The arguments: a timeout from 30 to 480 s, 30 when absent.
+  QJsonObject args;
+  HttpResponse refusal;
+  if (!ReadRpcArgs(request, "files/list_folder/longpoll", &args, &refusal))
+    return refusal;
+  int timeout = args.value("timeout").toInt(30);
+  if (timeout < 30 || timeout > 480)
+    return BadInput("files/list_folder/longpoll", "request body: timeout: out of range");
+  Cursor cursor;
+  {
+    std::lock_guard<std::mutex> lock(mutex_);
+    if (!DecodeCursor(Text(args, "cursor"), &cursor))
+      return BadInput("files/list_folder/longpoll", "request body: cursor: invalid");
+    if (cursor.sequence < router_->account().ForgottenUpTo())
+      return EndpointError("reset");
+  }
+  // 2. Held until a change under the cursor's folder, the timeout, or the server's end.
+  auto deadline = std::chrono::steady_clock::now() +
+                  std::chrono::milliseconds(std::int64_t{timeout} * longpoll_second_ms_);
+  QJsonObject answer{{"changes", false}};
+  if (longpoll_backoff_ > 0)
+    answer.insert("backoff", longpoll_backoff_.load());
+  while (!stopping_) {
+    {
+      std::lock_guard<std::mutex> lock(mutex_);
+      if (HasChangesSince(cursor)) {
+        answer.insert("changes", true);
+        break;
+      }
+    }
+    if (std::chrono::steady_clock::now() >= deadline)
+      break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+  }
+  return JsonAnswer(200, answer);
+}
+
+std::string DropboxDialect::EncodeCursor(const Cursor& cursor) const {
+  QJsonObject object{{"q", QString::number(cursor.sequence)},
+                     {"p", QString::fromStdString(cursor.root)},
+                     {"r", cursor.recursive},
+                     {"s", QString::number(cursor.snapshot)},
+                     {"o", static_cast<double>(cursor.offset)}};
+  QByteArray json = QJsonDocument(object).toJson(QJsonDocument::Compact);
+  return kCursorPrefix +
+         json.toBase64(QByteArray::Base64UrlEncoding | QByteArray::OmitTrailingEquals)
+             .toStdString();
+}
+
+bool DropboxDialect::DecodeCursor(const std::string& text, Cursor* cursor) const {
+  if (text.compare(0, 3, kCursorPrefix) != 0)
+    return false;
+  QByteArray json = QByteArray::fromBase64(QByteArray::fromStdString(text.substr(3)),
+                                           QByteArray::Base64UrlEncoding);
+  QJsonDocument document = QJsonDocument::fromJson(json);
+  if (!document.isObject())
+    return false;
+  QJsonObject object = document.object();
+  bool good_sequence = false;
+  bool good_snapshot = false;
+  cursor->sequence = object.value("q").toString().toULongLong(&good_sequence);
+  cursor->snapshot = object.value("s").toString().toULongLong(&good_snapshot);
+  cursor->root = object.value("p").toString().toStdString();
+  cursor->recursive = object.value("r").toBool();
+  cursor->offset = static_cast<std::size_t>(object.value("o").toDouble());
+  return good_sequence && good_snapshot;
+}
+
+// --- metadata --------------------------------------------------------------------------------
+
+QJsonObject DropboxDialect::Metadata(const Item& item, const std::string& path) {
+  paths_[item.id] = path;
+  QJsonObject entry{{".tag", item.IsFolder() ? "folder" : "file"},
+                    {"name", QString::fromStdString(item.name)},
+                    {"path_lower", QString::fromStdString(Lower(path))},
+                    {"path_display", QString::fromStdString(path)},
+                    {"id", QString::fromStdString(item.id)}};
+  if (!item.IsFolder()) {
+    entry.insert("client_modified", QString::fromStdString(IsoSeconds(item.modified_ms)));
+    entry.insert("server_modified", QString::fromStdString(IsoSeconds(item.modified_ms)));
+    entry.insert("rev", QString::fromStdString(Rev(item)));
+    entry.insert("size", static_cast<double>(item.size));
+    entry.insert("is_downloadable", true);
+    entry.insert("content_hash", QString::fromStdString(item.digests.dropbox));
+  }
+  return entry;
+}
+
+QJsonObject DropboxDialect::Deleted(const std::string& path) {
+  return QJsonObject{{".tag", "deleted"},
+                     {"name", QString::fromStdString(NameOf(path))},
+                     {"path_lower", QString::fromStdString(Lower(path))},
+                     {"path_display", QString::fromStdString(path)}};
+}
+
+std::string DropboxDialect::PathFor(const Item& item) {
+  if (item.parents.empty())
+    return std::string();
+  CloudAccount& account = router_->account();
+  const std::string& parent = item.parents.front();
+  std::string parent_path;
+  if (parent != account.RootId()) {
+    std::optional<Item> folder = account.Find(parent);
+    parent_path = folder ? "/" + account.PathOf(parent) : RememberedPath(Item{parent});
+  }
+  return parent_path + "/" + item.name;
+}
+
+std::string DropboxDialect::OldPath(const JournalEntry& change) {
+  Item before = change.item;
+  if (!change.old_parents.empty())
+    before.parents = change.old_parents;
+  if (!change.old_name.empty())
+    before.name = change.old_name;
+  return PathFor(before);
+}
+
+std::string DropboxDialect::RememberedPath(const Item& item) {
+  auto known = paths_.find(item.id);
+  return known != paths_.end() ? known->second : PathFor(item);
+}
+
+void DropboxDialect::Subtree(const Item& folder, const std::string& path, bool recursive,
+                             bool with_self, std::vector<QJsonObject>* out) {
+  if (with_self)
+    out->push_back(Metadata(folder, path));
+  if (!folder.IsFolder())
+    return;
+  for (const Item& child : router_->account().Children(folder.id)) {
+    std::string child_path = path + "/" + child.name;
+    if (recursive && child.IsFolder()) {
+      Subtree(child, child_path, true, true, out);
+    } else {
+      out->push_back(Metadata(child, child_path));
+    }
+  }
+}
+
+// --- file operations -------------------------------------------------------------------------
+
+HttpResponse DropboxDialect::CreateFolder(const HttpRequest& request) {
+  QJsonObject args;
+  HttpResponse refusal;
+  if (!ReadRpcArgs(request, "files/create_folder_v2", &args, &refusal))
+    return refusal;
+  std::string path = Text(args, "path");
+  if (path.empty() || !IsWellFormed(path))
+    return EndpointError("path/malformed_path");
+  std::lock_guard<std::mutex> lock(mutex_);
+  CloudAccount& account = router_->account();
+  Item parent;
+  Lookup lookup = Resolve(account, ParentOf(path), &parent, true);
+  if (lookup == Lookup::kNotFolder || (lookup == Lookup::kFound && !parent.IsFolder()))
+    return EndpointError("path/conflict/file");
+  if (lookup != Lookup::kFound)
+    return LookupError(lookup, "path");
+  if (std::optional<Item> taken = account.ChildByName(parent.id, NameOf(path), true))
+    return EndpointError(taken->IsFolder() ? "path/conflict/folder" : "path/conflict/file");
+  Item folder;
+  if (account.CreateFolder(parent.id, NameOf(path), &folder) != AccountError::kNone)
+    return EndpointError("path/disallowed_name");
+  return JsonAnswer(200, QJsonObject{{"metadata", Metadata(folder, PathFor(folder))}});
+}
+
+HttpResponse DropboxDialect::Delete(const HttpRequest& request) {
+  QJsonObject args;
+  HttpResponse refusal;
+  if (!ReadRpcArgs(request, "files/delete_v2", &args, &refusal))
+    return refusal;
+  std::lock_guard<std::mutex> lock(mutex_);
+  CloudAccount& account = router_->account();
+  Item item;
+  Lookup lookup = Resolve(account, Text(args, "path"), &item);
+  if (lookup != Lookup::kFound || item.id == account.RootId())
+    return LookupError(lookup == Lookup::kFound ? Lookup::kMalformed : lookup, "path_lookup");
+  // A stale revision is a conflict: the file is not what the caller last saw.
+  std::string parent_rev = Text(args, "parent_rev");
+  if (!parent_rev.empty() && (item.IsFolder() || parent_rev != Rev(item)))
+    return EndpointError(item.IsFolder() ? "path_lookup/not_file" : "path_write/conflict/file");
+  QJsonObject metadata = Metadata(item, PathFor(item));
+  account.Delete(item.id);
+  return JsonAnswer(200, QJsonObject{{"metadata", metadata}});
+}
+
+HttpResponse DropboxDialect::Move(const HttpRequest& request) {
+  QJsonObject args;
+  HttpResponse refusal;
+  if (!ReadRpcArgs(request, "files/move_v2", &args, &refusal))
+    return refusal;
+  std::string to = Text(args, "to_path");
+  if (to.empty() || !IsWellFormed(to))
+    return EndpointError("to/malformed_path");
+  std::lock_guard<std::mutex> lock(mutex_);
+  CloudAccount& account = router_->account();
+  // 1. The item, and where it goes (missing folders are made on the way).
+  Item item;
+  Lookup lookup = Resolve(account, Text(args, "from_path"), &item);
+  if (lookup != Lookup::kFound || item.id == account.RootId())
+    return LookupError(lookup == Lookup::kFound ? Lookup::kMalformed : lookup, "from_lookup");
+  std::string from_lower = Lower(PathFor(item));
+  std::string to_lower = Lower(to);
+  if (item.IsFolder() && to_lower.compare(0, from_lower.size() + 1, from_lower + "/") == 0)
+    return EndpointError("cant_move_folder_into_itself");
+  Item parent;
+  lookup = Resolve(account, ParentOf(to), &parent, true);
+  if (lookup != Lookup::kFound || !parent.IsFolder())
+    return EndpointError("to/conflict/file");
+  std::optional<Item> taken = account.ChildByName(parent.id, NameOf(to), true);
+  if (taken && taken->id != item.id)
+    return EndpointError(taken->IsFolder() ? "to/conflict/folder" : "to/conflict/file");
+  // 2. The move.
+  Item moved;
+  if (account.Move(item.id, {parent.id}, NameOf(to), &moved) != AccountError::kNone)
+    return EndpointError("to/disallowed_name");
+  return JsonAnswer(200, QJsonObject{{"metadata", Metadata(moved, PathFor(moved))}});
+}
+
+HttpResponse DropboxDialect::SpaceUsage(const HttpRequest& request) {
+  QJsonObject args;
+  HttpResponse refusal;
+  if (!ReadRpcArgs(request, "users/get_space_usage", &args, &refusal))
+    return refusal;
+  CloudAccount& account = router_->account();
+  return JsonAnswer(
+      200, QJsonObject{{"used", static_cast<double>(account.UsedSpace())},
+                       {"allocation",
+                        QJsonObject{{".tag", "individual"},
+                                    {"allocated", static_cast<double>(account.TotalSpace())}}}});
+}
+
+// --- shared links ----------------------------------------------------------------------------
+
+namespace {
+
+QJsonObject LinkMetadata(const Item& item, const std::string& path) {
+  QJsonObject link{
+      {".tag", item.IsFolder() ? "folder" : "file"},
+      {"url", QString::fromStdString(item.public_link)},
+      {"name", QString::fromStdString(item.name)},
+      {"id", QString::fromStdString(item.id)},
+      {"path_lower", QString::fromStdString(Lower(path))},
+      {"link_permissions", QJsonObject{{"can_revoke", true},
+                                       {"resolved_visibility", QJsonObject{{".tag", "public"}}}}}};
+  if (!item.IsFolder()) {
+    link.insert("rev", QString::fromStdString(Rev(item)));
+    link.insert("size", static_cast<double>(item.size));
+  }
+  return link;
+}
+
+}  // namespace
+
+HttpResponse DropboxDialect::CreateLink(const HttpRequest& request) {
+  QJsonObject args;
+  HttpResponse refusal;
+  if (!ReadRpcArgs(request, "sharing/create_shared_link_with_settings", &args, &refusal))
+    return refusal;
+  std::lock_guard<std::mutex> lock(mutex_);
+  CloudAccount& account = router_->account();
+  Item item;
+  Lookup lookup = Resolve(account, Text(args, "path"), &item);
+  if (lookup != Lookup::kFound)
+    return LookupError(lookup, "path");
+  std::string path = PathFor(item);
+  if (!item.public_link.empty()) {
+    QJsonObject error{{".tag", "shared_link_already_exists"},
+                      {"shared_link_already_exists",
+                       QJsonObject{{".tag", "metadata"}, {"metadata", LinkMetadata(item, path)}}}};
+    return JsonAnswer(
+        409, QJsonObject{{"error_summary", "shared_link_already_exists/.."}, {"error", error}});
+  }
+  std::string url = router_->BaseUrl() + "/s/" + Rev(item) + "/" +
+                    QUrl::toPercentEncoding(QString::fromStdString(item.name)).toStdString() +
+                    "?dl=0";
+  account.SetPublicLink(item.id, url, &item);
+  return JsonAnswer(200, LinkMetadata(item, path));
+}
+
+HttpResponse DropboxDialect::ListLinks(const HttpRequest& request) {
+  QJsonObject args;
+  HttpResponse refusal;
+  if (!ReadRpcArgs(request, "sharing/list_shared_links", &args, &refusal))
+    return refusal;
+  std::lock_guard<std::mutex> lock(mutex_);
+  CloudAccount& account = router_->account();
+  QJsonArray links;
+  if (args.contains("path")) {
+    Item item;
+    Lookup lookup = Resolve(account, Text(args, "path"), &item);
+    if (lookup != Lookup::kFound)
+      return LookupError(lookup, "path");
+    if (!item.public_link.empty())
+      links.append(LinkMetadata(item, PathFor(item)));
+  } else {
+    for (const Item& item : account.AllItems()) {
+      if (!item.public_link.empty() && !account.IsInTrash(item.id))
+        links.append(LinkMetadata(item, PathFor(item)));
+    }
+  }
+  return JsonAnswer(200, QJsonObject{{"links", links}, {"has_more", false}});
+}
+
+HttpResponse DropboxDialect::RevokeLink(const HttpRequest& request) {
+  QJsonObject args;
+  HttpResponse refusal;
+  if (!ReadRpcArgs(request, "sharing/revoke_shared_link", &args, &refusal))
+    return refusal;
+  CloudAccount& account = router_->account();
+  std::string url = Text(args, "url");
+  for (const Item& item : account.AllItems()) {
+    if (!url.empty() && item.public_link == url) {
+      account.SetPublicLink(item.id, std::string(), nullptr);
+      return JsonAnswer(200, QJsonValue());
+    }
+  }
+  return EndpointError("shared_link_not_found");
+}
+
+// --- content ---------------------------------------------------------------------------------
+
+HttpResponse DropboxDialect::Thumbnail(const HttpRequest& request) {
+  QJsonObject args;
+  HttpResponse refusal;
+  if (!ReadContentArgs(request, "files/get_thumbnail_v2", &args, &refusal))
+    return refusal;
+  QJsonObject resource = args.value("resource").toObject();
+  if (resource.value(".tag").toString() != "path")
+    return BadInput("files/get_thumbnail_v2", "resource: unknown tag");
+  std::lock_guard<std::mutex> lock(mutex_);
+  Item item;
+  Lookup lookup = Resolve(router_->account(), Text(resource, "path"), &item);
+  if (lookup != Lookup::kFound)
+    return LookupError(lookup, "path");
+  if (item.IsFolder() || !IsThumbnailable(item.name))
+    return EndpointError("unsupported_extension");
+  HttpResponse response = HttpResponse::Status(200, ThumbnailPng(item.digests.sha256));
+  response.headers = {
+      {"Content-Type", "application/octet-stream"},
+      {"Dropbox-API-Result",
+       HeaderSafeJson(QJsonObject{{"file_metadata", Metadata(item, PathFor(item))}})}};
+  return response;
+}
+
+HttpResponse DropboxDialect::Download(const HttpRequest& request) {
+  QJsonObject args;
+  HttpResponse refusal;
+  if (!ReadContentArgs(request, "files/download", &args, &refusal))
+    return refusal;
+  std::lock_guard<std::mutex> lock(mutex_);
+  Item item;
+  Lookup lookup = Resolve(router_->account(), Text(args, "path"), &item);
+  if (lookup != Lookup::kFound)
+    return LookupError(lookup, "path");
+  if (item.IsFolder())
+    return EndpointError("path/not_file");
+  HttpResponse response = ContentResponse(item, request.Header("Range"));
+  response.headers.emplace_back("Dropbox-API-Result",
+                                HeaderSafeJson(Metadata(item, PathFor(item))));
+  return response;
+}
+
+std::unique_ptr<Dialect> MakeDropboxDialect() {
+  return std::make_unique<DropboxDialect>();
+}
+
+}  // namespace emulators

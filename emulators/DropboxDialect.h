@@ -1,0 +1,109 @@
+// DropboxDialect: Dropbox's API v2 over the shared account model, as Dropbox documents it. Three
+// hosts under one server: the RPC host ("/api/2/..."), the content host ("/content/2/...") and
+// the notify host ("/notify/2/files/list_folder/longpoll", reached without a token).
+//
+//   auto dialect = std::make_unique<emulators::DropboxDialect>();
+//   dialect->SetPageSize(50);           // list_folder answers at most 50 entries a page
+//   dialect->SetLongpollSecondMs(10);   // a longpoll "second" lasts 10 ms
+//   auto emulator = emulators::Emulator::Start(std::move(dialect), 0, &error);
+//
+// Cursors are opaque: a snapshot's remaining pages are kept here, the journal's sequence stands
+// for the rest; a cursor older than the account's forgotten journal gets the "reset" error.
+// Errors follow Dropbox's documentation: 400 as plain text, 401/409 as JSON with
+// "error_summary" and a tagged "error", 429 as JSON with "error.retry_after" (or plain text).
+// A fault's error code selects the 409 tags ("path/not_found") or the 429 body: "plain" for a
+// text body, "too_many_write_operations", or "too_many_requests:N" for a retry_after of N.
+#pragma once
+
+#include <QJsonObject>
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "emulators/Dialect.h"
+
+namespace emulators {
+
+class DropboxDialect : public Dialect {
+ public:
+  DropboxDialect();
+  ~DropboxDialect() override;
+
+  const char* Service() const override { return "dropbox"; }
+  HostList Hosts() const override;
+  HttpResponse Error(int status, const std::string& code) const override;
+  std::unique_ptr<CloudAccount> MakeAccount() const override;
+  void Install(Router& router) override;
+  void Shutdown() override;
+
+  // The most entries one list_folder page carries, whatever "limit" the client asks for.
+  void SetPageSize(std::size_t entries) { page_size_ = entries; }
+  // How long one second of a longpoll's "timeout" is held (tests shorten it).
+  void SetLongpollSecondMs(int ms) { longpoll_second_ms_ = ms; }
+  // Every longpoll answer asks the client to back off this long (0: no "backoff" key).
+  void SetLongpollBackoff(int seconds) { longpoll_backoff_ = seconds; }
+
+ private:
+  struct Snapshot {
+    std::vector<QJsonObject> entries;
+  };
+  struct Cursor {
+    std::uint64_t sequence = 0;
+    std::string root;  // lower case, "" for the whole account
+    bool recursive = true;
+    std::uint64_t snapshot = 0;  // 0: the journal from `sequence` on
+    std::size_t offset = 0;
+  };
+
+  HttpResponse ListFolder(const HttpRequest& request);
+  HttpResponse Continue(const HttpRequest& request);
+  HttpResponse LatestCursor(const HttpRequest& request);
+  HttpResponse Longpoll(const HttpRequest& request);
+  HttpResponse CreateFolder(const HttpRequest& request);
+  HttpResponse Delete(const HttpRequest& request);
+  HttpResponse Move(const HttpRequest& request);
+  HttpResponse SpaceUsage(const HttpRequest& request);
+  HttpResponse CreateLink(const HttpRequest& request);
+  HttpResponse ListLinks(const HttpRequest& request);
+  HttpResponse RevokeLink(const HttpRequest& request);
+  HttpResponse Thumbnail(const HttpRequest& request);
+  HttpResponse Download(const HttpRequest& request);
+
+  // A page of `cursor`: the snapshot's next entries, or what the journal holds since.
+  HttpResponse Page(Cursor cursor, std::size_t limit);
+  std::vector<QJsonObject> JournalEntries(const Cursor& cursor, std::size_t limit,
+                                          std::uint64_t* sequence, bool* more);
+  bool HasChangesSince(const Cursor& cursor);
+  std::string EncodeCursor(const Cursor& cursor) const;
+  bool DecodeCursor(const std::string& text, Cursor* cursor) const;
+
+  // Metadata as Dropbox gives it; remembers the item's path for its later "deleted" entry.
+  QJsonObject Metadata(const Item& item, const std::string& path);
+  QJsonObject Deleted(const std::string& path);
+  std::string PathFor(const Item& item);
+  std::string RememberedPath(const Item& item);
+  // Where a moved item was before the move.
+  std::string OldPath(const JournalEntry& change);
+  // Items below (and with) a folder, parents first.
+  void Subtree(const Item& folder, const std::string& path, bool recursive, bool with_self,
+               std::vector<QJsonObject>* out);
+
+  Router* router_ = nullptr;
+  std::size_t page_size_ = 2000;
+  std::atomic<int> longpoll_second_ms_{1000};
+  std::atomic<int> longpoll_backoff_{0};
+  std::atomic<bool> stopping_{false};
+  std::mutex mutex_;
+  std::map<std::uint64_t, Snapshot> snapshots_;
+  std::uint64_t next_snapshot_ = 1;
+  std::map<std::string, std::string> paths_;  // item id -> last known display path
+};
+
+std::unique_ptr<Dialect> MakeDropboxDialect();
+
+}  // namespace emulators

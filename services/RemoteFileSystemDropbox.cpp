@@ -1,0 +1,1143 @@
+#include "services/RemoteFileSystemDropbox.h"
+
+#include <algorithm>
+#include <set>
+
+#include "core/Clock.h"
+#include "core/Endpoints.h"
+#include "core/LoggerWrapper.h"
+#include "core/Nodes.h"
+#include "core/PercentEncoding.h"
+#include "core/RadarsLogger.h"
+#include "core/StringUtils.h"
+#include "services/RemoteDropboxUtils.h"
+
+namespace {
+
+constexpr char kJsonContentType[] = "application/json";
+constexpr char kLongpollPath[] = "/2/files/list_folder/longpoll";
+constexpr char kThumbnailPath[] = "/2/files/get_thumbnail_v2";
+// A longpoll without "timeout" is held 30 s plus up to 90 s of Dropbox's jitter; the changes
+// client waits longer than that, so a held poll never reads as a network failure.
+constexpr int kChangesClientTimeoutSec = 180;
+constexpr std::uint64_t kMaxRetryAfterSec = 180;
+constexpr std::int64_t kSnapshotRetryMs = 2000;
+constexpr std::int64_t kNoTreeWaitMs = 500;
+constexpr std::int64_t kFeedPauseMs = 100;
+constexpr std::int64_t kSizeIntervalSec = 100;
+constexpr std::int64_t kLinksIntervalSec = 121;
+constexpr std::int64_t kRenewIntervalSec = 60;
+constexpr std::uint32_t kReadBlockSize = 4096;
+constexpr float kLinksMaxLoadFactor = 8.0f;
+constexpr std::size_t kLinksBurstThreshold = 16384;
+
+std::int64_t NowSec() {
+  return utils::GetClock().NowMs() / 1000;
+}
+
+// Seconds since `since`, or -1 when the clock ran back.
+std::int64_t SecondsSince(std::int64_t since) {
+  const std::int64_t now = NowSec();
+  return now >= since ? now - since : -1;
+}
+
+std::string Encoded(const std::string& text) {
+  return utils::JSONEncodedString(text, false);
+}
+
+std::string Quoted(const std::string& text) {
+  return "\"" + text + "\"";
+}
+
+std::string EntryText(const utils::json::json_tree& entry) {
+  return utils::json::ToString(entry, false);
+}
+
+void CutTrailingSlash(std::string* path) {
+  if (path->size() > 1 && path->back() == '/') {
+    path->pop_back();
+  }
+}
+
+std::uint64_t Subtract(std::uint64_t from, std::uint64_t amount) {
+  return from > amount ? from - amount : 0;
+}
+
+}  // namespace
+
+RemoteFileSystemDropbox::RemoteFileSystemDropbox(
+    std::shared_ptr<RemoteFileSystemSharedData> sharedData, const std::string& remoteRootPath)
+    : RemoteFileSystemChangesSupport(std::move(sharedData), remoteRootPath) {
+  sharedLinks_.max_load_factor(kLinksMaxLoadFactor);
+  sharedLinks_.burst_threshold(kLinksBurstThreshold);
+}
+
+RemoteFileSystemDropbox::~RemoteFileSystemDropbox() = default;
+
+void RemoteFileSystemDropbox::Start() {
+  {
+    std::lock_guard<std::mutex> lock(clientsMutex_);
+    for (const Client& client : {changesClient_, fileClient_}) {
+      if (client) {
+        client->Start();
+      }
+    }
+  }
+  RemoteFileSystem::Start();
+}
+
+void RemoteFileSystemDropbox::Stop() {
+  {
+    std::lock_guard<std::mutex> lock(clientsMutex_);
+    for (const Client& client : {changesClient_, fileClient_}) {
+      if (client) {
+        client->Stop();
+      }
+    }
+  }
+  RemoteFileSystem::Stop();
+}
+
+RemoteFileSystemDropbox::Client RemoteFileSystemDropbox::FileClient() {
+  std::lock_guard<std::mutex> lock(clientsMutex_);
+  return fileClient_;
+}
+
+RemoteFileSystemDropbox::Client RemoteFileSystemDropbox::ChangesClient() {
+  std::lock_guard<std::mutex> lock(clientsMutex_);
+  return changesClient_;
+}
+
+const RemoteFileSystem::UnsupportedSymbolsMap& RemoteFileSystemDropbox::GetUnsupportedSymbolsMap()
+    const {
+  return InvalidSymbolsMapping::kInvalidSymbolsMap_StdWin;
+}
+
+// --- the doors -------------------------------------------------------------------------------
+
+FileSystem::Result RemoteFileSystemDropbox::CallRpc(const std::string& name,
+                                                    const std::string& body,
+                                                    utils::json::json_tree* json,
+                                                    const Client& client) {
+  return CallRpcUrl(Endpoints::Get(Endpoints::kDropboxApi) + "/2/" + name, body, json, client,
+                    true);
+}
+
+FileSystem::Result RemoteFileSystemDropbox::CallRpcUrl(const std::string& url,
+                                                       const std::string& body,
+                                                       utils::json::json_tree* json,
+                                                       const Client& client, bool authorize) {
+  // 1. The request: JSON when there is a body.
+  URLProcessor::Request request;
+  request.verb = "POST";
+  request.url = DispatcherUrl::FromString(url);
+  request.body = body;
+  request.content_type = body.empty() ? std::string() : kJsonContentType;
+  request.authorize = authorize;
+  client->Send(request);
+  // 2. The answer, and the fail reason whatever it was.
+  URLProcessor::Result transport = URLProcessor::Result::OK;
+  json->clear();
+  const Result parsed = ParseRpcResponse(json, client, &transport);
+  const int code = client->GetResponseCode();
+  SetFailReason(transport, code);
+  if (parsed != SUCCEEDED) {
+    return parsed;
+  }
+  return URLProcessor::IsSuccessHttpCode(code) ? SUCCEEDED : HandleRpcFailure(*json, client);
+}
+
+FileSystem::Result RemoteFileSystemDropbox::WaitAsAsked(std::int64_t ms, Result otherwise) {
+  return WaitForStop(ms) ? STOPPED : otherwise;
+}
+
+FileSystem::Result RemoteFileSystemDropbox::HandleRpcFailure(const utils::json::json_tree& json,
+                                                             const Client& client) {
+  const int code = client->GetResponseCode();
+  switch (code) {
+    case 401:
+      LOG_WARNING << "Dropbox API token is no longer valid.";
+      return AUTH_INVALID;
+    case 409:
+      return HandleEndpointError(json);
+    case 429: {
+      utils::json::Log(json, false);
+      LOG_WARNING << "Too many requests for Dropbox API.";
+      RadarsLogger::instance().SendMetric("dropbox_too_many_requests", "1", 1);
+      std::uint64_t seconds = dropbox::RetryAfterSeconds(json);
+      if (seconds == 0) {
+        LOG_INFO << "Waiting for one second.";
+        return WaitAsAsked(1000, FAILED);
+      }
+      seconds = std::min(seconds, kMaxRetryAfterSec);
+      LOG_INFO << "Waiting for " << seconds << "seconds.";
+      return WaitAsAsked(static_cast<std::int64_t>(seconds) * 1000, FAILED);
+    }
+    default:
+      utils::json::Log(json, false);
+      if (code > 0) {
+        LOG_WARNING << "Dropbox API RPC call failed for unknown reason with HTTP status code: "
+                    << code << ".";
+      }
+      return FAILED;
+  }
+}
+
+FileSystem::Result RemoteFileSystemDropbox::HandleEndpointError(
+    const utils::json::json_tree& json) {
+  // 1. The summary, kept as one string.
+  const std::string summary = dropbox::ReadString(json, "error_summary", "no_summary");
+  const std::string message = dropbox::ReadString(json, "error_message", "no_message");
+  LOG_WARNING << "Dropbox API RPC call returned endpoint error: " << summary << ": " << message;
+  if (summary.empty() && message.empty()) {
+    LOG_WARNING << "Full json response was: " << utils::json::ToString(json, false);
+  }
+  // 2. A missing item means the tree is behind.
+  if (summary.find("not_found") != std::string::npos) {
+    return CONFLICT;
+  }
+  // 3. The table, then the write throttle, which asks for a second's pause.
+  const Result result = dropbox::ResultOfErrorSummary(summary, BADNAM);
+  if (summary.find("too_many_write_operations") != std::string::npos) {
+    LOG_WARNING << "Encountered too many write operation, waiting for a second...";
+    return WaitAsAsked(1000, result);
+  }
+  return result;
+}
+
+// --- connection ------------------------------------------------------------------------------
+
+bool RemoteFileSystemDropbox::Open(const std::shared_ptr<URLProcessorFactory>& factory) {
+  // 1. The remote root: "a/b/" with its lower case and depth.
+  std::string root = GetRemoteRootPath();
+  if (root == "/") {
+    LOG_ERROR << "Invalid non-normalized remote path \"" << root << "\".";
+    return false;
+  }
+  if (!root.empty() && root.back() != '/') {
+    root += '/';
+  }
+  root_ = root;
+  lowerRoot_ = ToLower(root_);
+  rootDepth_ = static_cast<std::uint32_t>(std::count(root_.begin(), root_.end(), '/')) + 1;
+  // 2. The clients.
+  factory_ = factory;
+  Client client = FileClient();
+  if (!client && factory_) {
+    client = factory_->Create();
+    std::lock_guard<std::mutex> lock(clientsMutex_);
+    fileClient_ = client;
+  }
+  if (!client || !client->Open(nullptr)) {
+    LOG_ERROR << "Failed to open http client.";
+    return false;
+  }
+  return EnsureChangesClient();
+}
+
+bool RemoteFileSystemDropbox::EnsureChangesClient() {
+  Client client = ChangesClient();
+  if (client) {
+    return true;
+  }
+  client = factory_ ? factory_->Create() : nullptr;
+  if (!client || !client->Open(nullptr)) {
+    LOG_ERROR << "Failed opening URLProcessor.";
+    return false;
+  }
+  client->SetTimeoutSec(kChangesClientTimeoutSec);
+  std::lock_guard<std::mutex> lock(clientsMutex_);
+  changesClient_ = client;
+  if (IsStopped()) {
+    changesClient_->Stop();
+  }
+  return true;
+}
+
+FileSystem::Result RemoteFileSystemDropbox::Close() {
+  for (const Client& client : {FileClient(), ChangesClient()}) {
+    if (client) {
+      client->Close();
+    }
+  }
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemDropbox::CheckConnection() {
+  Client client = ChangesClient();
+  if (!client) {
+    LOG_ERROR << "Http client not exists";
+    return FATAL;
+  }
+  std::uint64_t allocated = 0;
+  std::uint64_t used = 0;
+  return GetSpaceUsage(&allocated, &used, client);
+}
+
+FileSystem::Result RemoteFileSystemDropbox::GetCloudSize(std::uint64_t* total,
+                                                         std::uint64_t* used) {
+  Client client = FileClient();
+  if (!client) {
+    LOG_ERROR << "Http client not exists";
+    return FATAL;
+  }
+  return GetSpaceUsage(total, used, client);
+}
+
+FileSystem::Result RemoteFileSystemDropbox::GetSpaceUsage(std::uint64_t* allocated,
+                                                          std::uint64_t* used,
+                                                          const Client& client) {
+  utils::json::json_tree json;
+  const Result result = CallRpc("users/get_space_usage", std::string(), &json, client);
+  if (result != SUCCEEDED) {
+    return result;
+  }
+  *allocated = 0;
+  *used = 0;
+  dropbox::ReadUint64(json, "allocation.allocated", allocated);
+  dropbox::ReadUint64(json, "used", used);
+  return SUCCEEDED;
+}
+
+double RemoteFileSystemDropbox::GetFirstSnapshotProgress() {
+  return treeRequested_ ? 1.0 : GetPercentCompleteGettingFirstSnapshot(snapshot_progress_);
+}
+
+bool RemoteFileSystemDropbox::ShouldRenewTree() {
+  if (!renewTree_) {
+    return false;
+  }
+  const std::int64_t since = SecondsSince(lastTreeRequestTime_);
+  return since >= kRenewIntervalSec;
+}
+
+// --- snapshot --------------------------------------------------------------------------------
+
+FileSystem::Result RemoteFileSystemDropbox::GetFullTree(FolderNode* root, std::uint64_t* free,
+                                                        std::uint64_t* total,
+                                                        tsl::htrie_set<char>*) {
+  root->Clear();
+  if (!EnsureChangesClient()) {
+    return FATAL;
+  }
+  const Client client = ChangesClient();
+  // 1. The quota first: it sizes the progress.
+  LOG_INFO << "Requesting disk snapshot...";
+  snapshot_progress_.expected_bytes = 0;
+  snapshot_progress_.seen_bytes = 0;
+  std::uint64_t allocated = 0;
+  std::uint64_t used = 0;
+  Result result = GetSpaceUsage(&allocated, &used, client);
+  if (result != SUCCEEDED) {
+    LOG_WARNING << "Failed to get space usage info: " << result << ".";
+    return result;
+  }
+  if (allocated == 0) {
+    LOG_ERROR << "Total size is 0.";
+    return FATAL;
+  }
+  snapshot_progress_.expected_bytes = used;
+  // 2. The listing, page by page, each applied as it comes.
+  std::string listingPath;
+  if (!root_.empty()) {
+    LOG_INFO << "Getting snapshot rooted at \"" << root_ << "\".";
+    listingPath = "/" + root_.substr(0, root_.size() - 1);
+  }
+  *free = Subtract(allocated, used);
+  *total = allocated;
+  std::string name = "files/list_folder";
+  std::string body =
+      "{\"path\": \"" + Encoded(listingPath) + "\",\"recursive\": true,\"limit\": 1999}";
+  SnapshotCounts counts;
+  DropboxPage page;
+  do {
+    utils::json::json_tree json;
+    result = ListFolderPage(name, body, &json, client);
+    if (result == SUCCEEDED) {
+      result = ApplySnapshotPage(json, root, free, total, &counts, &page);
+    }
+    if (result != SUCCEEDED) {
+      return result;
+    }
+    name = "files/list_folder/continue";
+    body = "{\"cursor\":\"" + page.cursor + "\"}";
+  } while (page.has_more);
+  // 3. The feed starts from the listing's cursor.
+  LOG_INFO << "Getting snapshot finished. Dropbox contains " << counts.files << " files and "
+           << counts.folders << " folders.";
+  *free = Subtract(allocated, used);
+  *total = allocated;
+  {
+    std::lock_guard<std::mutex> lock(changesMutex_);
+    cursor_ = page.cursor;
+    lastSizeRequestTime_ = NowSec();
+  }
+  treeRequested_ = true;
+  lastTreeRequestTime_ = NowSec();
+  renewTree_ = false;
+  // 4. The shared links as they are now, the base of their later comparison.
+  LinkMap links;
+  result = ListSharedLinks(&links);
+  if (result == STOPPED || result == AUTH_INVALID) {
+    return result;
+  }
+  std::lock_guard<std::mutex> lock(changesMutex_);
+  sharedLinks_ = std::move(links);
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemDropbox::ListFolderPage(const std::string& name,
+                                                           const std::string& body,
+                                                           utils::json::json_tree* json,
+                                                           const Client& client) {
+  // A failed page is asked again at the same place every 2 s, until the service answers or
+  // something other than a plain failure ends it.
+  while (true) {
+    const Result result = CallRpc(name, body, json, client);
+    if (result == SUCCEEDED) {
+      return result;
+    }
+    LOG_WARNING << "Failed initiating folder listing: " << result;
+    if (result != FAILED) {
+      return result;
+    }
+    if (WaitForStop(kSnapshotRetryMs)) {
+      return STOPPED;
+    }
+  }
+}
+
+FileSystem::Result RemoteFileSystemDropbox::ApplySnapshotPage(const utils::json::json_tree& json,
+                                                              FolderNode* root, std::uint64_t* free,
+                                                              std::uint64_t* total,
+                                                              SnapshotCounts* counts,
+                                                              DropboxPage* page) {
+  std::string missing;
+  if (!ReadDropboxPage(json, page, &missing)) {
+    utils::json::Log(json, false);
+    LOG_ERROR << (missing == "cursor" ? "No cursor in list folder reply."
+                                      : "No entries in list folder reply.");
+    return FATAL;
+  }
+  for (const auto& item : *page->entries) {
+    const DropboxEntry entry = ReadDropboxEntry(item.second);
+    // 1. Entries the tree can't take are logged and left out.
+    if (entry.problem != DropboxEntry::kNone) {
+      LOG_WARNING << EntryText(item.second);
+      LOG_WARNING << (entry.problem == DropboxEntry::kEmptyPath ? "Invalid empty path."
+                                                                : "Invalid entry.");
+      continue;
+    }
+    Change change;
+    if (!ToLocalPath(entry.path, &change.path)) {
+      LOG_ERROR << "Invalid path outside requested dir \"" << entry.path << "\".";
+      return FATAL;
+    }
+    // 2. The change the entry stands for.
+    if (entry.kind == DropboxEntry::kFolder) {
+      ++counts->folders;
+      change.type = Change::FOLDER_CREATE;
+    } else if (entry.kind == DropboxEntry::kFile) {
+      ++counts->files;
+      change.type = Change::FILE_CREATE;
+      snapshot_progress_.AddSeenBytes(entry.size);
+      change.size = entry.size;
+      change.time = static_cast<std::uint64_t>(std::max<std::int64_t>(entry.time, 0));
+      change.hash = entry.hash;
+    } else {
+      LOG_WARNING << EntryText(item.second);
+      LOG_WARNING << "Unknown item type in entries.";
+      continue;
+    }
+    if (!ApplyRemoteChange(change, root, free, total)) {
+      LOG_ERROR << "Failed apply remote change.";
+      return FATAL;
+    }
+  }
+  return SUCCEEDED;
+}
+
+bool RemoteFileSystemDropbox::StripRemoteRoot(std::string* path) const {
+  // 1. Below the root, or the root's own entry.
+  if (path->compare(0, root_.size(), root_) == 0) {
+    path->erase(0, root_.size());
+    return true;
+  }
+  if (path->size() + 1 == root_.size() && root_.compare(0, path->size(), *path) == 0) {
+    path->clear();
+    return true;
+  }
+  if (path->empty()) {
+    return false;
+  }
+  // 2. A root spelled in another case: the prefix through the root's depth, lower-cased.
+  std::uint32_t slashes = 0;
+  std::size_t position = 0;
+  for (; position < path->size() && slashes < rootDepth_; ++position) {
+    if ((*path)[position] == '/') {
+      ++slashes;
+    }
+  }
+  if (slashes < rootDepth_ || position >= path->size() || (*path)[position] != '/') {
+    return false;
+  }
+  std::string lower;
+  bool changed = false;
+  const std::string_view prefix(path->data(), position + 1);
+  if (!LowercaseIfNeeded(prefix, &lower, &changed) || changed || prefix != lowerRoot_) {
+    return false;
+  }
+  path->erase(0, position + 1);
+  return true;
+}
+
+bool RemoteFileSystemDropbox::ToLocalPath(const std::string& entryPath, std::string* local) const {
+  std::string path = entryPath;
+  if (!root_.empty() && !StripRemoteRoot(&path)) {
+    return false;
+  }
+  std::string unmapped;
+  bool changed = false;
+  const_cast<RemoteFileSystemDropbox*>(this)->UnmapPathToLocal(path, &unmapped, &changed);
+  *local = changed ? unmapped : path;
+  return true;
+}
+
+// --- feed ------------------------------------------------------------------------------------
+
+FileSystem::Result RemoteFileSystemDropbox::GetChanges(std::queue<Change>* changes) {
+  std::lock_guard<std::mutex> lock(changesMutex_);
+  // 1. Nothing to follow before the first tree.
+  if (!treeRequested_) {
+    LOG_INFO << "No changes since the tree has not been requested.";
+    return WaitAsAsked(kNoTreeWaitMs, SUCCEEDED);
+  }
+  if (!ChangesClient()) {
+    LOG_ERROR << "No http client.";
+    return FATAL;
+  }
+  // 2. The longpoll, the links, then the changes it announced.
+  bool hasChanges = false;
+  Result result = Longpoll(&hasChanges);
+  if (result != SUCCEEDED) {
+    return result;
+  }
+  CheckSharedLinkChanges(changes);
+  if (hasChanges) {
+    result = ReadChanges(changes);
+    if (result != SUCCEEDED) {
+      LOG_WARNING << "Failed read changes: " << result;
+      return result;
+    }
+  }
+  if (WaitForStop(kFeedPauseMs)) {
+    return STOPPED;
+  }
+  // 3. The quota now and then.
+  PushSizeChanges(changes);
+  return SUCCEEDED;
+}
+
+void RemoteFileSystemDropbox::PushSizeChanges(std::queue<Change>* changes) {
+  const std::int64_t since = SecondsSince(lastSizeRequestTime_);
+  if (since <= kSizeIntervalSec) {
+    return;
+  }
+  std::uint64_t allocated = 0;
+  std::uint64_t used = 0;
+  if (GetSpaceUsage(&allocated, &used, ChangesClient()) != SUCCEEDED) {
+    return;
+  }
+  lastSizeRequestTime_ = NowSec();
+  Change total(Change::TOTAL_SIZE_SET, std::string());
+  total.size = allocated;
+  changes->push(total);
+  Change free(Change::FREE_SIZE_SET, std::string());
+  free.size = Subtract(allocated, used);
+  changes->push(free);
+}
+
+FileSystem::Result RemoteFileSystemDropbox::Longpoll(bool* hasChanges) {
+  *hasChanges = false;
+  utils::json::json_tree json;
+  const Result result =
+      CallRpcUrl(Endpoints::Get(Endpoints::kDropboxNotify) + kLongpollPath,
+                 "{ \"cursor\":\"" + cursor_ + "\" }", &json, ChangesClient(), false);
+  if (result == STOPPED) {
+    return result;
+  }
+  if (result != SUCCEEDED) {
+    // A summary (a reset cursor above all) means the feed's thread is lost: a new tree at once.
+    LOG_WARNING << "Longpoll failed: " << result;
+    const std::string summary = dropbox::ReadString(json, "error_summary");
+    if (!summary.empty()) {
+      LOG_WARNING << "Got error while longpoll: " << summary;
+      renewTree_ = true;
+      lastTreeRequestTime_ = 0;
+    }
+    return result;
+  }
+  if (!utils::json::Member(json, "changes")) {
+    utils::json::Log(json, false);
+    LOG_WARNING << "No changes files in response.";
+    return SUCCEEDED;
+  }
+  *hasChanges = dropbox::ReadBool(json, "changes", false);
+  std::uint64_t backoff = 0;
+  if (dropbox::ReadUint64(json, "backoff", &backoff) && backoff != 0) {
+    LOG_INFO << "Received backoff from Dropbox, sleeping for " << backoff << " secs.";
+    return WaitAsAsked(
+        static_cast<std::int64_t>(std::min<std::uint64_t>(backoff, INT32_MAX)) * 1000, SUCCEEDED);
+  }
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemDropbox::ReadChanges(std::queue<Change>* changes) {
+  std::string cursor = cursor_;
+  DropboxPage page;
+  do {
+    // 1. The next page; a failure leaves the cursor where it was.
+    utils::json::json_tree json;
+    const Result result = CallRpc("files/list_folder/continue", "{\"cursor\":\"" + cursor + "\"}",
+                                  &json, ChangesClient());
+    if (result != SUCCEEDED) {
+      LOG_WARNING << "Failed continuing folder listing while reading changes: " << result;
+      if (!root_.empty()) {
+        LOG_WARNING << "Root dir is missed.";
+        renewTree_ = true;
+      }
+      return result;
+    }
+    std::string missing;
+    if (!ReadDropboxPage(json, &page, &missing)) {
+      utils::json::Log(json, false);
+      LOG_ERROR << (missing == "cursor" ? "No cursor in list folder reply."
+                                        : "No entries in list folder reply.");
+      return FATAL;
+    }
+    cursor = page.cursor;
+    // 2. Its entries, in order.
+    for (const auto& item : *page.entries) {
+      Change change;
+      if (ChangeOfFeedEntry(item.second, &change)) {
+        changes->push(std::move(change));
+      }
+    }
+  } while (page.has_more);
+  cursor_ = cursor;
+  return SUCCEEDED;
+}
+
+bool RemoteFileSystemDropbox::ChangeOfFeedEntry(const utils::json::json_tree& json,
+                                                Change* change) {
+  const DropboxEntry entry = ReadDropboxEntry(json);
+  if (entry.problem != DropboxEntry::kNone) {
+    LOG_WARNING << EntryText(json);
+    LOG_WARNING << (entry.problem == DropboxEntry::kEmptyPath ? "Invalid empty path."
+                                                              : "Invalid entry.");
+    return false;
+  }
+  if (!ToLocalPath(entry.path, &change->path)) {
+    LOG_INFO << "Skipping event at \"" << entry.path << " \" outside the remote root \"" << root_
+             << "\".";
+    return false;
+  }
+  switch (entry.kind) {
+    case DropboxEntry::kFolder:
+      change->type = Change::FOLDER_CREATE;
+      return true;
+    case DropboxEntry::kFile:
+      change->type = Change::FILE_CREATE;
+      change->size = entry.size;
+      change->time = static_cast<std::uint64_t>(std::max<std::int64_t>(entry.time, 0));
+      change->hash = entry.hash;
+      if (entry.rev.empty()) {
+        LOG_WARNING << EntryText(json);
+        LOG_WARNING << "No revision in change.";
+      }
+      return true;
+    case DropboxEntry::kDeleted:
+      change->type = Change::FILE_OR_FOLDER_DELETE;
+      return true;
+    default:
+      LOG_WARNING << EntryText(json);
+      LOG_WARNING << "Unknown item type in changes list.";
+      return false;
+  }
+}
+
+// --- shared links ----------------------------------------------------------------------------
+
+FileSystem::Result RemoteFileSystemDropbox::ListSharedLinks(LinkMap* links) {
+  links->max_load_factor(kLinksMaxLoadFactor);
+  links->burst_threshold(kLinksBurstThreshold);
+  // The service's key for a next page is "has_more"; "more" is what this loop goes on for, and
+  // its cursor is never sent, so it asks for the first page again.
+  bool more = true;
+  std::string cursor;
+  while (more) {
+    utils::json::json_tree json;
+    const Result result =
+        CallRpc("sharing/list_shared_links", std::string(), &json, ChangesClient());
+    if (result != SUCCEEDED) {
+      utils::json::Log(json, false);
+      LOG_WARNING << "Can`t get list of shared links: " << result;
+      return result;
+    }
+    if (auto list = utils::json::Member(json, "links")) {
+      for (const auto& link : *list) {
+        const std::string url = dropbox::ReadString(link.second, "url");
+        std::string path = dropbox::ReadString(link.second, "path_lower");
+        if (!url.empty() && !path.empty()) {
+          RemoveFirstSlashIfExists(&path);
+          (*links)[path] = url;
+        }
+      }
+    }
+    more = static_cast<bool>(utils::json::Member(json, "more"));
+    if (more) {
+      cursor = dropbox::ReadString(json, "cursor");
+    }
+  }
+  lastLinksTime_ = NowSec();
+  return SUCCEEDED;
+}
+
+void RemoteFileSystemDropbox::CheckSharedLinkChanges(std::queue<Change>* changes) {
+  // 1. At most every 121 s; a failed listing compares as fewer links and is asked again soon.
+  if (SecondsSince(lastLinksTime_) < kLinksIntervalSec) {
+    return;
+  }
+  LinkMap links;
+  ListSharedLinks(&links);
+  // 2. Paths that gained a link first, then those that lost one. The change's size carries the
+  // link flag: 1 for a new link, 0 for a withdrawn one.
+  std::set<std::string> now;
+  std::set<std::string> before;
+  for (auto it = links.begin(); it != links.end(); ++it) {
+    now.insert(it.key());
+  }
+  for (auto it = sharedLinks_.begin(); it != sharedLinks_.end(); ++it) {
+    before.insert(it.key());
+  }
+  bool same = now == before;
+  for (auto it = links.begin(); same && it != links.end(); ++it) {
+    auto old = sharedLinks_.find(it.key());
+    same = old != sharedLinks_.end() && old.value() == it.value();
+  }
+  if (same) {
+    return;
+  }
+  for (const std::string& path : now) {
+    if (!before.count(path)) {
+      Change change(Change::PUBLIC_LINK, path);
+      change.size = 1;
+      changes->push(change);
+    }
+  }
+  for (const std::string& path : before) {
+    if (!now.count(path)) {
+      changes->push(Change(Change::PUBLIC_LINK, path));
+    }
+  }
+  sharedLinks_ = std::move(links);
+}
+
+// --- the tree --------------------------------------------------------------------------------
+
+bool RemoteFileSystemDropbox::ApplyRemoteChange(const Change& change, FolderNode* root,
+                                                std::uint64_t* free, std::uint64_t* total) {
+  if (selfMade_.IsSelfMadeChange(change)) {
+    LOG_INFO << "Skipping self made change: " << Change::TypeName(change.type) << "  "
+             << Quoted(change.path);
+    return true;
+  }
+  switch (change.type) {
+    case Change::FILE_CREATE:
+      return ApplyFileCreate(change, root, free);
+    case Change::FILE_OR_FOLDER_DELETE:
+      return ApplyDelete(change, root, free);
+    case Change::FOLDER_CREATE:
+      return ApplyFolderCreate(change, root, free);
+    case Change::FREE_SIZE_SET:
+      *free = change.size;
+      return true;
+    case Change::TOTAL_SIZE_SET:
+      *free = Subtract(change.size, root->FolderSize(FolderNode::WithServiceItems(true)));
+      *total = change.size;
+      return true;
+    default:
+      LOG_WARNING << "Unsupported change type for Dropbox: " << Change::TypeName(change.type)
+                  << ".";
+      return false;
+  }
+}
+
+bool RemoteFileSystemDropbox::ApplyFileCreate(const Change& change, FolderNode* root,
+                                              std::uint64_t* free) {
+  // 1. The folder that holds it.
+  FolderNode* parent = nullptr;
+  std::string_view name;
+  if (!CreatePathTo(change.path, root, &parent, &name, true)) {
+    LOG_WARNING << "Failed to create path.";
+    return false;
+  }
+  // 2. What stands at its name goes: an older file (its inode stays), or a folder.
+  std::uint64_t inode = 0;
+  if (FileNode* old = parent->GetFile(name, true)) {
+    *free += old->size;
+    inode = old->GetInode();
+    if (!parent->DeleteFileW(std::string(old->GetName()))) {
+      LOG_WARNING << "Failed deleting old file.";
+      return false;
+    }
+    parent->SetChanged(true);
+  } else if (FolderNode* folder = parent->GetFolder(name, true)) {
+    if (!parent->DeleteFolder(std::string(folder->GetName()))) {
+      LOG_WARNING << "Failed delting old folder.";
+      return false;
+    }
+    parent->SetChanged(true);
+    LOG_INFO << "Replacing folder with file: " << change.path;
+  }
+  // 3. The new file.
+  FileNode* file = parent->CreateFileW(name, change.size, change.hash, change.time, inode);
+  if (!file) {
+    RadarsLogger::instance().SendMetric("fail_error",
+                                        "failed_in_applying_remote_changes_while_creating_file", 1);
+    return false;
+  }
+  file->SetChanged(true);
+  *free = Subtract(*free, change.size);
+  return true;
+}
+
+bool RemoteFileSystemDropbox::ApplyDelete(const Change& change, FolderNode* root,
+                                          std::uint64_t* free) {
+  auto [parent, name] = root->TraversePath(change.path, true);
+  if (!parent) {
+    LOG_INFO << "Deleting item in non-existing folder.";
+    return true;
+  }
+  std::uint64_t size = 0;
+  bool deleted = false;
+  if (FileNode* file = parent->GetFile(name, true)) {
+    size = file->size;
+    deleted = parent->DeleteFileW(std::string(file->GetName()));
+  } else if (FolderNode* folder = parent->GetFolder(name, true)) {
+    size = folder->FolderSize(FolderNode::WithServiceItems(true));
+    deleted = parent->DeleteFolder(std::string(folder->GetName()));
+  } else {
+    LOG_INFO << "Invalid change FILE_OR_FOLDER_DELETE: no such file or folder in tree: "
+             << change.path;
+    return true;
+  }
+  if (!deleted) {
+    LOG_WARNING << "Failed deleting file.";
+    return false;
+  }
+  parent->SetChanged(true);
+  *free += size;
+  return true;
+}
+
+bool RemoteFileSystemDropbox::ApplyFolderCreate(const Change& change, FolderNode* root,
+                                                std::uint64_t* free) {
+  if (change.path.empty()) {
+    return true;
+  }
+  FolderNode* parent = nullptr;
+  std::string_view name;
+  if (!CreatePathTo(change.path, root, &parent, &name, true)) {
+    LOG_WARNING << "Failed creating path.";
+    return false;
+  }
+  if (parent->GetFolder(name, true)) {
+    LOG_INFO << "Skipping replacing folder: " << name;
+    return true;
+  }
+  if (FileNode* file = parent->GetFile(name, true)) {
+    *free += file->size;
+    if (!parent->DeleteFileW(std::string(file->GetName()))) {
+      LOG_WARNING << "Failed deleting file.";
+      return false;
+    }
+    LOG_INFO << "Replacing file with folder: " << name;
+  }
+  FolderNode* folder = parent->CreateFolder(name);
+  if (!folder) {
+    LOG_WARNING << "Failed creating folder.";
+    return false;
+  }
+  folder->SetChanged(true);
+  parent->SetChanged(true);
+  return true;
+}
+
+// --- file operations -------------------------------------------------------------------------
+
+std::string RemoteFileSystemDropbox::RemotePath(const std::string& path) {
+  std::string mapped;
+  bool changed = false;
+  MapPathToRemote(path, &mapped, &changed);
+  std::string remote = "/" + root_ + (changed ? mapped : path);
+  CutTrailingSlash(&remote);
+  return remote;
+}
+
+FileSystem::Result RemoteFileSystemDropbox::CreateFolderImpl(const OverwriteControl&,
+                                                             const std::string& path) {
+  LOG_INFO << "Creating folder " << Quoted(path) << ".";
+  utils::json::json_tree json;
+  const Result result =
+      CallRpc("files/create_folder_v2",
+              "{ \"path\":\"" + Encoded(RemotePath(path)) + "\", \"autorename\":false }", &json,
+              FileClient());
+  if (result != SUCCEEDED) {
+    LOG_WARNING << "Failed creating folder: " << result;
+    return result;
+  }
+  selfMade_.ExpectFolder(path);
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemDropbox::DeleteFileImpl(const OverwriteControl& control,
+                                                           const std::string& path, std::uint64_t,
+                                                           std::uint64_t) {
+  if (!IsRelativeCanonicalPath(path)) {
+    LOG_ERROR << "Invalid path.";
+    return FATAL;
+  }
+  LOG_INFO << "Deleting " << Quoted(path) << ".";
+  // Only the revision the core last saw may go.
+  std::string body = "{ \"path\":\"" + Encoded(RemotePath(path)) + "\" ";
+  if (control.hash.GetType() == SomeHash::DROPBOX && !control.hash.GetHashDropbox().rev.empty()) {
+    body += ",\"parent_rev\":\"" + Encoded(control.hash.GetHashDropbox().rev) + "\" ";
+  }
+  body += "}";
+  utils::json::json_tree json;
+  const Result result = CallRpc("files/delete_v2", body, &json, FileClient());
+  if (result != SUCCEEDED) {
+    LOG_WARNING << "Failed deleting: " << result << ", args=" << body;
+    return result;
+  }
+  selfMade_.ExpectDelete(path);
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemDropbox::DeleteFolderImpl(const FolderNode& folder,
+                                                             const Revision&,
+                                                             const std::string& path) {
+  if (!IsRelativeCanonicalPath(path)) {
+    LOG_ERROR << "Invalid path.";
+    return FATAL;
+  }
+  LOG_INFO << "Deleting " << Quoted(path) << ".";
+  const std::string body = "{ \"path\":\"" + Encoded(RemotePath(path)) + "\" }";
+  utils::json::json_tree json;
+  const Result result = CallRpc("files/delete_v2", body, &json, FileClient());
+  if (result != SUCCEEDED) {
+    LOG_WARNING << "Failed deleting: " << result << ", args=" << body;
+    return result;
+  }
+  selfMade_.ExpectFolderDelete(folder, path);
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemDropbox::MoveFileImpl(const FileNode& file,
+                                                         const OverwriteControl&,
+                                                         const std::string& from,
+                                                         const OverwriteControl&,
+                                                         const std::string& to) {
+  LOG_INFO << "Moving " << Quoted(from) << " to " << Quoted(to) << ".";
+  utils::json::json_tree json;
+  const Result result =
+      CallRpc("files/move_v2",
+              "{ \"from_path\":\"" + Encoded(RemotePath(from)) + "\", \"to_path\":\"" +
+                  Encoded(RemotePath(to)) + "\", \"autorename\":false }",
+              &json, FileClient());
+  if (result != SUCCEEDED) {
+    LOG_WARNING << "Failed moving: " << result;
+    return result;
+  }
+  selfMade_.ExpectFileMove(file, from, to);
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemDropbox::MoveFolderImpl(const FolderNode& folder,
+                                                           const OverwriteControl&,
+                                                           const std::string& from,
+                                                           const OverwriteControl&,
+                                                           const std::string& to) {
+  LOG_INFO << "Moving " << Quoted(from) << " to " << Quoted(to) << ".";
+  utils::json::json_tree json;
+  const Result result =
+      CallRpc("files/move_v2",
+              "{ \"from_path\":\"" + Encoded(RemotePath(from)) + "\", \"to_path\":\"" +
+                  Encoded(RemotePath(to)) + "\", \"autorename\":false }",
+              &json, FileClient());
+  if (result != SUCCEEDED) {
+    LOG_WARNING << "Failed moving: " << result;
+    return result;
+  }
+  selfMade_.ExpectFolderMove(folder, from, to);
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemDropbox::GetPublicLink(const std::string& path, bool,
+                                                          std::string* link) {
+  // 1. A new public link.
+  const std::string remote = RemotePath(path);
+  utils::json::json_tree json;
+  const Result result =
+      CallRpc("sharing/create_shared_link_with_settings",
+              "{  \"path\": \"" + Encoded(remote) +
+                  "\",  \"settings\": {    \"requested_visibility\": \"public\"  }}",
+              &json, FileClient());
+  // 2. One that exists already is looked up instead.
+  if (result != SUCCEEDED) {
+    if (dropbox::ReadString(json, "error_summary").find("shared_link_already_exists") !=
+        std::string::npos) {
+      LOG_INFO << "Public link already exists. Falling back to GetExistingPublicLink().";
+      return GetExistingPublicLink(remote, link);
+    }
+    return result;
+  }
+  const std::string url = dropbox::ReadString(json, "url");
+  if (url.empty()) {
+    utils::json::Log(json, false);
+    LOG_WARNING << "Failed to find public url in response.";
+    return FAILED;
+  }
+  LOG_INFO << "Public link successfully created for " << path;
+  *link = url;
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemDropbox::GetExistingPublicLink(const std::string& remotePath,
+                                                                  std::string* link) {
+  utils::json::json_tree json;
+  const Result result =
+      CallRpc("sharing/list_shared_links",
+              "{    \"path\": \"" + Encoded(remotePath) + "\",    \"direct_only\": true}", &json,
+              FileClient());
+  if (result != SUCCEEDED) {
+    return result;
+  }
+  auto links = utils::json::Member(json, "links");
+  if (!links || links->empty() || dropbox::ReadString(links->begin()->second, "url").empty()) {
+    utils::json::Log(json, false);
+    LOG_WARNING << "There are no public links for " << Quoted(remotePath) << ".";
+    return FATAL;
+  }
+  *link = dropbox::ReadString(links->begin()->second, "url");
+  LOG_INFO << "Existing public link got successfully for " << Quoted(remotePath) << ".";
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemDropbox::ClosePublicLink(const std::string& path) {
+  std::string url;
+  Result result = GetExistingPublicLink(RemotePath(path), &url);
+  if (result != SUCCEEDED) {
+    LOG_WARNING << "No existing link found.";
+    return result;
+  }
+  utils::json::json_tree json;
+  result = CallRpc("sharing/revoke_shared_link", "{\"url\":\"" + Encoded(url) + "\"}", &json,
+                   FileClient());
+  if (result != SUCCEEDED) {
+    LOG_WARNING << "Failed close public link for \"" << path << " with result " << result;
+  } else {
+    LOG_INFO << "Public link for \"" << path << " is closed.";
+  }
+  return result;
+}
+
+utils::ValueOrError<QImage, FileSystem::Result> RemoteFileSystemDropbox::GetThumbnail(
+    const std::string& path) {
+  // 1. A GET with its argument in the query, the path escaped for JSON and then for the URL.
+  const Client client = FileClient();
+  if (!client) {
+    return FATAL;
+  }
+  URLProcessor::Request request;
+  request.url = DispatcherUrl::FromString(
+      Endpoints::Get(Endpoints::kDropboxContent) + kThumbnailPath +
+      "?arg={%22resource%22:%20{%22.tag%22:%20%22path%22,%20%22path%22%20:%20%22" +
+      utils::PercentEncoded(Encoded(RemotePath(path)), true) + "%22}}");
+  client->Send(request);
+  std::string body;
+  InputStream* stream = client->GetInputStream();
+  const StreamResult read =
+      stream ? stream->ReadAllTo(&body, kReadBlockSize) : StreamResult::FAILED;
+  const URLProcessor::Result transport = client->Finish();
+  const int code = client->GetResponseCode();
+  SetFailReason(transport, code);
+  // 2. A failure as the service named it.
+  if (transport == URLProcessor::Result::STOPPED || read == StreamResult::STOPPED) {
+    return STOPPED;
+  }
+  if (!URLProcessor::IsSuccessHttpCode(code)) {
+    utils::json::json_tree json;
+    utils::json::Parse(body, &json);
+    LOG_WARNING << "Failed getting thumbnail of " << Quoted(path) << ", HTTP code " << code;
+    return code == 0 ? FAILED : HandleRpcFailure(json, client);
+  }
+  // 3. The image.
+  QImage image;
+  if (read != StreamResult::END || !image.loadFromData(reinterpret_cast<const uchar*>(body.data()),
+                                                       static_cast<int>(body.size()))) {
+    LOG_WARNING << "Failed to decode thumbnail of " << Quoted(path) << ".";
+    return FAILED;
+  }
+  return image;
+}
+
+// --- content transfers -----------------------------------------------------------------------
+// Reading and writing file content are not served by this adapter: each answers FATAL without
+// touching the network, so that the core falls back instead of waiting on a transfer.
+
+namespace {
+
+FileSystem::Result NoTransfer() {
+  LOG_ERROR << "Not implemented.";
+  return FileSystem::FATAL;
+}
+
+}  // namespace
+
+FileSystem::Result RemoteFileSystemDropbox::WriteFile(const std::uint8_t*, std::uint32_t) {
+  return NoTransfer();
+}
+
+FileSystem::Result RemoteFileSystemDropbox::CloseFile(FileProperties*) {
+  return NoTransfer();
+}
+
+FileSystem::Result RemoteFileSystemDropbox::InterruptFile() {
+  return NoTransfer();
+}
+
+FileSystem::Result RemoteFileSystemDropbox::OpenForCreate(const OverwriteControl&,
+                                                          const std::string&, const SomeHash&,
+                                                          std::uint64_t, std::uint64_t,
+                                                          std::uint64_t*, bool) {
+  return NoTransfer();
+}
+
+FileSystem::Result RemoteFileSystemDropbox::OpenForRead(const std::string&, std::uint64_t,
+                                                        std::uint64_t, std::uint64_t,
+                                                        const SomeHash&) {
+  return NoTransfer();
+}
+
+FileSystem::Result RemoteFileSystemDropbox::OpenForRewrite(const OverwriteControl&,
+                                                           const std::string&, const SomeHash&,
+                                                           std::uint64_t, std::uint64_t,
+                                                           std::uint64_t*) {
+  return NoTransfer();
+}
+
+FileSystem::Result RemoteFileSystemDropbox::ReadFile(std::uint8_t*, std::uint32_t, std::uint32_t*) {
+  return NoTransfer();
+}

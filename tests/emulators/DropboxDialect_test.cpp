@@ -1,0 +1,163 @@
+// The Dropbox dialect's own answers, as Dropbox documents them: argument checks, error bodies,
+// paging with cursors, the longpoll's hold and its reset.
+#include "emulators/DropboxDialect.h"
+
+#include <curl/curl.h>
+#include <gtest/gtest.h>
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <chrono>
+
+#include "emulators/Emulator.h"
+
+namespace {
+
+struct Answer {
+  long status = 0;
+  std::string body;
+  std::string headers;
+};
+
+Answer Post(const std::string& url, const std::string& body, const std::string& arg = "",
+            bool token = true) {
+  Answer answer;
+  CURL* curl = curl_easy_init();
+  curl_slist* headers = nullptr;
+  if (token)
+    headers = curl_slist_append(headers, "Authorization: Bearer t");
+  headers = curl_slist_append(headers, "Content-Type: application/json");
+  if (!arg.empty())
+    headers = curl_slist_append(headers, ("Dropbox-API-Arg: " + arg).c_str());
+  auto append = +[](char* data, size_t size, size_t count, void* out) {
+    static_cast<std::string*>(out)->append(data, size * count);
+    return size * count;
+  };
+  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
+  curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.c_str());
+  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
+  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, append);
+  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &answer.body);
+  curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, append);
+  curl_easy_setopt(curl, CURLOPT_HEADERDATA, &answer.headers);
+  curl_easy_perform(curl);
+  curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &answer.status);
+  curl_slist_free_all(headers);
+  curl_easy_cleanup(curl);
+  return answer;
+}
+
+QJsonObject Json(const std::string& body) {
+  return QJsonDocument::fromJson(QByteArray::fromStdString(body)).object();
+}
+
+class DropboxDialectTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    auto dialect = std::make_unique<emulators::DropboxDialect>();
+    dialect_ = dialect.get();
+    dialect_->SetPageSize(2);
+    dialect_->SetLongpollSecondMs(10);
+    std::string error;
+    emulator_ = emulators::Emulator::Start(std::move(dialect), 0, &error);
+    ASSERT_TRUE(emulator_) << error;
+    api_ = emulator_->BaseUrl() + "/api/2/";
+    for (const char* path : {"A/one.txt", "A/two.txt", "b.txt"})
+      emulators::ApplyForeignChange(emulator_->account(), {"create", path, "", path}, &error);
+  }
+  emulators::DropboxDialect* dialect_ = nullptr;
+  std::unique_ptr<emulators::Emulator> emulator_;
+  std::string api_;
+};
+
+TEST_F(DropboxDialectTest, RefusalsAndErrorBodiesAreDropboxs) {
+  struct Case {
+    std::string url;
+    std::string body;
+    std::string arg;
+    long status;
+    std::string fragment;
+  };
+  const std::string content = emulator_->BaseUrl() + "/content/2/files/download";
+  const Case cases[] = {
+      {api_ + "files/list_folder", R"({"path":"/"})", "", 400, "Specify the root folder"},
+      {api_ + "files/list_folder", R"({"path":"/nope"})", "", 409,
+       R"("error_summary":"path/not_found/..")"},
+      {api_ + "files/list_folder", R"({"path":"/b.txt"})", "", 409, "path/not_folder"},
+      {api_ + "files/list_folder", "not json", "", 400, "could not decode input as JSON"},
+      {api_ + "files/list_folder/continue", R"({"cursor":"bogus"})", "", 400, "cursor"},
+      {api_ + "files/create_folder_v2", R"({"path":"/a"})", "", 409, "path/conflict/folder"},
+      {api_ + "files/create_folder_v2", R"({"path":"/x/../y"})", "", 409, "malformed_path"},
+      {api_ + "files/move_v2", R"({"from_path":"/A","to_path":"/A/in"})", "", 409,
+       "cant_move_folder_into_itself"},
+      {content, "", "{\"path\":\"/b\xC3\xA4.txt\"}", 400, "Dropbox-API-Arg"},
+      {content, "", R"({"path":"/b\u00e4.txt"})", 409, "path/not_found"},
+      {content, "", R"({"path":"/B.TXT"})", 200, "b.txt"},
+  };
+  for (const Case& c : cases) {
+    Answer answer = Post(c.url, c.body, c.arg);
+    EXPECT_EQ(answer.status, c.status) << c.body << c.arg;
+    EXPECT_NE(answer.body.find(c.fragment), std::string::npos) << answer.body;
+  }
+  Answer refused = Post(api_ + "users/get_space_usage", "", "", false);
+  EXPECT_EQ(refused.status, 401);
+  EXPECT_EQ(Json(refused.body)["error"].toObject()[".tag"].toString(), "invalid_access_token");
+  // Rate limits: JSON with "retry_after" under "error", or plain text.
+  for (const char* code : {"too_many_requests:300", "plain"}) {
+    emulators::FaultRule rule;
+    rule.fault.status = 429;
+    rule.fault.error = code;
+    rule.fault.retry_after_s = 300;
+    emulator_->faults().Add(rule);
+    Answer answer = Post(api_ + "users/get_space_usage", "");
+    EXPECT_EQ(answer.status, 429);
+    EXPECT_NE(answer.headers.find("Retry-After: 300"), std::string::npos);
+    if (std::string(code) == "plain") {
+      EXPECT_EQ(answer.body, "Too Many Requests");
+    } else {
+      EXPECT_EQ(Json(answer.body)["error"].toObject()["retry_after"].toInt(), 300);
+    }
+  }
+}
+
+TEST_F(DropboxDialectTest, PagesCursorsAndTheLongpoll) {
+  // 1. Small pages, each cursor leading to the next, then the journal.
+  QJsonObject page = Json(Post(api_ + "files/list_folder", R"({"path":"","recursive":true})").body);
+  int entries = page["entries"].toArray().size();
+  while (page["has_more"].toBool()) {
+    page = Json(Post(api_ + "files/list_folder/continue",
+                     R"({"cursor":")" + page["cursor"].toString().toStdString() + R"("})")
+                    .body);
+    entries += page["entries"].toArray().size();
+  }
+  EXPECT_EQ(entries, 4);
+  const std::string cursor = page["cursor"].toString().toStdString();
+  const std::string poll = emulator_->BaseUrl() + "/notify/2/files/list_folder/longpoll";
+  // 2. Held for its timeout without a change, answered at once with one, without a token.
+  auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(Post(poll, R"({"cursor":")" + cursor + R"(","timeout":30})", "", false).body,
+            R"({"changes":false})");
+  EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(300));
+  EXPECT_EQ(Post(poll, R"({"cursor":")" + cursor + R"(","timeout":10})", "", false).status, 400);
+  std::string error;
+  emulators::ApplyForeignChange(emulator_->account(), {"delete", "A", "", ""}, &error);
+  dialect_->SetPageSize(100);
+  EXPECT_EQ(Post(poll, R"({"cursor":")" + cursor + R"("})", "", false).body, R"({"changes":true})");
+  QJsonArray changes =
+      Json(Post(api_ + "files/list_folder/continue", R"({"cursor":")" + cursor + R"("})")
+               .body)["entries"]
+          .toArray();
+  ASSERT_FALSE(changes.isEmpty());
+  EXPECT_EQ(changes.last().toObject()[".tag"].toString(), "deleted");
+  EXPECT_EQ(changes.last().toObject()["path_display"].toString(), "/A");
+  // 3. A cursor older than the journal: reset.
+  emulators::ApplyForeignChange(emulator_->account(), {"create", "c.txt", "", "c"}, &error);
+  emulator_->account().ForgetJournal();
+  Answer reset = Post(api_ + "files/list_folder/continue", R"({"cursor":")" + cursor + R"("})");
+  EXPECT_EQ(reset.status, 409);
+  EXPECT_EQ(Json(reset.body)["error"].toObject()[".tag"].toString(), "reset");
+}
+
+}  // namespace
