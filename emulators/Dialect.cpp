@@ -1,5 +1,7 @@
 #include "emulators/Dialect.h"
 
+#include "emulators/GoogleDialect.h"
+
 #include <QDateTime>
 #include <QJsonDocument>
 
@@ -16,7 +18,7 @@ struct DialectRow {
 };
 
 const DialectRow kDialects[] = {
-    {"", nullptr},
+    {"google", MakeGoogleDialect},
 };
 
 int HexValue(char c) {
