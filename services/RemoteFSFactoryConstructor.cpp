@@ -2,6 +2,7 @@
 
 #include "core/LoggerWrapper.h"
 #include "core/RemoteFileSystemFactoryS3.h"
+#include "services/RemoteFileSystemFactoryGoogle.h"
 #include "services/RemoteFileSystemFactoryWebDAV.h"
 
 namespace {
@@ -20,6 +21,7 @@ struct FactoryRow {
 
 // One row per service this library serves; an id without a row has no factory.
 constexpr FactoryRow kFactories[] = {
+    {CloudServiceId::GOOGLE, &Make<RemoteFileSystemFactoryGoogle>},
     {CloudServiceId::WEBDAV, &Make<RemoteFileSystemFactoryWebDAV>},
     // pCloud is a plain WebDAV account.
     {CloudServiceId::PCLOUD, &Make<RemoteFileSystemFactoryWebDAV>},
