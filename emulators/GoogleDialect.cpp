@@ -184,6 +184,8 @@ class QueryParser {
   explicit QueryParser(std::string text) : text_(std::move(text)) {}
 
   bool Parse(Query* query) {
+    if (Peek() == '\0')
+      return true;
     if (!ParseOr(&query->any_of))
       return false;
     SkipSpaces();
