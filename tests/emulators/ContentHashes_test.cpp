@@ -8,6 +8,7 @@
 
 #include <gtest/gtest.h>
 
+#include "support/HashVectors.h"
 #include "support/Processes.h"
 
 namespace {
@@ -29,16 +30,7 @@ ContentDigests InPieces(const std::string& bytes) {
 }
 
 TEST(ContentHashesTest, DropboxVectorsOfLettersA) {
-  const std::vector<std::pair<std::size_t, std::string>> vectors = {
-      {0, "e3b0c44298fc1c149afbf4c8996fb92427ae41e4649b934ca495991b7852b855"},
-      {1, "1cd6ef71e6e0ff46ad2609d403dc3fee244417089aa4461245a4e4fe23a55e42"},
-      {4096, "8620913d33852befe09f16fff8fd75f77a83160d29f76f07e0276e9690903035"},
-      {4194303, "647c8627d70f7a7d13ce96b1e7710a771a55d41a62c3da490d92e56044d311fa"},
-      {4194304, "d4d63bac5b866c71620185392a8a6218ac1092454a2d16f820363b69852befa3"},
-      {4194305, "8f553da8d00d0bf509d8470e242888be33019c20c0544811f5b2b89e98360b92"},
-      {8388608, "e08b3ba1f538804075c5f939accdeaa9efc7b5c01865c94a41e78ca6550a88e7"},
-  };
-  for (const auto& [size, expected] : vectors) {
+  for (const auto& [size, expected] : test::kDropboxVectors) {
     std::string bytes(size, 'A');
     EXPECT_EQ(ContentHasher::Of(bytes).dropbox, expected) << size;
     EXPECT_EQ(InPieces(bytes).dropbox, expected) << size;
@@ -46,15 +38,7 @@ TEST(ContentHashesTest, DropboxVectorsOfLettersA) {
 }
 
 TEST(ContentHashesTest, QuickXorVectors) {
-  const std::vector<std::pair<std::string, std::string>> vectors = {
-      {"", "AAAAAAAAAAAAAAAAAAAAAAAAAAA="},
-      {"Sg==", "SgAAAAAAAAAAAAAAAQAAAAAAAAA="},
-      {"tbQ=", "taAFAAAAAAAAAAAAAgAAAAAAAAA="},
-      {"0pZP", "0rDEEwAAAAAAAAAAAwAAAAAAAAA="},
-      {"jRRDVA==", "jaDAEKgAAAAAAAAABAAAAAAAAAA="},
-      {"2fuxhBJXtpWFe8dOfdGeHw==", "O9tHLAghgSvYohKFyMMxnNCHaHg="},
-  };
-  for (const auto& [input, expected] : vectors) {
+  for (const auto& [input, expected] : test::kQuickXorVectors) {
     QByteArray bytes = QByteArray::fromBase64(QByteArray::fromStdString(input));
     EXPECT_EQ(ContentHasher::Of(bytes.toStdString()).quickxor, expected) << input;
   }
