@@ -11,6 +11,13 @@
 #include "services/RemoteFileIds.h"
 #include "services/RemoteGoogleUtils.h"
 
+namespace {
+
+// Far above the 255 characters of the file systems the client runs on.
+constexpr std::size_t kMaxNameBytes = 1024;
+
+}  // namespace
+
 const std::string ConstructorBase::kExternalItemsFolderId =
     "2e5d7744-88ac-47de-bee0-9d8d94ccbcf0-shared-with-me";
 
@@ -89,8 +96,9 @@ bool ConstructorBase::AddItem(const utils::json::json_tree& item, std::int64_t* 
     LOG_WARNING << "Parentless item detected with id=" << id << "; name=" << name << ".";
     return true;
   }
-  // Drive takes names no disk can show ("a/b", ".."); such an item stays on the server only.
-  if (!ChildNode::IsValidName(name)) {
+  // Drive takes names no disk can show ("a/b", "..", thousands of bytes); such an item stays on
+  // the server only.
+  if (!ChildNode::IsValidName(name) || name.size() > kMaxNameBytes) {
     LOG_WARNING << "Skipping item with a name the disk can't hold; id=" << id << ".";
     return true;
   }
