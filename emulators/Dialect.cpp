@@ -7,6 +7,7 @@
 
 #include "emulators/BoxDialect.h"
 #include "emulators/DropboxDialect.h"
+#include "emulators/GoogleDialect.h"
 #include "emulators/HuaweiDialect.h"
 #include "emulators/OneDriveDialect.h"
 
@@ -21,10 +22,9 @@ struct DialectRow {
 };
 
 const DialectRow kDialects[] = {
-    {"huawei", MakeHuaweiDialect},
-    {"box", MakeBoxDialect},
-    {"onedrive", MakeOneDriveDialect},
-    {"dropbox", MakeDropboxDialect},
+    {"huawei", MakeHuaweiDialect},     {"box", MakeBoxDialect},
+    {"onedrive", MakeOneDriveDialect}, {"dropbox", MakeDropboxDialect},
+    {"google", MakeGoogleDialect},
 };
 
 int HexValue(char c) {

@@ -4,6 +4,7 @@
 #include "core/RemoteFileSystemFactoryS3.h"
 #include "services/RemoteFileSystemFactoryBox.h"
 #include "services/RemoteFileSystemFactoryDropbox.h"
+#include "services/RemoteFileSystemFactoryGoogle.h"
 #include "services/RemoteFileSystemFactoryHuawei.h"
 #include "services/RemoteFileSystemFactoryOneDrive.h"
 #include "services/RemoteFileSystemFactoryWebDAV.h"
@@ -25,6 +26,7 @@ struct FactoryRow {
 // One row per service this library serves; an id without a row has no factory.
 constexpr FactoryRow kFactories[] = {
     {CloudServiceId::DROPBOX, &Make<RemoteFileSystemFactoryDropbox>},
+    {CloudServiceId::GOOGLE, &Make<RemoteFileSystemFactoryGoogle>},
     {CloudServiceId::WEBDAV, &Make<RemoteFileSystemFactoryWebDAV>},
     {CloudServiceId::BOX, &Make<RemoteFileSystemFactoryBox>},
     // pCloud is a plain WebDAV account.

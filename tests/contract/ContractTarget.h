@@ -63,6 +63,8 @@ class ContractTarget {
   virtual bool ChecksOverwriteControl() const { return true; }
   // Whether a file moves through RenameFileImpl (the adapter refuses MoveFileImpl).
   virtual bool MovesByRename() const { return false; }
+  // Whether the adapter reads, writes and changes items yet, or only lists the account.
+  virtual bool ServesItemOperations() const { return true; }
 };
 
 using TargetMaker = std::function<std::unique_ptr<ContractTarget>()>;

@@ -10,10 +10,16 @@
 #include <chrono>
 #include <filesystem>
 #include <map>
+#include <set>
 #include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
+
+#include "core/FileSystem.h"
+#include "emulators/Emulator.h"
+#include "emulators/GoogleDialect.h"
+#include "support/Fetch.h"
 
 #include "emulators/Dialect.h"
 #include "support/Processes.h"
@@ -112,3 +118,61 @@ TEST(CorvaneEmulateCommandTest, AServiceWithoutDialectSaysSo) {
 }
 
 }  // namespace
+
+// Drive's demo account, with every awkward case, comes down as the client shows it.
+TEST(CorvaneEmulateGoogleTest, ListsTheDemoDriveAndRefusesTheRejectedToken) {
+  test::TempDir temp;
+  pid_t emulator =
+      test::StartProcess({CORVANE_TOOL_PATH, "emulate", "google", "--port", "0"}, temp.path());
+  std::vector<std::string> printed = WaitForReady(temp.path() / "stdout");
+  ASSERT_GE(printed.size(), 2u);
+  std::vector<std::string> options = Words(printed[0]);
+  std::string control = printed[1].substr(printed[1].find("http"));
+  std::string base = control.substr(0, control.find("/_emulator/"));
+  ASSERT_EQ(test::Fetch("POST", base + emulators::GoogleDialect::kDemoPath, "").status, 204);
+  fs::create_directories(temp.path() / "run");
+  auto run = [&](std::vector<std::string> words) {
+    std::vector<std::string> argv = {CORVANE_TOOL_PATH};
+    argv.insert(argv.end(), options.begin(), options.end());
+    argv.insert(argv.end(), words.begin(), words.end());
+    return test::RunProcess(argv, temp.path() / "run");
+  };
+  test::Outcome listed = run({"--json", "tree"});
+  ASSERT_EQ(listed.status, 0) << listed.err;
+  std::set<std::string> paths;
+  for (const std::string& line : test::Lines(listed.out)) {
+    paths.insert(QJsonDocument::fromJson(QByteArray::fromStdString(line))
+                     .object()["path"]
+                     .toString()
+                     .toStdString());
+  }
+  const std::set<std::string> expected = {"Docs",
+                                          "Docs/Report.url",
+                                          "Docs/clash",
+                                          "Docs/clash (1)",
+                                          "Docs/empty.bin",
+                                          "Docs/keyed.pdf",
+                                          "Docs/no-md5.dat",
+                                          "Docs/readme.txt",
+                                          "Docs/twin (1).txt",
+                                          "Docs/twin.txt",
+                                          "Jane's Åpfel",
+                                          "Jane's Åpfel/Ünder",
+                                          "Jane's Åpfel/Ünder/notes.md",
+                                          "Photos",
+                                          "Photos/both.jpg",
+                                          "late",
+                                          "late/early",
+                                          "late/early/inside-early.txt",
+                                          "Доступные мне",
+                                          "Доступные мне/gift.txt"};
+  EXPECT_EQ(paths, expected) << listed.out;
+  EXPECT_EQ(run({"quota"}).status, 0);
+  // The token the emulator refuses: FORBIDDEN, said plainly.
+  options[3] = emulators::Emulator::kRejectedToken;
+  test::Outcome refused = run({"tree"});
+  EXPECT_EQ(refused.status, 10 + FileSystem::FORBIDDEN);
+  EXPECT_NE(refused.err.find("FORBIDDEN"), std::string::npos) << refused.err;
+  ::kill(emulator, SIGINT);
+  EXPECT_EQ(test::WaitProcess(emulator, temp.path()).status, 0);
+}

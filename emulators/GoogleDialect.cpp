@@ -1,0 +1,687 @@
+#include "emulators/GoogleDialect.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+
+#include <algorithm>
+#include <cstdio>
+#include <functional>
+#include <map>
+#include <optional>
+#include <vector>
+
+namespace emulators {
+
+namespace {
+
+constexpr const char* kBase = "/drive/v3";
+constexpr std::size_t kDefaultPageSize = 100;  // Drive's own default for files.list
+constexpr std::size_t kLargestPageSize = 1000;
+
+bool HasProperty(const Item& item, const char* key) {
+  return item.properties.count(key) > 0;
+}
+
+std::string Property(const Item& item, const char* key) {
+  auto found = item.properties.find(key);
+  return found == item.properties.end() ? std::string() : found->second;
+}
+
+std::string MimeType(const Item& item) {
+  if (item.IsFolder())
+    return GoogleDialect::kFolderMime;
+  std::string mime = Property(item, "google.mimeType");
+  return mime.empty() ? "application/octet-stream" : mime;
+}
+
+bool IsGoogleDocument(const Item& item) {
+  return !item.IsFolder() && HasProperty(item, "google.mimeType");
+}
+
+bool Visible(const Item& item, const std::string& root_id) {
+  return item.id != root_id && !HasProperty(item, "google.hidden");
+}
+
+QString Text(const std::string& text) {
+  return QString::fromStdString(text);
+}
+
+QString Number(std::uint64_t value) {
+  return QString::number(static_cast<qulonglong>(value));
+}
+
+// 1. The file resource with every field this emulator knows.
+QJsonObject FileResource(const CloudAccount& account, const std::string& base_url,
+                         const Item& item) {
+  QJsonArray parents;
+  if (!HasProperty(item, "google.parentless")) {
+    for (const std::string& parent : item.parents)
+      parents.append(Text(parent));
+  }
+  bool owned = !item.shared_with_me;
+  std::string link = IsGoogleDocument(item)
+                         ? "https://docs.google.com/document/d/" + item.id + "/edit?usp=drivesdk"
+                         : base_url + "/file/d/" + item.id + "/view?usp=drivesdk";
+  QJsonObject file{
+      {"kind", "drive#file"},
+      {"id", Text(item.id)},
+      {"name", Text(item.name)},
+      {"mimeType", Text(MimeType(item))},
+      {"parents", parents},
+      {"trashed", account.IsInTrash(item.id)},
+      {"explicitlyTrashed", item.trashed},
+      {"modifiedTime", Text(IsoTime(item.modified_ms))},
+      {"createdTime", Text(IsoTime(item.created_ms))},
+      {"version", Number(item.revision)},
+      {"ownedByMe", owned},
+      {"shared", !item.public_link.empty()},
+      {"webViewLink", Text(link)},
+      {"capabilities", QJsonObject{{"canEdit", owned || HasProperty(item, "google.canEdit")}}}};
+  if (!item.IsFolder() && !IsGoogleDocument(item)) {
+    file.insert("size", Number(item.size));
+    if (!HasProperty(item, "google.noMd5"))
+      file.insert("md5Checksum", Text(item.digests.md5));
+  }
+  if (HasProperty(item, "google.resourceKey"))
+    file.insert("resourceKey", Text(Property(item, "google.resourceKey")));
+  return file;
+}
+
+// 2. Partial answers: "files(id, name, capabilities/canEdit), nextPageToken".
+struct FieldMask {
+  std::map<QString, FieldMask> children;  // empty: the whole value
+};
+
+class FieldMaskParser {
+ public:
+  explicit FieldMaskParser(const QString& text) : text_(text) {}
+
+  bool Parse(FieldMask* mask) { return ParseList(mask) && AtEnd(); }
+
+ private:
+  bool ParseList(FieldMask* mask) {
+    do {
+      if (!ParsePath(mask))
+        return false;
+    } while (Take(','));
+    return true;
+  }
+  bool ParsePath(FieldMask* mask) {
+    QString name = TakeName();
+    if (name.isEmpty())
+      return false;
+    FieldMask& child = mask->children[name];
+    if (Take('/'))
+      return ParsePath(&child);
+    if (Take('('))
+      return ParseList(&child) && Take(')');
+    return true;
+  }
+  QString TakeName() {
+    SkipSpaces();
+    int start = position_;
+    while (position_ < text_.size() &&
+           (text_[position_].isLetterOrNumber() || text_[position_] == '_')) {
+      ++position_;
+    }
+    return text_.mid(start, position_ - start);
+  }
+  bool Take(char c) {
+    SkipSpaces();
+    if (position_ < text_.size() && text_[position_] == c) {
+      ++position_;
+      return true;
+    }
+    return false;
+  }
+  bool AtEnd() {
+    SkipSpaces();
+    return position_ == text_.size();
+  }
+  void SkipSpaces() {
+    while (position_ < text_.size() && text_[position_].isSpace())
+      ++position_;
+  }
+
+  QString text_;
+  int position_ = 0;
+};
+
+QJsonValue ApplyMask(const QJsonValue& value, const FieldMask& mask) {
+  if (mask.children.empty())
+    return value;
+  if (value.isArray()) {
+    QJsonArray out;
+    for (const QJsonValue& element : value.toArray())
+      out.append(ApplyMask(element, mask));
+    return out;
+  }
+  if (!value.isObject())
+    return value;
+  QJsonObject in = value.toObject();
+  QJsonObject out;
+  for (const auto& [key, child] : mask.children) {
+    if (in.contains(key))
+      out.insert(key, ApplyMask(in.value(key), child));
+  }
+  return out;
+}
+
+// 3. The "q" subset.
+struct Condition {
+  std::string field;  // "parents", "owners", "trashed", "name", "mimeType"
+  std::string op;     // "in", "=", "!=", "contains"
+  std::string value;
+};
+
+struct Query {
+  // An expression in disjunctive form: any group whose conditions all hold.
+  std::vector<std::vector<Condition>> any_of;
+};
+
+class QueryParser {
+ public:
+  explicit QueryParser(std::string text) : text_(std::move(text)) {}
+
+  bool Parse(Query* query) {
+    if (Peek() == '\0')
+      return true;
+    if (!ParseOr(&query->any_of))
+      return false;
+    SkipSpaces();
+    return position_ == text_.size();
+  }
+
+ private:
+  using Groups = std::vector<std::vector<Condition>>;
+
+  bool ParseOr(Groups* out) {
+    if (!ParseAnd(out))
+      return false;
+    while (TakeWord("or")) {
+      Groups more;
+      if (!ParseAnd(&more))
+        return false;
+      out->insert(out->end(), more.begin(), more.end());
+    }
+    return true;
+  }
+  bool ParseAnd(Groups* out) {
+    if (!ParseTerm(out))
+      return false;
+    while (TakeWord("and")) {
+      Groups right;
+      if (!ParseTerm(&right))
+        return false;
+      Groups product;
+      for (const auto& left_group : *out) {
+        for (const auto& right_group : right) {
+          std::vector<Condition> both = left_group;
+          both.insert(both.end(), right_group.begin(), right_group.end());
+          product.push_back(std::move(both));
+        }
+      }
+      *out = std::move(product);
+    }
+    return true;
+  }
+  bool ParseTerm(Groups* out) {
+    if (TakeChar('(')) {
+      return ParseOr(out) && TakeChar(')');
+    }
+    Condition condition;
+    if (Peek() == '\'') {
+      // 'value' in parents | owners
+      if (!TakeString(&condition.value) || !TakeWord("in"))
+        return false;
+      condition.op = "in";
+      condition.field = TakeIdentifier();
+      if (condition.field != "parents" && condition.field != "owners")
+        return false;
+    } else {
+      condition.field = TakeIdentifier();
+      if (condition.field == "trashed") {
+        if (!TakeChar('='))
+          return false;
+        condition.op = "=";
+        condition.value = TakeIdentifier();
+        if (condition.value != "true" && condition.value != "false")
+          return false;
+      } else if (condition.field == "name" || condition.field == "mimeType") {
+        if (TakeWord("contains")) {
+          condition.op = "contains";
+        } else if (TakeChar('!')) {
+          if (!TakeChar('='))
+            return false;
+          condition.op = "!=";
+        } else if (TakeChar('=')) {
+          condition.op = "=";
+        } else {
+          return false;
+        }
+        if (!TakeString(&condition.value))
+          return false;
+      } else {
+        return false;
+      }
+    }
+    out->push_back({condition});
+    return true;
+  }
+  char Peek() {
+    SkipSpaces();
+    return position_ < text_.size() ? text_[position_] : '\0';
+  }
+  bool TakeChar(char c) {
+    if (Peek() != c)
+      return false;
+    ++position_;
+    return true;
+  }
+  std::string TakeIdentifier() {
+    SkipSpaces();
+    std::size_t start = position_;
+    while (
+        position_ < text_.size() &&
+        (std::isalnum(static_cast<unsigned char>(text_[position_])) || text_[position_] == '_')) {
+      ++position_;
+    }
+    return text_.substr(start, position_ - start);
+  }
+  bool TakeWord(const char* word) {
+    std::size_t saved = position_;
+    if (TakeIdentifier() == word)
+      return true;
+    position_ = saved;
+    return false;
+  }
+  // A single-quoted string; "\'" and "\\" are its escapes.
+  bool TakeString(std::string* value) {
+    if (!TakeChar('\''))
+      return false;
+    value->clear();
+    while (position_ < text_.size()) {
+      char c = text_[position_++];
+      if (c == '\'')
+        return true;
+      if (c == '\\') {
+        if (position_ == text_.size())
+          return false;
+        c = text_[position_++];
+      }
+      *value += c;
+    }
+    return false;
+  }
+  void SkipSpaces() {
+    while (position_ < text_.size() && std::isspace(static_cast<unsigned char>(text_[position_])))
+      ++position_;
+  }
+
+  std::string text_;
+  std::size_t position_ = 0;
+};
+
+bool Holds(const CloudAccount& account, const Item& item, const Condition& condition) {
+  if (condition.field == "parents") {
+    return std::find(item.parents.begin(), item.parents.end(), condition.value) !=
+           item.parents.end();
+  }
+  if (condition.field == "owners")
+    return condition.value == "me" && !item.shared_with_me;
+  if (condition.field == "trashed")
+    return account.IsInTrash(item.id) == (condition.value == "true");
+  const std::string text = condition.field == "name" ? item.name : MimeType(item);
+  if (condition.op == "contains")
+    return text.find(condition.value) != std::string::npos;
+  return (text == condition.value) == (condition.op == "=");
+}
+
+bool Matches(const CloudAccount& account, const Item& item, const Query& query) {
+  if (query.any_of.empty())
+    return true;
+  for (const auto& group : query.any_of) {
+    bool all = std::all_of(group.begin(), group.end(), [&](const Condition& condition) {
+      return Holds(account, item, condition);
+    });
+    if (all)
+      return true;
+  }
+  return false;
+}
+
+// 4. Errors as Drive's reference documents them.
+struct ErrorText {
+  const char* reason;
+  const char* message;
+};
+
+ErrorText DefaultError(int status) {
+  switch (status) {
+    case 400:
+      return {"badRequest", "Bad Request"};
+    case 401:
+      return {"authError", "Invalid Credentials"};
+    case 403:
+      return {"insufficientFilePermissions",
+              "The user does not have sufficient permissions for this file."};
+    case 404:
+      return {"notFound", "File not found: ."};
+    case 429:
+      return {"rateLimitExceeded", "Rate Limit Exceeded"};
+    default:
+      return {"backendError", "Backend Error"};
+  }
+}
+
+const std::map<std::string, std::pair<const char*, const char*>>& KnownErrors() {
+  static const std::map<std::string, std::pair<const char*, const char*>> errors = {
+      {"userRateLimitExceeded", {"usageLimits", "User Rate Limit Exceeded"}},
+      {"rateLimitExceeded", {"usageLimits", "Rate Limit Exceeded"}},
+      {"dailyLimitExceeded", {"usageLimits", "Daily Limit Exceeded"}},
+      {"invalid", {"global", "Invalid Value"}},
+      {"notFound", {"global", "File not found: ."}},
+      {"authError", {"global", "Invalid Credentials"}},
+      {"required", {"global", "The 'fields' parameter is required for this method."}},
+  };
+  return errors;
+}
+
+HttpResponse InvalidParameter(const GoogleDialect& dialect, const char* parameter) {
+  HttpResponse response = dialect.Error(400, "invalid");
+  QJsonObject body = QJsonDocument::fromJson(QByteArray::fromStdString(response.body)).object();
+  QJsonObject error = body.value("error").toObject();
+  QJsonArray errors = error.value("errors").toArray();
+  QJsonObject first = errors.at(0).toObject();
+  first.insert("location", parameter);
+  first.insert("locationType", "parameter");
+  errors.replace(0, first);
+  error.insert("errors", errors);
+  body.insert("error", error);
+  return JsonResponse(400, body);
+}
+
+// The answer with the "fields" of the request applied; a mask that can't be read is a 400.
+HttpResponse Partial(const GoogleDialect& dialect, const HttpRequest& request,
+                     const QJsonObject& whole, const char* default_fields) {
+  std::string fields = QueryParam(request.query, "fields");
+  FieldMask mask;
+  if (!FieldMaskParser(Text(fields.empty() ? default_fields : fields)).Parse(&mask))
+    return InvalidParameter(dialect, "fields");
+  return JsonResponse(200, ApplyMask(whole, mask).toObject());
+}
+
+std::size_t PageSize(const std::string& text, std::size_t cap) {
+  std::size_t size = text.empty() ? kDefaultPageSize : std::strtoull(text.c_str(), nullptr, 10);
+  size = std::min(std::max<std::size_t>(size, 1), kLargestPageSize);
+  return std::min(size, std::max<std::size_t>(cap, 1));
+}
+
+// Drive's ids are opaque; these sort in the order the items were made.
+std::string DriveId(std::uint64_t n, ItemKind) {
+  char text[32];
+  std::snprintf(text, sizeof(text), "1D%010llux", static_cast<unsigned long long>(n));
+  return text;
+}
+
+}  // namespace
+
+HttpResponse GoogleDialect::Error(int status, const std::string& code) const {
+  ErrorText text = DefaultError(status);
+  std::string domain = "global";
+  std::string reason = code.empty() ? text.reason : code;
+  std::string message = text.message;
+  auto known = KnownErrors().find(reason);
+  if (known != KnownErrors().end()) {
+    domain = known->second.first;
+    message = known->second.second;
+  }
+  QJsonObject detail{
+      {"domain", Text(domain)}, {"reason", Text(reason)}, {"message", Text(message)}};
+  HttpResponse response =
+      JsonResponse(status, QJsonObject{{"error", QJsonObject{{"errors", QJsonArray{detail}},
+                                                             {"code", status},
+                                                             {"message", Text(message)}}}});
+  if (status == 401)
+    response.headers.emplace_back("WWW-Authenticate",
+                                  "Bearer realm=\"https://accounts.google.com/\"");
+  return response;
+}
+
+std::unique_ptr<CloudAccount> GoogleDialect::MakeAccount() const {
+  auto account = std::make_unique<CloudAccount>("0AroOtDriveIdUk9PVA", SameNames::kAllow);
+  account->SetIdMaker(DriveId);
+  return account;
+}
+
+void GoogleDialect::Install(Router& router) {
+  const std::string base = kBase;
+  router.Handle("GET", base + "/files",
+                [this, &router](const HttpRequest& request) { return ListFiles(router, request); });
+  router.Handle(
+      "GET", base + "/files/",
+      [this, &router](const HttpRequest& request) { return GetFile(router, request); },
+      RouteOptions{Match::kPrefix});
+  router.Handle("GET", base + "/about",
+                [this, &router](const HttpRequest& request) { return About(router, request); });
+  router.Handle("GET", base + "/changes/startPageToken",
+                [this, &router](const HttpRequest&) { return StartPageToken(router); });
+  router.Handle("GET", base + "/changes", [this, &router](const HttpRequest& request) {
+    return ListChanges(router, request);
+  });
+  router.Handle(
+      "POST", kDemoPath,
+      [&router](const HttpRequest&) {
+        SeedDemoDrive(router.account());
+        return HttpResponse::Status(204);
+      },
+      RouteOptions{Match::kExact, BodyMode::kStore, nullptr, false});
+}
+
+HttpResponse GoogleDialect::ListFiles(Router& router, const HttpRequest& request) const {
+  const CloudAccount& account = router.account();
+  // 1. What is asked.
+  Query query;
+  if (!QueryParser(QueryParam(request.query, "q")).Parse(&query))
+    return InvalidParameter(*this, "q");
+  std::string order = QueryParam(request.query, "orderBy");
+  if (!order.empty() && order != "folder")
+    return InvalidParameter(*this, "orderBy");
+  std::size_t page_size = PageSize(QueryParam(request.query, "pageSize"), max_page_size_);
+  std::string token = QueryParam(request.query, "pageToken");
+  bool announced = !token.empty() && token[0] == 'e';
+  std::size_t offset = 0;
+  if (!token.empty()) {
+    char* end = nullptr;
+    offset = std::strtoull(token.c_str() + 1, &end, 10);
+    if ((token[0] != 'p' && token[0] != 'e') || *end != '\0')
+      return InvalidParameter(*this, "pageToken");
+  }
+  // 2. The matching files, in the order they were made, folders first when asked.
+  std::vector<Item> items;
+  for (Item& item : account.AllItems()) {
+    if (Visible(item, account.RootId()) && Matches(account, item, query))
+      items.push_back(std::move(item));
+  }
+  std::sort(items.begin(), items.end(), [&](const Item& a, const Item& b) {
+    if (order == "folder" && a.IsFolder() != b.IsFolder())
+      return a.IsFolder();
+    return a.id < b.id;
+  });
+  // 3. One page of them, or the empty page that comes first.
+  QJsonObject list{{"kind", "drive#fileList"}, {"incompleteSearch", false}};
+  QJsonArray files;
+  if (empty_pages_ && !announced && offset < items.size()) {
+    list.insert("nextPageToken", Text("e" + std::to_string(offset)));
+  } else {
+    std::size_t end = std::min(items.size(), offset + page_size);
+    for (std::size_t i = offset; i < end; ++i)
+      files.append(FileResource(account, router.BaseUrl(), items[i]));
+    if (end < items.size())
+      list.insert("nextPageToken", Text("p" + std::to_string(end)));
+  }
+  list.insert("files", files);
+  return Partial(*this, request, list,
+                 "kind,incompleteSearch,nextPageToken,files(kind,id,name,mimeType)");
+}
+
+HttpResponse GoogleDialect::GetFile(Router& router, const HttpRequest& request) const {
+  const CloudAccount& account = router.account();
+  std::string id = PercentDecode(request.path.substr(std::string(kBase).size() + 7));
+  if (id == "root")
+    id = account.RootId();
+  std::optional<Item> item = account.Find(id);
+  if (id.empty() || id.find('/') != std::string::npos || !item ||
+      (id != account.RootId() && !Visible(*item, account.RootId()))) {
+    HttpResponse missing = Error(404, "notFound");
+    return missing;
+  }
+  QJsonObject file = FileResource(account, router.BaseUrl(), *item);
+  if (id == account.RootId()) {
+    file.insert("name", "My Drive");
+    file.remove("parents");
+  }
+  return Partial(*this, request, file, "kind,id,name,mimeType");
+}
+
+HttpResponse GoogleDialect::About(Router& router, const HttpRequest& request) const {
+  // about.get names its fields or is refused.
+  if (QueryParam(request.query, "fields").empty()) {
+    HttpResponse refused = Error(400, "required");
+    return refused;
+  }
+  const CloudAccount& account = router.account();
+  std::uint64_t used = account.UsedSpace();
+  std::uint64_t trashed = 0;
+  std::uint64_t shared = 0;
+  for (const Item& item : account.AllItems()) {
+    if (item.IsFolder())
+      continue;
+    if (account.IsInTrash(item.id))
+      trashed += item.size;
+    if (item.shared_with_me)
+      shared += item.size;
+  }
+  QJsonObject quota{{"limit", Number(account.TotalSpace())},
+                    {"usage", Number(used)},
+                    {"usageInDrive", Number(used - shared)},
+                    {"usageInDriveTrash", Number(trashed)}};
+  QJsonObject about{{"kind", "drive#about"},
+                    {"storageQuota", quota},
+                    {"maxUploadSize", Number(5497558138880ull)},
+                    {"user", QJsonObject{{"kind", "drive#user"}, {"me", true}}}};
+  return Partial(*this, request, about, "kind");
+}
+
+HttpResponse GoogleDialect::StartPageToken(Router& router) const {
+  return JsonResponse(200,
+                      QJsonObject{{"kind", "drive#startPageToken"},
+                                  {"startPageToken", Number(router.account().Sequence() + 1)}});
+}
+
+HttpResponse GoogleDialect::ListChanges(Router& router, const HttpRequest& request) const {
+  const CloudAccount& account = router.account();
+  // 1. The token: the first journal sequence not yet seen.
+  std::string token = QueryParam(request.query, "pageToken");
+  char* end = nullptr;
+  std::uint64_t from = std::strtoull(token.c_str(), &end, 10);
+  if (token.empty() || *end != '\0' || from == 0 || from <= account.ForgottenUpTo() ||
+      from > account.Sequence() + 1) {
+    return InvalidParameter(*this, "pageToken");
+  }
+  std::size_t page_size = PageSize(QueryParam(request.query, "pageSize"), max_page_size_);
+  // 2. One entry per file, its state now, in the order of its last change.
+  std::vector<JournalEntry> entries = account.ChangesSince(from - 1, SIZE_MAX);
+  std::map<std::string, std::uint64_t> last_of;
+  for (const JournalEntry& entry : entries)
+    last_of[entry.item.id] = entry.sequence;
+  QJsonArray changes;
+  std::uint64_t next = account.Sequence() + 1;
+  std::size_t count = 0;
+  for (const JournalEntry& entry : entries) {
+    if (last_of[entry.item.id] != entry.sequence || entry.item.id == account.RootId())
+      continue;
+    if (count == page_size) {
+      next = entry.sequence;
+      break;
+    }
+    std::optional<Item> now = account.Find(entry.item.id);
+    if (now && !Visible(*now, account.RootId()))
+      continue;
+    QJsonObject change{{"kind", "drive#change"},
+                       {"changeType", "file"},
+                       {"fileId", Text(entry.item.id)},
+                       {"time", Text(IsoTime(now ? now->modified_ms : entry.item.modified_ms))},
+                       {"removed", !now}};
+    if (now)
+      change.insert("file", FileResource(account, router.BaseUrl(), *now));
+    changes.append(change);
+    ++count;
+  }
+  QJsonObject list{{"kind", "drive#changeList"}, {"changes", changes}};
+  list.insert(next <= account.Sequence() ? "nextPageToken" : "newStartPageToken", Number(next));
+  return Partial(*this, request, list,
+                 "kind,nextPageToken,newStartPageToken,changes(kind,changeType,time,removed,fileId,"
+                 "file(kind,id,name,mimeType))");
+}
+
+void GoogleDialect::SeedDemoDrive(CloudAccount& account) {
+  const std::string root = account.RootId();
+  auto folder = [&account](const std::string& parent, const std::string& name) {
+    Item made;
+    account.CreateFolder(parent, name, &made);
+    return made;
+  };
+  auto file = [&account](const std::string& parent, const std::string& name,
+                         const std::string& content) {
+    Item made;
+    account.CreateFile(parent, name, content, 1700000000000, &made);
+    return made;
+  };
+  // 1. Plain folders and files, a root with an apostrophe and non-ASCII letters.
+  Item docs = folder(root, "Docs");
+  file(docs.id, "readme.txt", "read me first\n");
+  file(docs.id, "empty.bin", std::string());
+  Item quoted = folder(root, "Jane's Åpfel");
+  Item deeper = folder(quoted.id, "Ünder");
+  file(deeper.id, "notes.md", "# notes\n");
+  // 2. Same names, and a file beside a folder of its name.
+  file(docs.id, "twin.txt", "first twin");
+  file(docs.id, "twin.txt", "second twin");
+  folder(docs.id, "clash");
+  file(docs.id, "clash", "a file named like the folder");
+  // 3. Two parents: listed under the first.
+  Item photos = folder(root, "Photos");
+  Item both = file(photos.id, "both.jpg", "in two folders");
+  account.Move(both.id, {photos.id, docs.id}, std::string(), nullptr);
+  // 4. A folder listed long before the folder that holds it.
+  Item early = folder(root, "early");
+  file(early.id, "inside-early.txt", "adopted");
+  Item late = folder(root, "late");
+  account.Move(early.id, {late.id}, std::string(), nullptr);
+  // 5. Odd items: no MD5, an owned file without parent, a Google document, a resource key.
+  Item no_md5 = file(docs.id, "no-md5.dat", "no digest given");
+  account.SetProperty(no_md5.id, "google.noMd5", "1", nullptr);
+  Item parentless = file(root, "parentless.txt", "owned but nowhere");
+  account.SetProperty(parentless.id, "google.parentless", "1", nullptr);
+  Item report = file(docs.id, "Report", std::string());
+  account.SetProperty(report.id, "google.mimeType", "application/vnd.google-apps.document",
+                      nullptr);
+  Item keyed = file(docs.id, "keyed.pdf", "%PDF-1.4 keyed");
+  account.SetProperty(keyed.id, "google.resourceKey", "0-keyOfKeyed", nullptr);
+  // 6. Shared with the account: one without a visible parent, and an orphan whose parent is
+  // someone else's folder the account can't see.
+  Item gift = file(root, "gift.txt", "shared with me");
+  account.SetProperty(gift.id, "google.parentless", "1", nullptr);
+  account.SetSharedWithMe(gift.id, true, nullptr);
+  Item foreign = folder(root, "someone else's");
+  account.SetProperty(foreign.id, "google.hidden", "1", nullptr);
+  Item orphan = file(foreign.id, "orphan.txt", "parent not visible");
+  account.SetSharedWithMe(orphan.id, true, nullptr);
+}
+
+std::unique_ptr<Dialect> MakeGoogleDialect() {
+  return std::make_unique<GoogleDialect>();
+}
+
+}  // namespace emulators

@@ -1,0 +1,71 @@
+// GoogleDialect: the Drive API v3 as its public reference describes it, over the shared account.
+//
+//   auto dialect = std::make_unique<emulators::GoogleDialect>();
+//   emulators::GoogleDialect* drive = dialect.get();
+//   auto emulator = emulators::Emulator::Start(std::move(dialect), 0, &error);
+//   drive->SetMaxPageSize(100);        // every listing page holds at most 100 files...
+//   drive->SetEmptyPages(true);        // ...and each is preceded by an empty one with a token
+//   emulators::GoogleDialect::SeedDemoDrive(emulator->account());
+//
+// Served: files.list (the "q" forms below, "fields", "pageSize", "pageToken", "orderBy=folder"),
+// files.get (with the "root" alias), about.get (whose "fields" is required),
+// changes.getStartPageToken and changes.list (entries coalesced per file, "removed" entries for
+// files deleted for good). Failures carry Drive's error body:
+// {"error":{"errors":[{"domain","reason","message"}], "code":N,"message":...}}.
+//
+// "q" understands `'ID' in parents`, `'me' in owners`, `trashed = true|false`, `name = '..'`,
+// `name contains '..'`, `mimeType = | != | contains '..'`, joined by "and", "or" and parentheses.
+//
+// What an account item has no member for is read from its properties: "google.mimeType" makes a
+// Google document (no bytes, no size, no MD5), "google.parentless" lists the item without
+// parents, "google.hidden" keeps it out of every answer (someone else's folder not shared with
+// the account), "google.resourceKey" is its resource key, "google.noMd5" leaves out its MD5. An
+// item shared with the account is not owned by it and can't be edited unless "google.canEdit".
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <memory>
+#include <string>
+
+#include "emulators/Dialect.h"
+
+namespace emulators {
+
+class GoogleDialect : public Dialect {
+ public:
+  static constexpr const char* kFolderMime = "application/vnd.google-apps.folder";
+  // The route (no token) that fills the account with SeedDemoDrive.
+  static constexpr const char* kDemoPath = "/_emulator/google/demo";
+
+  const char* Service() const override { return "google"; }
+  HostList Hosts() const override { return {{"google.drive", ""}}; }
+  HttpResponse Error(int status, const std::string& code) const override;
+  std::unique_ptr<CloudAccount> MakeAccount() const override;
+  void Install(Router& router) override;
+
+  // A listing page never holds more than this, whatever "pageSize" asked.
+  void SetMaxPageSize(std::size_t size) { max_page_size_ = size; }
+  // Each page of a listing comes after an empty page that carries a token, as Drive may answer.
+  void SetEmptyPages(bool empty_pages) { empty_pages_ = empty_pages; }
+
+  // A small drive with every case a client of Drive meets: several parents, a child listed long
+  // before its parent, an orphan, an owned file without parent, same names and a file beside a
+  // folder of its name, a file without MD5, items shared with the account, a Google document, a
+  // resource key, and names with an apostrophe and non-ASCII letters.
+  static void SeedDemoDrive(CloudAccount& account);
+
+ private:
+  HttpResponse ListFiles(Router& router, const HttpRequest& request) const;
+  HttpResponse GetFile(Router& router, const HttpRequest& request) const;
+  HttpResponse About(Router& router, const HttpRequest& request) const;
+  HttpResponse StartPageToken(Router& router) const;
+  HttpResponse ListChanges(Router& router, const HttpRequest& request) const;
+
+  std::atomic<std::size_t> max_page_size_{1000};
+  std::atomic<bool> empty_pages_{false};
+};
+
+std::unique_ptr<Dialect> MakeGoogleDialect();
+
+}  // namespace emulators

@@ -1,0 +1,518 @@
+#include "services/GoogleTreeConstructors.h"
+
+#include <cerrno>
+#include <cstdlib>
+
+#include "core/LoggerWrapper.h"
+#include "core/PathUtils.h"
+#include "core/RadarsLogger.h"
+#include "core/TimeUtils.h"
+#include "services/GoogleDocs.h"
+#include "services/RemoteFileIds.h"
+#include "services/RemoteGoogleUtils.h"
+
+namespace {
+
+// Far above the 255 characters of the file systems the client runs on.
+constexpr std::size_t kMaxNameBytes = 1024;
+
+}  // namespace
+
+const std::string ConstructorBase::kExternalItemsFolderId =
+    "2e5d7744-88ac-47de-bee0-9d8d94ccbcf0-shared-with-me";
+
+namespace {
+
+std::string Text(const utils::json::json_tree& item, const char* key) {
+  auto member = utils::json::Member(item, key);
+  return member ? member->data() : std::string();
+}
+
+// A whole decimal number of the JSON text (Drive sends 64-bit numbers as strings).
+bool ReadInteger(const std::string& text, std::int64_t* value) {
+  if (text.empty()) {
+    return false;
+  }
+  errno = 0;
+  char* end = nullptr;
+  long long parsed = std::strtoll(text.c_str(), &end, 10);
+  if (errno != 0 || *end != '\0') {
+    return false;
+  }
+  *value = parsed;
+  return true;
+}
+
+void LogItem(const utils::json::json_tree& item) {
+  LOG_WARNING << utils::json::ToString(item, false);
+}
+
+}  // namespace
+
+ConstructorBase::ConstructorBase(std::shared_ptr<RemoteFileIds> ids, bool shared_items_enabled,
+                                 std::string external_folder_name,
+                                 const RemoteNameMapper* name_mapper, GoogleDocs* docs)
+    : ids_(std::move(ids)),
+      shared_items_enabled_(shared_items_enabled),
+      external_folder_name_(std::move(external_folder_name)),
+      name_mapper_(name_mapper),
+      docs_(docs) {}
+
+ConstructorBase::~ConstructorBase() = default;
+
+bool ConstructorBase::AddItem(const utils::json::json_tree& item, std::int64_t* size_out) {
+  // 1. Who it is.
+  std::string name = Text(item, "name");
+  if (name_mapper_) {
+    name_mapper_->UnmapNameToLocal(&name);
+  }
+  std::string id = Text(item, "id");
+  if (id.empty()) {
+    LogItem(item);
+    LOG_WARNING << "Skipping item without id.";
+    return true;
+  }
+  // 2. Whose it is and what may be done with it.
+  bool trashed = Text(item, "trashed") == "true";
+  bool external = Text(item, "ownedByMe") != "true";
+  auto can_edit = utils::json::Child(item, "capabilities.canEdit");
+  bool readonly = can_edit && can_edit->data() == "false";
+  if (external) {
+    if (!shared_items_enabled_) {
+      return true;
+    }
+    AddExternalItemsFolder();
+  }
+  // 3. Where it is: under its first parent only.
+  std::string parent_id;
+  if (auto parents = utils::json::Member(item, "parents"); parents && !parents->empty()) {
+    parent_id = parents->begin()->second.data();
+    if (parents->size() > 1) {
+      LogItem(item);
+      LOG_WARNING << "Detected item with more then one parent.";
+    }
+  }
+  if (parent_id.empty() && !external) {
+    LOG_WARNING << "Parentless item detected with id=" << id << "; name=" << name << ".";
+    return true;
+  }
+  // Drive takes names no disk can show ("a/b", "..", thousands of bytes); such an item stays on
+  // the server only.
+  if (!ChildNode::IsValidName(name) || name.size() > kMaxNameBytes) {
+    LOG_WARNING << "Skipping item with a name the disk can't hold; id=" << id << ".";
+    return true;
+  }
+  // 4. A folder, or a file.
+  if (Text(item, "mimeType") == google::kFolderMimeType) {
+    std::string shown = name;
+    if (!AddFolder(id, std::move(name), parent_id, trashed, external, readonly)) {
+      LOG_ERROR << "Failed adding folder: " << shown;
+      return false;
+    }
+    return true;
+  }
+  return AddFileItem(item, id, std::move(name), parent_id, trashed, external, readonly, size_out);
+}
+
+bool ConstructorBase::AddFileItem(const utils::json::json_tree& item, const std::string& id,
+                                  std::string name, const std::string& parent_id, bool trashed,
+                                  bool external, bool readonly, std::int64_t* size_out) {
+  // 1. Size, version, time; a size that is no number is no size Drive would send.
+  std::int64_t size = -1;
+  std::string size_text = Text(item, "size");
+  if (!size_text.empty() && (!ReadInteger(size_text, &size) || size < 0)) {
+    LogItem(item);
+    LOG_WARNING << "Skipping item with invalid size; id=" << id << ".";
+    return true;
+  }
+  std::int64_t version = 0;
+  ReadInteger(Text(item, "version"), &version);
+  std::int64_t mtime = utils::ParseISODateTime(Text(item, "modifiedTime"));
+  // 2. The hash: none is needed for an empty file.
+  HashGoogle hash;
+  if (size > 0) {
+    std::string md5 = Text(item, "md5Checksum");
+    if (md5.empty()) {
+      LogItem(item);
+      RadarsLogger::instance().SendMetric("google_no_md5_hash_in_file", "1", 1);
+      LOG_WARNING << "No md5 hash in file.";
+    } else {
+      hash = google::HashFromHex(md5);
+    }
+  }
+  // 3. A Google document is a read-only shortcut to its web page.
+  bool document =
+      size == -1 || Text(item, "mimeType").find(google::kGoogleAppsMimePrefix) != std::string::npos;
+  std::string link;
+  if (document) {
+    name += ".url";
+    link = Text(item, "webViewLink");
+    if (link.empty()) {
+      LogItem(item);
+      LOG_ERROR << "No web link in item.";
+      SetError(TreeError::kUnknown, name, true);
+      return false;
+    }
+    size = static_cast<std::int64_t>(GoogleDocs::ContentSize(link));
+    hash = google::HashOfBytes(link);
+    readonly = true;
+  }
+  // 4. Into the tree.
+  std::string shown = name;
+  if (!AddFile(id, std::move(name), parent_id, static_cast<std::uint64_t>(size), mtime, hash,
+               version, trashed, external, readonly)) {
+    LOG_ERROR << "Failed adding file: " << shown << "; id=" << id << ".";
+    return false;
+  }
+  if (document && docs_) {
+    docs_->Add(id, link);
+  }
+  if (size_out && !document) {
+    *size_out = size;
+  }
+  return true;
+}
+
+void ConstructorBase::AddExternalItemsFolder() {
+  if (external_folder_added_) {
+    return;
+  }
+  if (!ids_->HasFolder(kExternalItemsFolderId)) {
+    std::string root_id = ids_->GetFolderIdByPath("");
+    if (!AddFolder(kExternalItemsFolderId, external_folder_name_, root_id, false, false, true)) {
+      LOG_ERROR << "Failed to add external items folder.";
+    }
+  }
+  external_folder_added_ = true;
+}
+
+std::string ConstructorBase::ChooseUniqueName(const FolderNode& folder, const std::string& name) {
+  return utils::ChooseUniqueNamePostfix(
+      [&folder](const std::string& candidate) {
+        return folder.HasFile(candidate) || folder.HasFolder(candidate);
+      },
+      name);
+}
+
+std::string ConstructorBase::ChooseUniqueName(const std::string& parent_id,
+                                              const std::string& name) const {
+  return utils::ChooseUniqueNamePostfix(
+      [this, &parent_id](const std::string& candidate) {
+        return ids_->ParentHasFile(parent_id, candidate) ||
+               ids_->ParentHasFolder(parent_id, candidate);
+      },
+      name);
+}
+
+void ConstructorBase::SetError(std::int32_t reason, std::string path, bool is_file) {
+  error_ = TreeError{reason, std::move(path), is_file};
+}
+
+TreeConstructor::TreeConstructor(std::shared_ptr<RemoteFileIds> ids, FolderNode* root,
+                                 bool shared_items_enabled, std::string external_folder_name,
+                                 const RemoteNameMapper* name_mapper, GoogleDocs* docs)
+    : ConstructorBase(std::move(ids), shared_items_enabled, std::move(external_folder_name),
+                      name_mapper, docs),
+      root_(root) {
+  folders_by_id_[ids_->GetRootId()] = root_;
+}
+
+bool TreeConstructor::AlreadyKnownOrTrashed(const std::string& id, const std::string& parent_id,
+                                            bool trashed) {
+  if (ids_->HasFile(id) || ids_->HasFolder(id)) {
+    LOG_WARNING << "File with id " << id << "already in id tree, parent id is "
+                << ids_->GetParentId(id) << ", current parent id is " << parent_id;
+    return true;
+  }
+  if (trashed) {
+    ++trashed_count_;
+    ids_->AddTrashed(id);
+    return true;
+  }
+  return false;
+}
+
+bool TreeConstructor::AddFile(const std::string& id, std::string name, const std::string& parent_id,
+                              std::uint64_t size, std::int64_t mtime, const HashGoogle& hash,
+                              std::int64_t, bool trashed, bool external, bool readonly) {
+  // 1. Met before, or trashed: not in the tree.
+  if (AlreadyKnownOrTrashed(id, parent_id, trashed)) {
+    return true;
+  }
+  ++files_count_;
+  // 2. Its parent.
+  std::string parent = parent_id;
+  if (parent.empty()) {
+    if (!external) {
+      LOG_FATAL << "Detected non-external file without parent: " << name << "; " << id;
+      SetError(TreeError::kNoLocation, name, true);
+      return false;
+    }
+    parent = kExternalItemsFolderId;
+  }
+  UniqueNodePtr<FileNode> node = FolderNode::MakeFile(
+      name, size, SomeHash(hash), static_cast<std::uint64_t>(std::max<std::int64_t>(mtime, 0)), 0,
+      readonly);
+  if (!node) {
+    LOG_FATAL << "Failed to make file rec.";
+    return false;
+  }
+  // 3. Linked at once when its parent is known, else parked till it comes.
+  auto found = folders_by_id_.find(parent);
+  if (found == folders_by_id_.end()) {
+    parentless_files_.push_back({id, parent, std::move(node)});
+    if (!ids_->AddNotLinkedFileId(id)) {
+      LOG_FATAL << "Failed to add file id.";
+      SetError(TreeError::kUnknown, name, true);
+      return false;
+    }
+    return true;
+  }
+  std::string chosen;
+  std::string path = PathOf(found->second) + name;
+  if (!InsertFileNode(found->second, &node, &chosen)) {
+    LOG_FATAL << "Failed to create file: " << name;
+    SetError(TreeError::kUnknown, path, true);
+    return false;
+  }
+  if (!chosen.empty()) {
+    ids_->AddMappingInfo(id, name, chosen);
+  }
+  if (!ids_->AddFileId(id, chosen.empty() ? name : chosen, parent)) {
+    LOG_FATAL << "Failed to add file id.";
+    SetError(TreeError::kUnknown, path, true);
+    return false;
+  }
+  return true;
+}
+
+bool TreeConstructor::AddFolder(const std::string& id, std::string name,
+                                const std::string& parent_id, bool trashed, bool external,
+                                bool readonly) {
+  // 1. As for files; a folder of the account's own without parent is only logged.
+  if (AlreadyKnownOrTrashed(id, parent_id, trashed)) {
+    return true;
+  }
+  ++folders_count_;
+  std::string parent = parent_id;
+  if (parent.empty() || parent == id) {
+    if (!external || parent == id) {
+      LOG_WARNING << "Detected non-external folder without parent: " << name << "; " << id;
+      return true;
+    }
+    parent = kExternalItemsFolderId;
+  }
+  UniqueNodePtr<FolderNode> node = root_->MakeFolder(name);
+  if (!node) {
+    LOG_FATAL << "Failed make folder.";
+    return false;
+  }
+  if (readonly) {
+    node->SetReadonly(id == kExternalItemsFolderId ? FolderNode::kReadonlyLocked
+                                                   : FolderNode::kReadonly);
+  }
+  // 2. Known by id before it is linked, so that its children can attach to it.
+  folders_by_id_[id] = node.get();
+  auto found = folders_by_id_.find(parent);
+  if (found == folders_by_id_.end()) {
+    parentless_folders_.push_back({id, parent, std::move(node)});
+    if (!ids_->AddNotLinkedFolderId(id)) {
+      LOG_FATAL << "Failed to add folder id.";
+      SetError(TreeError::kUnknown, name, false);
+      return false;
+    }
+    return true;
+  }
+  std::string chosen;
+  std::string path = PathOf(found->second) + name;
+  FolderNode* placed = InsertFolderNode(found->second, &node, &chosen);
+  if (!placed) {
+    LOG_FATAL << "Failed to create folder.";
+    SetError(TreeError::kUnknown, path, false);
+    return false;
+  }
+  folders_by_id_[id] = placed;
+  if (!chosen.empty()) {
+    ids_->AddMappingInfo(id, name, chosen);
+  }
+  if (!ids_->AddFolderId(id, chosen.empty() ? name : chosen, parent)) {
+    LOG_FATAL << "Failed to add folder id.";
+    SetError(TreeError::kUnknown, path, false);
+    return false;
+  }
+  return true;
+}
+
+bool TreeConstructor::InsertFileNode(FolderNode* parent, UniqueNodePtr<FileNode>* node,
+                                     std::string* chosen) {
+  chosen->clear();
+  auto inserted = parent->InsertFileTry(std::move(*node));
+  if (inserted.status == FolderNode::ResultInsert<FileNode>::EXISTS) {
+    *chosen = ChooseUniqueName(*parent, (*node)->GetName());
+    const FileNode& old = **node;
+    UniqueNodePtr<FileNode> renamed =
+        chosen->empty()
+            ? nullptr
+            : FolderNode::MakeFile(*chosen, old.size, old.hash, old.GetTime(), 0, old.IsReadonly());
+    if (!renamed) {
+      LOG_FATAL << "Failed to set new node name.";
+      return false;
+    }
+    *node = std::move(renamed);
+    inserted = parent->InsertFileTry(std::move(*node));
+  }
+  if (!inserted) {
+    LOG_FATAL << "Failed create file: " << inserted.status;
+    return false;
+  }
+  return true;
+}
+
+FolderNode* TreeConstructor::InsertFolderNode(FolderNode* parent, UniqueNodePtr<FolderNode>* node,
+                                              std::string* chosen) {
+  chosen->clear();
+  auto inserted = parent->InsertFolderTry(std::move(*node));
+  if (inserted.status == FolderNode::ResultInsert<FolderNode>::EXISTS) {
+    // A folder node can't be renamed while detached: a fresh one of the free name takes over
+    // the children it may have gathered while it was parked.
+    *chosen = ChooseUniqueName(*parent, (*node)->GetName());
+    FolderNode* old = node->get();
+    UniqueNodePtr<FolderNode> renamed = chosen->empty() ? nullptr : root_->MakeFolder(*chosen);
+    if (!renamed) {
+      LOG_FATAL << "Failed to set new node name.";
+      return nullptr;
+    }
+    renamed->SetReadonly(old->GetReadonly());
+    while (old->FileCount() > 0) {
+      std::string name = (*old->FilesBegin())->GetName();
+      FolderNode::MoveFileW(old, name, renamed.get(), name);
+    }
+    while (old->FolderCount() > 0) {
+      std::string name = (*old->FoldersBegin())->GetName();
+      FolderNode::MoveFolder(old, name, renamed.get(), name);
+    }
+    *node = std::move(renamed);
+    inserted = parent->InsertFolderTry(std::move(*node));
+  }
+  if (!inserted) {
+    LOG_FATAL << "Failed create folder: " << inserted.status;
+    return nullptr;
+  }
+  return inserted.node;
+}
+
+bool TreeConstructor::AdoptItems() {
+  return AdoptFolders() && AdoptFiles();
+}
+
+bool TreeConstructor::AdoptFolders() {
+  for (auto it = parentless_folders_.begin(); it != parentless_folders_.end();) {
+    auto parent = folders_by_id_.find(it->parent_id);
+    if (parent == folders_by_id_.end()) {
+      ++it;
+      continue;
+    }
+    // 1. Into the tree of nodes.
+    std::string name = it->node->GetName();
+    std::string path = PathOf(parent->second) + name;
+    std::string chosen;
+    FolderNode* placed = InsertFolderNode(parent->second, &it->node, &chosen);
+    if (!placed) {
+      LOG_FATAL << "Failed to insert folder.";
+      SetError(TreeError::kUnknown, path, false);
+      return false;
+    }
+    folders_by_id_[it->id] = placed;
+    // 2. Into the id tree.
+    if (!chosen.empty()) {
+      ids_->AddMappingInfo(it->id, name, chosen);
+    }
+    if (!ids_->LinkFolderToParent(it->id, chosen.empty() ? name : chosen, it->parent_id)) {
+      if (ids_->GetPathById(it->id) && ids_->GetParentId(it->id) == it->parent_id) {
+        LOG_INFO << "Item already in tree.";
+      } else {
+        LOG_FATAL << "Failed to link folder id.";
+        LOG_FATAL << "Parent id is " << it->parent_id << " , child dir name is " << name
+                  << ", child id is" << it->id;
+        SetError(TreeError::kUnknown, path, false);
+        return false;
+      }
+    }
+    it = parentless_folders_.erase(it);
+  }
+  return true;
+}
+
+bool TreeConstructor::AdoptFiles() {
+  for (auto it = parentless_files_.begin(); it != parentless_files_.end();) {
+    auto parent = folders_by_id_.find(it->parent_id);
+    if (parent == folders_by_id_.end()) {
+      ++it;
+      continue;
+    }
+    std::string name = it->node->GetName();
+    std::string path = PathOf(parent->second) + name;
+    std::string chosen;
+    if (!InsertFileNode(parent->second, &it->node, &chosen)) {
+      LOG_FATAL << "Failed to insert file.";
+      SetError(TreeError::kUnknown, path, true);
+      return false;
+    }
+    if (!chosen.empty()) {
+      ids_->AddMappingInfo(it->id, name, chosen);
+    }
+    if (!ids_->LinkFileToParent(it->id, chosen.empty() ? name : chosen, it->parent_id)) {
+      if (ids_->GetPathById(it->id) && ids_->GetParentId(it->id) == it->parent_id) {
+        LOG_INFO << "Item already in file ids tree.";
+      } else {
+        LOG_FATAL << "Failed to link file id: " << it->id << "; " << name;
+        SetError(TreeError::kUnknown, path, true);
+        return false;
+      }
+    }
+    it = parentless_files_.erase(it);
+  }
+  return true;
+}
+
+bool TreeConstructor::FinishAdoption() {
+  // 1. The last chance of the parked items.
+  if (!AdoptItems()) {
+    return false;
+  }
+  if (parentless_files_.empty() && parentless_folders_.empty()) {
+    return true;
+  }
+  // 2. Parents that never came: their children vanish from both trees, which is no error.
+  for (const auto& file : parentless_files_) {
+    const std::string& name = file.node->GetName();
+    LOG_WARNING << "file: " << name << "   id=" << file.id << "   parent_id=" << file.parent_id;
+    if (ids_->HasFile(file.id) && !ids_->RemoveNotLinkedFile(name, file.id)) {
+      LOG_FATAL << "Failed to remove file still without parent.";
+      return false;
+    }
+  }
+  for (const auto& folder : parentless_folders_) {
+    const std::string& name = folder.node->GetName();
+    LOG_WARNING << "folder: " << name << "    id=" << folder.id
+                << "   parent_id=" << folder.parent_id;
+    if (ids_->HasFolder(folder.id) && !ids_->RemoveNotLinkedFolder(name, folder.id)) {
+      LOG_FATAL << "Failed to remove folder still without parent.";
+      return false;
+    }
+  }
+  LOG_WARNING << "There are some items still without parent.";
+  parentless_files_.clear();
+  parentless_folders_.clear();
+  return true;
+}
+
+void TreeConstructor::LogTotals() const {
+  LOG_INFO << "Full tree download completed, there are " << folders_count_ << " folders and "
+           << files_count_ << " files + " << trashed_count_ << " trashed items.";
+}
+
+std::string TreeConstructor::PathOf(const FolderNode* folder) const {
+  std::string path = folder->CollectPath();
+  return path.empty() ? path : path + "/";
+}

@@ -1,0 +1,176 @@
+// RemoteFileSystemGoogle: Google Drive through the Drive API v3. Drive addresses items by id and
+// is no tree (several parents, none, other people's items, same names in a folder); the adapter
+// keeps the id tree of the account in the shared data and shows the drive as a tree of unique
+// names, the items others shared with the account under an emulated read-only folder.
+//
+//   std::unique_ptr<RemoteFileSystemFactory> factory(H6BA54F7D00(CloudServiceId::GOOGLE, ""));
+//   std::unique_ptr<RemoteFileSystem> drive(factory->Create());
+//   drive->Open(std::make_shared<CurlURLProcessorFactory>(cookie));
+//   FolderNode root;
+//   drive->GetFullTree(&root, &free, &total, &shared_paths);
+//
+// Every JSON request goes through SendRequest, which waits out Drive's rate limits with an
+// adaptive pause (GoogleRateLimiter) on the stop condition, so that Stop() ends it at once.
+#pragma once
+
+#include <QString>
+
+#include <atomic>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <unordered_set>
+#include <vector>
+
+#include "core/Json.h"
+#include "core/RemoteFileSystemChangesSupport.h"
+#include "core/URLProcessor.h"
+#include "services/GoogleRateLimiter.h"
+#include "services/GoogleResourceKeys.h"
+#include "services/GoogleTreeConstructors.h"
+
+class GoogleDocs;
+class RemoteFileIds;
+
+class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
+ public:
+  // An interrupted upload, kept in the account's store for the next try.
+  struct CurrentUpload {
+    std::string url;
+    HashGoogle hash;
+    std::uint64_t size = 0;
+    std::uint64_t offset = 0;
+  };
+
+  // The name of the emulated folder of items shared with the account.
+  static const std::string kExternalItemsFolderName;
+  // A new tree no sooner than this after the last one, however the feed was lost.
+  static constexpr std::int64_t kRenewTreeAfterMs = 100'000;
+  static constexpr unsigned kParentsPerListing = 16;
+
+  RemoteFileSystemGoogle(std::shared_ptr<RemoteFileSystemSharedData> shared_data,
+                         const std::string& remote_root_path);
+  ~RemoteFileSystemGoogle() override;
+
+  void Start() override;
+  void Stop() override;
+
+  // --- requests -----------------------------------------------------------------------------
+  // A JSON GET of the Drive API under the rate limiter; `http` null uses the adapter's client.
+  Result SendRequest(const std::string& path, const std::string& fields,
+                     utils::json::json_tree* json_out,
+                     const std::shared_ptr<URLProcessor>& http = nullptr);
+  void SetMinRateLimitValueSec(unsigned int seconds) override;
+  const GoogleRateLimiter& RateLimiter() const { return rate_limiter_; }
+  const GoogleResourceKeys& ResourceKeys() const { return resource_keys_; }
+
+  // --- connection and tree ------------------------------------------------------------------
+  bool Open(const std::shared_ptr<URLProcessorFactory>& factory) override;
+  Result Close() override;
+  Result CheckConnection() override;
+  Result GetFullTree(FolderNode* root, std::uint64_t* free, std::uint64_t* total,
+                     tsl::htrie_set<char>* shared_paths) override;
+  Result GetFullTreeWithoutSharedData(FolderNode* root, std::uint64_t* free, std::uint64_t* total,
+                                      tsl::htrie_set<char>* shared_paths) override;
+  Result GetCloudSize(std::uint64_t* total, std::uint64_t* used) override;
+  Result GetCloudSizeWithoutSharedData(std::uint64_t* total, std::uint64_t* used) override;
+  bool ShouldRenewTree() override;
+  TreeError GetTreeError() const;
+  const std::unordered_set<std::string>& RootAncestors() const { return root_ancestors_; }
+
+  // Not served by this adapter yet: each answers NOT_SUPPORTED with a log line, without a request.
+  Result GetChanges(std::queue<Change>* changes) override;
+  bool ApplyRemoteChange(const Change& change, FolderNode* root, std::uint64_t* free,
+                         std::uint64_t* total) override;
+  Result GetPublicLink(const std::string& path, bool flag, std::string* link) override;
+  Result ClosePublicLink(const std::string& path) override;
+  Result WriteFile(const std::uint8_t* data, std::uint32_t size) override;
+  Result CloseFile(FileProperties* props) override;
+  Result InterruptFile() override;
+  Result CreateFolderImpl(const OverwriteControl& control, const std::string& path) override;
+  Result DeleteFileImpl(const OverwriteControl& control, const std::string& path,
+                        std::uint64_t size, std::uint64_t time) override;
+  Result DeleteFolderImpl(const FolderNode& folder, const Revision& revision,
+                          const std::string& path) override;
+  Result OpenForCreate(const OverwriteControl& control, const std::string& path,
+                       const SomeHash& hash, std::uint64_t size, std::uint64_t time,
+                       std::uint64_t* resume_offset, bool flag) override;
+  Result OpenForRead(const std::string& path, std::uint64_t offset, std::uint64_t limit,
+                     std::uint64_t size, const SomeHash& hash) override;
+  Result OpenForRewrite(const OverwriteControl& control, const std::string& path,
+                        const SomeHash& hash, std::uint64_t size, std::uint64_t time,
+                        std::uint64_t* resume_offset) override;
+  Result ReadFile(std::uint8_t* buffer, std::uint32_t size, std::uint32_t* done) override;
+  Result MoveFileImpl(const FileNode& file, const OverwriteControl& from_control,
+                      const std::string& from, const OverwriteControl& to_control,
+                      const std::string& to) override;
+  Result MoveFolderImpl(const FolderNode& folder, const OverwriteControl& from_control,
+                        const std::string& from, const OverwriteControl& to_control,
+                        const std::string& to) override;
+
+  // --- capabilities -------------------------------------------------------------------------
+  std::uint64_t GetMaxFileSize() override { return max_upload_size_; }
+  bool IsServiceTraitA() override { return true; }
+  bool IsCaseInsensitive() override { return false; }
+  bool SupportsServiceTraitC() override { return true; }
+  bool SupportsResumingUpload() override { return true; }
+  CloudServiceId GetServiceId() override { return CloudServiceId::GOOGLE; }
+  SomeHash::HashType GetHashType() override { return SomeHash::GOOGLE; }
+
+ private:
+  struct Quota {
+    std::uint64_t total = 0;
+    std::uint64_t used = 0;
+  };
+
+  std::shared_ptr<URLProcessor> Client() const;
+  bool OpenClient();
+  bool IsRooted() const { return !GetRemoteRootPath().empty(); }
+  Result GetTree(FolderNode* root, std::uint64_t* free, std::uint64_t* total,
+                 tsl::htrie_set<char>* shared_paths, bool shared_items_enabled);
+  // The ids from the drive's root down to the mounted root; only the drive's root when the whole
+  // drive is mounted.
+  Result FindRootChain(std::vector<std::string>* chain);
+  Result ReadAbout(bool with_shared_data, Quota* quota);
+  // Every page of every folder batch into `constructor`.
+  Result ListTree(TreeConstructor& constructor, const std::shared_ptr<RemoteFileIds>& ids,
+                  FolderNode* root, std::vector<std::string>* shared_ids);
+  Result ListPages(TreeConstructor& constructor, const std::vector<std::string>& parents,
+                   std::vector<std::string>* shared_ids);
+  // False when the page held what no tree can take; the failure is reported.
+  bool AddPage(TreeConstructor& constructor, const utils::json::json_tree& files,
+               std::vector<std::string>* shared_ids);
+  std::string ListingPath(const std::string& page_token,
+                          const std::vector<std::string>& parents) const;
+  bool QueueChildFolders(const std::vector<std::string>& taken, const RemoteFileIds& ids,
+                         FolderNode* root, std::deque<std::string>* queue);
+  void ReportTreeFailure(const TreeError& error, const char* what, const char* metric);
+  Result GetStartPageToken(std::string* token);
+  Result NotServedYet(const char* operation);
+
+  std::shared_ptr<RemoteFileIds> SharedIds() const;
+  std::shared_ptr<GoogleDocs> SharedDocs() const;
+
+  GoogleRateLimiter rate_limiter_;
+  GoogleResourceKeys resource_keys_;
+  mutable std::mutex http_mutex_;
+  std::shared_ptr<URLProcessor> http_;
+  std::shared_ptr<URLProcessorFactory> url_factory_;
+
+  std::string page_token_;
+  std::atomic<bool> need_new_tree_{false};
+  bool tree_valid_ = true;
+  bool restored_from_file_ = false;
+  bool shared_items_enabled_ = true;
+  std::atomic<std::int64_t> last_tree_time_ms_{INT64_MIN};
+  std::int64_t last_size_check_time_ms_ = 0;
+  std::uint64_t total_size_ = 0;
+  std::uint64_t used_size_ = 0;
+  std::uint64_t max_upload_size_ = UINT64_MAX;
+  std::unordered_set<std::string> root_ancestors_;
+  unsigned requests_count_ = 0;
+  mutable std::mutex tree_error_mutex_;
+  TreeError tree_error_;
+};

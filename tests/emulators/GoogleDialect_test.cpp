@@ -1,0 +1,153 @@
+// The Drive dialect as a client of Drive's reference sees it: partial answers, the "q" subset,
+// paging with empty pages, about's required fields, the change list and Drive's error bodies.
+#include "emulators/GoogleDialect.h"
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+#include <QUrl>
+
+#include <string>
+
+#include <gtest/gtest.h>
+
+#include "emulators/Emulator.h"
+#include "support/Fetch.h"
+
+namespace {
+
+using emulators::Item;
+
+class GoogleDialectTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    auto dialect = std::make_unique<emulators::GoogleDialect>();
+    dialect_ = dialect.get();
+    std::string error;
+    emulator_ = emulators::Emulator::Start(std::move(dialect), 0, &error);
+    ASSERT_TRUE(emulator_) << error;
+    emulators::CloudAccount& account = emulator_->account();
+    account.CreateFolder(account.RootId(), "Jane's", &folder_);
+    account.CreateFile(folder_.id, "a.txt", "hello", 1700000000000, &file_);
+    account.CreateFile(account.RootId(), "b.txt", "world", 1700000000000, &other_);
+  }
+
+  // GET of the Drive API; the answer's body as an object.
+  QJsonObject Get(const std::string& path_and_query, long* status = nullptr,
+                  const std::string& token = "Bearer t") {
+    test::Answer answer =
+        test::Fetch("GET", emulator_->BaseUrl() + "/drive/v3" + path_and_query, token);
+    if (status) {
+      *status = answer.status;
+    }
+    return QJsonDocument::fromJson(QByteArray::fromStdString(answer.body)).object();
+  }
+  static std::string Ids(const QJsonObject& list) {
+    std::string ids;
+    for (const QJsonValue& file : list.value("files").toArray()) {
+      ids += (ids.empty() ? "" : ",") + file.toObject().value("id").toString().toStdString();
+    }
+    return ids;
+  }
+
+  emulators::GoogleDialect* dialect_ = nullptr;
+  std::unique_ptr<emulators::Emulator> emulator_;
+  Item folder_, file_, other_;
+};
+
+TEST_F(GoogleDialectTest, FieldsNarrowTheAnswer) {
+  QJsonObject list = Get("/files?fields=files(id,%20capabilities%20/%20canEdit),nextPageToken");
+  QJsonObject first = list.value("files").toArray().at(0).toObject();
+  EXPECT_EQ(first.keys(), (QStringList{"capabilities", "id"}));
+  EXPECT_EQ(first.value("capabilities").toObject().keys(), QStringList{"canEdit"});
+  EXPECT_FALSE(list.contains("kind"));
+  // Without fields: Drive's default of a file list.
+  QJsonObject plain = Get("/files").value("files").toArray().at(0).toObject();
+  EXPECT_EQ(plain.keys(), (QStringList{"id", "kind", "mimeType", "name"}));
+  // A file: sizes and versions are strings, the MD5 is the content's.
+  QJsonObject file = Get("/files/" + file_.id + "?fields=size,md5Checksum,version,parents");
+  EXPECT_EQ(file.value("size").toString(), "5");
+  EXPECT_EQ(file.value("md5Checksum").toString(), "5d41402abc4b2a76b9719d911017c592");
+  EXPECT_EQ(file.value("parents").toArray().at(0).toString().toStdString(), folder_.id);
+}
+
+TEST_F(GoogleDialectTest, QueryFormsSelectTheirFiles) {
+  struct Case {
+    std::string q;
+    std::string ids;
+  };
+  const Case cases[] = {
+      {"'" + folder_.id + "' in parents", file_.id},
+      {"'" + folder_.id + "' in parents or '" + emulator_->account().RootId() + "' in parents",
+       folder_.id + "," + file_.id + "," + other_.id},
+      {"name='Jane\\'s' and trashed=false", folder_.id},
+      {"mimeType = 'application/vnd.google-apps.folder'", folder_.id},
+      {"mimeType != 'application/vnd.google-apps.folder' and 'me' in owners",
+       file_.id + "," + other_.id},
+      {"name contains 'b.'", other_.id},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.q);
+    std::string encoded = QUrl::toPercentEncoding(QString::fromStdString(c.q)).toStdString();
+    EXPECT_EQ(Ids(Get("/files?fields=files(id)&q=" + encoded)), c.ids);
+  }
+  long status = 0;
+  QJsonObject refused = Get("/files?q=name%20~%20x", &status);
+  EXPECT_EQ(status, 400);
+  QJsonObject error = refused.value("error").toObject();
+  EXPECT_EQ(error.value("message").toString(), "Invalid Value");
+  EXPECT_EQ(error.value("errors").toArray().at(0).toObject().value("location").toString(), "q");
+}
+
+TEST_F(GoogleDialectTest, PagesComeAfterEmptyPagesWithTokens) {
+  dialect_->SetMaxPageSize(2);
+  dialect_->SetEmptyPages(true);
+  std::vector<std::string> pages;
+  std::string token;
+  do {
+    QJsonObject list = Get("/files?orderBy=folder&fields=files(id),nextPageToken" +
+                           (token.empty() ? "" : "&pageToken=" + token));
+    pages.push_back(Ids(list));
+    token = list.value("nextPageToken").toString().toStdString();
+  } while (!token.empty());
+  EXPECT_EQ(pages, (std::vector<std::string>{"", folder_.id + "," + file_.id, "", other_.id}));
+}
+
+TEST_F(GoogleDialectTest, AboutWantsFieldsAndErrorsCarryDrivesBody) {
+  long status = 0;
+  EXPECT_EQ(Get("/about", &status).value("error").toObject().value("code").toInt(), 400);
+  EXPECT_EQ(status, 400);
+  QJsonObject about = Get("/about?fields=storageQuota,maxUploadSize");
+  EXPECT_EQ(about.value("storageQuota").toObject().value("usage").toString(), "10");
+  QJsonObject refused = Get("/files", &status, "Bearer rejected-token");
+  EXPECT_EQ(status, 401);
+  QJsonObject detail = refused.value("error").toObject().value("errors").toArray().at(0).toObject();
+  EXPECT_EQ(detail.value("reason").toString(), "authError");
+  Get("/files/nope", &status);
+  EXPECT_EQ(status, 404);
+}
+
+TEST_F(GoogleDialectTest, ChangeListCoalescesAndReportsRemovals) {
+  std::string start =
+      Get("/changes/startPageToken").value("startPageToken").toString().toStdString();
+  emulators::CloudAccount& account = emulator_->account();
+  account.Rename(file_.id, "renamed.txt", nullptr);
+  account.ReplaceContent(file_.id, "again", 0, nullptr);
+  account.Delete(other_.id);
+  QJsonObject list = Get("/changes?pageToken=" + start +
+                         "&fields=changes(fileId,removed,file(name)),newStartPageToken");
+  QJsonArray changes = list.value("changes").toArray();
+  ASSERT_EQ(changes.size(), 2);
+  EXPECT_EQ(changes.at(0).toObject().value("file").toObject().value("name").toString(),
+            "renamed.txt");
+  EXPECT_TRUE(changes.at(1).toObject().value("removed").toBool());
+  EXPECT_FALSE(changes.at(1).toObject().contains("file"));
+  EXPECT_EQ(list.value("newStartPageToken").toString().toStdString(),
+            std::to_string(account.Sequence() + 1));
+  long status = 0;
+  QJsonObject refused = Get("/changes?pageToken=garbage", &status);
+  EXPECT_EQ(status, 400);
+  EXPECT_EQ(refused.value("error").toObject().value("message").toString(), "Invalid Value");
+}
+
+}  // namespace

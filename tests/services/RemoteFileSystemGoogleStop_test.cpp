@@ -1,0 +1,91 @@
+// Stop() from another thread against the Google adapter on the system clock: a rate-limit pause
+// and the retries of a broken listing end at once with STOPPED, and the adapter works again after
+// Start().
+#include <chrono>
+#include <future>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "core/Clock.h"
+#include "core/Cookie.h"
+#include "core/CurlURLProcessorFactory.h"
+#include "core/Endpoints.h"
+#include "emulators/Emulator.h"
+#include "services/RemoteFileSystemFactoryGoogle.h"
+#include "services/RemoteFileSystemGoogle.h"
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+class GoogleStopTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    std::string error;
+    emulator_ = emulators::Emulator::Start("google", 0, &error);
+    ASSERT_TRUE(emulator_) << error;
+    for (const auto& [name, url] : emulator_->Endpoints()) {
+      Endpoints::Override(name, url);
+    }
+    fs_.reset(static_cast<RemoteFileSystemGoogle*>(factory_.Create()));
+    ASSERT_TRUE(fs_->Open(std::make_shared<CurlURLProcessorFactory>(
+        std::make_shared<core::cookie::CookieOAuth>("t"))));
+  }
+  void TearDown() override {
+    fs_.reset();
+    emulator_.reset();
+    Endpoints::ResetOverrides();
+  }
+  void AddFault(int nth, int status, bool reset) {
+    emulators::FaultRule rule;
+    rule.verb = "GET";
+    rule.path_prefix = "/drive/v3/files";
+    rule.nth = nth;
+    rule.times = 0;
+    rule.fault.status = status;
+    rule.fault.error = status ? "userRateLimitExceeded" : "";
+    rule.fault.reset = reset;
+    emulator_->faults().Add(rule);
+  }
+  // Runs `operation` and stops the adapter once it has been busy for 300 ms: the answer and how
+  // long after the Stop it came.
+  template <typename Operation>
+  std::pair<FileSystem::Result, std::chrono::milliseconds> StopDuring(Operation operation) {
+    auto running = std::async(std::launch::async, operation);
+    std::this_thread::sleep_for(std::chrono::milliseconds(300));
+    auto stopped_at = Clock::now();
+    fs_->Stop();
+    FileSystem::Result result = running.get();
+    return {result,
+            std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - stopped_at)};
+  }
+
+  std::unique_ptr<emulators::Emulator> emulator_;
+  RemoteFileSystemFactoryGoogle factory_{""};
+  std::unique_ptr<RemoteFileSystemGoogle> fs_;
+};
+
+TEST_F(GoogleStopTest, StopEndsARateLimitPauseAtOnce) {
+  AddFault(1, 403, false);
+  auto [result, late] = StopDuring([this] { return fs_->CheckConnection(); });
+  EXPECT_EQ(result, FileSystem::STOPPED);
+  EXPECT_LT(late.count(), 100);
+  fs_->Start();
+  emulator_->faults().Clear();
+  EXPECT_EQ(fs_->CheckConnection(), FileSystem::SUCCEEDED);
+}
+
+TEST_F(GoogleStopTest, StopEndsTheRetriesOfABrokenListing) {
+  AddFault(2, 0, true);
+  auto [result, late] = StopDuring([this] {
+    FolderNode root;
+    std::uint64_t free = 0;
+    std::uint64_t total = 0;
+    return fs_->GetFullTree(&root, &free, &total, nullptr);
+  });
+  EXPECT_EQ(result, FileSystem::STOPPED);
+  EXPECT_LT(late.count(), 100);
+}
+
+}  // namespace
