@@ -17,7 +17,9 @@
 #include <string>
 #include <vector>
 
+#include "core/Cookie.h"
 #include "core/RemoteFileSystem.h"
+#include "core/RemoteFileSystemFactory.h"
 #include "core/SomeHash.h"
 #include "emulators/Faults.h"
 
@@ -39,8 +41,9 @@ class ContractTarget {
 
   // Brings the account up with an empty mounted root; false with `error` when it can't.
   virtual bool Start(std::string* error) = 0;
-  // A new adapter, made through the library's entry and opened, as the core makes one.
-  virtual std::unique_ptr<RemoteFileSystem> Connect() = 0;
+  // A new adapter, opened, from the one factory of the account, as the core makes one: the
+  // adapters of a target share the factory's data (the id tree, the upload sessions).
+  std::unique_ptr<RemoteFileSystem> Connect();
 
   // The account below the mounted root, read past the adapter.
   virtual RemoteTree Remote() = 0;
@@ -61,10 +64,21 @@ class ContractTarget {
   virtual void ClearFaults() {}
   // Whether the server honours a conditional write (rclone's WebDAV ignores If-Match).
   virtual bool ChecksOverwriteControl() const { return true; }
+  // Whether the service's hash of a file is a digest of its bytes that our calculator of the
+  // adapter's hash type computes too (not a version or an etag).
+  virtual bool HashIsContentDigest() const { return false; }
   // Whether a file moves through RenameFileImpl (the adapter refuses MoveFileImpl).
   virtual bool MovesByRename() const { return false; }
   // Whether the adapter reads, writes and changes items yet, or only lists the account.
   virtual bool ServesItemOperations() const { return true; }
+
+ protected:
+  // The account's factory, made through the library's entry.
+  virtual std::unique_ptr<RemoteFileSystemFactory> MakeFactory() = 0;
+  virtual std::shared_ptr<const core::cookie::Cookie> Credentials() = 0;
+
+ private:
+  std::unique_ptr<RemoteFileSystemFactory> factory_;
 };
 
 using TargetMaker = std::function<std::unique_ptr<ContractTarget>()>;

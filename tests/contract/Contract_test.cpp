@@ -13,6 +13,7 @@
 
 #include "contract/ContractTarget.h"
 #include "core/Clock.h"
+#include "core/CurlURLProcessorFactory.h"
 #include "core/HashCalculators.h"
 #include "core/LoggerWrapper.h"
 #include "core/Nodes.h"
@@ -23,6 +24,17 @@ namespace contract {
 std::vector<ContractRow>& ContractRows() {
   static std::vector<ContractRow> rows;
   return rows;
+}
+
+std::unique_ptr<RemoteFileSystem> ContractTarget::Connect() {
+  if (!factory_)
+    factory_ = MakeFactory();
+  if (!factory_)
+    return nullptr;
+  std::unique_ptr<RemoteFileSystem> fs(factory_->Create());
+  if (!fs || !fs->Open(std::make_shared<CurlURLProcessorFactory>(Credentials())))
+    return nullptr;
+  return fs;
 }
 
 Registration::Registration(std::string name, TargetMaker make) {
@@ -60,6 +72,8 @@ class ContractTest : public ::testing::TestWithParam<std::string> {
     ASSERT_TRUE(target_->Start(&error)) << error;
     fs_ = target_->Connect();
     ASSERT_TRUE(fs_);
+    // The core learns the account before it touches an item: the shared id tree is filled.
+    Tree();
   }
   void TearDown() override {
     fs_.reset();
@@ -70,13 +84,17 @@ class ContractTest : public ::testing::TestWithParam<std::string> {
     }
   }
 
-  // The whole tree as a fresh adapter of the account downloads it.
+  // The whole tree as a fresh adapter of the account downloads it, the quota first as the core
+  // asks it.
   RemoteTree Tree(Result* result = nullptr) {
     std::unique_ptr<RemoteFileSystem> fresh = target_->Connect();
     FolderNode root;
-    std::uint64_t free = 0, total = 0;
+    std::uint64_t free = 0, total = 0, used = 0;
     tsl::htrie_set<char> service_items;
-    Result got = fresh->GetFullTree(&root, &free, &total, &service_items);
+    Result got = fresh->GetCloudSize(&total, &used);
+    if (got == FileSystem::SUCCEEDED) {
+      got = fresh->GetFullTree(&root, &free, &total, &service_items);
+    }
     if (result)
       *result = got;
     EXPECT_EQ(got, FileSystem::SUCCEEDED);
@@ -183,7 +201,9 @@ TEST_P(ContractTest, UploadsLandByteExactWithTheServicesHashEqualToOurs) {
     EXPECT_EQ(remote.size, content.size()) << name;
     if (!remote.hash.IsEmpty()) {
       EXPECT_EQ(props.hash, remote.hash) << name;
-      EXPECT_EQ(remote.hash, HashOf(content)) << name;
+      if (target_->HashIsContentDigest()) {
+        EXPECT_EQ(remote.hash, HashOf(content)) << name;
+      }
     }
   }
   // A second create of the same name doesn't replace the file.

@@ -45,17 +45,13 @@ bool EmulatorTarget::Start(std::string* error) {
   return true;
 }
 
-std::unique_ptr<RemoteFileSystem> EmulatorTarget::Connect() {
-  std::unique_ptr<RemoteFileSystemFactory> factory(H6BA54F7D00(id_, std::string("/") + kMounted));
-  if (!factory)
-    return nullptr;
-  std::unique_ptr<RemoteFileSystem> fs(factory->Create());
-  auto cookie = std::make_shared<core::cookie::CookieOAuth>("contract-token",
-                                                            emulator_->dialect().AuthScheme());
-  if (!fs || !fs->Open(std::make_shared<CurlURLProcessorFactory>(cookie)))
-    return nullptr;
-  factories_.push_back(std::move(factory));
-  return fs;
+std::unique_ptr<RemoteFileSystemFactory> EmulatorTarget::MakeFactory() {
+  return std::unique_ptr<RemoteFileSystemFactory>(H6BA54F7D00(id_, std::string("/") + kMounted));
+}
+
+std::shared_ptr<const core::cookie::Cookie> EmulatorTarget::Credentials() {
+  return std::make_shared<core::cookie::CookieOAuth>("contract-token",
+                                                     emulator_->dialect().AuthScheme());
 }
 
 void EmulatorTarget::Walk(const std::string& folder_id, const std::string& prefix,

@@ -30,7 +30,6 @@ class EmulatorTarget : public ContractTarget {
   ~EmulatorTarget() override;
 
   bool Start(std::string* error) override;
-  std::unique_ptr<RemoteFileSystem> Connect() override;
   RemoteTree Remote() override;
   void PutFile(const std::string& path, const std::string& content) override;
   std::string ReadRemote(const std::string& path) override;
@@ -43,6 +42,8 @@ class EmulatorTarget : public ContractTarget {
   emulators::Emulator& emulator() { return *emulator_; }
 
  private:
+  std::unique_ptr<RemoteFileSystemFactory> MakeFactory() override;
+  std::shared_ptr<const core::cookie::Cookie> Credentials() override;
   void Walk(const std::string& folder_id, const std::string& prefix, RemoteTree* tree);
 
   std::string service_;
@@ -50,7 +51,6 @@ class EmulatorTarget : public ContractTarget {
   HashOf hash_of_;
   std::unique_ptr<emulators::Emulator> emulator_;
   std::string mounted_id_;
-  std::vector<std::unique_ptr<RemoteFileSystemFactory>> factories_;
 };
 
 }  // namespace contract

@@ -186,7 +186,9 @@ bool DavServer::Launch() {
       args = {"/usr/sbin/apache2", "-DFOREGROUND", "-f", config};
       break;
     case DavServerKind::kRclone:
-      args = {"rclone", "serve", "webdav", "--addr", address, root_.string()};
+      // Tests write the served folder directly: no listing may come from a cache.
+      args = {"rclone",           "serve", "webdav",      "--addr", address,
+              "--dir-cache-time", "0s",    root_.string()};
       if (!user_.empty()) {
         args.insert(args.end(), {"--user", user_, "--pass", password_});
       }

@@ -36,20 +36,6 @@ class DavTarget : public ContractTarget {
     return true;
   }
 
-  std::unique_ptr<RemoteFileSystem> Connect() override {
-    std::unique_ptr<RemoteFileSystemFactory> factory(
-        H6BA54F7D00(CloudServiceId::WEBDAV, std::string("/") + kMounted));
-    std::unique_ptr<RemoteFileSystem> fs(factory->Create());
-    auto cookie =
-        std::make_shared<core::cookie::CookieWebDAVBase>(server_.BaseUrl(), kUser, kPassword);
-    if (!fs->Open(std::make_shared<CurlURLProcessorFactory>(cookie))) {
-      return nullptr;
-    }
-    // The adapters of one account keep the factory's shared data alive between them.
-    factories_.push_back(std::move(factory));
-    return fs;
-  }
-
   RemoteTree Remote() override {
     RemoteTree tree;
     for (const auto& entry : fs::recursive_directory_iterator(Root())) {
@@ -76,6 +62,15 @@ class DavTarget : public ContractTarget {
 
   bool ChecksOverwriteControl() const override { return kind_ != test::DavServerKind::kRclone; }
 
+ protected:
+  std::unique_ptr<RemoteFileSystemFactory> MakeFactory() override {
+    return std::unique_ptr<RemoteFileSystemFactory>(
+        H6BA54F7D00(CloudServiceId::WEBDAV, std::string("/") + kMounted));
+  }
+  std::shared_ptr<const core::cookie::Cookie> Credentials() override {
+    return std::make_shared<core::cookie::CookieWebDAVBase>(server_.BaseUrl(), kUser, kPassword);
+  }
+
  private:
   fs::path Root() const { return server_.Root() / kMounted; }
 
@@ -92,7 +87,6 @@ class DavTarget : public ContractTarget {
 
   test::DavServerKind kind_;
   test::DavServer server_;
-  std::vector<std::unique_ptr<RemoteFileSystemFactory>> factories_;
 };
 
 const Registration kApache("apache", [] {
