@@ -49,6 +49,17 @@ class HashBase {
 
   // Logs at level 3 and answers the zero value on a wrong length or a character that is not a
   // hexadecimal digit; both letter cases are taken.
+  // The value of one hexadecimal digit, -1 for any other character.
+  static int HexDigit(char c) {
+    if (c >= '0' && c <= '9')
+      return c - '0';
+    if (c >= 'a' && c <= 'f')
+      return c - 'a' + 10;
+    if (c >= 'A' && c <= 'F')
+      return c - 'A' + 10;
+    return -1;
+  }
+
   static HashBase FromHexString(const std::string& text) {
     HashBase value;
     if (text.size() != 2 * N) {
@@ -68,15 +79,5 @@ class HashBase {
   }
 
  private:
-  static int HexDigit(char c) {
-    if (c >= '0' && c <= '9')
-      return c - '0';
-    if (c >= 'a' && c <= 'f')
-      return c - 'a' + 10;
-    if (c >= 'A' && c <= 'F')
-      return c - 'A' + 10;
-    return -1;
-  }
-
   std::array<std::uint8_t, N> bytes_;
 };

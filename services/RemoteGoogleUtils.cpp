@@ -7,20 +7,6 @@
 
 namespace google {
 
-namespace {
-
-int HexDigit(char c) {
-  if (c >= '0' && c <= '9')
-    return c - '0';
-  if (c >= 'a' && c <= 'f')
-    return c - 'a' + 10;
-  if (c >= 'A' && c <= 'F')
-    return c - 'A' + 10;
-  return -1;
-}
-
-}  // namespace
-
 std::string WithQuery(const std::string& path, const QueryParams& params) {
   DispatcherUrl url = DispatcherUrl::FromString(path);
   for (const auto& [key, value] : params) {
@@ -36,8 +22,8 @@ HashGoogle HashFromHex(const std::string& text) {
     return hash;
   }
   for (std::size_t i = 0; i < HashGoogle::kSize; ++i) {
-    int high = HexDigit(text[2 * i]);
-    int low = HexDigit(text[2 * i + 1]);
+    int high = HashGoogle::HexDigit(text[2 * i]);
+    int low = HashGoogle::HexDigit(text[2 * i + 1]);
     if (high < 0 || low < 0) {
       LOG_ERROR << "Invalid symbol in FromHexString method.";
       return hash;
