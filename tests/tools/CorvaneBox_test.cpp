@@ -88,6 +88,11 @@ class CorvaneBoxTest : public ::testing::Test {
     return test::RunProcess(argv, temp_.path() / "run");
   }
 
+  // Where the tool's local files are: the tool runs in the test's own folder.
+  std::string Local(const std::string& name) const {
+    return (temp_.path() / "run" / name).string();
+  }
+
   // The emulator's account by path, read through its control path.
   std::map<std::string, DumpedItem> Dump() {
     test::Answer answer = test::Fetch("GET", control_ + "dump", "");
@@ -158,11 +163,11 @@ TEST_F(CorvaneBoxTest, ReadingCommandsSeeTheSeededAccount) {
   EXPECT_EQ(children, (std::set<std::string>{"docs/b.bin", "docs/deep"})) << ls.out;
 
   // 3. get: the seeded bytes, whole and as a range.
-  ASSERT_EQ(Tool({"get", "docs/b.bin", "whole.bin"}).status, 0);
+  ASSERT_EQ(Tool({"get", "docs/b.bin", Local("whole.bin")}).status, 0);
   EXPECT_EQ(test::ReadAll(temp_.path() / "run" / "whole.bin"),
             test::ReadAll(seed_ / "docs" / "b.bin"));
   test::Outcome ranged =
-      Tool({"get", "docs/b.bin", "part.bin", "--offset", "100", "--limit", "600"});
+      Tool({"get", "docs/b.bin", Local("part.bin"), "--offset", "100", "--limit", "600"});
   ASSERT_EQ(ranged.status, 0) << ranged.err;
   EXPECT_EQ(test::ReadAll(temp_.path() / "run" / "part.bin"),
             test::ReadAll(seed_ / "docs" / "b.bin").substr(100, 500));
@@ -187,7 +192,7 @@ TEST_F(CorvaneBoxTest, ChangingCommandsChangeTheAccount) {
   for (const Put& put : puts) {
     std::string bytes = test::RandomBytes(put.size, static_cast<unsigned>(put.size));
     test::WriteAll(temp_.path() / "run" / put.local, bytes);
-    test::Outcome sent = Tool({"put", put.local, "up/" + put.local});
+    test::Outcome sent = Tool({"put", Local(put.local), "up/" + put.local});
     ASSERT_EQ(sent.status, 0) << put.local << ": " << sent.err;
     std::map<std::string, DumpedItem> account = Dump();
     ASSERT_TRUE(account.count("up/" + put.local)) << put.local;
