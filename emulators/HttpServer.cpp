@@ -410,7 +410,7 @@ bool HttpServer::ReadRequestBody(Connection* connection, std::uint64_t length, B
     } else {
       hash.Update(data, size);
     }
-    if (mode == BodyMode::kStore) {
+    if (mode == BodyMode::kStore || mode == BodyMode::kStoreUnlogged) {
       request->body.append(data, size);
     }
     request->body_size += size;
@@ -470,6 +470,9 @@ void HttpServer::Serve(int fd) {
     bool head_only = request.verb == "HEAD" || response.status == 204 || response.status == 304;
     bool close = response.close || mode == BodyMode::kAnswerFirst ||
                  IEquals(request.Header("Connection"), "close");
+    if (mode == BodyMode::kStoreUnlogged) {
+      std::string().swap(request.body);
+    }
     Log(std::move(request));
     if (response.delay_ms > 0 && !SleepMs(response.delay_ms)) {
       break;

@@ -83,7 +83,10 @@ struct HttpResponse {
 enum class Match { kExact, kPrefix };
 
 enum class BodyMode {
-  kStore,        // the body is read and kept in HttpRequest::body
+  kStore,  // the body is read and kept in HttpRequest::body
+  // As kStore for the handler, but the request log keeps only its size and hash: large uploads
+  // whose bytes the log would otherwise hold for the life of the server.
+  kStoreUnlogged,
   kHashOnly,     // counted and hashed (SHA-256), not kept
   kDigestOnly,   // counted and hashed (MD5, SHA-1, SHA-256), not kept
   kAnswerFirst,  // answered after the head, before any body byte is read; the connection closes

@@ -10,6 +10,7 @@
 #include "core/CurlURLProcessorFactory.h"
 #include "core/Endpoints.h"
 #include "core/Nodes.h"
+#include "emulators/Dialect.h"
 #include "emulators/Emulator.h"
 #include "services/RemoteFSFactoryConstructor.h"
 #include "services/RemoteFileSystemBoxRestApi.h"
@@ -18,9 +19,12 @@ namespace test {
 
 class BoxAccount {
  public:
-  explicit BoxAccount(const std::string& root = std::string()) {
+  explicit BoxAccount(const std::string& root = std::string())
+      : BoxAccount(emulators::MakeDialect("box"), root) {}
+  // The dialect given may wrap Box's own, e.g. to watch its handlers.
+  BoxAccount(std::unique_ptr<emulators::Dialect> dialect, const std::string& root) {
     std::string error;
-    emulator = emulators::Emulator::Start("box", 0, &error);
+    emulator = emulators::Emulator::Start(std::move(dialect), 0, &error);
     for (const auto& [name, url] : emulator->Endpoints())
       Endpoints::Override(name, url);
     factory.reset(H6BA54F7D00(CloudServiceId::BOX, root));

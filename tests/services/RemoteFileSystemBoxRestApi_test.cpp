@@ -2,6 +2,7 @@
 
 #include <QThreadPool>
 
+#include <algorithm>
 #include <chrono>
 #include <functional>
 #include <thread>
@@ -12,6 +13,7 @@
 #include "emulators/Faults.h"
 #include "services/BoxTesting.h"
 #include "services/RemoteBoxUtils.h"
+#include "support/HeapUsage.h"
 
 namespace {
 
@@ -375,6 +377,51 @@ TEST(RemoteFileSystemBoxRestApi, PlainUploadBelowTwentyMiBAndSessionFromThere) {
   ASSERT_EQ(fs->OpenForRewrite(stale, "f20971519", BoxHashOf("abc"), 3, 0, &offset), FS::SUCCEEDED);
   ASSERT_EQ(fs->WriteFile(reinterpret_cast<const std::uint8_t*>("abc"), 3), FS::SUCCEEDED);
   EXPECT_EQ(fs->CloseFile(nullptr), FS::CONFLICT);
+}
+
+TEST(RemoteFileSystemBoxRestApi, HundredMiBUploadHoldsAtMostOnePartBetweenWrites) {
+  constexpr std::uint64_t kSize = 100ull << 20;
+  constexpr std::uint32_t kBlock = 1 << 20;
+  test::BoxAccount box;
+  box.account().SetKeepContentLimit(0);
+  utils::ManualClock clock;  // the commit's Retry-After
+  utils::ScopedClock scoped(&clock);
+  auto fs = box.Open();
+  FolderNode root;
+  std::uint64_t free = 0, total = 0;
+  ASSERT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
+  // 1. The content is made block by block, so that the test holds none of it either.
+  std::vector<std::uint8_t> block(kBlock);
+  HashCalculatorBox whole;
+  whole.Begin();
+  for (std::uint64_t at = 0; at < kSize; at += kBlock) {
+    emulators::PatternBytes(at, block.data(), kBlock);
+    whole.Feed(block.data(), kBlock);
+  }
+  const SomeHash hash = whole.Finish();
+  // 2. The upload, with the heap looked at whenever the adapter has the core's thread back.
+  const std::size_t before = test::HeapInUse();
+  std::size_t peak = before;
+  std::uint64_t offset = 0;
+  ASSERT_EQ(fs->OpenForCreate(FS::OverwriteControl(), "big.bin", hash, kSize, 0, &offset, false),
+            FS::SUCCEEDED);
+  for (std::uint64_t at = 0; at < kSize; at += kBlock) {
+    emulators::PatternBytes(at, block.data(), kBlock);
+    ASSERT_EQ(fs->WriteFile(block.data(), kBlock), FS::SUCCEEDED);
+    peak = std::max(peak, test::HeapInUse());
+  }
+  FS::FileProperties props;
+  ASSERT_EQ(fs->CloseFile(&props), FS::SUCCEEDED);
+  // 3. One part of the session's size (8 MiB here) and the bookkeeping of the transfer, far from
+  // two parts; and the file whole on the server.
+  const std::uint64_t part = 8ull << 20;
+  EXPECT_LE(peak - before, part + (1u << 20));
+  EXPECT_EQ(box.Count("PUT", "/upload/2.0/files/upload_sessions/"), kSize / part + 1);
+  std::optional<emulators::Item> item = box.account().FindByPath("big.bin");
+  ASSERT_TRUE(item);
+  EXPECT_EQ(item->size, kSize);
+  EXPECT_EQ(item->digests.sha1, hash.GetHashBox().sha1);
+  EXPECT_EQ(props.hash.GetHashBox().sha1, hash.GetHashBox().sha1);
 }
 
 TEST(RemoteFileSystemBoxRestApi, InterruptedSessionsResumeInAnotherAdapter) {

@@ -11,6 +11,28 @@ FileSystem::Result DownloadTree(RemoteFileSystem& fs, Snapshot* snapshot) {
                         &snapshot->service_items);
 }
 
+namespace {
+
+// The WebDAV family names an item by its path; every other adapter by an id.
+bool ReachesItemsByPath(RemoteFileSystem& fs) {
+  const CloudServiceId service = fs.GetServiceId();
+  return service == CloudServiceId::WEBDAV || service == CloudServiceId::PCLOUD ||
+         service == CloudServiceId::YANDEX;
+}
+
+}  // namespace
+
+bool AccountTree::FromTree() const {
+  return fs_.SupportsChangesListening() || !ReachesItemsByPath(fs_);
+}
+
+FileSystem::Result AccountTree::Prepare() {
+  if (fs_.SupportsChangesListening() || ReachesItemsByPath(fs_)) {
+    return FileSystem::SUCCEEDED;
+  }
+  return Load();
+}
+
 FileSystem::Result AccountTree::Load() {
   if (loaded_) {
     return FileSystem::SUCCEEDED;

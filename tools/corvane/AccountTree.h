@@ -1,7 +1,8 @@
 // AccountTree: where the tool finds an item, the way the core does. An adapter with a change feed
 // resolves paths through the id tree that GetFullTree fills, and answers NOT_SUPPORTED to
 // GetFolderListing; for it the whole tree is loaded once (quota first, then GetFullTree) and
-// items are looked up in it. Any other adapter is asked for one folder's listing at a time.
+// items are looked up in it. So is an adapter without a feed that reaches items by id (Box): it
+// knows no id before its first tree. Any other adapter is asked for one folder's listing at a time.
 //
 //   AccountTree tree(fs);
 //   Item item;
@@ -33,9 +34,12 @@ class AccountTree {
   // ITEM_MISSED when the folder of `path` holds no such name.
   FileSystem::Result Find(const std::string& path, Item* item);
   FileSystem::Result List(const std::string& folder, RemoteFileSystem::FolderListing* listing);
+  // What a command that names an item without looking it up needs first: the tree, for an adapter
+  // that knows ids only from it and has no feed to keep them.
+  FileSystem::Result Prepare();
 
  private:
-  bool FromTree() const { return fs_.SupportsChangesListening(); }
+  bool FromTree() const;
   FileSystem::Result Load();
 
   RemoteFileSystem& fs_;

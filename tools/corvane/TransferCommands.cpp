@@ -11,6 +11,7 @@
 #include <memory>
 #include <vector>
 
+#include "AccountTree.h"
 #include "Command.h"
 #include "Interrupter.h"
 #include "ProgressBar.h"
@@ -73,6 +74,10 @@ bool HashStream(std::istream& in, HashCalculator* calculator, const Interrupter*
 FileSystem::Result OpenUpload(Context& context, const std::string& remote, const SomeHash& hash,
                               const LocalFile& local, std::uint64_t* resume_offset) {
   RemoteFileSystem& fs = *context.fs;
+  FileSystem::Result prepared = context.tree->Prepare();
+  if (prepared != FileSystem::SUCCEEDED) {
+    return prepared;
+  }
   if (context.options.overwrite) {
     // The control is the hash the file has now: whoever changed it since loses nothing.
     Item existing;

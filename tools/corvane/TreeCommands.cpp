@@ -97,14 +97,20 @@ int RunChanges(Context& context) {
   if (context.options.for_seconds) {
     deadline = Clock::now() + std::chrono::seconds(*context.options.for_seconds);
   }
-  // 1. The tree the changes apply to.
+  // 1. A service without a feed is walked again instead: loading its tree would only delay that
+  // answer.
+  if (!fs.SupportsChangesListening()) {
+    return Report(context, FileSystem::NOT_SUPPORTED, "changes",
+                  context.options.service + " has no change feed");
+  }
+  // 2. The tree the changes apply to.
   Snapshot snapshot;
   FileSystem::Result result = DownloadTree(fs, &snapshot);
   if (result != FileSystem::SUCCEEDED) {
     return Report(context, result, "changes: GetFullTree");
   }
   context.err << "changes: following the feed (Ctrl-C ends)" << std::endl;
-  // 2. The feed loop, until the time is up or the user ends it.
+  // 3. The feed loop, until the time is up or the user ends it.
   while (!context.interrupter.Interrupted() && (!deadline || Clock::now() < *deadline)) {
     std::queue<FileSystem::Change> changes;
     result = fs.GetChanges(&changes);
@@ -136,7 +142,7 @@ int RunChanges(Context& context) {
       context.out << FormatChange(change, context.options.json)
                   << (applied || context.options.json ? "" : "  (skipped)") << std::endl;
     }
-    // 3. A feed that lost its thread asks for the tree again.
+    // 4. A feed that lost its thread asks for the tree again.
     if (fs.ShouldRenewTree()) {
       context.err << "changes: the adapter asks for a new tree" << std::endl;
       snapshot.root.Clear();
