@@ -14,6 +14,7 @@
 #include "core/LoggerWrapper.h"
 #include "core/Nodes.h"
 #include "core/RemoteFileSystemFactory.h"
+#include "emulators/ContentHashes.h"
 #include "emulators/Emulator.h"
 #include "emulators/HuaweiDialect.h"
 #include "services/BackupMetainfoRemoteReaderHuawei.h"
@@ -21,6 +22,8 @@
 #include "services/RemoteFSFactoryConstructor.h"
 #include "services/RemoteFileSystemHuaweiSharedData.h"
 #include "services/RemoteHuaweiUtils.h"
+#include "support/HeapUsage.h"
+#include "support/Processes.h"
 
 namespace {
 
@@ -407,6 +410,36 @@ TEST_F(HuaweiTest, OverwriteAndDeleteHonourTheirControl) {
       EXPECT_EQ(wire.size(), 1u) << row.name;
     }
   }
+}
+
+TEST_F(HuaweiTest, ALargeUploadHoldsAtMostOneSlice) {
+  // 1. Sixteen slices; the emulator keeps digests only, so the heap that grows is the adapter's.
+  constexpr std::size_t kSlice = 1 << 20;
+  const std::string data = test::RandomBytes(16 * kSlice, 9);
+  Folder(account().RootId(), "docs");
+  FolderNode root;
+  ASSERT_EQ(Tree(&root), FS::SUCCEEDED);
+  dialect().SetSliceSize(kSlice);
+  account().SetKeepContentLimit(kSlice / 4);
+  std::uint64_t offset = 0;
+  ASSERT_EQ(fs_->OpenForCreate({}, "docs/large", SomeHash(std::string("h")), data.size(), 1,
+                               &offset, false),
+            FS::SUCCEEDED);
+  // 2. The heap between blocks, each slice sent on the way.
+  emulator_->server().ClearRequests();
+  const std::size_t before = test::HeapInUse();
+  std::size_t peak = before;
+  for (std::size_t at = 0; at < data.size(); at += 64 * 1024) {
+    ASSERT_EQ(fs_->WriteFile(reinterpret_cast<const std::uint8_t*>(data.data()) + at, 64 * 1024),
+              FS::SUCCEEDED);
+    emulator_->server().ClearRequests();  // the server's log of bodies is not the adapter's
+    peak = std::max(peak, test::HeapInUse());
+  }
+  FS::FileProperties props;
+  ASSERT_EQ(fs_->CloseFile(&props), FS::SUCCEEDED);
+  EXPECT_LT(peak - before, kSlice + kSlice / 2);
+  EXPECT_EQ(account().FindByPath("docs/large")->digests.sha256,
+            emulators::ContentHasher::Of(data).sha256);
 }
 
 TEST_F(HuaweiTest, UploadFaults) {
