@@ -27,6 +27,7 @@ namespace fs = std::filesystem;
 
 constexpr int kExitFailed = 10 + FileSystem::FAILED;
 constexpr int kExitStopped = 10 + FileSystem::STOPPED;
+constexpr int kExitConflict = 10 + FileSystem::CONFLICT;
 
 std::string Sha256(const std::string& bytes) {
   unsigned char digest[EVP_MAX_MD_SIZE];
@@ -137,7 +138,13 @@ TEST_F(CorvaneHuaweiTest, ASessionOfCommandsChangesTheAccountAsAsked) {
   EXPECT_EQ(account["up"], "folder");
   EXPECT_EQ(account["up/small.bin"], Sha256(small));
   EXPECT_EQ(account["up/large.bin"], Sha256(large));
-  // 3. A rename, deletes, and the quota as the account counts it.
+  // 3. A new version only where asked for: the plain put finds the name taken.
+  const std::string other = test::RandomBytes(1024, 4);
+  EXPECT_EQ(Run({"put", Local("other", other), "up/small.bin"}).status, kExitConflict);
+  EXPECT_EQ(Account(control_)["up/small.bin"], Sha256(small));
+  EXPECT_EQ(Run({"put", "--overwrite", Local("other", other), "up/small.bin"}).status, 0);
+  EXPECT_EQ(Account(control_)["up/small.bin"], Sha256(other));
+  // 4. A rename, deletes, and the quota as the account counts it.
   EXPECT_EQ(Run({"mv", "up/large.bin", "up/renamed.bin"}).status, 0);
   EXPECT_EQ(Run({"rm", "up/small.bin"}).status, 0);
   account = Account(control_);
@@ -157,7 +164,7 @@ TEST_F(CorvaneHuaweiTest, ASessionOfCommandsChangesTheAccountAsAsked) {
                          .object();
   EXPECT_EQ(sizes["total"].toDouble(), dump["total"].toDouble());
   EXPECT_EQ(sizes["used"].toDouble(), dump["used"].toDouble());
-  // 4. Huawei has no public links.
+  // 5. Huawei has no public links.
   test::Outcome link = Run({"link", "docs/b.bin"});
   EXPECT_EQ(link.status, kExitFailed) << link.err;
 }
