@@ -5,6 +5,7 @@
 //   LOG_WARNING << "Failed: " << result;  // prints "CONFLICT", ...
 #pragma once
 
+#include <atomic>
 #include <cstdint>
 #include <optional>
 #include <ostream>
@@ -66,7 +67,7 @@ class FileSystem : public virtual Stoppable {
 
   // Next block of the open upload, in order and without gaps.
   virtual Result WriteFile(const std::uint8_t* data, std::uint32_t size) = 0;
-  virtual FailReason GetFailReason() const { return fail_reason_; }
+  virtual FailReason GetFailReason() const { return fail_reason_.load(); }
   virtual LengthLimits GetMaxSupportedPathLength() const;
   virtual LengthLimits GetMaxSupportedNameLength() const;
   // Ends the open read or upload; an upload writes the server's hash into `props->hash` (`props`
@@ -114,7 +115,8 @@ class FileSystem : public virtual Stoppable {
   void SetFailReasonValue(FailReason reason) { fail_reason_ = reason; }
 
  private:
-  FailReason fail_reason_ = FAIL_REASON_NONE;
+  // A feed's thread and an operation's thread of one instance both report their failures.
+  std::atomic<FailReason> fail_reason_{FAIL_REASON_NONE};
 };
 
 std::ostream& operator<<(std::ostream& out, FileSystem::Result result);

@@ -5,17 +5,18 @@
 //   Endpoints::Override("huawei.drive", emulator->BaseUrl());
 //
 // What it answers:
-//   GET    /drive/v1/about                    quota and the upload limit
-//   GET    /drive/v1/files                    queryParam (mimeType, fileName, recycled, "'ID' in
-//                                              parentFolder"), pages of kPageSize by "cursor"
-//   GET    /drive/v1/files/ID                 one item; ?form=content gives its bytes (Range)
-//   POST   /drive/v1/files                    a folder (or an empty file) in "parentFolder"
-//   PATCH  /drive/v1/files/ID                 fileName, recycled, properties;
-//   add/removeParentFolder DELETE /drive/v1/files/ID                 for good GET
-//   /drive/v1/changes/getStartCursor   and /drive/v1/changes?cursor=C POST
-//   /upload/drive/v1/files?uploadType=resume     a session for a new file ("Location") PATCH
-//   /upload/drive/v1/files/ID?uploadType=resume  a session for a new version PUT    the session URL
-//   with "Content-Range"           308 until the last byte, then the file
+//   GET    /drive/v1/about                     quota and the upload limit
+//   GET    /drive/v1/files                     queryParam (mimeType, fileName, recycled,
+//                                              "'ID' in parentFolder"), pages by "cursor"
+//   GET    /drive/v1/files/ID                  one item; ?form=content gives its bytes (Range)
+//   POST   /drive/v1/files                     a folder (or an empty file) in "parentFolder"
+//   PATCH  /drive/v1/files/ID                  fileName, recycled, properties, parents by
+//                                              addParentFolder and removeParentFolder
+//   DELETE /drive/v1/files/ID                  for good
+//   GET    /drive/v1/changes/getStartCursor    and /drive/v1/changes?cursor=C
+//   POST   /upload/drive/v1/files?uploadType=resume     a session for a new file ("Location")
+//   PATCH  /upload/drive/v1/files/ID?uploadType=resume  a session for a new version
+//   PUT    the session URL with "Content-Range"         308 until the last byte, then the file
 // Failures carry Huawei's body: {"error":{"code":S,"message":M,"errorDetail":[{"errorCode":
 // "21004041","reason":...,"description":...}]}}, the last four digits naming the documented case.
 #pragma once

@@ -131,6 +131,23 @@ FileSystem::Result HuaweiRequester::ListAll(
   return FileSystem::SUCCEEDED;
 }
 
+FileSystem::Result HuaweiRequester::GetItem(const std::string& id, huawei::Item* item) {
+  DispatcherUrl url = ApiUrl("/files/");
+  url.Append(id, DispatcherUrl::ValueEncodingMode::kSegment);
+  url.AppendParam("fields", "*", DispatcherUrl::ValueEncodingMode::kAsIs);
+  utils::json::json_tree json;
+  FileSystem::Result result = Get(url, &json);
+  if (result != FileSystem::SUCCEEDED) {
+    return result;
+  }
+  std::string error;
+  if (!huawei::ParseItem(json, item, &error)) {
+    LOG_ERROR << error;
+    return FileSystem::FAILED;
+  }
+  return FileSystem::SUCCEEDED;
+}
+
 FileSystem::Result HuaweiRequester::FindFolder(const std::string& name,
                                                const std::string& parent_id, std::string* id) {
   id->clear();

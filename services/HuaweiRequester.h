@@ -1,6 +1,7 @@
 // HuaweiRequester: the requests of Huawei Drive over one URLProcessor, answered as Results: a GET
-// or a request with a JSON body whose answer is JSON, the paged listing by "nextCursor", and the
-// lookup of a folder by name. Every answer passes one place (Check) that logs it and maps it.
+// or a request with a JSON body whose answer is JSON, one item's metadata, the paged listing by
+// "nextCursor", and the lookup of a folder by name. Every answer passes one place (Check) that logs
+// it and maps it.
 //
 //   HuaweiRequester http(processor.get());
 //   utils::json::json_tree about;
@@ -14,6 +15,7 @@
 #include "core/DispatcherUrl.h"
 #include "core/FileSystem.h"
 #include "core/URLProcessor.h"
+#include "services/RemoteHuaweiUtils.h"
 
 class HuaweiRequester {
  public:
@@ -34,6 +36,8 @@ class HuaweiRequester {
   FileSystem::Result ListAll(const std::string& query, const std::string& fields,
                              const std::function<bool(const utils::json::json_tree&)>& item,
                              bool by_creation = false);
+  // One item as the server has it now.
+  FileSystem::Result GetItem(const std::string& id, huawei::Item* item);
   // The id of the folder `name` in `parent_id` that is not recycled; empty with SUCCEEDED when
   // there is none.
   FileSystem::Result FindFolder(const std::string& name, const std::string& parent_id,

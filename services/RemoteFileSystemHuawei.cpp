@@ -618,7 +618,33 @@ FileSystem::Result RemoteFileSystemHuawei::CreateFolderImpl(const OverwriteContr
   return SUCCEEDED;
 }
 
-FileSystem::Result RemoteFileSystemHuawei::Recycle(const std::string& path, bool folder) {
+FileSystem::Result RemoteFileSystemHuawei::CheckVersion(const std::string& id,
+                                                        const std::string& path,
+                                                        const SomeHash& expected) {
+  // 1. The file as the server has it now; one gone or recycled means the tree is behind.
+  huawei::Item current;
+  Result result = items_->GetItem(id, &current);
+  if (result == ITEM_MISSED || (result == SUCCEEDED && current.recycled)) {
+    LOG_WARNING << "File " << Quoted(path) << " is no longer in the cloud.";
+    return CONFLICT;
+  }
+  if (result != SUCCEEDED) {
+    return result;
+  }
+  // 2. Its version against the one the caller's tree holds.
+  if (SomeHash(current.content_version) != expected) {
+    LOG_WARNING << "File " << Quoted(path) << " changed in the cloud, expected version "
+                << Quoted(expected.ToDisplayString()) << ", got "
+                << Quoted(current.content_version);
+    return CONFLICT;
+  }
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemHuawei::Recycle(const std::string& path, bool folder,
+                                                   const SomeHash& expected) {
+  // 1. The item's id, and for a file with a control the version it must still have: Huawei
+  // takes no condition on the recycle itself.
   const char* kind = folder ? "Folder " : "File ";
   if (!CheckPath(path)) {
     return FATAL;
@@ -633,6 +659,14 @@ FileSystem::Result RemoteFileSystemHuawei::Recycle(const std::string& path, bool
     LOG_WARNING << "No such file " << Quoted(path) << " in file ids tree.";
     return ITEM_MISSED;
   }
+  if (!expected.IsEmpty()) {
+    Result checked = CheckVersion(id, path, expected);
+    if (checked != SUCCEEDED) {
+      LOG_WARNING << kind << Quoted(path) << " not deleted.";
+      return checked;
+    }
+  }
+  // 2. The recycle, then the id leaves the tree.
   DispatcherUrl url = HuaweiRequester::ApiUrl("/files/");
   url.Append(id, DispatcherUrl::ValueEncodingMode::kSegment);
   url.AppendParam("fields", "*", DispatcherUrl::ValueEncodingMode::kAsIs);
@@ -651,15 +685,18 @@ FileSystem::Result RemoteFileSystemHuawei::Recycle(const std::string& path, bool
   return SUCCEEDED;
 }
 
-FileSystem::Result RemoteFileSystemHuawei::DeleteFileImpl(const OverwriteControl&,
-                                                          const std::string& path, std::uint64_t,
-                                                          std::uint64_t) {
-  return Recycle(path, false);
+FileSystem::Result RemoteFileSystemHuawei::DeleteFileImpl(const OverwriteControl& control,
+                                                          const std::string& path,
+                                                          std::uint64_t size, std::uint64_t) {
+  if (control.hash.IsEmpty() && size > 0) {
+    LOG_WARNING << "Hash is not set in overwrite control: " << path;
+  }
+  return Recycle(path, false, control.hash);
 }
 
 FileSystem::Result RemoteFileSystemHuawei::DeleteFolderImpl(const FolderNode&, const Revision&,
                                                             const std::string& path) {
-  return Recycle(path, true);
+  return Recycle(path, true, SomeHash());
 }
 
 FileSystem::Result RemoteFileSystemHuawei::MoveItem(const std::string& from, const std::string& to,
@@ -896,11 +933,12 @@ FileSystem::Result RemoteFileSystemHuawei::OpenForCreate(const OverwriteControl&
   return OpenUpload(path, hash, size, std::move(session), resume_offset);
 }
 
-FileSystem::Result RemoteFileSystemHuawei::OpenForRewrite(const OverwriteControl&,
+FileSystem::Result RemoteFileSystemHuawei::OpenForRewrite(const OverwriteControl& control,
                                                           const std::string& path,
                                                           const SomeHash& hash, std::uint64_t size,
                                                           std::uint64_t time,
                                                           std::uint64_t* resume_offset) {
+  // 1. Refusals without a request, then the file's id.
   LOG_INFO << "Start uploading for " << Quoted(path) << ", size=" << size;
   if (mode_ != kIdle) {
     return FAILED;
@@ -924,6 +962,13 @@ FileSystem::Result RemoteFileSystemHuawei::OpenForRewrite(const OverwriteControl
     LOG_WARNING << "No such file " << Quoted(path) << " in file ids tree.";
     return ITEM_MISSED;
   }
+  // 2. Huawei takes no condition on a new version: the file must still be what the control says
+  // before a session may replace it. An empty control wants no file there, and there is one.
+  Result checked = CheckVersion(id, path, control.hash);
+  if (checked != SUCCEEDED) {
+    return checked;
+  }
+  // 3. The session replaces the file's content.
   HuaweiUploadSession session;
   session.size = size;
   session.file_id = id;

@@ -103,7 +103,10 @@ class RemoteFileSystemHuawei : public RemoteFileSystemNoChangesSupport {
   std::string RemotePathOf(const std::string& path) const;
   Result ReadChangePage(std::queue<Change>* changes, std::string* next_cursor);
   void ApplyChangedItem(const utils::json::json_tree& change, std::queue<Change>* changes);
-  Result Recycle(const std::string& path, bool folder);
+  // CONFLICT unless the file `id` is still there with the version `expected` names.
+  Result CheckVersion(const std::string& id, const std::string& path, const SomeHash& expected);
+  // An empty `expected` recycles whatever stands at the path.
+  Result Recycle(const std::string& path, bool folder, const SomeHash& expected);
   Result MoveItem(const std::string& from, const std::string& to, bool folder);
   Result OpenUpload(const std::string& path, const SomeHash& hash, std::uint64_t size,
                     HuaweiUploadSession session, std::uint64_t* resume_offset);

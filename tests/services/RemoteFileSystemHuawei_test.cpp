@@ -14,6 +14,7 @@
 #include "core/LoggerWrapper.h"
 #include "core/Nodes.h"
 #include "core/RemoteFileSystemFactory.h"
+#include "emulators/ContentHashes.h"
 #include "emulators/Emulator.h"
 #include "emulators/HuaweiDialect.h"
 #include "services/BackupMetainfoRemoteReaderHuawei.h"
@@ -21,6 +22,8 @@
 #include "services/RemoteFSFactoryConstructor.h"
 #include "services/RemoteFileSystemHuaweiSharedData.h"
 #include "services/RemoteHuaweiUtils.h"
+#include "support/HeapUsage.h"
+#include "support/Processes.h"
 
 namespace {
 
@@ -78,13 +81,12 @@ class HuaweiTest : public ::testing::Test {
     return paths;
   }
   FS::Result Upload(RemoteFileSystem* fs, const std::string& path, const std::string& data,
-                    FS::FileProperties* props, bool rewrite = false) {
+                    FS::FileProperties* props, const FS::OverwriteControl* rewrite = nullptr) {
     std::uint64_t offset = 99;
     SomeHash hash(std::string("h") + std::to_string(data.size()));
-    FS::Result opened =
-        rewrite
-            ? fs->OpenForRewrite(FS::OverwriteControl(), path, hash, data.size(), 1, &offset)
-            : fs->OpenForCreate(FS::OverwriteControl(), path, hash, data.size(), 1, &offset, false);
+    FS::Result opened = rewrite ? fs->OpenForRewrite(*rewrite, path, hash, data.size(), 1, &offset)
+                                : fs->OpenForCreate(FS::OverwriteControl(), path, hash, data.size(),
+                                                    1, &offset, false);
     if (opened != FS::SUCCEEDED) {
       return opened;
     }
@@ -331,10 +333,114 @@ TEST_F(HuaweiTest, UploadInSlicesLandsInItsFolder) {
   EXPECT_EQ(*made.content, data);
   EXPECT_EQ(props.hash, SomeHash(made.digests.sha256.substr(0, 32)));
   EXPECT_EQ(ids().GetFileIdByPath("docs/big.bin"), made.id);
-  // 3. A new version goes through a PATCH session.
-  ASSERT_EQ(Upload(fs_.get(), "docs/big.bin", "short", &props, true), FS::SUCCEEDED);
-  EXPECT_EQ(emulator_->server().Requests()[6].verb, "PATCH");
+  // 3. A new version goes through a PATCH session, once the file's version is read and found
+  // to be the one the control names.
+  const FS::OverwriteControl control(props.hash);
+  ASSERT_EQ(Upload(fs_.get(), "docs/big.bin", "short", &props, &control), FS::SUCCEEDED);
+  EXPECT_EQ(Paths()[6], "GET /drive/v1/files/" + made.id);
+  EXPECT_EQ(Paths()[7], "PATCH /upload/drive/v1/files/" + made.id);
   EXPECT_EQ(*account().FindByPath("docs/big.bin")->content, "short");
+}
+
+TEST_F(HuaweiTest, OverwriteAndDeleteHonourTheirControl) {
+  enum Control { kRight, kStale, kEmpty };
+  struct Row {
+    std::string name;
+    std::string foreign;  // what someone else does to the file after the tree: "modify", "trash"
+    bool rewrite;
+    Control control;
+    FS::Result result;
+    const char* content;  // the file's bytes afterwards; null: recycled
+    std::string line;
+  };
+  const std::vector<Row> rows = {
+      {"right-rewrite", "", true, kRight, FS::SUCCEEDED, "new", "Finished."},
+      {"stale-rewrite", "", true, kStale, FS::CONFLICT, "old", "changed in the cloud"},
+      {"empty-rewrite", "", true, kEmpty, FS::CONFLICT, "old", "changed in the cloud"},
+      {"modified-rewrite", "modify", true, kRight, FS::CONFLICT, "theirs", "changed in the cloud"},
+      {"recycled-rewrite", "trash", true, kRight, FS::CONFLICT, nullptr, "no longer in the cloud"},
+      {"right-delete", "", false, kRight, FS::SUCCEEDED, nullptr, "deleted succesfully."},
+      {"stale-delete", "", false, kStale, FS::CONFLICT, "old", "not deleted."},
+      {"modified-delete", "modify", false, kRight, FS::CONFLICT, "theirs", "changed in the cloud"},
+      {"empty-delete", "", false, kEmpty, FS::SUCCEEDED, nullptr,
+       "Hash is not set in overwrite control: docs/empty-delete"},
+  };
+  // 1. Every file in the tree, then what others did since.
+  std::string docs = Folder(account().RootId(), "docs");
+  for (const Row& row : rows) {
+    File(docs, row.name, "old");
+  }
+  FolderNode root;
+  ASSERT_EQ(Tree(&root), FS::SUCCEEDED);
+  for (const Row& row : rows) {
+    std::string error;
+    if (!row.foreign.empty()) {
+      ASSERT_TRUE(emulators::ApplyForeignChange(
+          account(), {row.foreign, "docs/" + row.name, "", "theirs"}, &error))
+          << error;
+    }
+  }
+  // 2. Each operation with its control, judged by the account, the wire and the log.
+  for (const Row& row : rows) {
+    const std::string path = "docs/" + row.name;
+    const FileNode* node = root.GetFolder("docs")->GetFile(row.name);
+    const SomeHash hashes[] = {node->hash, SomeHash(std::string("stale")), SomeHash()};
+    const FS::OverwriteControl control(hashes[row.control]);
+    const std::string id = ids().GetFileIdByPath(path);
+    emulator_->server().ClearRequests();
+    LoggerWrapper::Capture log;
+    FS::FileProperties props;
+    const FS::Result result = row.rewrite ? Upload(fs_.get(), path, "new", &props, &control)
+                                          : fs_->DeleteFileImpl(control, path, 3, 0);
+    EXPECT_EQ(result, row.result) << row.name;
+    EXPECT_TRUE(log.Contains(row.line)) << row.name;
+    const std::optional<Item> now = account().FindByPath(path);
+    ASSERT_EQ(now.has_value(), row.content != nullptr) << row.name;
+    if (now) {
+      EXPECT_EQ(*now->content, row.content) << row.name;
+    }
+    // The version is read before anything may change, and a conflict changes nothing.
+    const std::vector<std::string> wire = Paths();
+    ASSERT_FALSE(wire.empty()) << row.name;
+    const bool unconditional = !row.rewrite && row.control == kEmpty;
+    EXPECT_EQ(wire.front(),
+              (unconditional ? "PATCH" : "GET") + std::string(" /drive/v1/files/") + id)
+        << row.name;
+    if (row.result == FS::CONFLICT) {
+      EXPECT_EQ(wire.size(), 1u) << row.name;
+    }
+  }
+}
+
+TEST_F(HuaweiTest, ALargeUploadHoldsAtMostOneSlice) {
+  // 1. Eight slices; the emulator keeps digests only, so the heap that grows is the adapter's.
+  constexpr std::size_t kSlice = 2 << 20;
+  const std::string data = test::RandomBytes(8 * kSlice, 9);
+  Folder(account().RootId(), "docs");
+  FolderNode root;
+  ASSERT_EQ(Tree(&root), FS::SUCCEEDED);
+  dialect().SetSliceSize(kSlice);
+  account().SetKeepContentLimit(kSlice / 4);
+  std::uint64_t offset = 0;
+  ASSERT_EQ(fs_->OpenForCreate({}, "docs/large", SomeHash(std::string("h")), data.size(), 1,
+                               &offset, false),
+            FS::SUCCEEDED);
+  // 2. The heap between blocks, each slice sent on the way.
+  emulator_->server().ClearRequests();
+  const std::size_t before = test::HeapInUse();
+  std::size_t peak = before;
+  for (std::size_t at = 0; at < data.size(); at += 64 * 1024) {
+    ASSERT_EQ(fs_->WriteFile(reinterpret_cast<const std::uint8_t*>(data.data()) + at, 64 * 1024),
+              FS::SUCCEEDED);
+    emulator_->server().ClearRequests();  // the server's log of bodies is not the adapter's
+    peak = std::max(peak, test::HeapInUse());
+  }
+  FS::FileProperties props;
+  ASSERT_EQ(fs_->CloseFile(&props), FS::SUCCEEDED);
+  // One slice and the transport's own buffers; a second slice would pass the bound.
+  EXPECT_LT(peak - before, 2 * kSlice);
+  EXPECT_EQ(account().FindByPath("docs/large")->digests.sha256,
+            emulators::ContentHasher::Of(data).sha256);
 }
 
 TEST_F(HuaweiTest, UploadFaults) {
