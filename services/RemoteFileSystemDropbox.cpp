@@ -1212,8 +1212,10 @@ FileSystem::Result RemoteFileSystemDropbox::OpenForRead(const std::string& path,
   request.verb = "POST";
   request.url = DispatcherUrl::FromString(ContentUrl(kDownloadPath));
   request.headers = MakeApiArgHeaders("{ \"path\":\"" + Encoded(RemotePath(path)) + "\" }");
+  // The transport's range option turns into Content-Range on a POST: the header goes as it is.
   if (limit > offset && !(offset == 0 && limit == size)) {
-    request.range = URLProcessor::Range{offset, limit - 1};
+    request.headers.push_back("Range: bytes=" + std::to_string(offset) + "-" +
+                              std::to_string(limit - 1));
   }
   // 3. The head of the answer; its body is read by ReadFile.
   requestOpen_ = client->Send(request);
@@ -1446,10 +1448,17 @@ FileSystem::Result RemoteFileSystemDropbox::SendChunk(const char* endpoint, cons
   if (requestOpen_) {
     return SUCCEEDED;
   }
+  // A request that never got through leaves the session where the chunk before it ended.
   const URLProcessor::Result result = client->Finish();
   SetFailReason(result, client->GetResponseCode());
   LOG_WARNING << "Failed to begin upload to " << endpoint << ": " << result << ".";
-  return result == URLProcessor::Result::STOPPED ? STOPPED : FAILED;
+  if (result == URLProcessor::Result::STOPPED) {
+    return StoppedUpload();
+  }
+  if (URLProcessor::IsNetworkError(result) && upload_.active && !upload_.resumeHash.IsZero()) {
+    Sessions().Store(transferPath_, upload_);
+  }
+  return FAILED;
 }
 
 // --- sessions --------------------------------------------------------------------------------
@@ -1556,7 +1565,7 @@ FileSystem::Result RemoteFileSystemDropbox::FailureOfResponse(const Client& clie
 
 FileSystem::Result RemoteFileSystemDropbox::StoppedUpload() {
   fileMode_ = kIdle;
-  if (!upload_.resumeHash.IsZero()) {
+  if (upload_.active && !upload_.resumeHash.IsZero()) {
     Sessions().Store(transferPath_, upload_);
   }
   return STOPPED;

@@ -106,7 +106,7 @@ TEST(ChunkSizeControllerTest, ReportsGrowAndShrinkTheChunkWithinItsBounds) {
       {1 << 20, {true, true}, 2 << 20},         // two successes double it
       {1 << 20, {true, false, true}, 1 << 20},  // a failure between breaks the row
       {200000, {false, false}, 131072},         // never below granularity << 10
-      {300000, {false, false}, 150016},         // half, down to the granularity
+      {300000, {false, false}, 149888},         // half, down to the granularity
       {kMax, {false, false, false, false}, kMax / 4},
   };
   for (const Case& c : cases) {
@@ -199,10 +199,10 @@ TEST(DropboxUploadTest, RewriteConditions) {
     EXPECT_NE(ContentRequests(fixture.emulator())[0].Header("Dropbox-API-Arg").find(c.mode),
               std::string::npos)
         << c.name;
-    if (c.result == FileSystem::SUCCEEDED)
-      EXPECT_EQ(AccountBytes(fixture, "a.bin"), bytes) << c.name;
-    else
-      EXPECT_NE(AccountBytes(fixture, "a.bin"), bytes) << c.name;
+    const std::string kept = c.stale ? "moved on" : old;
+    EXPECT_TRUE(AccountBytes(fixture, "a.bin") ==
+                (c.result == FileSystem::SUCCEEDED ? bytes : kept))
+        << c.name;
   }
 }
 
@@ -262,7 +262,7 @@ TEST(DropboxReadTest, WholeAndRangedReadsAreByteExactAndCheckTheHash) {
         Download(fixture.adapter(), path, c.offset, c.limit, 5000, hash, &result);
     EXPECT_EQ(result, FileSystem::SUCCEEDED) << c.offset;
     const std::uint64_t end = c.limit == 0 ? 5000 : c.limit;
-    EXPECT_EQ(got, bytes.substr(c.offset, end - c.offset)) << c.offset;
+    EXPECT_TRUE(got == bytes.substr(c.offset, end - c.offset)) << c.offset << " " << got.size();
     const auto requests = fixture.emulator().server().Requests();
     ASSERT_EQ(requests.size(), 1u);
     EXPECT_EQ(requests[0].verb, "POST");
@@ -285,10 +285,14 @@ TEST(DropboxReadTest, WholeAndRangedReadsAreByteExactAndCheckTheHash) {
 // A session upload of `bytes` whose finish fails as `rule` says; the session stays in the store.
 void FailFinish(DropboxFixture& fixture, const std::string& bytes, emulators::FaultRule rule,
                 FileSystem::Result expected) {
+  // Every matching request: the transport tries a request again once when a reused connection
+  // was reset before any answer.
   rule.path_prefix = "/content/2/files/upload_session/" + rule.path_prefix;
+  rule.times = 0;
   fixture.emulator().faults().Add(rule);
   FileSystem::FileProperties props(SomeHash(), 0, bytes.size(), kTime, false);
   EXPECT_EQ(Upload(fixture.adapter(), "big.bin", bytes, HashOf(bytes), 0, &props), expected);
+  fixture.emulator().faults().Clear();
 }
 
 TEST(DropboxResumeTest, AnotherAdapterOfTheFactoryGoesOnFromWhatTheServerHolds) {
