@@ -252,6 +252,10 @@ bool RemoteFileSystemDropbox::Open(const std::shared_ptr<URLProcessorFactory>& f
     LOG_ERROR << "Invalid non-normalized remote path \"" << root << "\".";
     return false;
   }
+  // The root may come as an absolute path: the adapter's paths add their own leading slash.
+  if (!root.empty() && root.front() == '/') {
+    root.erase(0, 1);
+  }
   if (!root.empty() && root.back() != '/') {
     root += '/';
   }

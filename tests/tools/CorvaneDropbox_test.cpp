@@ -68,7 +68,7 @@ class CorvaneDropboxTest : public ::testing::Test {
       const QJsonObject item = value.toObject();
       if (!item["parents"].toArray().isEmpty())
         items[item["name"].toString().toStdString()] =
-            item["kind"] == "folder" ? -1 : item["size"].toInteger();
+            item["kind"] == "folder" ? -1 : item["size"].toVariant().toLongLong();
     }
     return items;
   }
@@ -89,7 +89,7 @@ TEST_F(CorvaneDropboxTest, TreeListsTheSeededAccountExactly) {
     const QJsonObject item = QJsonDocument::fromJson(QByteArray::fromStdString(line)).object();
     if (item.contains("path"))
       seen[item["path"].toString().toStdString()] =
-          item.contains("size") ? item["size"].toInteger() : -1;
+          item.contains("size") ? item["size"].toVariant().toLongLong() : -1;
   }
   const std::map<std::string, std::int64_t> expected = {
       {"Docs", -1}, {"Docs/b.bin", 3000}, {"Docs/ü c", 0}, {"a.txt", 5}};
