@@ -60,7 +60,7 @@ class CorvaneDropboxTest : public ::testing::Test {
 
   // Name -> size (-1 for a folder) of every item of the emulator's account but its root.
   std::map<std::string, std::int64_t> Account() {
-    test::Answer dump = test::Fetch("GET", control_ + "/dump", "");
+    test::Answer dump = test::Fetch("GET", control_ + "dump", "");
     std::map<std::string, std::int64_t> items;
     const QJsonArray array =
         QJsonDocument::fromJson(QByteArray::fromStdString(dump.body)).object()["items"].toArray();
@@ -101,14 +101,17 @@ TEST_F(CorvaneDropboxTest, CommandsChangeAndReadTheAccountAsAsked) {
   const std::string bytes = test::RandomBytes(70000, 3);
   test::WriteAll(temp_.path() / "run" / "up.bin", bytes);
   ASSERT_EQ(Run({"mkdir", "New"}).status, 0);
-  test::Outcome put = Run({"put", "up.bin", "New/up ü.bin"});
+  const std::string local = (temp_.path() / "run" / "up.bin").string();
+  test::Outcome put = Run({"put", local, "New/up ü.bin"});
   ASSERT_EQ(put.status, 0) << put.err;
-  test::Outcome hash = Run({"hash", "--type", "dropbox", "up.bin"});
+  test::Outcome hash = Run({"hash", "--type", "dropbox", local});
   EXPECT_EQ(put.out.substr(0, 64), hash.out.substr(0, 64));
   EXPECT_EQ(Account().at("up ü.bin"), 70000);
-  ASSERT_EQ(Run({"get", "New/up ü.bin", "whole.bin"}).status, 0);
+  ASSERT_EQ(Run({"get", "New/up ü.bin", (temp_.path() / "run" / "whole.bin").string()}).status, 0);
   EXPECT_EQ(test::ReadAll(temp_.path() / "run" / "whole.bin"), bytes);
-  ASSERT_EQ(Run({"get", "New/up ü.bin", "part.bin", "--offset", "1000", "--limit", "5001"}).status,
+  ASSERT_EQ(Run({"get", "New/up ü.bin", (temp_.path() / "run" / "part.bin").string(), "--offset",
+                 "1000", "--limit", "5001"})
+                .status,
             0);
   EXPECT_EQ(test::ReadAll(temp_.path() / "run" / "part.bin"), bytes.substr(1000, 4001));
   // 2. Listing, links, moves and deletes.
@@ -128,22 +131,26 @@ TEST_F(CorvaneDropboxTest, CommandsChangeAndReadTheAccountAsAsked) {
   EXPECT_EQ(Run({"quota"}).status, 0);
   // 3. A stale overwrite: someone changes the file right after the tool read the tree.
   test::WriteAll(temp_.path() / "run" / "other.bin", "other");
-  test::Fetch("POST", control_ + "/faults", "",
+  test::Fetch("POST", control_ + "faults", "",
               R"({"path":"/api/2/files/list_folder","change":{"op":"modify","path":"a.txt",)"
               R"("content":"theirs"}})");
-  test::Outcome stale = Run({"put", "--overwrite", "other.bin", "a.txt"});
+  test::Outcome stale =
+      Run({"put", "--overwrite", (temp_.path() / "run" / "other.bin").string(), "a.txt"});
   EXPECT_EQ(stale.status, 10 + FileSystem::CONFLICT) << stale.err;
 }
 
 TEST_F(CorvaneDropboxTest, ChangesPrintsAFileAnotherProcessAdds) {
-  pid_t changes = test::StartProcess({CORVANE_TOOL_PATH, options_[0], options_[1], options_[2],
-                                      options_[3], "changes", "--for", "5"},
-                                     temp_.path() / "run");
+  std::vector<std::string> argv = {CORVANE_TOOL_PATH};
+  argv.insert(argv.end(), options_.begin(), options_.end());
+  argv.insert(argv.end(), {"changes", "--for", "5"});
+  pid_t changes = test::StartProcess(argv, temp_.path() / "run");
   std::this_thread::sleep_for(std::chrono::milliseconds(1500));
-  test::Fetch("POST", control_ + "/change", "",
+  test::Fetch("POST", control_ + "change", "",
               R"({"op":"create","path":"Docs/from elsewhere.txt","content":"hi"})");
   test::Outcome outcome = test::WaitProcess(changes, temp_.path() / "run");
-  EXPECT_NE(outcome.out.find("from elsewhere.txt"), std::string::npos) << outcome.out;
+  EXPECT_EQ(outcome.status, 0) << outcome.err;
+  EXPECT_NE(outcome.out.find("from elsewhere.txt"), std::string::npos)
+      << outcome.out << outcome.err;
 }
 
 TEST_F(CorvaneDropboxTest, TheRejectedTokenExitsWithAuthInvalid) {
