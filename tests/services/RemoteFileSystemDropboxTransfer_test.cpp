@@ -233,6 +233,15 @@ TEST(DropboxUploadTest, BadInputFailsCleanly) {
   std::uint8_t buffer[8];
   EXPECT_EQ(fixture.adapter().ReadFile(buffer, sizeof(buffer), &done), FileSystem::FAILED);
   EXPECT_TRUE(log.Contains("Connection is closed, can't read anymore."));
+  // An answer without the new rev still lands the upload, and says so.
+  emulators::FaultRule no_rev;
+  no_rev.path_prefix = "/content/2/files/upload";
+  no_rev.fault.drop_field = "rev";
+  fixture.emulator().faults().Add(no_rev);
+  EXPECT_EQ(Upload(fixture.adapter(), "norev.bin", bytes, HashOf(bytes), kTime, &props),
+            FileSystem::SUCCEEDED);
+  EXPECT_TRUE(log.Contains("No revsision in response."));
+  EXPECT_EQ(AccountBytes(fixture, "norev.bin"), bytes);
   // A path that isn't canonical.
   EXPECT_EQ(fixture.adapter().OpenForCreate(FileSystem::OverwriteControl(), "/abs", SomeHash(), 1,
                                             kTime, &resume, false),
