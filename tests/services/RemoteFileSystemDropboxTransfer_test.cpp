@@ -408,3 +408,29 @@ TEST(DropboxUploadTest, TheEchoOfAnUploadIsDroppedOnceInAnyCase) {
 }
 
 }  // namespace
+
+namespace {
+
+// One byte past the largest one-shot upload: the block that crosses the first chunk's end is split
+// at that exact offset, the chunk goes by start and the rest by the finish.
+TEST(DropboxUploadTest, ABlockCrossingTheChunkIsSplitAtItsEnd) {
+  DropboxFixture fixture;
+  const std::uint64_t size = RemoteFileSystemDropbox::kMaxChunk + 1;
+  std::string bytes(size, '\0');
+  for (std::uint64_t i = 0; i < size; i += 4096)
+    bytes[i] = static_cast<char>(i / 4096);
+  FileSystem::FileProperties props;
+  ASSERT_EQ(
+      Upload(fixture.adapter(), "big.bin", bytes, HashOf(bytes), kTime, &props, nullptr, 1000003),
+      FileSystem::SUCCEEDED);
+  const auto requests = ContentRequests(fixture.emulator());
+  EXPECT_EQ(Paths(requests),
+            (std::vector<std::string>{"upload_session/start", "upload_session/finish"}));
+  EXPECT_EQ(requests[0].body_size, RemoteFileSystemDropbox::kMaxChunk);
+  EXPECT_EQ(requests[1].body_size, 1u);
+  EXPECT_NE(requests[1].Header("Dropbox-API-Arg").find("\"offset\":134217728}"), std::string::npos);
+  EXPECT_EQ(props.hash.GetHashDropbox(), HashOf(bytes).GetHashDropbox());
+  EXPECT_EQ(fixture.account().FindByPath("big.bin")->size, size);
+}
+
+}  // namespace

@@ -142,9 +142,14 @@ TEST_F(CorvaneDropboxTest, CommandsChangeAndReadTheAccountAsAsked) {
 TEST_F(CorvaneDropboxTest, ChangesPrintsAFileAnotherProcessAdds) {
   std::vector<std::string> argv = {CORVANE_TOOL_PATH};
   argv.insert(argv.end(), options_.begin(), options_.end());
-  argv.insert(argv.end(), {"changes", "--for", "5"});
+  argv.insert(argv.end(), {"changes", "--for", "3"});
   pid_t changes = test::StartProcess(argv, temp_.path() / "run");
-  std::this_thread::sleep_for(std::chrono::milliseconds(1500));
+  // The change comes once the tool follows the feed.
+  for (int i = 0;
+       i < 100 && test::ReadAll(temp_.path() / "run" / "stderr").find("following the feed") ==
+                      std::string::npos;
+       ++i)
+    std::this_thread::sleep_for(std::chrono::milliseconds(50));
   test::Fetch("POST", control_ + "change", "",
               R"({"op":"create","path":"Docs/from elsewhere.txt","content":"hi"})");
   test::Outcome outcome = test::WaitProcess(changes, temp_.path() / "run");
