@@ -7,6 +7,10 @@
 //   dialect->SetLongpollSecondMs(10);   // a longpoll "second" lasts 10 ms
 //   auto emulator = emulators::Emulator::Start(std::move(dialect), 0, &error);
 //
+// Uploads go in one request (files/upload) or in a session (start, append_v2, finish) whose offsets
+// are checked against what it holds, with "incorrect_offset" and its "correct_offset" in the shape
+// of each call; the commit's "mode" decides over an existing file.
+//
 // Cursors are opaque: a snapshot's remaining pages are kept here, the journal's sequence stands
 // for the rest; a cursor older than the account's forgotten journal gets the "reset" error.
 // Errors follow Dropbox's documentation: 400 as plain text, 401/409 as JSON with

@@ -8,7 +8,12 @@
 // and waits out a rate limit on the stop condition.
 //
 // Two clients: the changes client (snapshot, feed, quota), so that a transfer on the file client
-// does not hold them up, and the file client (file operations, links, thumbnails).
+// does not hold them up, and the file client (transfers, file operations, links, thumbnails).
+//
+// A transfer streams: a download is read block by block with its content hash checked on the
+// first bytes; an upload is one request, or a session whose chunks are sized by a
+// ChunkSizeController, and an interrupted session is kept in the account's store so that another
+// adapter of the factory goes on where the server stands.
 #pragma once
 
 #include <atomic>
