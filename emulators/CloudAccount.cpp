@@ -626,7 +626,8 @@ std::string CloudAccount::OpenUpload(const UploadSpec& spec) {
   upload->state.id = "session-" + DefaultId(++uploads_made_, ItemKind::kFile);
   upload->state.spec = spec;
   upload->state.expires_ms = Now() + spec.lifetime_ms;
-  upload->keep = spec.total_size <= keep_limit_;
+  // A session of unknown size keeps its bytes until they pass the limit.
+  upload->keep = spec.total_size == UINT64_MAX || spec.total_size <= keep_limit_;
   std::string id = upload->state.id;
   uploads_.emplace(id, std::move(upload));
   return id;
@@ -678,6 +679,19 @@ AccountError CloudAccount::AppendUpload(const std::string& session_id, std::uint
   }
   state.persisted += take;
   *persisted = state.persisted;
+  return AccountError::kNone;
+}
+
+AccountError CloudAccount::RetargetUpload(const std::string& session_id, const UploadSpec& spec) {
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto found = uploads_.find(session_id);
+  if (found == uploads_.end() || found->second->state.expires_ms < Now()) {
+    return AccountError::kSessionMissing;
+  }
+  UploadSpec& kept = found->second->state.spec;
+  const std::int64_t lifetime_ms = kept.lifetime_ms;
+  kept = spec;
+  kept.lifetime_ms = lifetime_ms;
   return AccountError::kNone;
 }
 

@@ -170,6 +170,9 @@ class CloudAccount {
   std::optional<UploadState> FindUpload(const std::string& session_id) const;
   AccountError AppendUpload(const std::string& session_id, std::uint64_t offset,
                             const std::string& data, std::uint64_t* persisted);
+  // Where a session's bytes go, for services that name the file only when they commit; the
+  // session's lifetime and what it holds stay.
+  AccountError RetargetUpload(const std::string& session_id, const UploadSpec& spec);
   // Makes the file (or its new version) of a session that holds all its bytes.
   AccountError CommitUpload(const std::string& session_id, Item* out);
   void DropUpload(const std::string& session_id);

@@ -344,6 +344,16 @@ void DropboxDialect::Install(Router& router) {
     router.Handle(verb, "/content/2/files/download",
                   [this](const HttpRequest& request) { return Download(request); });
   }
+  auto content = [this, &router](const char* path,
+                                 HttpResponse (DropboxDialect::*handler)(const HttpRequest&)) {
+    router.Handle(
+        "POST", std::string("/content/2/") + path,
+        [this, handler](const HttpRequest& request) { return (this->*handler)(request); });
+  };
+  content("files/upload", &DropboxDialect::Upload);
+  content("files/upload_session/start", &DropboxDialect::SessionStart);
+  content("files/upload_session/append_v2", &DropboxDialect::SessionAppend);
+  content("files/upload_session/finish", &DropboxDialect::SessionFinish);
 }
 
 // --- listing ---------------------------------------------------------------------------------
@@ -861,6 +871,219 @@ HttpResponse DropboxDialect::Download(const HttpRequest& request) {
   response.headers.emplace_back("Dropbox-API-Result",
                                 HeaderSafeJson(Metadata(item, PathFor(item))));
   return response;
+}
+
+// --- uploads ---------------------------------------------------------------------------------
+
+namespace {
+
+// Dropbox takes at most 150 MiB in one request's body.
+constexpr std::uint64_t kMaxRequestBody = 150ull << 20;
+
+std::int64_t ClientModifiedMs(const QJsonObject& commit, std::int64_t otherwise) {
+  QDateTime time = QDateTime::fromString(commit.value("client_modified").toString(), Qt::ISODate);
+  return time.isValid() ? time.toMSecsSinceEpoch() : otherwise;
+}
+
+// "incorrect_offset" as the append names it, or inside "lookup_failed" as the finish does.
+HttpResponse OffsetError(std::uint64_t correct, bool in_lookup) {
+  QJsonObject offset{{".tag", "incorrect_offset"},
+                     {"correct_offset", static_cast<double>(correct)}};
+  if (!in_lookup) {
+    return JsonAnswer(409,
+                      QJsonObject{{"error_summary", "incorrect_offset/.."}, {"error", offset}});
+  }
+  return JsonAnswer(
+      409,
+      QJsonObject{{"error_summary", "lookup_failed/incorrect_offset/.."},
+                  {"error", QJsonObject{{".tag", "lookup_failed"}, {"lookup_failed", offset}}}});
+}
+
+HttpResponse SessionError(const std::string& tag, bool in_lookup) {
+  return EndpointError(in_lookup ? "lookup_failed/" + tag : tag);
+}
+
+bool ReadCursor(const QJsonObject& args, std::string* session_id, std::uint64_t* offset) {
+  QJsonObject cursor = args.value("cursor").toObject();
+  *session_id = Text(cursor, "session_id");
+  *offset = static_cast<std::uint64_t>(cursor.value("offset").toDouble(-1));
+  return !session_id->empty() && cursor.value("offset").isDouble();
+}
+
+}  // namespace
+
+bool DropboxDialect::PlanWrite(const QJsonObject& commit,
+                               const std::function<bool(const Item&)>& same_content,
+                               UploadSpec* spec, HttpResponse* refusal,
+                               std::optional<Item>* unchanged) {
+  CloudAccount& account = router_->account();
+  // 1. The path, with its missing folders made on the way as Dropbox does.
+  const std::string path = Text(commit, "path");
+  if (path.empty() || !IsWellFormed(path)) {
+    *refusal = EndpointError("path/malformed_path");
+    return false;
+  }
+  Item parent;
+  Lookup lookup = Resolve(account, ParentOf(path), &parent, true);
+  if (lookup != Lookup::kFound || !parent.IsFolder()) {
+    *refusal = EndpointError("path/conflict/file");
+    return false;
+  }
+  std::optional<Item> existing = account.ChildByName(parent.id, NameOf(path), true);
+  if (existing && existing->IsFolder()) {
+    *refusal = EndpointError("path/conflict/folder");
+    return false;
+  }
+  spec->modified_ms = ClientModifiedMs(commit, QDateTime::currentMSecsSinceEpoch());
+  // 2. The mode: "add" keeps what is there, "update" must hit the revision, "overwrite" replaces.
+  const bool strict = commit.value("strict_conflict").toBool(false);
+  QJsonValue mode = commit.value("mode");
+  const std::string tag =
+      mode.isObject() ? Text(mode.toObject(), ".tag") : mode.toString("add").toStdString();
+  bool conflict = false;
+  if (tag == "add") {
+    conflict = existing.has_value();
+  } else if (tag == "update") {
+    const std::string rev = Text(mode.toObject(), "update");
+    conflict = existing ? Rev(*existing) != rev : strict;
+  } else if (tag != "overwrite") {
+    *refusal = BadInput("files/upload", "unknown write mode \"" + tag + "\"");
+    return false;
+  }
+  // Without strict_conflict, the same bytes at the path are no conflict: nothing is written.
+  if (conflict && existing && !strict && same_content(*existing)) {
+    *unchanged = existing;
+    return true;
+  }
+  if (conflict) {
+    *refusal = EndpointError("path/conflict/file");
+    return false;
+  }
+  spec->parent_id = parent.id;
+  spec->name = NameOf(path);
+  spec->target_id = existing ? existing->id : std::string();
+  return true;
+}
+
+HttpResponse DropboxDialect::Upload(const HttpRequest& request) {
+  QJsonObject args;
+  HttpResponse refusal;
+  if (!ReadContentArgs(request, "files/upload", &args, &refusal))
+    return refusal;
+  if (request.body_size > kMaxRequestBody)
+    return EndpointError("payload_too_large");
+  std::lock_guard<std::mutex> lock(mutex_);
+  CloudAccount& account = router_->account();
+  UploadSpec spec;
+  std::optional<Item> unchanged;
+  auto same = [&request](const Item& item) {
+    return item.content && *item.content == request.body;
+  };
+  if (!PlanWrite(args, same, &spec, &refusal, &unchanged))
+    return refusal;
+  Item made = unchanged ? *unchanged : Item();
+  AccountError error = AccountError::kNone;
+  if (!unchanged) {
+    error =
+        spec.target_id.empty()
+            ? account.CreateFile(spec.parent_id, spec.name, request.body, spec.modified_ms, &made)
+            : account.ReplaceContent(spec.target_id, request.body, spec.modified_ms, &made);
+  }
+  if (error == AccountError::kNoSpace)
+    return EndpointError("path/insufficient_space");
+  if (error != AccountError::kNone)
+    return EndpointError("path/disallowed_name");
+  return JsonAnswer(200, Metadata(made, PathFor(made)));
+}
+
+HttpResponse DropboxDialect::SessionStart(const HttpRequest& request) {
+  QJsonObject args;
+  HttpResponse refusal;
+  if (!ReadContentArgs(request, "files/upload_session/start", &args, &refusal))
+    return refusal;
+  if (request.body_size > kMaxRequestBody)
+    return EndpointError("payload_too_large");
+  std::lock_guard<std::mutex> lock(mutex_);
+  CloudAccount& account = router_->account();
+  const std::string id = account.OpenUpload(UploadSpec());
+  std::uint64_t persisted = 0;
+  account.AppendUpload(id, 0, request.body, &persisted);
+  if (args.value("close").toBool(false))
+    closed_sessions_.insert(id);
+  return JsonAnswer(200, QJsonObject{{"session_id", QString::fromStdString(id)}});
+}
+
+HttpResponse DropboxDialect::SessionAppend(const HttpRequest& request) {
+  QJsonObject args;
+  HttpResponse refusal;
+  if (!ReadContentArgs(request, "files/upload_session/append_v2", &args, &refusal))
+    return refusal;
+  std::string id;
+  std::uint64_t offset = 0;
+  if (!ReadCursor(args, &id, &offset))
+    return BadInput("files/upload_session/append_v2", "missing \"cursor\"");
+  if (request.body_size > kMaxRequestBody)
+    return EndpointError("payload_too_large");
+  std::lock_guard<std::mutex> lock(mutex_);
+  CloudAccount& account = router_->account();
+  std::optional<UploadState> state = account.FindUpload(id);
+  if (!state)
+    return SessionError("not_found", false);
+  if (closed_sessions_.count(id))
+    return SessionError("closed", false);
+  if (offset != state->persisted)
+    return OffsetError(state->persisted, false);
+  std::uint64_t persisted = 0;
+  account.AppendUpload(id, offset, request.body, &persisted);
+  if (args.value("close").toBool(false))
+    closed_sessions_.insert(id);
+  return JsonAnswer(200, QJsonValue());
+}
+
+HttpResponse DropboxDialect::SessionFinish(const HttpRequest& request) {
+  QJsonObject args;
+  HttpResponse refusal;
+  if (!ReadContentArgs(request, "files/upload_session/finish", &args, &refusal))
+    return refusal;
+  std::string id;
+  std::uint64_t offset = 0;
+  if (!ReadCursor(args, &id, &offset))
+    return BadInput("files/upload_session/finish", "missing \"cursor\"");
+  if (request.body_size > kMaxRequestBody)
+    return EndpointError("payload_too_large");
+  std::lock_guard<std::mutex> lock(mutex_);
+  CloudAccount& account = router_->account();
+  // 1. The session, and its last bytes where it stands.
+  std::optional<UploadState> state = account.FindUpload(id);
+  if (!state)
+    return SessionError("not_found", true);
+  if (offset != state->persisted)
+    return OffsetError(state->persisted, true);
+  // 2. Where the file goes; a session's bytes are never compared, so an "add" over a file is a
+  // conflict.
+  UploadSpec spec;
+  std::optional<Item> unchanged;
+  if (!PlanWrite(
+          args.value("commit").toObject(), [](const Item&) { return false; }, &spec, &refusal,
+          &unchanged))
+    return refusal;
+  spec.total_size = offset + request.body_size;
+  account.RetargetUpload(id, spec);
+  std::uint64_t persisted = 0;
+  account.AppendUpload(id, offset, request.body, &persisted);
+  // 3. The file; a piece cut short leaves the session open at what it holds.
+  Item made;
+  AccountError error = account.CommitUpload(id, &made);
+  if (error == AccountError::kSizeMismatch) {
+    state = account.FindUpload(id);
+    return OffsetError(state ? state->persisted : persisted, true);
+  }
+  if (error == AccountError::kNoSpace)
+    return EndpointError("path/insufficient_space");
+  if (error != AccountError::kNone)
+    return EndpointError("path/disallowed_name");
+  closed_sessions_.erase(id);
+  return JsonAnswer(200, Metadata(made, PathFor(made)));
 }
 
 std::unique_ptr<Dialect> MakeDropboxDialect() {

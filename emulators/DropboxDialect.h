@@ -7,6 +7,10 @@
 //   dialect->SetLongpollSecondMs(10);   // a longpoll "second" lasts 10 ms
 //   auto emulator = emulators::Emulator::Start(std::move(dialect), 0, &error);
 //
+// Uploads go in one request (files/upload) or in a session (start, append_v2, finish) whose offsets
+// are checked against what it holds, with "incorrect_offset" and its "correct_offset" in the shape
+// of each call; the commit's "mode" decides over an existing file.
+//
 // Cursors are opaque: a snapshot's remaining pages are kept here, the journal's sequence stands
 // for the rest; a cursor older than the account's forgotten journal gets the "reset" error.
 // Errors follow Dropbox's documentation: 400 as plain text, 401/409 as JSON with
@@ -19,9 +23,12 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -73,6 +80,15 @@ class DropboxDialect : public Dialect {
   HttpResponse RevokeLink(const HttpRequest& request);
   HttpResponse Thumbnail(const HttpRequest& request);
   HttpResponse Download(const HttpRequest& request);
+  HttpResponse Upload(const HttpRequest& request);
+  HttpResponse SessionStart(const HttpRequest& request);
+  HttpResponse SessionAppend(const HttpRequest& request);
+  HttpResponse SessionFinish(const HttpRequest& request);
+
+  // Where a commit's bytes go under its "mode"; false with the endpoint error that refuses it.
+  // `same_content` tells whether the bytes equal those of a file already at the path.
+  bool PlanWrite(const QJsonObject& commit, const std::function<bool(const Item&)>& same_content,
+                 UploadSpec* spec, HttpResponse* refusal, std::optional<Item>* unchanged);
 
   // A page of `cursor`: the snapshot's next entries, or what the journal holds since.
   HttpResponse Page(Cursor cursor, std::size_t limit);
@@ -102,6 +118,7 @@ class DropboxDialect : public Dialect {
   std::map<std::uint64_t, Snapshot> snapshots_;
   std::uint64_t next_snapshot_ = 1;
   std::map<std::string, std::string> paths_;  // item id -> last known display path
+  std::set<std::string> closed_sessions_;
 };
 
 std::unique_ptr<Dialect> MakeDropboxDialect();

@@ -17,6 +17,23 @@ DropboxEntry::Kind KindOf(const std::string& tag) {
 }
 
 constexpr std::size_t kContentHashHexLength = 64;
+// Far above the 255 characters Dropbox and the client's disks allow in a name.
+constexpr std::size_t kMaxNameBytes = 1024;
+
+bool HasOverlongName(const std::string& path) {
+  std::size_t start = 0;
+  while (start <= path.size()) {
+    std::size_t end = path.find('/', start);
+    if (end == std::string::npos) {
+      end = path.size();
+    }
+    if (end - start > kMaxNameBytes) {
+      return true;
+    }
+    start = end + 1;
+  }
+  return false;
+}
 
 }  // namespace
 
@@ -47,7 +64,7 @@ DropboxEntry ReadDropboxEntry(const utils::json::json_tree& json) {
     return entry;
   }
   RemoteFileSystem::RemoveFirstSlashIfExists(&entry.path);
-  if (entry.path.find('\0') != std::string::npos ||
+  if (entry.path.find('\0') != std::string::npos || HasOverlongName(entry.path) ||
       (!entry.path.empty() && !FileSystem::IsCanonicalPath(entry.path))) {
     entry.problem = DropboxEntry::kBadPath;
     return entry;

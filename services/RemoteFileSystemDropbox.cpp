@@ -1,5 +1,9 @@
 #include "services/RemoteFileSystemDropbox.h"
 
+#include <QDateTime>
+#include <QJsonDocument>
+#include <QJsonObject>
+
 #include <algorithm>
 #include <set>
 
@@ -11,6 +15,7 @@
 #include "core/RadarsLogger.h"
 #include "core/StringUtils.h"
 #include "services/RemoteDropboxUtils.h"
+#include "services/RemoteFileSystemFactoryDropbox.h"
 
 namespace {
 
@@ -192,8 +197,14 @@ FileSystem::Result RemoteFileSystemDropbox::HandleEndpointError(
   if (summary.empty() && message.empty()) {
     LOG_WARNING << "Full json response was: " << utils::json::ToString(json, false);
   }
-  // 2. A missing item means the tree is behind.
+  // 2. A missing item means the tree is behind; a missing session of a resumed upload has
+  // expired on the server.
   if (summary.find("not_found") != std::string::npos) {
+    if (upload_.resumed) {
+      RadarsLogger::instance().SendMetric("dropbox_upload_session_expired", "1", 1);
+      LOG_WARNING << "Upload session for file " << Quoted(transferPath_) << " expired.";
+      return FAILED;
+    }
     return CONFLICT;
   }
   // 3. The table, then the write throttle, which asks for a second's pause.
@@ -202,7 +213,34 @@ FileSystem::Result RemoteFileSystemDropbox::HandleEndpointError(
     LOG_WARNING << "Encountered too many write operation, waiting for a second...";
     return WaitAsAsked(1000, result);
   }
+  if (summary.find("incorrect_offset") != std::string::npos) {
+    CorrectSessionOffset(json);
+  }
   return result;
+}
+
+void RemoteFileSystemDropbox::CorrectSessionOffset(const utils::json::json_tree& json) {
+  // The append names the offset under "error", the finish under "error.lookup_failed".
+  utils::json::Log(json, false);
+  const QJsonDocument document =
+      QJsonDocument::fromJson(QByteArray::fromStdString(utils::json::ToString(json, false)));
+  if (!document.isNull()) {
+    const QJsonObject error = document.object().value("error").toObject();
+    QJsonValue correct = error.value("correct_offset");
+    if (correct.isUndefined()) {
+      correct = error.value("lookup_failed").toObject().value("correct_offset");
+    }
+    bool ok = false;
+    const std::uint64_t offset = correct.isDouble() ? static_cast<std::uint64_t>(correct.toDouble())
+                                                    : correct.toString().toULongLong(&ok, 10);
+    if (correct.isDouble() || ok) {
+      LOG_WARNING << "Wrong file " << Quoted(transferPath_) << " offset for resumable upload, was "
+                  << upload_.sessionOffset << ", now " << offset << " corrected from response.";
+      upload_.sessionOffset = offset;
+      upload_.writePosition = offset;
+    }
+  }
+  RadarsLogger::instance().SendMetric("dropbox_offset_error", "1", 1);
 }
 
 // --- connection ------------------------------------------------------------------------------
@@ -213,6 +251,10 @@ bool RemoteFileSystemDropbox::Open(const std::shared_ptr<URLProcessorFactory>& f
   if (root == "/") {
     LOG_ERROR << "Invalid non-normalized remote path \"" << root << "\".";
     return false;
+  }
+  // The root may come as an absolute path: the adapter's paths add their own leading slash.
+  if (!root.empty() && root.front() == '/') {
+    root.erase(0, 1);
   }
   if (!root.empty() && root.back() != '/') {
     root += '/';
@@ -1094,50 +1136,746 @@ utils::ValueOrError<QImage, FileSystem::Result> RemoteFileSystemDropbox::GetThum
 }
 
 // --- content transfers -----------------------------------------------------------------------
-// Reading and writing file content are not served by this adapter: each answers FATAL without
-// touching the network, so that the core falls back instead of waiting on a transfer.
 
 namespace {
 
-FileSystem::Result NoTransfer() {
-  LOG_ERROR << "Not implemented.";
-  return FileSystem::FATAL;
+constexpr char kDownloadPath[] = "/2/files/download";
+constexpr char kUploadPath[] = "/2/files/upload";
+constexpr char kSessionStartPath[] = "/2/files/upload_session/start";
+constexpr char kSessionAppendPath[] = "/2/files/upload_session/append_v2";
+constexpr char kSessionFinishPath[] = "/2/files/upload_session/finish";
+constexpr char kOctetStream[] = "application/octet-stream";
+
+HashDropbox DropboxHashOf(const SomeHash& hash) {
+  if (hash.GetType() == SomeHash::DROPBOX) {
+    return hash.GetHashDropbox();
+  }
+  HashDropbox zero;
+  zero.Clear();
+  return zero;
+}
+
+std::string ContentUrl(const char* path) {
+  return Endpoints::Get(Endpoints::kDropboxContent) + path;
+}
+
+bool IsGoodWrite(StreamResult result) {
+  return result == StreamResult::OK || result == StreamResult::END;
 }
 
 }  // namespace
 
-FileSystem::Result RemoteFileSystemDropbox::WriteFile(const std::uint8_t*, std::uint32_t) {
-  return NoTransfer();
+RemoteFileSystemDropbox::ResumableSessions& RemoteFileSystemDropbox::Sessions() {
+  return *static_cast<RemoteFileSystemDropboxSharedData&>(*GetSharedData()).uploadSessions;
 }
 
-FileSystem::Result RemoteFileSystemDropbox::CloseFile(FileProperties*) {
-  return NoTransfer();
+bool RemoteFileSystemDropbox::ReadApiResult(utils::json::json_tree* json, const Client& client) {
+  const std::string& headers = client->GetResponseHeaders();
+  const std::string value = GetValueFromHTTPHeaders(headers, "Dropbox-API-Result", true);
+  if (value.empty()) {
+    LOG_WARNING << "No dropbox response in headers: " << headers;
+    return false;
+  }
+  if (!utils::json::Parse(value, json)) {
+    LOG_WARNING << "Failed parsing dropbox response as JSON: " << headers;
+    return false;
+  }
+  return true;
+}
+
+URLProcessor::Result RemoteFileSystemDropbox::EndRequest(const Client& client) {
+  if (!requestOpen_) {
+    return client->GetLastResult();
+  }
+  if (InputStream* stream = client->GetInputStream()) {
+    stream->ReadAllTo(&responseBuffer_, kReadBlockSize);
+  }
+  requestOpen_ = false;
+  return client->Finish();
+}
+
+// --- reading ---------------------------------------------------------------------------------
+
+FileSystem::Result RemoteFileSystemDropbox::OpenForRead(const std::string& path,
+                                                        std::uint64_t offset, std::uint64_t limit,
+                                                        std::uint64_t size, const SomeHash& hash) {
+  // 1. The read state.
+  const Client client = FileClient();
+  if (!client) {
+    LOG_ERROR << "Http client not exists";
+    return FATAL;
+  }
+  LOG_INFO << "Reading remote file " << Quoted(path) << ".";
+  readExpectedHash_ = DropboxHashOf(hash);
+  readFileSize_ = size;
+  checkReadHash_ = true;
+  readOffset_ = 0;
+  transferPath_ = path;
+  // 2. A range only for a part of the file: the whole file goes without one.
+  URLProcessor::Request request;
+  request.verb = "POST";
+  request.url = DispatcherUrl::FromString(ContentUrl(kDownloadPath));
+  request.headers = MakeApiArgHeaders("{ \"path\":\"" + Encoded(RemotePath(path)) + "\" }");
+  // The transport's range option turns into Content-Range on a POST: the header goes as it is.
+  if (limit > offset && !(offset == 0 && limit == size)) {
+    request.headers.push_back("Range: bytes=" + std::to_string(offset) + "-" +
+                              std::to_string(limit - 1));
+  }
+  // 3. The head of the answer; its body is read by ReadFile.
+  requestOpen_ = client->Send(request);
+  if (!requestOpen_) {
+    const URLProcessor::Result result = client->Finish();
+    SetFailReason(result, client->GetResponseCode());
+    LOG_WARNING << "Failed to open " << Quoted(path) << " for reading: " << result << ".";
+    return result == URLProcessor::Result::STOPPED ? STOPPED : FAILED;
+  }
+  fileMode_ = kReading;
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemDropbox::ReadFile(std::uint8_t* buffer, std::uint32_t size,
+                                                     std::uint32_t* done) {
+  *done = 0;
+  const Client client = FileClient();
+  if (fileMode_ != kReading || !requestOpen_) {
+    LOG_WARNING << "Connection is closed, can't read anymore.";
+    SetFailReasonValue(FAIL_REASON_NETWORK);
+    return FAILED;
+  }
+  // 1. The next bytes; the end of the stream ends the request.
+  const StreamResult read = client->GetInputStream()->Read(buffer, size, done);
+  const int code = client->GetResponseCode();
+  bool good = read == StreamResult::OK && (*done == 0 || !URLProcessor::IsNotSuccessHttpCode(code));
+  if (read == StreamResult::END) {
+    requestOpen_ = false;
+    const URLProcessor::Result ended = client->Finish();
+    good = ended == URLProcessor::Result::OK || ended == URLProcessor::Result::PARTIAL_CONTENT;
+  }
+  if (!good) {
+    responseBuffer_.assign(reinterpret_cast<const char*>(buffer), *done);
+    *done = 0;
+    return FailedRead(client);
+  }
+  // 2. The content's hash, from the head of the first bytes: a ranged answer carries the whole
+  // file's.
+  if (checkReadHash_ && *done > 0) {
+    const Result checked = CheckReadHash(client);
+    if (checked != SUCCEEDED) {
+      return checked;
+    }
+  }
+  // 3. How far the read got.
+  readOffset_ += *done;
+  if (read == StreamResult::END && readOffset_ != readFileSize_) {
+    LOG_INFO << "Stream closed at " << readOffset_ << " out of " << readFileSize_ << ".";
+  }
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemDropbox::CheckReadHash(const Client& client) {
+  utils::json::json_tree json;
+  if (!ReadApiResult(&json, client)) {
+    LOG_WARNING << "Failed to read response header from: " << client->GetResponseHeaders();
+  }
+  const std::string received = dropbox::ReadString(json, "content_hash");
+  if (received.empty()) {
+    utils::json::Log(json, false);
+    LOG_WARNING << "Failed to find content_hash.";
+  }
+  if (!readExpectedHash_.IsZero() && received != readExpectedHash_.ToHexString()) {
+    RadarsLogger::instance().SendMetric("dropbox_remote_unexpected_hash", "1", 1);
+    LOG_WARNING << "Unexpected content received: expected_hash=" << readExpectedHash_.ToHexString()
+                << ";  received_hash=" << received << ".";
+    client->Finish();
+    requestOpen_ = false;
+    fileMode_ = kIdle;
+    return CONFLICT;
+  }
+  checkReadHash_ = false;
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemDropbox::FailedRead(const Client& client) {
+  // 1. How the request ended.
+  const URLProcessor::Result result = EndRequest(client);
+  const int code = client->GetResponseCode();
+  SetFailReason(result, code);
+  RadarsLogger::instance().SendIfNetworkError(result, "remote", code, client->GetUrl());
+  fileMode_ = kIdle;
+  if (result == URLProcessor::Result::STOPPED) {
+    LOG_INFO << "Stopped.";
+    return STOPPED;
+  }
+  // 2. The service's own words about it.
+  utils::json::json_tree json;
+  if (!utils::json::Parse(responseBuffer_, &json)) {
+    LOG_WARNING << "Failed to parse JSON from error response: " << responseBuffer_;
+    if (responseBuffer_.empty() && !ReadApiResult(&json, client)) {
+      LOG_WARNING << "Failed to read response header from: " << client->GetResponseHeaders();
+      LOG_WARNING << "Response: " << responseBuffer_;
+    }
+  }
+  return HandleRpcFailure(json, client);
+}
+
+FileSystem::Result RemoteFileSystemDropbox::CloseRead() {
+  const Client client = FileClient();
+  if (!requestOpen_) {
+    return SUCCEEDED;
+  }
+  requestOpen_ = false;
+  const URLProcessor::Result result = client->Finish();
+  const int code = client->GetResponseCode();
+  RadarsLogger::instance().SendIfNetworkError(result, "remote", code, client->GetUrl());
+  SetFailReason(result, code);
+  if (result == URLProcessor::Result::STOPPED) {
+    LOG_INFO << "Stopped.";
+    return STOPPED;
+  }
+  if (URLProcessor::IsSuccessHttpCode(code) && !URLProcessor::IsNetworkError(result)) {
+    return SUCCEEDED;
+  }
+  if (URLProcessor::IsNetworkError(result)) {
+    LOG_WARNING << "Headers: " << client->GetResponseHeaders();
+    LOG_WARNING << "Failed.";
+    return FAILED;
+  }
+  if (code == 401) {
+    LOG_WARNING << "Invalid authorization";
+    return AUTH_INVALID;
+  }
+  if (code == 409) {
+    utils::json::json_tree json;
+    if (!ReadApiResult(&json, client)) {
+      LOG_WARNING << "Failed in CloseReadFile";
+      return FAILED;
+    }
+    return HandleRpcFailure(json, client);
+  }
+  LOG_WARNING << "Headers: " << client->GetResponseHeaders();
+  LOG_WARNING << "Unhandled invalid response code: " << result;
+  return FAILED;
+}
+
+// --- opening an upload -----------------------------------------------------------------------
+
+FileSystem::Result RemoteFileSystemDropbox::OpenForCreate(const OverwriteControl&,
+                                                          const std::string& path,
+                                                          const SomeHash& hash, std::uint64_t size,
+                                                          std::uint64_t time,
+                                                          std::uint64_t* resumeOffset, bool) {
+  Result result = SUCCEEDED;
+  if (TryResumeUpload(path, size, hash, &result, resumeOffset) || result != SUCCEEDED) {
+    return result;
+  }
+  *resumeOffset = 0;
+  return StartUpload(path, std::string(), hash, size, time, true);
+}
+
+FileSystem::Result RemoteFileSystemDropbox::OpenForRewrite(const OverwriteControl& control,
+                                                           const std::string& path,
+                                                           const SomeHash& hash, std::uint64_t size,
+                                                           std::uint64_t time,
+                                                           std::uint64_t* resumeOffset) {
+  Result result = SUCCEEDED;
+  if (TryResumeUpload(path, size, hash, &result, resumeOffset) || result != SUCCEEDED) {
+    return result;
+  }
+  *resumeOffset = 0;
+  return StartUpload(path, DropboxHashOf(control.hash).rev, hash, size, time, false);
+}
+
+FileSystem::Result RemoteFileSystemDropbox::StartUpload(const std::string& path,
+                                                        const std::string& rev,
+                                                        const SomeHash& hash, std::uint64_t size,
+                                                        std::uint64_t time, bool create) {
+  LOG_INFO << "Uploading remote file " << Quoted(path) << ", create=" << create << ", size=" << size
+           << ".";
+  // 1. Only a canonical path, and one upload at a time.
+  if (!IsRelativeCanonicalPath(path)) {
+    LOG_ERROR << "Invalid path.";
+    return FATAL;
+  }
+  if (upload_.active) {
+    LOG_ERROR << "Upload session already started with id " << upload_.sessionId;
+    return FATAL;
+  }
+  // 2. The upload's state.
+  upload_ = UploadSession();
+  upload_.args.path = RemotePath(path);
+  upload_.args.create = create;
+  upload_.args.time = time;
+  upload_.args.rev = rev;
+  upload_.expectedHash = DropboxHashOf(hash);
+  upload_.resumeHash = upload_.expectedHash;
+  upload_.fileSize = size;
+  upload_.hasSize = size != 0;
+  upload_.resumeSize = size;
+  upload_.hashCalculator.Begin();
+  transferPath_ = path;
+  // 3. One request for a file that fits and whose time is known, else a session.
+  const Result result = size <= kMaxChunk && time != 0
+                            ? SendChunk(kUploadPath, MakeCommitArg(upload_.args), size)
+                            : StartUploadSession();
+  if (result != SUCCEEDED) {
+    return result;
+  }
+  fileMode_ = kWriting;
+  return SUCCEEDED;
+}
+
+std::string RemoteFileSystemDropbox::MakeCommitArg(const UploadArgs& args) const {
+  std::string mode = "\"add\"";
+  if (!args.create) {
+    mode = args.rev.empty() ? "\"overwrite\""
+                            : "{ \".tag\":\"update\", \"update\":\"" + Encoded(args.rev) + "\" }";
+  }
+  const std::string time = QDateTime::fromSecsSinceEpoch(static_cast<qint64>(args.time))
+                               .toUTC()
+                               .toString(Qt::ISODate)
+                               .toStdString();
+  return "{ \"path\":\"" + Encoded(args.path) + "\", \"mode\":" + mode +
+         ", \"autorename\":false, \"client_modified\":\"" + time +
+         "\", \"strict_conflict\":" + (args.strictConflict ? "true" : "false") + "}";
+}
+
+FileSystem::Result RemoteFileSystemDropbox::SendChunk(const char* endpoint, const std::string& arg,
+                                                      std::uint64_t size) {
+  const Client client = FileClient();
+  URLProcessor::Request request;
+  request.verb = "POST";
+  request.url = DispatcherUrl::FromString(ContentUrl(endpoint));
+  request.headers = MakeApiArgHeaders(arg);
+  request.content_type = kOctetStream;
+  responseBuffer_.clear();
+  requestOpen_ = client->BeginUpload(request, size);
+  if (requestOpen_) {
+    return SUCCEEDED;
+  }
+  // A request that never got through leaves the session where the chunk before it ended.
+  const URLProcessor::Result result = client->Finish();
+  SetFailReason(result, client->GetResponseCode());
+  LOG_WARNING << "Failed to begin upload to " << endpoint << ": " << result << ".";
+  if (result == URLProcessor::Result::STOPPED) {
+    return StoppedUpload();
+  }
+  if (URLProcessor::IsNetworkError(result) && upload_.active && !upload_.resumeHash.IsZero()) {
+    Sessions().Store(transferPath_, upload_);
+  }
+  return FAILED;
+}
+
+// --- sessions --------------------------------------------------------------------------------
+
+FileSystem::Result RemoteFileSystemDropbox::StartUploadSession() {
+  const std::uint64_t first = std::min(upload_.chunking.chunk, upload_.fileSize);
+  const Result result = SendChunk(kSessionStartPath, "{ \"close\":false }", first);
+  if (result != SUCCEEDED) {
+    return result;
+  }
+  upload_.sessionOffset = 0;
+  upload_.active = true;
+  LOG_INFO << "Started upload session.";
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemDropbox::JudgePreviousChunk(bool closePrevious, bool appending) {
+  if (!upload_.active) {
+    LOG_ERROR << "No upload session.";
+    return FATAL;
+  }
+  // 1. The chunk before: a failure keeps the session for a later attempt where the server still
+  // holds what came before it.
+  const Client client = FileClient();
+  if (closePrevious) {
+    const URLProcessor::Result result = EndRequest(client);
+    const int code = client->GetResponseCode();
+    RadarsLogger::instance().SendIfNetworkError(result, "remote_dropbox", code, client->GetUrl());
+    SetFailReason(result, code);
+    if (result == URLProcessor::Result::STOPPED) {
+      LOG_INFO << "Stopped.";
+      return StoppedUpload();
+    }
+    if (!URLProcessor::IsSuccessHttpCode(code) || !IsSuccessResult(result)) {
+      LOG_WARNING << (appending ? "Not successfull." : "Not successful.");
+      const std::uint64_t offset = upload_.sessionOffset;
+      const Result handled = FailureOfResponse(client);
+      if (!upload_.resumeHash.IsZero() &&
+          (URLProcessor::IsNetworkError(result) || upload_.sessionOffset != offset)) {
+        Sessions().Store(transferPath_, upload_);
+      } else if (appending) {
+        upload_.resumeHash.Clear();
+        upload_.resumeSize = 0;
+      }
+      return handled;
+    }
+  }
+  // 2. The session's id, from the answer of its start.
+  if (upload_.sessionId.empty()) {
+    utils::json::json_tree json;
+    if (!utils::json::Parse(responseBuffer_, &json)) {
+      LOG_WARNING << "Failed to parse session start response: " << responseBuffer_;
+    } else if ((upload_.sessionId = dropbox::ReadString(json, "session_id")).empty()) {
+      utils::json::Log(json, false);
+      LOG_WARNING << "No upload session id in response.";
+    }
+    if (upload_.sessionId.empty()) {
+      LOG_WARNING << "Failed to read upload session id.";
+      return FAILED;
+    }
+  }
+  responseBuffer_.clear();
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemDropbox::AppendToSession(std::uint64_t offset,
+                                                            std::uint64_t size,
+                                                            bool closePrevious) {
+  const Result judged = JudgePreviousChunk(closePrevious, true);
+  if (judged != SUCCEEDED) {
+    return judged;
+  }
+  upload_.sessionOffset = offset;
+  LOG_INFO << "Appending to upload session from " << offset;
+  return SendChunk(kSessionAppendPath,
+                   "{ \"close\":false, \"cursor\": {\"offset\":" + std::to_string(offset) +
+                       ", \"session_id\":\"" + Encoded(upload_.sessionId) + "\"} }",
+                   size);
+}
+
+FileSystem::Result RemoteFileSystemDropbox::FinishSession(std::uint64_t offset, std::uint64_t size,
+                                                          bool closePrevious) {
+  const Result judged = JudgePreviousChunk(closePrevious, false);
+  if (judged != SUCCEEDED) {
+    return judged;
+  }
+  upload_.sessionOffset = offset;
+  upload_.finishing = true;
+  LOG_INFO << "Finishing upload session from " << offset << ".";
+  return SendChunk(kSessionFinishPath,
+                   "{ \"cursor\":{ \"session_id\":\"" + Encoded(upload_.sessionId) +
+                       "\", \"offset\":" + std::to_string(offset) +
+                       "}, \"commit\":" + MakeCommitArg(upload_.args) + "}",
+                   size);
+}
+
+FileSystem::Result RemoteFileSystemDropbox::FailureOfResponse(const Client& client) {
+  utils::json::json_tree json;
+  if (!responseBuffer_.empty() && !utils::json::Parse(responseBuffer_, &json)) {
+    LOG_WARNING << "Failed to parse JSON error from: " << responseBuffer_;
+  }
+  return HandleRpcFailure(json, client);
+}
+
+FileSystem::Result RemoteFileSystemDropbox::StoppedUpload() {
+  fileMode_ = kIdle;
+  if (upload_.active && !upload_.resumeHash.IsZero()) {
+    Sessions().Store(transferPath_, upload_);
+  }
+  return STOPPED;
+}
+
+// --- writing ---------------------------------------------------------------------------------
+
+FileSystem::Result RemoteFileSystemDropbox::WriteFile(const std::uint8_t* data,
+                                                      std::uint32_t size) {
+  const Client client = FileClient();
+  if (fileMode_ != kWriting) {
+    LOG_WARNING << "No upload is open.";
+    return FAILED;
+  }
+  // 1. Never more than announced.
+  if (upload_.writePosition + size > upload_.fileSize) {
+    LOG_ERROR << "Write overflow; size=" << upload_.fileSize
+              << ", actual_offset=" << upload_.writePosition << ".";
+    SetFailReason(client->GetLastResult(), client->GetResponseCode());
+    AbandonUpload();
+    return FATAL;
+  }
+  // 2. The content's hash, checked against the announced one before the last bytes go.
+  const std::uint64_t before = upload_.writePosition;
+  if (!upload_.resumed) {
+    upload_.hashCalculator.Feed(data, size);
+  }
+  upload_.writePosition += size;
+  if (!upload_.resumed && upload_.writePosition == upload_.fileSize && upload_.hasSize &&
+      !upload_.expectedHash.IsZero()) {
+    const HashDropbox got = upload_.hashCalculator.Finish().GetHashDropbox();
+    if (got != upload_.expectedHash) {
+      LOG_ERROR << "File " << Quoted(transferPath_) << " has different hashes: expected "
+                << upload_.expectedHash.ToHexString() << ", got " << got.ToHexString() << ".";
+      SetFailReason(client->GetLastResult(), client->GetResponseCode());
+      if (client->GetLastResult() != URLProcessor::Result::OK) {
+        LOG_WARNING << "Finished but not succeeded but " << client->GetLastResult() << ".";
+      }
+      RadarsLogger::instance().SendMetric("dropbox_invalid_upload_hash", "1", 1);
+      AbandonUpload();
+      return FAILED;
+    }
+  }
+  // 3. The bytes, chunk by chunk: a block that crosses a chunk's end opens the next request there.
+  std::uint64_t position = before;
+  while (size > 0) {
+    const std::uint64_t chunkEnd =
+        upload_.active ? upload_.sessionOffset + upload_.chunking.chunk : upload_.fileSize;
+    if (position == chunkEnd) {
+      const Result next = NextChunk(chunkEnd);
+      if (next != SUCCEEDED) {
+        return next;
+      }
+      continue;
+    }
+    const std::uint32_t part =
+        static_cast<std::uint32_t>(std::min<std::uint64_t>(size, chunkEnd - position));
+    if (!IsGoodWrite(client->GetOutputStream()->Write(data, part))) {
+      return FailedWrite(client);
+    }
+    data += part;
+    size -= part;
+    position += part;
+  }
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemDropbox::NextChunk(std::uint64_t chunkEnd) {
+  // The size passes the chunks by, or the time is not known yet: the session stays open.
+  const std::uint64_t rest = upload_.fileSize - chunkEnd;
+  Result result = SUCCEEDED;
+  if (rest > upload_.chunking.chunk || upload_.args.time == 0) {
+    upload_.chunking.Report(true);
+    result = AppendToSession(chunkEnd, std::min(upload_.chunking.chunk, rest), true);
+    if (result != SUCCEEDED) {
+      LOG_WARNING << "Failed to start upload session: " << result;
+    }
+  } else {
+    result = FinishSession(chunkEnd, rest, true);
+    if (result != SUCCEEDED) {
+      LOG_WARNING << "Failed to finish upload session: " << result;
+    }
+  }
+  if (result != SUCCEEDED) {
+    fileMode_ = kIdle;
+  }
+  return result;
+}
+
+FileSystem::Result RemoteFileSystemDropbox::FailedWrite(const Client& client) {
+  // 1. How the request ended, and the service's words on it.
+  fileMode_ = kIdle;
+  const URLProcessor::Result result = EndRequest(client);
+  const int code = client->GetResponseCode();
+  SetFailReason(result, code);
+  RadarsLogger::instance().SendIfNetworkError(result, "remote_dropbox", code, client->GetUrl());
+  Result answer = FAILED;
+  if (result == URLProcessor::Result::OK) {
+    LOG_WARNING << "Finished.";
+  } else if (result == URLProcessor::Result::STOPPED) {
+    LOG_INFO << "Stopped.";
+    answer = STOPPED;
+  } else {
+    answer = FailureOfResponse(client);
+  }
+  // 2. The server keeps the chunks before this one: a later attempt goes on from there.
+  if (!upload_.resumeHash.IsZero()) {
+    Sessions().Store(transferPath_, upload_);
+  }
+  return answer;
+}
+
+void RemoteFileSystemDropbox::AbandonUpload() {
+  const Client client = FileClient();
+  if (requestOpen_) {
+    requestOpen_ = false;
+    client->Finish();
+  }
+  fileMode_ = kIdle;
+  upload_ = UploadSession();
+}
+
+// --- ending an upload ------------------------------------------------------------------------
+
+FileSystem::Result RemoteFileSystemDropbox::CloseFile(FileProperties* props) {
+  const int mode = fileMode_;
+  Result result = FAILED;
+  if (mode == kReading) {
+    result = CloseRead();
+  } else if (mode == kWriting) {
+    result = FinishUpload(props ? props->hash : SomeHash(), props ? props->time : 0,
+                          props ? &props->hash : nullptr);
+    if (result != STOPPED) {
+      upload_ = UploadSession();
+    }
+  } else {
+    LOG_WARNING << "No file is open.";
+  }
+  fileMode_ = kIdle;
+  readExpectedHash_.Clear();
+  readFileSize_ = 0;
+  readOffset_ = 0;
+  checkReadHash_ = false;
+  return result;
+}
+
+FileSystem::Result RemoteFileSystemDropbox::FinishUpload(const SomeHash& hash, std::uint64_t time,
+                                                         SomeHash* out) {
+  // 1. A session left open for want of a time is finished now, with no further bytes.
+  const Client client = FileClient();
+  if (upload_.active && !upload_.finishing) {
+    if (time != 0) {
+      upload_.args.time = time;
+    }
+    const Result result = FinishSession(upload_.writePosition, 0, true);
+    if (result != SUCCEEDED) {
+      LOG_WARNING << "Failed to finish upload session: " << result;
+      return result;
+    }
+  }
+  // 2. The answer of the last request.
+  const URLProcessor::Result result = EndRequest(client);
+  const int code = client->GetResponseCode();
+  RadarsLogger::instance().SendIfNetworkError(result, "remote_dropbox", code, client->GetUrl());
+  SetFailReason(result, code);
+  if (result == URLProcessor::Result::STOPPED) {
+    LOG_INFO << "Stopped.";
+    return StoppedUpload();
+  }
+  if (!IsSuccessResult(result) || !URLProcessor::IsSuccessHttpCode(code)) {
+    if (upload_.resumed) {
+      RadarsLogger::instance().SendMetric("dropbox_resumed_upload_end_err", "1", 1);
+    }
+    if (upload_.writePosition < upload_.fileSize) {
+      LOG_WARNING << "Partially written file, " << upload_.writePosition << " out of "
+                  << upload_.fileSize << ". ";
+      return FAILED;
+    }
+    const std::uint64_t offset = upload_.sessionOffset;
+    const Result handled = FailureOfResponse(client);
+    if (!upload_.resumeHash.IsZero() && upload_.active &&
+        (URLProcessor::IsNetworkError(result) || upload_.sessionOffset != offset)) {
+      Sessions().Store(transferPath_, upload_);
+    }
+    return handled;
+  }
+  // 3. A hash that became known on the way.
+  const HashDropbox given = DropboxHashOf(hash);
+  if (!given.IsZero() && upload_.expectedHash.IsZero() && upload_.fileSize != 0) {
+    upload_.expectedHash = given;
+    upload_.resumeHash = given;
+  }
+  return CheckFinishedUpload(out);
+}
+
+FileSystem::Result RemoteFileSystemDropbox::CheckFinishedUpload(SomeHash* out) {
+  // 1. The server's metadata of the new file.
+  utils::json::json_tree json;
+  if (!utils::json::Parse(responseBuffer_, &json)) {
+    LOG_WARNING << "Failed to parse reponse: " << responseBuffer_;
+    return FAILED;
+  }
+  const std::string contentHash = dropbox::ReadString(json, "content_hash");
+  // 2. A resumed upload's bytes were not all hashed here: the server's hash is the only check.
+  if (upload_.resumed && !upload_.resumeHash.IsZero() &&
+      QString::fromStdString(upload_.resumeHash.ToHexString())
+              .compare(QString::fromStdString(contentHash), Qt::CaseInsensitive) != 0) {
+    LOG_ERROR << "Invalid content being uploaded. Expected hash is "
+              << upload_.resumeHash.ToHexString() << ". Actual is " << contentHash << ".";
+    SetFailReasonValue(FAIL_REASON_HTTP);
+    RadarsLogger::instance().SendMetric("dropbox_invalid_upload_hash", "1", 1);
+    RadarsLogger::instance().SendMetric("dropbox_resumed_upload_end_err", "1", 1);
+    return FAILED;
+  }
+  // 3. Size and hash as the server holds them.
+  std::uint64_t size = 0;
+  dropbox::ReadUint64(json, "size", &size);
+  HashDropbox server = HashDropbox::FromHexString(contentHash);
+  server.rev = dropbox::ReadString(json, "rev");
+  if (server.rev.empty()) {
+    utils::json::Log(json, false);
+    LOG_WARNING << "No revsision in response.";
+  }
+  if (size != upload_.fileSize) {
+    utils::json::Log(json, false);
+    LOG_ERROR << "Problem with server side file, different size: expected " << upload_.fileSize
+              << ";  got " << size << ".";
+    RadarsLogger::instance().SendMetric("dropbox_resumed_upload_end_err", "1", 1);
+    return FAILED;
+  }
+  if (upload_.hasSize && !upload_.expectedHash.IsZero() && server != upload_.expectedHash) {
+    utils::json::Log(json, false);
+    LOG_ERROR << "Problem with server side file, different hash: expected "
+              << upload_.expectedHash.ToHexString() << ";  got " << contentHash << ".";
+    RadarsLogger::instance().SendMetric("dropbox_resumed_upload_end_err", "1", 1);
+    return FAILED;
+  }
+  // 4. Its echo in the feed is the adapter's own.
+  selfMade_.ExpectUpload(transferPath_, upload_.expectedHash, upload_.resumeSize);
+  if (out) {
+    *out = SomeHash(server);
+  }
+  return SUCCEEDED;
 }
 
 FileSystem::Result RemoteFileSystemDropbox::InterruptFile() {
-  return NoTransfer();
+  // The server keeps a session's chunks: the next attempt of this content goes on from them.
+  if (fileMode_ == kWriting && upload_.active && !upload_.resumeHash.IsZero()) {
+    Sessions().Store(transferPath_, upload_);
+  }
+  const Client client = FileClient();
+  if (requestOpen_ && client) {
+    requestOpen_ = false;
+    client->Finish();
+  }
+  upload_ = UploadSession();
+  fileMode_ = kIdle;
+  return SUCCEEDED;
 }
 
-FileSystem::Result RemoteFileSystemDropbox::OpenForCreate(const OverwriteControl&,
-                                                          const std::string&, const SomeHash&,
-                                                          std::uint64_t, std::uint64_t,
-                                                          std::uint64_t*, bool) {
-  return NoTransfer();
+void RemoteFileSystemDropbox::SetFileHashToResumeInterruptedUpload(const SomeHash& hash) {
+  if (fileMode_ == kWriting && upload_.active) {
+    Sessions().StoreWithHash(transferPath_, hash, upload_, &SomeHash::GetHashDropbox);
+  }
 }
 
-FileSystem::Result RemoteFileSystemDropbox::OpenForRead(const std::string&, std::uint64_t,
-                                                        std::uint64_t, std::uint64_t,
-                                                        const SomeHash&) {
-  return NoTransfer();
-}
+// --- resuming --------------------------------------------------------------------------------
 
-FileSystem::Result RemoteFileSystemDropbox::OpenForRewrite(const OverwriteControl&,
-                                                           const std::string&, const SomeHash&,
-                                                           std::uint64_t, std::uint64_t,
-                                                           std::uint64_t*) {
-  return NoTransfer();
-}
-
-FileSystem::Result RemoteFileSystemDropbox::ReadFile(std::uint8_t*, std::uint32_t, std::uint32_t*) {
-  return NoTransfer();
+bool RemoteFileSystemDropbox::TryResumeUpload(const std::string& path, std::uint64_t size,
+                                              const SomeHash& hash, Result* result,
+                                              std::uint64_t* resumeOffset) {
+  // 1. A stored session of this content and size (the store logs why one is not taken).
+  transferPath_ = path;
+  *result = SUCCEEDED;
+  *resumeOffset = 0;
+  UploadSession stored;
+  if (!Sessions().TakeForResume(path, hash, size, &stored)) {
+    upload_ = UploadSession();
+    return false;
+  }
+  // 2. A session the server never named can't be resumed.
+  if (stored.sessionId.empty()) {
+    upload_ = UploadSession();
+    return false;
+  }
+  // 3. The chunk that failed goes again, smaller after two failures.
+  upload_ = std::move(stored);
+  upload_.active = true;
+  upload_.finishing = false;
+  upload_.chunking.Report(false);
+  const std::uint64_t rest = upload_.fileSize - upload_.sessionOffset;
+  *result =
+      rest > upload_.chunking.chunk || upload_.args.time == 0
+          ? AppendToSession(upload_.sessionOffset, std::min(upload_.chunking.chunk, rest), false)
+          : FinishSession(upload_.sessionOffset, rest, false);
+  if (*result != SUCCEEDED) {
+    fileMode_ = kIdle;
+    upload_ = UploadSession();
+    return false;
+  }
+  upload_.writePosition = upload_.sessionOffset;
+  upload_.resumed = true;
+  *resumeOffset = upload_.sessionOffset;
+  fileMode_ = kWriting;
+  RadarsLogger::instance().SendMetric("dropbox_upload_resumed", "1", 1);
+  LOG_INFO << "Resume upload for file " << Quoted(path) << " from " << upload_.sessionOffset
+           << " offset, size = " << size << ".";
+  return true;
 }

@@ -8,7 +8,12 @@
 // and waits out a rate limit on the stop condition.
 //
 // Two clients: the changes client (snapshot, feed, quota), so that a transfer on the file client
-// does not hold them up, and the file client (file operations, links, thumbnails).
+// does not hold them up, and the file client (transfers, file operations, links, thumbnails).
+//
+// A transfer streams: a download is read block by block with its content hash checked on the
+// first bytes; an upload is one request, or a session whose chunks are sized by a
+// ChunkSizeController, and an interrupted session is kept in the account's store so that another
+// adapter of the factory goes on where the server stands.
 #pragma once
 
 #include <atomic>
@@ -19,22 +24,47 @@
 #include <queue>
 #include <string>
 
+#include "core/HashCalculators.h"
 #include "core/Json.h"
 #include "core/RemoteFileSystemChangesSupport.h"
 #include "core/URLProcessor.h"
 #include "core/tsl/htrie_map.h"
+#include "services/ChunkSizeController.h"
 #include "services/DropboxListing.h"
 #include "services/DropboxSelfMadeFilter.h"
+#include "services/ResumableUpload.h"
 
 class RemoteFileSystemDropbox : public RemoteFileSystemChangesSupport {
  public:
-  // An interrupted upload session, kept in the account's store.
-  struct UploadSession {
-    HashDropbox hash;
-    std::uint64_t size = 0;
-    std::uint64_t offset = 0;
-    std::string sessionId;
+  // What the commit of an upload says: where, and over which revision.
+  struct UploadArgs {
+    std::string path;  // remote root + path
+    bool create = false;
+    std::uint64_t time = 0;  // 0: unknown, the session stays open until CloseFile brings it
+    std::string rev;         // the revision an overwrite must hit; empty if none
+    bool strictConflict = true;
   };
+
+  // The state of an upload, and what the account's store keeps of an interrupted one.
+  struct UploadSession {
+    bool active = false;
+    bool finishing = false;
+    std::string sessionId;
+    ChunkSizeController chunking{kChunkGranularity, kMaxChunk, kMaxChunk};
+    std::uint64_t fileSize = 0;
+    std::uint64_t writePosition = 0;
+    bool hasSize = false;
+    HashDropbox expectedHash;
+    bool resumed = false;
+    HashCalculatorDropbox hashCalculator;
+    HashDropbox resumeHash;
+    std::uint64_t resumeSize = 0;
+    UploadArgs args;
+    std::uint64_t sessionOffset = 0;  // of the chunk in flight
+  };
+
+  static constexpr std::uint64_t kChunkGranularity = 128;
+  static constexpr std::uint64_t kMaxChunk = 134217728;
 
   RemoteFileSystemDropbox(std::shared_ptr<RemoteFileSystemSharedData> sharedData,
                           const std::string& remoteRootPath);
@@ -43,7 +73,7 @@ class RemoteFileSystemDropbox : public RemoteFileSystemChangesSupport {
   void Start() override;
   void Stop() override;
 
-  // --- files (content transfers are not served by this adapter yet) -------------------------
+  // --- files --------------------------------------------------------------------------------
   Result WriteFile(const std::uint8_t* data, std::uint32_t size) override;
   Result CloseFile(FileProperties* props) override;
   Result InterruptFile() override;
@@ -56,6 +86,7 @@ class RemoteFileSystemDropbox : public RemoteFileSystemChangesSupport {
                         const SomeHash& hash, std::uint64_t size, std::uint64_t time,
                         std::uint64_t* resumeOffset) override;
   Result ReadFile(std::uint8_t* buffer, std::uint32_t size, std::uint32_t* done) override;
+  void SetFileHashToResumeInterruptedUpload(const SomeHash& hash) override;
 
   // --- file operations ----------------------------------------------------------------------
   Result CreateFolderImpl(const OverwriteControl& control, const std::string& path) override;
@@ -99,6 +130,7 @@ class RemoteFileSystemDropbox : public RemoteFileSystemChangesSupport {
  private:
   using Client = std::shared_ptr<URLProcessor>;
   using LinkMap = tsl::htrie_map<char, std::string>;
+  using ResumableSessions = resumable_upload::ResumableSessions<UploadSession>;
 
   // --- the doors ----------------------------------------------------------------------------
   Result CallRpc(const std::string& name, const std::string& body, utils::json::json_tree* json,
@@ -107,6 +139,8 @@ class RemoteFileSystemDropbox : public RemoteFileSystemChangesSupport {
                     const Client& client, bool authorize);
   Result HandleRpcFailure(const utils::json::json_tree& json, const Client& client);
   Result HandleEndpointError(const utils::json::json_tree& json);
+  // An "incorrect_offset" answer: the server's offset becomes the session's and the writer's.
+  void CorrectSessionOffset(const utils::json::json_tree& json);
   // A wait the service asked for; STOPPED when Stop ended it.
   Result WaitAsAsked(std::int64_t ms, Result otherwise);
 
@@ -145,6 +179,46 @@ class RemoteFileSystemDropbox : public RemoteFileSystemChangesSupport {
   Client ChangesClient();
   bool EnsureChangesClient();
 
+  // --- transfers ----------------------------------------------------------------------------
+  enum FileMode { kClosed = 0, kIdle = 1, kReading = 2, kWriting = 3 };
+  Result StartUpload(const std::string& path, const std::string& rev, const SomeHash& hash,
+                     std::uint64_t size, std::uint64_t time, bool create);
+  Result StartUploadSession();
+  Result AppendToSession(std::uint64_t offset, std::uint64_t size, bool closePrevious);
+  Result FinishSession(std::uint64_t offset, std::uint64_t size, bool closePrevious);
+  // The shared head of an append and a finish: the verdict on the chunk before, the session id.
+  Result JudgePreviousChunk(bool closePrevious, bool appending);
+  Result SendChunk(const char* endpoint, const std::string& arg, std::uint64_t size);
+  // The request for the chunk that begins at `chunkEnd`: an append, or the finish.
+  Result NextChunk(std::uint64_t chunkEnd);
+  Result FailedWrite(const Client& client);
+  Result StoppedUpload();
+  void AbandonUpload();
+  Result FinishUpload(const SomeHash& hash, std::uint64_t time, SomeHash* out);
+  Result CheckFinishedUpload(SomeHash* out);
+  Result CheckReadHash(const Client& client);
+  Result FailedRead(const Client& client);
+  Result CloseRead();
+  bool TryResumeUpload(const std::string& path, std::uint64_t size, const SomeHash& hash,
+                       Result* result, std::uint64_t* resumeOffset);
+  std::string MakeCommitArg(const UploadArgs& args) const;
+  // The "Dropbox-API-Result" header of the last answer.
+  bool ReadApiResult(utils::json::json_tree* json, const Client& client);
+  // The answer of the request in flight: its body into `responseBuffer_`, and how it ended.
+  URLProcessor::Result EndRequest(const Client& client);
+  Result FailureOfResponse(const Client& client);
+  ResumableSessions& Sessions();
+
+  int fileMode_ = kIdle;
+  std::string transferPath_;
+  std::uint64_t readFileSize_ = 0;
+  std::uint64_t readOffset_ = 0;
+  bool checkReadHash_ = false;
+  HashDropbox readExpectedHash_;
+  UploadSession upload_;
+  std::string responseBuffer_;
+  bool requestOpen_ = false;  // the file client has a request whose answer is not read yet
+
   std::shared_ptr<URLProcessorFactory> factory_;
   std::mutex clientsMutex_;  // Stop may come while a client is made
   Client changesClient_;
@@ -162,4 +236,15 @@ class RemoteFileSystemDropbox : public RemoteFileSystemChangesSupport {
   LinkMap sharedLinks_;
   std::mutex changesMutex_;
   DropboxSelfMadeFilter selfMade_;
+};
+
+// The store keys a Dropbox session by the hash and size a later attempt has to match, and resumes
+// it at the start of the chunk that was in flight.
+template <>
+struct resumable_upload::SessionFields<RemoteFileSystemDropbox::UploadSession> {
+  using Session = RemoteFileSystemDropbox::UploadSession;
+  static HashDropbox& Hash(Session& session) { return session.resumeHash; }
+  static const HashDropbox& Hash(const Session& session) { return session.resumeHash; }
+  static std::uint64_t Size(const Session& session) { return session.resumeSize; }
+  static std::uint64_t Offset(const Session& session) { return session.sessionOffset; }
 };

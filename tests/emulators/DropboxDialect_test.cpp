@@ -161,3 +161,53 @@ TEST_F(DropboxDialectTest, PagesCursorsAndTheLongpoll) {
 }
 
 }  // namespace
+
+namespace {
+
+// A session walked as a client that lost answers would: each wrong offset is named in the shape
+// of its call, and the committed file holds the bytes in order with its content hash.
+TEST_F(DropboxDialectTest, UploadSessionsNameTheCorrectOffsetInEachCallsShape) {
+  const std::string content = emulator_->BaseUrl() + "/content/2/files/";
+  Answer start = Post(content + "upload_session/start", "abc", R"({"close":false})");
+  ASSERT_EQ(start.status, 200) << start.body;
+  const std::string id = Json(start.body)["session_id"].toString().toStdString();
+  auto cursor = [&id](int offset) {
+    return R"({"session_id":")" + id + R"(","offset":)" + std::to_string(offset) + "}";
+  };
+  const std::string commit =
+      R"("commit":{"path":"/S.txt","mode":"add","client_modified":"2023-11-14T22:13:20Z",)"
+      R"("strict_conflict":true})";
+  struct Step {
+    std::string call;
+    std::string body;
+    std::string arg;
+    long status;
+    std::string fragment;
+  };
+  const Step steps[] = {
+      {"upload_session/append_v2", "de", R"({"cursor":)" + cursor(0) + "}", 409,
+       R"("error":{".tag":"incorrect_offset","correct_offset":3})"},
+      {"upload_session/append_v2", "de", R"({"cursor":)" + cursor(3) + "}", 200, "null"},
+      {"upload_session/finish", "f", R"({"cursor":)" + cursor(4) + "," + commit + "}", 409,
+       R"("lookup_failed":{".tag":"incorrect_offset","correct_offset":5})"},
+      {"upload_session/finish", "f", R"({"cursor":)" + cursor(5) + "," + commit + "}", 200,
+       R"("path_display":"/S.txt")"},
+      {"upload_session/append_v2", "g", R"({"cursor":)" + cursor(6) + "}", 409,
+       R"("error_summary":"not_found/..")"},
+      {"upload", "x", R"({"path":"/b.txt","mode":"add","strict_conflict":true})", 409,
+       "path/conflict/file"},
+      {"upload", "x", R"({"path":"/b.txt","mode":{".tag":"update","update":"0"}})", 409,
+       "path/conflict/file"},
+  };
+  for (const Step& step : steps) {
+    Answer answer = Post(content + step.call, step.body, step.arg);
+    EXPECT_EQ(answer.status, step.status) << step.call << " " << answer.body;
+    EXPECT_NE(answer.body.find(step.fragment), std::string::npos) << step.call << answer.body;
+  }
+  std::optional<emulators::Item> made = emulator_->account().FindByPath("S.txt");
+  ASSERT_TRUE(made);
+  EXPECT_EQ(*made->content, "abcdef");
+  EXPECT_EQ(made->modified_ms, 1700000000000);
+}
+
+}  // namespace

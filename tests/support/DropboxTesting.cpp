@@ -11,6 +11,7 @@
 #include "services/RemoteFileSystemFactoryDropbox.h"
 
 DropboxFixture::DropboxFixture(const std::string& root, std::size_t page_size) {
+  shared_ = std::make_shared<RemoteFileSystemDropboxSharedData>();
   auto dialect = std::make_unique<emulators::DropboxDialect>();
   dialect_ = dialect.get();
   dialect_->SetPageSize(page_size);
@@ -30,8 +31,7 @@ DropboxFixture::~DropboxFixture() {
 }
 
 std::unique_ptr<RemoteFileSystemDropbox> DropboxFixture::MakeAdapter(const std::string& root) {
-  auto adapter = std::make_unique<RemoteFileSystemDropbox>(
-      std::make_shared<RemoteFileSystemDropboxSharedData>(), root);
+  auto adapter = std::make_unique<RemoteFileSystemDropbox>(shared_, root);
   auto factory = std::make_shared<CurlURLProcessorFactory>(
       std::make_shared<core::cookie::CookieOAuth>("token"));
   EXPECT_TRUE(adapter->Open(factory));

@@ -30,7 +30,8 @@ class DropboxFixture {
   utils::ManualClock& clock() { return clock_; }
   FolderNode& tree() { return tree_; }
 
-  // A second adapter of the same account (a feed beside operations).
+  // A second adapter of the same account and factory (a feed beside operations, a resumed
+  // upload).
   std::unique_ptr<RemoteFileSystemDropbox> MakeAdapter(const std::string& root = std::string());
   FileSystem::Result LoadTree();
   // One GetChanges, each change applied to the tree; the result of GetChanges.
@@ -44,6 +45,7 @@ class DropboxFixture {
   std::uint64_t total_ = 0;
 
  private:
+  std::shared_ptr<RemoteFileSystemSharedData> shared_;
   utils::ManualClock clock_;
   utils::ScopedClock scoped_clock_{&clock_};
   emulators::DropboxDialect* dialect_ = nullptr;

@@ -1,6 +1,8 @@
 // tree, ls and changes: what the core does to learn an account and to follow it.
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
+#include <memory>
 #include <optional>
 #include <ostream>
 #include <queue>
@@ -8,6 +10,7 @@
 
 #include "AccountTree.h"
 #include "Command.h"
+#include "Deadline.h"
 #include "Interrupter.h"
 #include "ProgressBar.h"
 #include "core/Nodes.h"
@@ -110,11 +113,19 @@ int RunChanges(Context& context) {
     return Report(context, result, "changes: GetFullTree");
   }
   context.err << "changes: following the feed (Ctrl-C ends)" << std::endl;
-  // 3. The feed loop, until the time is up or the user ends it.
+  // 3. The feed loop, until the time is up or the user ends it. A feed that holds its request
+  // open (a long poll) is stopped when the time is up, not only asked again afterwards.
+  std::unique_ptr<Deadline> feedEnd;
+  if (deadline) {
+    const auto left = std::chrono::ceil<std::chrono::seconds>(*deadline - Clock::now());
+    feedEnd = std::make_unique<Deadline>(
+        &fs, static_cast<std::uint64_t>(std::max<std::int64_t>(left.count(), 0)));
+  }
   while (!context.interrupter.Interrupted() && (!deadline || Clock::now() < *deadline)) {
     std::queue<FileSystem::Change> changes;
     result = fs.GetChanges(&changes);
-    if (result == FileSystem::STOPPED && context.interrupter.Interrupted()) {
+    if (result == FileSystem::STOPPED &&
+        (context.interrupter.Interrupted() || (feedEnd && feedEnd->Expired()))) {
       break;
     }
     // A failure the next call may not meet (the network, the service's moment) is waited out;

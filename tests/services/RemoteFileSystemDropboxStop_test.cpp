@@ -1,0 +1,55 @@
+// Stop from another thread during a Dropbox upload: the chunk in flight ends at once with STOPPED,
+// and the session stays in the account's store for the next attempt.
+#include <gtest/gtest.h>
+
+#include <chrono>
+#include <thread>
+
+#include "core/HashCalculators.h"
+#include "emulators/Faults.h"
+#include "support/DropboxTesting.h"
+
+namespace {
+
+TEST(DropboxStopTest, StopDuringAChunkAnswersStoppedAndKeepsTheSession) {
+  DropboxFixture fixture;
+  const std::string bytes(2000, 'z');
+  HashCalculatorDropbox calculator;
+  calculator.Begin();
+  calculator.Feed(reinterpret_cast<const std::uint8_t*>(bytes.data()), 2000);
+  const SomeHash hash = calculator.Finish();
+  // The finish is held far longer than the test waits, and never taken.
+  emulators::FaultRule rule;
+  rule.path_prefix = "/content/2/files/upload_session/finish";
+  rule.fault.status = 503;
+  rule.fault.delay_ms = 20000;
+  fixture.emulator().faults().Add(rule);
+  std::uint64_t resume = 0;
+  ASSERT_EQ(fixture.adapter().OpenForCreate(FileSystem::OverwriteControl(), "held.bin", hash,
+                                            bytes.size(), 0, &resume, false),
+            FileSystem::SUCCEEDED);
+  ASSERT_EQ(fixture.adapter().WriteFile(reinterpret_cast<const std::uint8_t*>(bytes.data()), 2000),
+            FileSystem::SUCCEEDED);
+  std::thread stopper([&fixture] {
+    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    fixture.adapter().Stop();
+  });
+  const auto began = std::chrono::steady_clock::now();
+  FileSystem::FileProperties props(SomeHash(), 0, bytes.size(), 1700000000, false);
+  EXPECT_EQ(fixture.adapter().CloseFile(&props), FileSystem::STOPPED);
+  EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(1));
+  stopper.join();
+  EXPECT_FALSE(fixture.account().FindByPath("held.bin"));
+  // Another adapter of the factory goes on from the finish.
+  auto other = fixture.MakeAdapter();
+  fixture.emulator().faults().Clear();
+  ASSERT_EQ(other->OpenForCreate(FileSystem::OverwriteControl(), "held.bin", hash, bytes.size(),
+                                 1700000000, &resume, false),
+            FileSystem::SUCCEEDED);
+  EXPECT_EQ(resume, 2000u);
+  EXPECT_EQ(other->CloseFile(&props), FileSystem::SUCCEEDED);
+  ASSERT_TRUE(fixture.account().FindByPath("held.bin"));
+  EXPECT_EQ(*fixture.account().FindByPath("held.bin")->content, bytes);
+}
+
+}  // namespace

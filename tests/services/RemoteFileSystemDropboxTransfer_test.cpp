@@ -1,0 +1,436 @@
+// Dropbox transfers against the emulator: reads with their hash check, one-shot uploads and
+// sessions on the wire, conditions of a rewrite, integrity both ways, and sessions resumed by
+// another adapter of the same factory.
+#include <gtest/gtest.h>
+
+#include "core/HashCalculators.h"
+#include "core/LoggerWrapper.h"
+#include "core/RadarsLogger.h"
+#include "emulators/Faults.h"
+#include "services/ChunkSizeController.h"
+#include "services/RemoteFileSystemFactoryDropbox.h"
+#include "support/DropboxTesting.h"
+
+namespace {
+
+using emulators::HttpRequest;
+
+constexpr std::uint64_t kTime = 1700000000;
+
+std::vector<HttpRequest> ContentRequests(emulators::Emulator& emulator) {
+  std::vector<HttpRequest> found;
+  for (const HttpRequest& request : emulator.server().Requests()) {
+    if (request.path.rfind("/content/2/files/upload", 0) == 0)
+      found.push_back(request);
+  }
+  return found;
+}
+
+std::vector<std::string> Paths(const std::vector<HttpRequest>& requests) {
+  std::vector<std::string> paths;
+  for (const HttpRequest& request : requests)
+    paths.push_back(request.path.substr(std::string("/content/2/files/").size()));
+  return paths;
+}
+
+SomeHash HashOf(const std::string& bytes) {
+  HashCalculatorDropbox calculator;
+  calculator.Begin();
+  calculator.Feed(reinterpret_cast<const std::uint8_t*>(bytes.data()),
+                  static_cast<std::uint32_t>(bytes.size()));
+  return calculator.Finish();
+}
+
+std::string Bytes(std::size_t size, char seed = 'a') {
+  std::string bytes(size, '\0');
+  for (std::size_t i = 0; i < size; ++i)
+    bytes[i] = static_cast<char>(seed + i * 7 % 26);
+  return bytes;
+}
+
+// Opens (create, or rewrite over `control`), writes in blocks of `block`, closes.
+FileSystem::Result Upload(RemoteFileSystemDropbox& adapter, const std::string& path,
+                          const std::string& bytes, const SomeHash& hash, std::uint64_t time,
+                          FileSystem::FileProperties* props,
+                          const FileSystem::OverwriteControl* control = nullptr,
+                          std::size_t block = 300) {
+  std::uint64_t resume = 0;
+  FileSystem::Result result =
+      control ? adapter.OpenForRewrite(*control, path, hash, bytes.size(), time, &resume)
+              : adapter.OpenForCreate(FileSystem::OverwriteControl(), path, hash, bytes.size(),
+                                      time, &resume, false);
+  for (std::size_t at = resume; result == FileSystem::SUCCEEDED && at < bytes.size(); at += block) {
+    const std::size_t n = std::min(block, bytes.size() - at);
+    result = adapter.WriteFile(reinterpret_cast<const std::uint8_t*>(bytes.data() + at),
+                               static_cast<std::uint32_t>(n));
+  }
+  return result == FileSystem::SUCCEEDED ? adapter.CloseFile(props) : result;
+}
+
+std::string Download(RemoteFileSystemDropbox& adapter, const std::string& path,
+                     std::uint64_t offset, std::uint64_t limit, std::uint64_t size,
+                     const SomeHash& hash, FileSystem::Result* result) {
+  std::string out;
+  *result = adapter.OpenForRead(path, offset, limit, size, hash);
+  std::uint8_t buffer[1000];
+  while (*result == FileSystem::SUCCEEDED) {
+    std::uint32_t done = 0;
+    *result = adapter.ReadFile(buffer, sizeof(buffer), &done);
+    out.append(reinterpret_cast<const char*>(buffer), done);
+    if (done == 0)
+      break;
+  }
+  if (*result == FileSystem::SUCCEEDED)
+    *result = adapter.CloseFile(nullptr);
+  return out;
+}
+
+std::string AccountBytes(DropboxFixture& fixture, const std::string& path) {
+  std::optional<emulators::Item> item = fixture.account().FindByPath(path);
+  return item && item->content ? *item->content : std::string("<missing>");
+}
+
+TEST(ChunkSizeControllerTest, ReportsGrowAndShrinkTheChunkWithinItsBounds) {
+  struct Case {
+    std::uint64_t initial;
+    std::vector<bool> reports;
+    std::uint64_t chunk;
+  };
+  const std::uint64_t kMax = 134217728;
+  const Case cases[] = {
+      {kMax, {}, kMax},
+      {kMax, {false}, kMax},                    // one failure is forgiven
+      {kMax, {false, false}, kMax / 2},         // two halve it
+      {kMax, {false, true, false}, kMax},       // a success between breaks the row
+      {kMax, {true, true}, kMax},               // never above the maximum
+      {1 << 20, {true, true}, 2 << 20},         // two successes double it
+      {1 << 20, {true, false, true}, 1 << 20},  // a failure between breaks the row
+      {200000, {false, false}, 131072},         // never below granularity << 10
+      {300000, {false, false}, 149888},         // half, down to the granularity
+      {kMax, {false, false, false, false}, kMax / 4},
+  };
+  for (const Case& c : cases) {
+    ChunkSizeController chunking(128, kMax, c.initial);
+    for (bool report : c.reports)
+      chunking.Report(report);
+    EXPECT_EQ(chunking.chunk, c.chunk) << c.initial << " after " << c.reports.size();
+  }
+}
+
+TEST(DropboxUploadTest, ShapesOnTheWireArgumentsAndTheServersHash) {
+  struct Case {
+    std::size_t size;
+    std::uint64_t time;
+    std::vector<std::string> calls;
+    std::string first_arg;
+  };
+  const std::string commit =
+      R"("path":"/Docs/f\u00e4ll #1.txt", "mode":"add", "autorename":false, )"
+      R"("client_modified":"2023-11-14T22:13:20Z", "strict_conflict":true})";
+  const Case cases[] = {
+      {0, kTime, {"upload"}, "{ " + commit},
+      {1, kTime, {"upload"}, "{ " + commit},
+      {1000, kTime, {"upload"}, "{ " + commit},
+      // An unknown time keeps the session open; CloseFile finishes it with no bytes.
+      {1000, 0, {"upload_session/start", "upload_session/finish"}, "{ \"close\":false }"},
+  };
+  for (const Case& c : cases) {
+    DropboxFixture fixture;
+    const std::string bytes = Bytes(c.size);
+    FileSystem::FileProperties props(SomeHash(), 0, c.size, kTime, false);
+    ASSERT_EQ(
+        Upload(fixture.adapter(), "Docs/f\xC3\xA4ll #1.txt", bytes, HashOf(bytes), c.time, &props),
+        FileSystem::SUCCEEDED)
+        << c.size;
+    const auto requests = ContentRequests(fixture.emulator());
+    EXPECT_EQ(Paths(requests), c.calls) << c.size;
+    EXPECT_EQ(requests[0].Header("Dropbox-API-Arg"), c.first_arg);
+    EXPECT_EQ(requests[0].Header("Content-Type"), "application/octet-stream");
+    if (c.time == 0) {
+      EXPECT_EQ(requests[1].Header("Dropbox-API-Arg"),
+                R"({ "cursor":{ "session_id":"session-)" +
+                    requests[1].Header("Dropbox-API-Arg").substr(35, 16) +
+                    R"(", "offset":1000}, "commit":{ )" + commit + "}");
+      EXPECT_EQ(requests[1].body_size, 0u);
+    }
+    EXPECT_EQ(AccountBytes(fixture, "Docs/f\xC3\xA4ll #1.txt"), bytes);
+    std::optional<emulators::Item> item = fixture.account().FindByPath("Docs/f\xC3\xA4ll #1.txt");
+    EXPECT_EQ(props.hash.GetHashDropbox().ToHexString(), item->digests.dropbox);
+    EXPECT_EQ(props.hash.GetHashDropbox().ToHexString(), HashOf(bytes).ToHexString());
+    EXPECT_FALSE(props.hash.GetHashDropbox().rev.empty());
+  }
+}
+
+TEST(DropboxUploadTest, RewriteConditions) {
+  struct Case {
+    const char* name;
+    bool create;
+    bool with_hash;
+    bool stale;
+    bool same_bytes;
+    FileSystem::Result result;
+    const char* mode;
+  };
+  const Case cases[] = {
+      {"the tree's rev", false, true, false, false, FileSystem::SUCCEEDED, "update"},
+      {"a stale rev", false, true, true, false, FileSystem::CONFLICT, "update"},
+      {"no hash", false, false, false, false, FileSystem::SUCCEEDED, "overwrite"},
+      {"add over the same", true, false, false, true, FileSystem::CONFLICT, "add"},
+  };
+  for (const Case& c : cases) {
+    DropboxFixture fixture;
+    emulators::Item file;
+    const std::string old = Bytes(500, 'k');
+    ASSERT_EQ(
+        fixture.account().CreateFile(fixture.account().RootId(), "a.bin", old, kTime * 1000, &file),
+        emulators::AccountError::kNone);
+    ASSERT_EQ(fixture.LoadTree(), FileSystem::SUCCEEDED);
+    HashDropbox seen = HashDropbox::FromHexString(file.digests.dropbox);
+    seen.rev = fixture.RevOf("a.bin");
+    if (c.stale)
+      fixture.account().ReplaceContent(file.id, "moved on", kTime * 1000, nullptr);
+    const FileSystem::OverwriteControl control(c.with_hash ? SomeHash(seen) : SomeHash());
+    const std::string bytes = c.same_bytes ? old : Bytes(700, 'q');
+    FileSystem::FileProperties props;
+    EXPECT_EQ(Upload(fixture.adapter(), "a.bin", bytes, HashOf(bytes), kTime, &props,
+                     c.create ? nullptr : &control),
+              c.result)
+        << c.name;
+    EXPECT_NE(ContentRequests(fixture.emulator())[0].Header("Dropbox-API-Arg").find(c.mode),
+              std::string::npos)
+        << c.name;
+    const std::string kept = c.stale ? "moved on" : old;
+    EXPECT_TRUE(AccountBytes(fixture, "a.bin") ==
+                (c.result == FileSystem::SUCCEEDED ? bytes : kept))
+        << c.name;
+  }
+}
+
+TEST(DropboxUploadTest, BadInputFailsCleanly) {
+  DropboxFixture fixture;
+  LoggerWrapper::Capture log;
+  RadarsLogger::Capture metrics;
+  // A wrong announced hash fails at the last block: the file never appears.
+  const std::string bytes = Bytes(900);
+  FileSystem::FileProperties props;
+  EXPECT_EQ(Upload(fixture.adapter(), "wrong.bin", bytes, HashOf("other"), kTime, &props),
+            FileSystem::FAILED);
+  EXPECT_TRUE(log.Contains("\"wrong.bin\" has different hashes"));
+  EXPECT_EQ(metrics.Count("dropbox_invalid_upload_hash"), 1u);
+  EXPECT_FALSE(fixture.account().FindByPath("wrong.bin"));
+  // More than announced.
+  std::uint64_t resume = 0;
+  ASSERT_EQ(fixture.adapter().OpenForCreate(FileSystem::OverwriteControl(), "over.bin", SomeHash(),
+                                            10, kTime, &resume, false),
+            FileSystem::SUCCEEDED);
+  EXPECT_EQ(fixture.adapter().WriteFile(reinterpret_cast<const std::uint8_t*>(bytes.data()), 11),
+            FileSystem::FATAL);
+  EXPECT_TRUE(log.Contains("Write overflow; size=10, actual_offset=0."));
+  EXPECT_FALSE(fixture.account().FindByPath("over.bin"));
+  // Nothing open.
+  EXPECT_EQ(fixture.adapter().CloseFile(nullptr), FileSystem::FAILED);
+  std::uint32_t done = 0;
+  std::uint8_t buffer[8];
+  EXPECT_EQ(fixture.adapter().ReadFile(buffer, sizeof(buffer), &done), FileSystem::FAILED);
+  EXPECT_TRUE(log.Contains("Connection is closed, can't read anymore."));
+  // An answer without the new rev still lands the upload, and says so.
+  emulators::FaultRule no_rev;
+  no_rev.path_prefix = "/content/2/files/upload";
+  no_rev.fault.drop_field = "rev";
+  fixture.emulator().faults().Add(no_rev);
+  EXPECT_EQ(Upload(fixture.adapter(), "norev.bin", bytes, HashOf(bytes), kTime, &props),
+            FileSystem::SUCCEEDED);
+  EXPECT_TRUE(log.Contains("No revsision in response."));
+  EXPECT_EQ(AccountBytes(fixture, "norev.bin"), bytes);
+  // A path that isn't canonical.
+  EXPECT_EQ(fixture.adapter().OpenForCreate(FileSystem::OverwriteControl(), "/abs", SomeHash(), 1,
+                                            kTime, &resume, false),
+            FileSystem::FATAL);
+}
+
+TEST(DropboxReadTest, WholeAndRangedReadsAreByteExactAndCheckTheHash) {
+  DropboxFixture fixture;
+  const std::string bytes = Bytes(5000, 'c');
+  emulators::Item file;
+  emulators::Item folder;
+  fixture.account().CreateFolder(fixture.account().RootId(), "\xD0\x9F\xD0\xB0", &folder);
+  fixture.account().CreateFile(folder.id, "\xE6\x97\xA5 #%.bin", bytes, kTime * 1000, &file);
+  const std::string path = "\xD0\x9F\xD0\xB0/\xE6\x97\xA5 #%.bin";
+  const SomeHash hash(HashDropbox::FromHexString(file.digests.dropbox));
+  struct Case {
+    std::uint64_t offset;
+    std::uint64_t limit;
+    std::string range;
+  };
+  const Case cases[] = {
+      {0, 0, ""}, {0, 5000, ""}, {100, 2100, "bytes=100-2099"}, {4999, 5000, "bytes=4999-4999"}};
+  for (const Case& c : cases) {
+    fixture.emulator().server().ClearRequests();
+    FileSystem::Result result = FileSystem::FAILED;
+    const std::string got =
+        Download(fixture.adapter(), path, c.offset, c.limit, 5000, hash, &result);
+    EXPECT_EQ(result, FileSystem::SUCCEEDED) << c.offset;
+    const std::uint64_t end = c.limit == 0 ? 5000 : c.limit;
+    EXPECT_TRUE(got == bytes.substr(c.offset, end - c.offset)) << c.offset << " " << got.size();
+    const auto requests = fixture.emulator().server().Requests();
+    ASSERT_EQ(requests.size(), 1u);
+    EXPECT_EQ(requests[0].verb, "POST");
+    EXPECT_EQ(requests[0].body_size, 0u);
+    EXPECT_EQ(requests[0].Header("Range"), c.range);
+  }
+  // Content that isn't what the tree holds is a conflict.
+  LoggerWrapper::Capture log;
+  RadarsLogger::Capture metrics;
+  FileSystem::Result result = FileSystem::FAILED;
+  Download(fixture.adapter(), path, 0, 0, 5000, HashOf("else"), &result);
+  EXPECT_EQ(result, FileSystem::CONFLICT);
+  EXPECT_EQ(metrics.Count("dropbox_remote_unexpected_hash"), 1u);
+  EXPECT_TRUE(log.Contains("Unexpected content received: expected_hash="));
+  // A missing file: the tree is behind.
+  Download(fixture.adapter(), "gone.bin", 0, 0, 5, SomeHash(), &result);
+  EXPECT_EQ(result, FileSystem::CONFLICT);
+}
+
+// A session upload of `bytes` whose finish fails as `rule` says; the session stays in the store.
+void FailFinish(DropboxFixture& fixture, const std::string& bytes, emulators::FaultRule rule,
+                FileSystem::Result expected) {
+  // Every matching request: the transport tries a request again once when a reused connection
+  // was reset before any answer.
+  rule.path_prefix = "/content/2/files/upload_session/" + rule.path_prefix;
+  rule.times = 0;
+  fixture.emulator().faults().Add(rule);
+  FileSystem::FileProperties props(SomeHash(), 0, bytes.size(), kTime, false);
+  EXPECT_EQ(Upload(fixture.adapter(), "big.bin", bytes, HashOf(bytes), 0, &props), expected);
+  fixture.emulator().faults().Clear();
+}
+
+TEST(DropboxResumeTest, AnotherAdapterOfTheFactoryGoesOnFromWhatTheServerHolds) {
+  struct Case {
+    const char* name;
+    const char* fail_path;
+    bool reset;
+    std::uint64_t persist_limit;
+    std::uint64_t resume_from;
+    const char* metric;
+  };
+  const Case cases[] = {
+      // The finish's answer is lost: the session goes on from the finish's offset.
+      {"reset", "finish", true, UINT64_MAX, 4000, "dropbox_upload_resumed"},
+      // The start kept less than it was sent: the finish is told where the server stands.
+      {"offset", "start", false, 1500, 1500, "dropbox_offset_error"},
+  };
+  for (const Case& c : cases) {
+    DropboxFixture fixture;
+    RadarsLogger::Capture metrics;
+    LoggerWrapper::Capture log;
+    const std::string bytes = Bytes(4000, 'e');
+    emulators::FaultRule rule;
+    rule.path_prefix = c.fail_path;
+    rule.fault.reset = c.reset;
+    rule.fault.status = c.reset ? 500 : 0;
+    rule.fault.persist_limit = c.persist_limit;
+    FailFinish(fixture, bytes, rule, FileSystem::FAILED);
+    EXPECT_FALSE(fixture.account().FindByPath("big.bin")) << c.name;
+    EXPECT_EQ(metrics.Count(c.metric), c.reset ? 0u : 1u) << c.name;
+    // Adapter B of the same factory.
+    auto other = fixture.MakeAdapter();
+    std::uint64_t resume = 99;
+    ASSERT_EQ(other->OpenForCreate(FileSystem::OverwriteControl(), "big.bin", HashOf(bytes),
+                                   bytes.size(), kTime, &resume, false),
+              FileSystem::SUCCEEDED)
+        << c.name;
+    EXPECT_EQ(resume, c.resume_from) << c.name;
+    EXPECT_EQ(metrics.Count("dropbox_upload_resumed"), 1u) << c.name;
+    if (resume < bytes.size()) {
+      ASSERT_EQ(other->WriteFile(reinterpret_cast<const std::uint8_t*>(bytes.data() + resume),
+                                 static_cast<std::uint32_t>(bytes.size() - resume)),
+                FileSystem::SUCCEEDED);
+    }
+    FileSystem::FileProperties props(SomeHash(), 0, bytes.size(), kTime, false);
+    ASSERT_EQ(other->CloseFile(&props), FileSystem::SUCCEEDED) << c.name;
+    EXPECT_EQ(AccountBytes(fixture, "big.bin"), bytes) << c.name;
+    EXPECT_EQ(props.hash.GetHashDropbox(), HashOf(bytes).GetHashDropbox()) << c.name;
+    EXPECT_TRUE(log.Contains("Resume upload for file \"big.bin\" from ")) << c.name;
+  }
+}
+
+TEST(DropboxResumeTest, AChangedFileStartsOverAndAnExpiredSessionFails) {
+  DropboxFixture fixture;
+  RadarsLogger::Capture metrics;
+  const std::string bytes = Bytes(3000, 'g');
+  emulators::FaultRule rule;
+  rule.path_prefix = "finish";
+  rule.fault.reset = true;
+  rule.fault.status = 500;
+  FailFinish(fixture, bytes, rule, FileSystem::FAILED);
+  // The server forgot the session: the resumed finish fails, and the next try starts over.
+  emulators::FaultRule expire;
+  expire.path_prefix = "/content/2/files/upload_session/finish";
+  expire.fault.expire_sessions = true;
+  fixture.emulator().faults().Add(expire);
+  FileSystem::FileProperties props(SomeHash(), 0, bytes.size(), kTime, false);
+  EXPECT_EQ(Upload(fixture.adapter(), "big.bin", bytes, HashOf(bytes), kTime, &props),
+            FileSystem::FAILED);
+  EXPECT_EQ(metrics.Count("dropbox_upload_session_expired"), 1u);
+  EXPECT_EQ(Upload(fixture.adapter(), "big.bin", bytes, HashOf(bytes), kTime, &props),
+            FileSystem::SUCCEEDED);
+  EXPECT_EQ(AccountBytes(fixture, "big.bin"), bytes);
+  // Other content under a stored path is not resumed.
+  FailFinish(fixture, bytes, rule, FileSystem::FAILED);
+  LoggerWrapper::Capture log;
+  const std::string changed = Bytes(3000, 'h');
+  EXPECT_EQ(Upload(fixture.adapter(), "big.bin", changed, HashOf(changed), kTime, &props),
+            FileSystem::CONFLICT);  // "add" over the first upload
+  EXPECT_TRUE(log.Contains("Hash of \"big.bin\" changed between uploads"));
+}
+
+TEST(DropboxUploadTest, TheEchoOfAnUploadIsDroppedOnceInAnyCase) {
+  DropboxFixture fixture;
+  ASSERT_EQ(fixture.LoadTree(), FileSystem::SUCCEEDED);
+  const std::string bytes = Bytes(100);
+  FileSystem::FileProperties props;
+  ASSERT_EQ(Upload(fixture.adapter(), "Echo.TXT", bytes, HashOf(bytes), kTime, &props),
+            FileSystem::SUCCEEDED);
+  FileSystem::Change change;
+  change.type = FileSystem::Change::FILE_CREATE;
+  change.path = "echo.txt";
+  change.size = bytes.size();
+  change.hash = HashOf(bytes);
+  LoggerWrapper::Capture log;
+  EXPECT_TRUE(fixture.adapter().ApplyRemoteChange(change, &fixture.tree(), &fixture.free_,
+                                                  &fixture.total_));
+  EXPECT_EQ(log.Count("Skipping self made change: "), 1u);
+  EXPECT_FALSE(fixture.tree().GetFile("echo.txt", true));
+  EXPECT_TRUE(fixture.adapter().ApplyRemoteChange(change, &fixture.tree(), &fixture.free_,
+                                                  &fixture.total_));
+  EXPECT_EQ(log.Count("Skipping self made change: "), 1u);
+  EXPECT_TRUE(fixture.tree().GetFile("echo.txt", true));
+}
+
+}  // namespace
+
+namespace {
+
+// One byte past the largest one-shot upload: the block that crosses the first chunk's end is split
+// at that exact offset, the chunk goes by start and the rest by the finish.
+TEST(DropboxUploadTest, ABlockCrossingTheChunkIsSplitAtItsEnd) {
+  DropboxFixture fixture;
+  const std::uint64_t size = RemoteFileSystemDropbox::kMaxChunk + 1;
+  std::string bytes(size, '\0');
+  for (std::uint64_t i = 0; i < size; i += 4096)
+    bytes[i] = static_cast<char>(i / 4096);
+  FileSystem::FileProperties props;
+  ASSERT_EQ(
+      Upload(fixture.adapter(), "big.bin", bytes, HashOf(bytes), kTime, &props, nullptr, 1000003),
+      FileSystem::SUCCEEDED);
+  const auto requests = ContentRequests(fixture.emulator());
+  EXPECT_EQ(Paths(requests),
+            (std::vector<std::string>{"upload_session/start", "upload_session/finish"}));
+  EXPECT_EQ(requests[0].body_size, RemoteFileSystemDropbox::kMaxChunk);
+  EXPECT_EQ(requests[1].body_size, 1u);
+  EXPECT_NE(requests[1].Header("Dropbox-API-Arg").find("\"offset\":134217728}"), std::string::npos);
+  EXPECT_EQ(props.hash.GetHashDropbox(), HashOf(bytes).GetHashDropbox());
+  EXPECT_EQ(fixture.account().FindByPath("big.bin")->size, size);
+}
+
+}  // namespace
