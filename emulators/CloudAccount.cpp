@@ -626,7 +626,7 @@ std::string CloudAccount::OpenUpload(const UploadSpec& spec) {
   upload->state.id = "session-" + DefaultId(++uploads_made_, ItemKind::kFile);
   upload->state.spec = spec;
   upload->state.expires_ms = Now() + spec.lifetime_ms;
-  upload->keep = spec.total_size <= keep_limit_;
+  upload->keep = spec.total_size == UINT64_MAX || spec.total_size <= keep_limit_;
   std::string id = upload->state.id;
   uploads_.emplace(id, std::move(upload));
   return id;
