@@ -37,7 +37,7 @@ class CorvaneOneDriveTest : public ::testing::Test {
     std::istringstream words(printed[0]);
     for (std::string word; words >> word;)
       options_.push_back(word);
-    control_ = printed[1].substr(printed[1].find("http"));
+    control_ = printed[1].substr(printed[1].find("http"));  // ends in "/_emulator/"
   }
   void TearDown() override {
     ::kill(emulator_, SIGINT);
@@ -65,7 +65,7 @@ class CorvaneOneDriveTest : public ::testing::Test {
   // The account as the emulator holds it: path -> item (trashed ones left out).
   std::map<std::string, QJsonObject> Dump() {
     QJsonObject dump = QJsonDocument::fromJson(QByteArray::fromStdString(
-                                                   test::Fetch("GET", control_ + "/dump", "").body))
+                                                   test::Fetch("GET", control_ + "dump", "").body))
                            .object();
     std::map<std::string, QJsonObject> byId;
     for (const QJsonValue& value : dump["items"].toArray())
@@ -144,7 +144,7 @@ TEST_F(CorvaneOneDriveTest, ChangesPrintsAFileAnotherProcessAdds) {
       break;
     std::this_thread::sleep_for(std::chrono::milliseconds(50));
   }
-  test::Answer added = test::Fetch("POST", control_ + "/change", "",
+  test::Answer added = test::Fetch("POST", control_ + "change", "",
                                    R"({"op":"create","path":"docs/late.txt","content":"late"})");
   ASSERT_LT(added.status, 300) << added.body;
   test::Outcome ended = test::WaitProcess(changes, temp_.path() / "run");

@@ -32,6 +32,9 @@ class AccountTree {
 
   // ITEM_MISSED when the folder of `path` holds no such name.
   FileSystem::Result Find(const std::string& path, Item* item);
+  // Before an item is made: an adapter that names items by id finds the new item's parent in the
+  // tree it loaded, as under the core. Nothing to do for any other adapter.
+  FileSystem::Result Prepare() { return FromTree() ? Load() : FileSystem::SUCCEEDED; }
   FileSystem::Result List(const std::string& folder, RemoteFileSystem::FolderListing* listing);
 
  private:

@@ -68,8 +68,11 @@ int RunMkdir(Context& context) {
   if (!PathArgument(context, 0, &path)) {
     return BadPath(context, 0);
   }
-  return Report(context, context.fs->CreateFolderImpl(FileSystem::OverwriteControl(), path),
-                "mkdir: " + path);
+  FileSystem::Result result = context.tree->Prepare();
+  if (result == FileSystem::SUCCEEDED) {
+    result = context.fs->CreateFolderImpl(FileSystem::OverwriteControl(), path);
+  }
+  return Report(context, result, "mkdir: " + path);
 }
 
 int RunRm(Context& context) {

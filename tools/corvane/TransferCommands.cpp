@@ -11,6 +11,7 @@
 #include <memory>
 #include <vector>
 
+#include "AccountTree.h"
 #include "Command.h"
 #include "Interrupter.h"
 #include "ProgressBar.h"
@@ -84,6 +85,10 @@ FileSystem::Result OpenUpload(Context& context, const std::string& remote, const
     if (found != FileSystem::ITEM_MISSED) {
       return found;
     }
+  }
+  FileSystem::Result prepared = context.tree->Prepare();
+  if (prepared != FileSystem::SUCCEEDED) {
+    return prepared;
   }
   return fs.OpenForCreate(FileSystem::OverwriteControl(), remote, hash, local.size, local.mtime,
                           resume_offset, false);
