@@ -1,6 +1,9 @@
 #include "services/RemoteFileSystemOneDrive.h"
 
 #include <QDateTime>
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
 #include <QMutexLocker>
 
 #include <algorithm>
@@ -27,6 +30,7 @@ const char* const RemoteFileSystemOneDrive::kDeltaPath = "/me/drive/root/delta";
 namespace {
 
 constexpr std::uint64_t kMaxChunk = 49152000;  // a multiple of 320 KiB
+constexpr std::size_t kMaxNameBytes = 400;     // the longest name the adapter writes, too
 
 std::int64_t NowSec() {
   return utils::GetClock().NowMs() / 1000;
@@ -660,6 +664,11 @@ void RemoteFileSystemOneDrive::MakeChange(const GraphDriveItem& item, const std:
   const bool folder = item.deleted ? run->IsFolder(ids, id) : item.isFolder;
   if (!item.deleted && !item.isFolder && !item.isFile) {
     LOG_WARNING << "Unknown drive_item's resource facet type. id=" << item.id;
+    return;
+  }
+  // Graph may hand over a name no disk can show; such an item stays on the server only.
+  if (!item.deleted && (!ChildNode::IsValidName(item.name) || item.name.size() > kMaxNameBytes)) {
+    LOG_WARNING << "Skipping item with a name the disk can't hold; id=" << item.id << ".";
     return;
   }
   Change change(Change::DUMMY, path);
@@ -1540,7 +1549,7 @@ FileSystem::Result RemoteFileSystemOneDrive::OpenUpload(const std::string& path,
   }
   std::string name = NameOf(path);
   MapNameToRemote(&name);
-  if (!ChildNode::IsValidName(name) || name.size() > 400) {
+  if (!ChildNode::IsValidName(name) || name.size() > kMaxNameBytes) {
     LOG_ERROR << "Invalid name: \"" << name << "\".";
     return BADNAM;
   }
@@ -1557,11 +1566,23 @@ FileSystem::Result RemoteFileSystemOneDrive::OpenUpload(const std::string& path,
   upload_.prefix = DrivePrefix(path);
   upload_.fileSize = size;
   upload_.time = time;
-  upload_.expected = hash.GetHashOneDrive();
+  upload_.eTag = eTag;
+  const SomeHash contentHash = hash.IsEmpty() ? resumeHash_ : hash;
+  resumeHash_ = SomeHash();
+  upload_.expected = contentHash.GetHashOneDrive();
   transferPath_ = path;
+  // 2. A session of this content that another try left behind goes on where the service stands.
+  if (size > 0 && TryResumeUpload(path, contentHash, size)) {
+    LOG_INFO << "Resume upload for file \"" << path << "\" from " << upload_.sentBytes
+             << " offset, size = " << size << ".";
+    if (resumeOffset)
+      *resumeOffset = upload_.sentBytes;
+    fileMode = kSessionUpload;
+    return SUCCEEDED;
+  }
   const std::string itemUrl = GraphUrl(upload_.prefix + "/items/" + upload_.parentId + ":/" +
                                        utils::PercentEncoded(name, false) + ":");
-  // 2. An empty file goes in one plain PUT, any other through a session.
+  // 3. An empty file goes in one plain PUT, any other through a session.
   if (size == 0) {
     URLProcessor::Request request;
     request.verb = "PUT";
@@ -1612,6 +1633,9 @@ FileSystem::Result RemoteFileSystemOneDrive::CreateUploadSession(const std::stri
       },
       URLResult::OK);
   upload_.sessionUrl = MemberText(json, "uploadUrl");
+  std::int64_t expiry = 0;
+  if (utils::TryParseISODateTime(MemberText(json, "expirationDateTime"), &expiry))
+    upload_.sessionExpiry = expiry;
   if (result != SUCCEEDED || upload_.sessionUrl.empty()) {
     utils::json::Log(json, false);
     LOG_ERROR << "Create upload session failed, last response code:"
@@ -1621,6 +1645,96 @@ FileSystem::Result RemoteFileSystemOneDrive::CreateUploadSession(const std::stri
   LOG_INFO << "Created upload session.";
   upload_.hashCalculator.Begin();
   return SUCCEEDED;
+}
+
+void RemoteFileSystemOneDrive::SetFileHashToResumeInterruptedUpload(const SomeHash& hash) {
+  // Known before the open, the hash lets this upload be stored; known later, the running one.
+  if (fileMode != kSessionUpload || upload_.sessionUrl.empty()) {
+    resumeHash_ = hash;
+    return;
+  }
+  UploadSession session{upload_.expected,   upload_.fileSize,      upload_.confirmedOffset,
+                        upload_.sessionUrl, upload_.sessionExpiry, upload_.eTag,
+                        upload_.parentId,   upload_.prefix,        upload_.name,
+                        upload_.time};
+  sharedData()->sessions.StoreWithHash(transferPath_, hash, session, &SomeHash::GetHashOneDrive);
+  upload_.expected = session.hash;
+}
+
+bool RemoteFileSystemOneDrive::TryResumeUpload(const std::string& path, const SomeHash& hash,
+                                               std::uint64_t size) {
+  // 1. A stored session of the same content and size, still alive by its expiry.
+  UploadSession session;
+  if (!sharedData()->sessions.TakeForResume(path, hash, size, &session))
+    return false;
+  if (session.sessionExpiry != 0 && utils::GetClock().NowMs() / 1000 >= session.sessionExpiry) {
+    LOG_INFO << "Upload session for file \"" << path << "\" expired.";
+    return false;
+  }
+  // 2. Its state, then where the service stands; a session the service lost leaves the new
+  // upload as it was opened.
+  const Upload opened = upload_;
+  upload_.resumed = true;
+  upload_.sessionUrl = session.sessionUrl;
+  upload_.sessionExpiry = session.sessionExpiry;
+  upload_.eTag = session.eTag;
+  upload_.parentId = session.parentId;
+  upload_.prefix = session.prefix;
+  upload_.name = session.name;
+  upload_.time = session.time;
+  upload_.expected = session.hash;
+  std::uint64_t offset = 0;
+  if (GetNextExpectedRange(&offset) != SUCCEEDED || offset > size) {
+    upload_ = opened;
+    return false;
+  }
+  upload_.sentBytes = offset;
+  upload_.confirmedOffset = offset;
+  return true;
+}
+
+FileSystem::Result RemoteFileSystemOneDrive::GetNextExpectedRange(std::uint64_t* offset) {
+  json_tree json;
+  Result result = RunRequest(
+      &json, fileClient_.get(),
+      [this](URLProcessor* http) {
+        URLProcessor::Request request;
+        request.url = DispatcherUrl::FromString(upload_.sessionUrl);
+        request.authorize = false;
+        return http->Send(request);
+      },
+      URLResult::OK);
+  if (result != SUCCEEDED) {
+    if (result == STOPPED)
+      LOG_INFO << "Stopped.";
+    return result;
+  }
+  QJsonDocument document =
+      QJsonDocument::fromJson(QByteArray::fromStdString(utils::json::ToString(json, false)));
+  const QJsonArray ranges = document.object().value("nextExpectedRanges").toArray();
+  const std::string first =
+      ranges.isEmpty() ? std::string() : ranges.first().toString().toStdString();
+  bool parsed = false;
+  const std::uint64_t start =
+      QString::fromStdString(first.substr(0, first.find('-'))).toULongLong(&parsed);
+  if (!parsed) {
+    LOG_ERROR << "No expected range in upload session status: "
+              << utils::json::ToString(json, false);
+    return FAILED;
+  }
+  *offset = start;
+  RadarsLogger::instance().SendMetric("onedrive_upload_resumed", "1", 1);
+  return SUCCEEDED;
+}
+
+void RemoteFileSystemOneDrive::KeepSessionForLater() {
+  // Without the content's hash a later upload couldn't tell that it sends the same bytes.
+  if (upload_.sessionUrl.empty() || upload_.expected.IsZero())
+    return;
+  sharedData()->sessions.Store(
+      transferPath_, UploadSession{upload_.expected, upload_.fileSize, upload_.confirmedOffset,
+                                   upload_.sessionUrl, upload_.sessionExpiry, upload_.eTag,
+                                   upload_.parentId, upload_.prefix, upload_.name, upload_.time});
 }
 
 FileSystem::Result RemoteFileSystemOneDrive::BeginChunk(std::uint64_t size) {
@@ -1639,6 +1753,7 @@ FileSystem::Result RemoteFileSystemOneDrive::BeginChunk(std::uint64_t size) {
   if (!fileClient_->BeginUpload(request, size)) {
     upload_.chunkInFlight = false;
     fileMode = kIdle;
+    KeepSessionForLater();
     const URLResult result = fileClient_->Finish();
     return result == URLResult::STOPPED ? STOPPED : GetHttpFailure(fileClient_.get(), result);
   }
@@ -1689,12 +1804,14 @@ FileSystem::Result RemoteFileSystemOneDrive::WriteChunkPart(const std::uint8_t* 
                 << ", response: " << upload_.responseBuffer << ".";
       fileMode = kIdle;
       upload_.chunkInFlight = false;
+      KeepSessionForLater();
       if (result == URLResult::STOPPED || IsStopped())
         return STOPPED;
       return GetHttpFailure(fileClient_.get(), result);
     }
   }
-  upload_.hashCalculator.Feed(data, size);
+  if (!upload_.resumed)
+    upload_.hashCalculator.Feed(data, size);
   upload_.sentBytes += size;
   upload_.chunkPosition += size;
   if (!lastOfChunk)
@@ -1710,10 +1827,22 @@ FileSystem::Result RemoteFileSystemOneDrive::WriteChunkPart(const std::uint8_t* 
   if (result == URLResult::STOPPED) {
     LOG_INFO << "Stopped.";
     fileMode = kIdle;
+    KeepSessionForLater();
     return STOPPED;
   }
-  if (code == 202)
-    return SUCCEEDED;
+  if (code == 202) {
+    upload_.confirmedOffset = upload_.sentBytes;
+    if (upload_.sentBytes < upload_.fileSize)
+      return SUCCEEDED;
+    // The service kept less than it was given: the stored session lets the next try send the rest
+    // from where the service stands.
+    LOG_ERROR << "Upload of \"" << transferPath_
+              << "\" ended with the service expecting more: " << upload_.responseBuffer << ".";
+    RadarsLogger::instance().SendMetric("onedrive_offset_error", "1", 1);
+    fileMode = kIdle;
+    KeepSessionForLater();
+    return FAILED;
+  }
   if (code == 200 || code == 201) {
     json_tree json;
     if (!utils::json::Parse(upload_.responseBuffer, &json)) {
@@ -1734,7 +1863,9 @@ FileSystem::Result RemoteFileSystemOneDrive::WriteChunkPart(const std::uint8_t* 
   if (code == 416)
     RadarsLogger::instance().SendMetric("onedrive_offset_error", "1", 1);
   fileMode = kIdle;
-  return GetHttpFailure(fileClient_.get(), result);
+  const Result failure = GetHttpFailure(fileClient_.get(), result);
+  KeepSessionForLater();
+  return failure;
 }
 
 void RemoteFileSystemOneDrive::CancelUploadSession() {
@@ -1812,9 +1943,11 @@ FileSystem::Result RemoteFileSystemOneDrive::FinishFile(FileProperties* props, j
   }
   // 2. The content as the service computed it against ours.
   HashOneDrive remote = GraphDriveItem::ParseHash(json);
+  // A resumed upload saw only its last bytes: the content's hash is the one it was stored with.
   HashOneDrive ours = upload_.fileSize == 0
                           ? SomeHash::EmptyFileHash(SomeHash::ONEDRIVE).GetHashOneDrive()
-                          : upload_.hashCalculator.Finish().GetHashOneDrive();
+                      : upload_.resumed ? upload_.expected
+                                        : upload_.hashCalculator.Finish().GetHashOneDrive();
   if (remote.quick_xor.IsZero()) {
     LOG_WARNING << "Hash of \"" << transferPath_
                 << "\" is not comparable: " << remote.ToDisplayString();
@@ -1885,6 +2018,8 @@ FileSystem::Result RemoteFileSystemOneDrive::InterruptFile() {
   fileClient_->Stop();
   fileClient_->Finish();
   fileClient_->Start();
+  if (fileMode == kSessionUpload)
+    KeepSessionForLater();
   if (fileMode != kClosed)
     fileMode = kIdle;
   upload_.chunkInFlight = false;

@@ -43,6 +43,7 @@ class RemoteFileSystemOneDrive : public RemoteFileSystemChangesSupport {
   struct ExpectedUploadHash {
     std::size_t operator()(const ExpectedUpload& record) const;
   };
+  using UploadSession = OneDriveUploadSession;
 
   static constexpr std::uint64_t kMaxFileSize = 25ull << 32;
   static constexpr std::int64_t kMaxRetryAfterSec = 300;
@@ -81,6 +82,7 @@ class RemoteFileSystemOneDrive : public RemoteFileSystemChangesSupport {
                         const SomeHash& hash, std::uint64_t size, std::uint64_t time,
                         std::uint64_t* resumeOffset) override;
   Result WriteFile(const std::uint8_t* data, std::uint32_t size) override;
+  void SetFileHashToResumeInterruptedUpload(const SomeHash& hash) override;
   Result CloseFile(FileProperties* props) override;
   Result InterruptFile() override;
   Result CreateFolderImpl(const OverwriteControl& control, const std::string& path) override;
@@ -170,6 +172,9 @@ class RemoteFileSystemOneDrive : public RemoteFileSystemChangesSupport {
   Result OpenUpload(const std::string& path, const SomeHash& hash, std::uint64_t size,
                     std::uint64_t time, const std::string& eTag, std::uint64_t* resumeOffset);
   Result CreateUploadSession(const std::string& url, const std::string& eTag);
+  bool TryResumeUpload(const std::string& path, const SomeHash& hash, std::uint64_t size);
+  Result GetNextExpectedRange(std::uint64_t* offset);
+  void KeepSessionForLater();
   Result BeginChunk(std::uint64_t size);
   Result WriteChunkPart(const std::uint8_t* data, std::uint32_t size);
   Result FinishFile(FileProperties* props, utils::json::json_tree json);
@@ -206,13 +211,18 @@ class RemoteFileSystemOneDrive : public RemoteFileSystemChangesSupport {
   bool rangedRead_ = false;
   bool firstBlock_ = false;
   std::uint64_t readOffset_ = 0;
+  SomeHash resumeHash_;
   struct Upload {
+    bool resumed = false;
     std::string parentId;
     std::string name;
     std::string prefix;
     std::string sessionUrl;
+    std::int64_t sessionExpiry = 0;
+    std::string eTag;
     std::uint64_t fileSize = 0;
     std::uint64_t sentBytes = 0;
+    std::uint64_t confirmedOffset = 0;
     std::uint64_t time = 0;
     bool chunkInFlight = false;
     std::uint64_t chunkSize = 0;

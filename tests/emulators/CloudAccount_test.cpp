@@ -186,4 +186,33 @@ TEST_F(CloudAccountTest, LargeContentKeepsOnlyItsDigests) {
   EXPECT_EQ(account_.UsedSpace(), 4u + 5u + 6u - 4u);
 }
 
+TEST_F(CloudAccountTest, ASessionOfUnknownSizeKeepsItsBytesUpToTheLimit) {
+  account_.SetKeepContentLimit(4);
+  struct Case {
+    const char* name;
+    std::string content;
+    bool kept;
+  };
+  for (const Case& c : {Case{"within", "abcd", true}, Case{"beyond", "abcde", false}}) {
+    SCOPED_TRACE(c.name);
+    emulators::UploadSpec spec;
+    spec.parent_id = "root";
+    spec.name = c.name;
+    std::string session = account_.OpenUpload(spec);
+    std::uint64_t persisted = 0;
+    ASSERT_EQ(account_.AppendUpload(session, 0, c.content.substr(0, 2), &persisted),
+              AccountError::kNone);
+    ASSERT_EQ(account_.AppendUpload(session, 2, c.content.substr(2), &persisted),
+              AccountError::kNone);
+    Item out;
+    ASSERT_EQ(account_.CommitUpload(session, &out), AccountError::kNone);
+    EXPECT_EQ(out.size, c.content.size());
+    EXPECT_EQ(out.content != nullptr, c.kept);
+    if (out.content) {
+      EXPECT_EQ(*out.content, c.content);
+    }
+    EXPECT_EQ(out.digests.sha256, emulators::ContentHasher::Of(c.content).sha256);
+  }
+}
+
 }  // namespace

@@ -3,8 +3,12 @@
 // folders, bad answers, and transfers with their echoes.
 #include "services/RemoteFileSystemOneDrive.h"
 
+#include <QByteArray>
+
 #include <gtest/gtest.h>
 
+#include <chrono>
+#include <functional>
 #include <map>
 #include <queue>
 
@@ -595,6 +599,314 @@ TEST_F(OneDriveFeedTest, FolderOperationsSendOneRequestAndDropTheirEchoes) {
   EXPECT_TRUE(root_.GetFolder("Docs"));
   EXPECT_EQ(Model().count("Docs"), 0u);
   EXPECT_EQ(Model().count("Other/Made"), 1u);
+}
+
+SomeHash QuickXorOf(const std::string& content) {
+  HashCalculatorOneDrive calculator;
+  calculator.Begin();
+  calculator.Feed(reinterpret_cast<const std::uint8_t*>(content.data()),
+                  static_cast<std::uint32_t>(content.size()));
+  return calculator.Finish();
+}
+
+// The QuickXor digest as Graph writes it.
+std::string Base64Of(const SomeHash& hash) {
+  const HashOneDrive value = hash.GetHashOneDrive();
+  return QByteArray(reinterpret_cast<const char*>(value.quick_xor.data()), 20)
+      .toBase64()
+      .toStdString();
+}
+
+// Writes `content` from `from` on in blocks of `block` bytes; the first failure.
+Result WriteBlocks(RemoteFileSystemOneDrive* drive, const std::string& content, std::uint64_t from,
+                   std::size_t block) {
+  for (std::size_t at = from; at < content.size(); at += block) {
+    const std::size_t size = std::min(block, content.size() - at);
+    Result result = drive->WriteFile(reinterpret_cast<const std::uint8_t*>(content.data() + at),
+                                     static_cast<std::uint32_t>(size));
+    if (result != Result::SUCCEEDED)
+      return result;
+  }
+  return Result::SUCCEEDED;
+}
+
+constexpr std::int64_t kMonthMs = 30LL * 24 * 3600 * 1000;
+
+// The emulator dates its sessions by the system's clock.
+std::int64_t SystemNowMs() {
+  return std::chrono::duration_cast<std::chrono::milliseconds>(
+             std::chrono::system_clock::now().time_since_epoch())
+      .count();
+}
+
+class OneDriveSessionTest : public OneDriveFeedTest {
+ protected:
+  // The content ranges of the pieces sent to upload URLs, none of which may carry the token.
+  std::vector<std::string> PieceRanges() {
+    std::vector<std::string> ranges;
+    for (const auto& request : emulator_->server().Requests()) {
+      if (request.verb == "PUT" && request.path.rfind("/_upload/", 0) == 0) {
+        EXPECT_FALSE(request.HasHeader("Authorization"));
+        ranges.push_back(request.Header("Content-Range"));
+      }
+    }
+    return ranges;
+  }
+  std::size_t SessionsCreated() {
+    std::size_t count = 0;
+    for (const auto& request : emulator_->server().Requests())
+      count += request.path.find("/createUploadSession") != std::string::npos;
+    return count;
+  }
+};
+
+TEST_F(OneDriveSessionTest, ChunksOfAtMost49152000BytesWithExactContentRanges) {
+  account().SetKeepContentLimit(1 << 20);
+  struct Case {
+    std::uint64_t size;
+    std::size_t block;
+    std::vector<std::string> ranges;
+  };
+  const Case cases[] = {
+      {49152000, 1 << 20, {"bytes 0-49151999/49152000"}},
+      {49152001, 1 << 20, {"bytes 0-49151999/49152001", "bytes 49152000-49152000/49152001"}},
+      {(100 << 20) + 3,
+       999983,
+       {"bytes 0-49151999/104857603", "bytes 49152000-98303999/104857603",
+        "bytes 98304000-104857602/104857603"}},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.size);
+    emulator_->server().ClearRequests();
+    const std::string path = "Other/" + std::to_string(c.size) + ".bin";
+    const std::string content = emulators::PatternString(0, c.size);
+    const SomeHash ours = QuickXorOf(content);
+    std::uint64_t offset = 1;
+    ASSERT_EQ(drive_->OpenForCreate({}, path, ours, c.size, 0, &offset, false), Result::SUCCEEDED);
+    ASSERT_EQ(WriteBlocks(drive_.get(), content, 0, c.block), Result::SUCCEEDED);
+    FileSystem::FileProperties props;
+    ASSERT_EQ(drive_->CloseFile(&props), Result::SUCCEEDED);
+    EXPECT_EQ(PieceRanges(), c.ranges);
+    std::optional<Item> item = account().FindByPath(path);
+    ASSERT_TRUE(item);
+    EXPECT_EQ(item->size, c.size);
+    EXPECT_EQ(item->digests.quickxor, Base64Of(ours));
+    EXPECT_EQ(props.hash.GetHashOneDrive().quick_xor, ours.GetHashOneDrive().quick_xor);
+  }
+}
+
+// Adapter A leaves a session behind; adapter B of the same factory data takes it up.
+TEST_F(OneDriveSessionTest, AnInterruptedSessionResumesInAnotherAdapter) {
+  enum class Cut { kShortPersist, kStopMidChunk };
+  enum class Meanwhile { kNothing, kClockPastExpiry, kServiceDropsSessions };
+  struct Case {
+    const char* name;
+    Cut cut;
+    Meanwhile meanwhile;
+    bool other_content;
+    std::uint64_t resume_at;
+    const char* line;
+    std::size_t sessions_created;
+  };
+  const std::uint64_t kSize = (1 << 20) + 3;
+  const Case cases[] = {
+      {"short persist", Cut::kShortPersist, Meanwhile::kNothing, false, 327680,
+       "\" from 327680 offset, size = 1048579.", 1},
+      {"stop mid-chunk", Cut::kStopMidChunk, Meanwhile::kNothing, false, 0,
+       "\" from 0 offset, size = 1048579.", 1},
+      {"expired by its time", Cut::kShortPersist, Meanwhile::kClockPastExpiry, false, 0,
+       "\" expired.", 2},
+      {"dropped by the service", Cut::kShortPersist, Meanwhile::kServiceDropsSessions, false, 0,
+       "Last response code: 404", 2},
+      {"other content", Cut::kShortPersist, Meanwhile::kNothing, true, 0, "changed between uploads",
+       2},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string path = std::string("Other/") + c.name + ".bin";
+    clock_.SetWallMs(SystemNowMs());
+    emulator_->server().ClearRequests();
+    RadarsLogger::Capture metrics;
+    const std::string content = emulators::PatternString(0, kSize);
+    const SomeHash hash = QuickXorOf(content);
+    // 1. A stops short, leaving the session in the shared store.
+    std::unique_ptr<RemoteFileSystemOneDrive> a = OpenDrive();
+    std::uint64_t offset = 1;
+    a->SetFileHashToResumeInterruptedUpload(hash);
+    ASSERT_EQ(a->OpenForCreate({}, path, SomeHash(), kSize, 0, &offset, false), Result::SUCCEEDED);
+    if (c.cut == Cut::kShortPersist) {
+      emulators::Fault fault;
+      fault.persist_limit = 327680;
+      AddFault("PUT", "/_upload/", fault);
+      EXPECT_EQ(WriteBlocks(a.get(), content, 0, 65536), Result::FAILED);
+      EXPECT_EQ(metrics.Count("onedrive_offset_error"), 1u);
+    } else {
+      ASSERT_EQ(a->WriteFile(reinterpret_cast<const std::uint8_t*>(content.data()), 65536),
+                Result::SUCCEEDED);
+      a->Stop();
+      EXPECT_EQ(WriteBlocks(a.get(), content, 65536, 65536), Result::STOPPED);
+    }
+    EXPECT_EQ(shared_->sessions.Count(), 1u);
+    if (c.meanwhile == Meanwhile::kClockPastExpiry)
+      clock_.SetWallMs(SystemNowMs() + kMonthMs);
+    if (c.meanwhile == Meanwhile::kServiceDropsSessions)
+      account().ExpireUploads();
+    // 2. B goes on where the service stands, or starts again.
+    LoggerWrapper::Capture log;
+    std::unique_ptr<RemoteFileSystemOneDrive> b = OpenDrive();
+    const std::string sent = c.other_content ? emulators::PatternString(7, kSize) : content;
+    ASSERT_EQ(b->OpenForCreate({}, path, QuickXorOf(sent), kSize, 0, &offset, false),
+              Result::SUCCEEDED)
+        << testing::PrintToString(log.Lines());
+    EXPECT_EQ(offset, c.resume_at);
+    EXPECT_TRUE(log.Contains(c.line)) << testing::PrintToString(log.Lines());
+    ASSERT_EQ(WriteBlocks(b.get(), sent, offset, 65536), Result::SUCCEEDED);
+    FileSystem::FileProperties props;
+    ASSERT_EQ(b->CloseFile(&props), Result::SUCCEEDED) << testing::PrintToString(log.Lines());
+    EXPECT_EQ(metrics.Count("onedrive_upload_resumed"), c.sessions_created == 1 ? 1u : 0u);
+    EXPECT_EQ(SessionsCreated(), c.sessions_created);
+    std::optional<Item> item = account().FindByPath(path);
+    ASSERT_TRUE(item);
+    EXPECT_EQ(item->digests.quickxor, emulators::ContentHasher::Of(sent).quickxor);
+    EXPECT_EQ(shared_->sessions.Count(), 0u);
+  }
+}
+
+// The eTag of the caller's tree goes as "if-match": the current one works, a stale one is a
+// conflict that leaves the file as it is, none sends no condition.
+TEST_F(OneDriveFeedTest, ConditionsGoAsIfMatchAndAStaleETagIsAConflict) {
+  enum class Op { kRewrite, kDelete };
+  enum class ETag { kCurrent, kStale, kNone };
+  struct Case {
+    Op op;
+    ETag etag;
+    Result result;
+  };
+  const Case cases[] = {
+      {Op::kRewrite, ETag::kCurrent, Result::SUCCEEDED},
+      {Op::kRewrite, ETag::kStale, Result::CONFLICT},
+      {Op::kDelete, ETag::kCurrent, Result::SUCCEEDED},
+      {Op::kDelete, ETag::kStale, Result::CONFLICT},
+      {Op::kDelete, ETag::kNone, Result::SUCCEEDED},
+  };
+  int round = 0;
+  for (const Case& c : cases) {
+    const std::string name = "c" + std::to_string(++round) + ".txt";
+    SCOPED_TRACE(name);
+    const std::string id = AddFile(other_, name, "first");
+    Feed(drive_.get());
+    const FileNode* node = root_.GetFolder("Other")->GetFile(name);
+    ASSERT_NE(node, nullptr);
+    SomeHash control = c.etag == ETag::kNone ? SomeHash() : node->hash;
+    const std::string sent = control.GetHashOneDrive().etag;
+    if (c.etag == ETag::kStale) {
+      Item out;
+      ASSERT_EQ(account().ReplaceContent(id, "other", 1'700'000'100'000, &out),
+                emulators::AccountError::kNone);
+    }
+    emulator_->server().ClearRequests();
+    const std::string path = "Other/" + name;
+    if (c.op == Op::kRewrite) {
+      const std::string content = "second";
+      std::uint64_t offset = 0;
+      Result result = drive_->OpenForRewrite(FileSystem::OverwriteControl(control), path,
+                                             QuickXorOf(content), content.size(), 0, &offset);
+      if (result == Result::SUCCEEDED)
+        result = WriteBlocks(drive_.get(), content, 0, 4096);
+      if (result == Result::SUCCEEDED)
+        result = drive_->CloseFile(nullptr);
+      EXPECT_EQ(result, c.result);
+    } else {
+      EXPECT_EQ(drive_->DeleteFileImpl(FileSystem::OverwriteControl(control), path, 5, 0),
+                c.result);
+    }
+    // The condition went with the first request that touched the item.
+    ASSERT_FALSE(emulator_->server().Requests().empty());
+    const emulators::HttpRequest first = emulator_->server().Requests().front();
+    EXPECT_EQ(first.Header("if-match"), sent);
+    EXPECT_EQ(first.HasHeader("if-match"), c.etag != ETag::kNone);
+    std::optional<Item> item = account().FindByPath(path);
+    if (c.result != Result::SUCCEEDED) {
+      ASSERT_TRUE(item);
+      EXPECT_EQ(*item->content, "other");
+    } else if (c.op == Op::kDelete) {
+      EXPECT_FALSE(item && !account().IsInTrash(item->id));
+    } else {
+      ASSERT_TRUE(item);
+      EXPECT_EQ(*item->content, "second");
+    }
+  }
+}
+
+TEST_F(OneDriveFeedTest, ClosePublicLinkDeletesOnlyTheItemsOwnLinks) {
+  struct Case {
+    const char* name;
+    bool own;
+    bool inherited;
+    std::size_t deletes;
+    const char* line;
+  };
+  const Case cases[] = {
+      {"own and inherited", true, true, 1, "\" is closed."},
+      {"inherited only", false, true, 0, "has no public links, nothig to close."},
+  };
+  Item out;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    ASSERT_EQ(account().SetPublicLink(docs_, c.inherited ? "https://1drv.ms/f/docs" : "", &out),
+              emulators::AccountError::kNone);
+    ASSERT_EQ(account().SetPublicLink(file_, c.own ? "https://1drv.ms/t/a" : "", &out),
+              emulators::AccountError::kNone);
+    emulator_->server().ClearRequests();
+    LoggerWrapper::Capture log;
+    EXPECT_EQ(drive_->ClosePublicLink("Docs/a.txt"), Result::SUCCEEDED);
+    std::size_t deletes = 0;
+    for (const auto& request : emulator_->server().Requests())
+      deletes += request.verb == "DELETE";
+    EXPECT_EQ(deletes, c.deletes);
+    EXPECT_TRUE(log.Contains(c.line)) << testing::PrintToString(log.Lines());
+    EXPECT_TRUE(account().Find(file_)->public_link.empty());
+    EXPECT_FALSE(account().Find(docs_)->public_link.empty());
+  }
+}
+
+TEST_F(OneDriveFeedTest, RenamesAndMovesSendOnePatchEachAndTheIdsFollow) {
+  struct Case {
+    bool folder;
+    const char* from;
+    const char* to;
+    std::string body;
+  };
+  const Case cases[] = {
+      {false, "Docs/a.txt", "Docs/a2.txt",
+       R"({"@microsoft.graph.conflictBehavior":"replace","name":"a2.txt"})"},
+      {false, "Docs/a2.txt", "Other/a2.txt",
+       R"({"@microsoft.graph.conflictBehavior":"replace","name":"a2.txt","parentReference":{"id":")" +
+           other_ + R"("}})"},
+      {true, "Docs/Sub", "Docs/Sub2",
+       R"({"@microsoft.graph.conflictBehavior":"replace","name":"Sub2"})"},
+      {true, "Docs/Sub2", "Other/Sub3",
+       R"({"@microsoft.graph.conflictBehavior":"replace","name":"Sub3","parentReference":{"id":")" +
+           other_ + R"("}})"},
+  };
+  FolderNode holder;
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.to);
+    const std::string id = account().FindByPath(c.from)->id;
+    emulator_->server().ClearRequests();
+    Result result = c.folder ? drive_->MoveFolderImpl(holder, {}, c.from, {}, c.to)
+                             : drive_->RenameFileImpl(*holder.CreateFileW("x", 5, SomeHash(), 0),
+                                                      {}, c.from, {}, c.to, nullptr);
+    ASSERT_EQ(result, Result::SUCCEEDED);
+    ASSERT_EQ(emulator_->server().Requests().size(), 1u);
+    EXPECT_EQ(emulator_->server().Requests()[0].verb, "PATCH");
+    EXPECT_EQ(emulator_->server().Requests()[0].body, c.body);
+    EXPECT_EQ(account().PathOf(id), c.to);
+    EXPECT_EQ(shared_->ids.GetPathById(id).value_or("?"), c.to);
+  }
+  // The file inside the moved folder is found by its new path too.
+  EXPECT_EQ(shared_->ids.GetPathById(account().FindByPath("Other/Sub3/b.txt")->id).value_or("?"),
+            "Other/Sub3/b.txt");
 }
 
 }  // namespace

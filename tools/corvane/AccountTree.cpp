@@ -26,13 +26,6 @@ bool AccountTree::FromTree() const {
   return fs_.SupportsChangesListening() || !ReachesItemsByPath(fs_);
 }
 
-FileSystem::Result AccountTree::Prepare() {
-  if (fs_.SupportsChangesListening() || ReachesItemsByPath(fs_)) {
-    return FileSystem::SUCCEEDED;
-  }
-  return Load();
-}
-
 FileSystem::Result AccountTree::Load() {
   if (loaded_) {
     return FileSystem::SUCCEEDED;

@@ -34,9 +34,10 @@ class AccountTree {
   // ITEM_MISSED when the folder of `path` holds no such name.
   FileSystem::Result Find(const std::string& path, Item* item);
   FileSystem::Result List(const std::string& folder, RemoteFileSystem::FolderListing* listing);
-  // What a command that names an item without looking it up needs first: the tree, for an adapter
-  // that knows ids only from it and has no feed to keep them.
-  FileSystem::Result Prepare();
+  // Before an item is made without being looked up (mkdir, put): an adapter that names items by id
+  // finds the new item's parent in the tree it loaded, as under the core. Nothing to do for an
+  // adapter that reaches items by path.
+  FileSystem::Result Prepare() { return FromTree() ? Load() : FileSystem::SUCCEEDED; }
 
  private:
   bool FromTree() const;

@@ -1,0 +1,153 @@
+// The tool against `corvane emulate onedrive` as two processes, the way a person runs them: each
+// command exits 0 and the emulator's own dump shows the account changed as asked; the feed of
+// `changes` prints a file that the emulator adds meanwhile.
+#include <signal.h>
+
+#include <QJsonArray>
+#include <QJsonDocument>
+#include <QJsonObject>
+
+#include <chrono>
+#include <filesystem>
+#include <map>
+#include <sstream>
+#include <thread>
+
+#include <gtest/gtest.h>
+
+#include "support/Fetch.h"
+#include "support/Processes.h"
+
+namespace {
+
+namespace fs = std::filesystem;
+
+class CorvaneOneDriveTest : public ::testing::Test {
+ protected:
+  void SetUp() override {
+    test::WriteAll(temp_.path() / "seed" / "a.txt", "alpha");
+    test::WriteAll(temp_.path() / "seed" / "docs" / "b.bin", test::RandomBytes(3000, 7));
+    fs::create_directories(temp_.path() / "serve");
+    fs::create_directories(temp_.path() / "run");
+    emulator_ = test::StartProcess({CORVANE_TOOL_PATH, "emulate", "onedrive", "--port", "0",
+                                    "--seed", (temp_.path() / "seed").string()},
+                                   temp_.path() / "serve");
+    std::vector<std::string> printed = WaitForReady();
+    ASSERT_GE(printed.size(), 2u) << test::ReadAll(temp_.path() / "serve" / "stderr");
+    std::istringstream words(printed[0]);
+    for (std::string word; words >> word;)
+      options_.push_back(word);
+    control_ = printed[1].substr(printed[1].find("http"));  // ends in "/_emulator/"
+  }
+  void TearDown() override {
+    ::kill(emulator_, SIGINT);
+    EXPECT_EQ(test::WaitProcess(emulator_, temp_.path() / "serve").status, 0);
+  }
+
+  std::vector<std::string> WaitForReady() {
+    for (int i = 0; i < 200; ++i) {
+      std::vector<std::string> lines = test::Lines(test::ReadAll(temp_.path() / "serve/stdout"));
+      if (!lines.empty() && lines.back() == "ready")
+        return lines;
+      std::this_thread::sleep_for(std::chrono::milliseconds(50));
+    }
+    return {};
+  }
+  std::vector<std::string> Argv(const std::vector<std::string>& words) {
+    std::vector<std::string> argv = {CORVANE_TOOL_PATH};
+    argv.insert(argv.end(), options_.begin(), options_.end());
+    argv.insert(argv.end(), words.begin(), words.end());
+    return argv;
+  }
+  test::Outcome Run(const std::vector<std::string>& words) {
+    return test::RunProcess(Argv(words), temp_.path() / "run");
+  }
+  // The account as the emulator holds it: path -> item (trashed ones left out).
+  std::map<std::string, QJsonObject> Dump() {
+    QJsonObject dump = QJsonDocument::fromJson(QByteArray::fromStdString(
+                                                   test::Fetch("GET", control_ + "dump", "").body))
+                           .object();
+    std::map<std::string, QJsonObject> byId;
+    for (const QJsonValue& value : dump["items"].toArray())
+      byId[value["id"].toString().toStdString()] = value.toObject();
+    const std::string root = dump["root"].toString().toStdString();
+    std::map<std::string, QJsonObject> byPath;
+    auto parentOf = [](const QJsonObject& item) {
+      return item.value("parents").toArray().first().toString().toStdString();
+    };
+    for (const auto& [id, item] : byId) {
+      std::string path = item.value("name").toString().toStdString();
+      bool live = id != root && !item.value("trashed").toBool();
+      for (std::string parent = parentOf(item); live && parent != root;
+           parent = parentOf(byId[parent])) {
+        live = byId.count(parent) && !byId[parent].value("trashed").toBool();
+        path = byId[parent].value("name").toString().toStdString() + "/" + path;
+      }
+      if (live)
+        byPath[path] = item;
+    }
+    return byPath;
+  }
+  std::string Local(const std::string& name) { return (temp_.path() / "run" / name).string(); }
+
+  test::TempDir temp_;
+  pid_t emulator_ = 0;
+  std::vector<std::string> options_;
+  std::string control_;
+};
+
+TEST_F(CorvaneOneDriveTest, EachCommandChangesTheAccountAsAsked) {
+  // 1. Listing: the seeded items, by tree and by ls.
+  test::Outcome tree = Run({"tree"});
+  ASSERT_EQ(tree.status, 0) << tree.err;
+  EXPECT_EQ(test::Lines(tree.out).size(), 3u) << tree.out;
+  test::Outcome ls = Run({"ls", "docs"});
+  ASSERT_EQ(ls.status, 0) << ls.err;
+  EXPECT_NE(ls.out.find("b.bin"), std::string::npos) << ls.out;
+  // 2. A folder, an upload through a session, a ranged read back.
+  const std::string content = test::RandomBytes(2 * 1024 * 1024 + 77, 11);
+  test::WriteAll(Local("up.bin"), content);
+  ASSERT_EQ(Run({"mkdir", "made"}).status, 0);
+  test::Outcome put = Run({"put", Local("up.bin"), "made/up ü.bin"});
+  ASSERT_EQ(put.status, 0) << put.err;
+  test::Outcome hash = test::RunProcess(
+      {CORVANE_TOOL_PATH, "hash", "--type", "quickxor", Local("up.bin")}, temp_.path() / "run");
+  ASSERT_EQ(hash.status, 0) << hash.err;
+  ASSERT_FALSE(test::Lines(hash.out).empty());
+  EXPECT_NE(put.out.find(test::Lines(hash.out)[0]), std::string::npos) << put.out;
+  std::map<std::string, QJsonObject> account = Dump();
+  ASSERT_TRUE(account.count("made/up ü.bin"));
+  EXPECT_EQ(account["made/up ü.bin"]["size"].toDouble(), static_cast<double>(content.size()));
+  ASSERT_EQ(Run({"get", "made/up ü.bin", Local("part.bin"), "--offset", "1000", "--limit", "5000"})
+                .status,
+            0);
+  EXPECT_EQ(test::ReadAll(Local("part.bin")), content.substr(1000, 4000));
+  // 3. Rename, delete, folder delete, quota.
+  ASSERT_EQ(Run({"mv", "made/up ü.bin", "made/renamed.bin"}).status, 0);
+  account = Dump();
+  EXPECT_FALSE(account.count("made/up ü.bin"));
+  EXPECT_TRUE(account.count("made/renamed.bin"));
+  ASSERT_EQ(Run({"rm", "made/renamed.bin"}).status, 0);
+  EXPECT_FALSE(Dump().count("made/renamed.bin"));
+  ASSERT_EQ(Run({"rmdir", "made"}).status, 0);
+  EXPECT_FALSE(Dump().count("made"));
+  test::Outcome quota = Run({"quota"});
+  EXPECT_EQ(quota.status, 0) << quota.err;
+  EXPECT_FALSE(quota.out.empty());
+}
+
+TEST_F(CorvaneOneDriveTest, ChangesPrintsAFileAnotherProcessAdds) {
+  // The feed asks once a pause of the adapter's, so within the 5 s the file must come between the
+  // tree and the first question: the emulator adds it once it has answered the tree's delta.
+  test::Answer armed =
+      test::Fetch("POST", control_ + "faults", "",
+                  R"({"verb":"GET","path":"/v1.0/me/drive/root/delta","nth":1,)"
+                  R"("change":{"op":"create","path":"docs/late.txt","content":"late"}})");
+  ASSERT_LT(armed.status, 300) << armed.body;
+  test::Outcome ended = Run({"changes", "--for", "5"});
+  EXPECT_EQ(ended.status, 0) << ended.err;
+  EXPECT_NE(ended.out.find("docs/late.txt"), std::string::npos) << ended.out << ended.err;
+  EXPECT_TRUE(Dump().count("docs/late.txt"));
+}
+
+}  // namespace
