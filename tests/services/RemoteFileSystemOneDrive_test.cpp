@@ -890,13 +890,14 @@ TEST_F(OneDriveFeedTest, RenamesAndMovesSendOnePatchEachAndTheIdsFollow) {
            other_ + R"("}})"},
   };
   FolderNode holder;
+  const FileNode* file = holder.CreateFileW("x", 5, SomeHash(), 0);
+  ASSERT_NE(file, nullptr);
   for (const Case& c : cases) {
     SCOPED_TRACE(c.to);
     const std::string id = account().FindByPath(c.from)->id;
     emulator_->server().ClearRequests();
     Result result = c.folder ? drive_->MoveFolderImpl(holder, {}, c.from, {}, c.to)
-                             : drive_->RenameFileImpl(*holder.CreateFileW("x", 5, SomeHash(), 0),
-                                                      {}, c.from, {}, c.to, nullptr);
+                             : drive_->RenameFileImpl(*file, {}, c.from, {}, c.to, nullptr);
     ASSERT_EQ(result, Result::SUCCEEDED);
     ASSERT_EQ(emulator_->server().Requests().size(), 1u);
     EXPECT_EQ(emulator_->server().Requests()[0].verb, "PATCH");
