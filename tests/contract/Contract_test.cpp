@@ -1,11 +1,13 @@
 // The contract of RemoteFileSystem, the same cases for every service: the tree equals the account,
 // uploads and reads are byte-exact with the service's hash equal to ours, overwrites honour their
-// control, folder operations land where asked, hostile names stay outside, and Stop ends any
-// operation within a second. Each row (tests/contract/targets/) is one service on a real server
+// control, folder operations land where asked, hostile names stay outside, Stop ends any
+// operation within a second, and a change feed brings others' changes but not the adapter's own.
+// Each row (tests/contract/targets/) is one service on a real server
 // or on its emulator.
 #include <chrono>
 #include <future>
 #include <iostream>
+#include <queue>
 #include <set>
 #include <thread>
 
@@ -378,6 +380,50 @@ TEST_P(ContractTest, StopFromAnotherThreadEndsASlowTreeWithinASecond) {
   fs_->Stop();
   EXPECT_EQ(tree.get(), FileSystem::STOPPED);
   EXPECT_LT(Clock::now() - stopped, std::chrono::seconds(1));
+}
+
+// The feed tells what others did and keeps quiet about what this adapter did itself: its own
+// upload and folder don't come back to be applied a second time, a foreign file does.
+TEST_P(ContractTest, TheFeedBringsForeignChangesAndDropsItsOwnEchoes) {
+  if (!fs_->SupportsChangesListening() || !target_->ServesItemOperations())
+    GTEST_SKIP() << GetParam() << " has no change feed";
+  // Paces and long-poll backoffs pass on a clock of the test's own.
+  utils::ManualClock clock;
+  utils::ScopedClock scoped(&clock);
+  // 1. The feed starts from the tree this adapter loaded, as the core's does.
+  FolderNode root;
+  std::uint64_t free = 0, total = 0, used = 0;
+  tsl::htrie_set<char> service_items;
+  ASSERT_EQ(fs_->GetCloudSize(&total, &used), FileSystem::SUCCEEDED);
+  ASSERT_EQ(fs_->GetFullTree(&root, &free, &total, &service_items), FileSystem::SUCCEEDED);
+  // 2. Our own changes first, then a foreign one: once the foreign one has arrived, the echoes
+  // of ours, older in the account's history, have come through as well.
+  ASSERT_EQ(Upload("mine.bin", "made here", nullptr, nullptr), FileSystem::SUCCEEDED);
+  ASSERT_EQ(fs_->CreateFolderImpl(FileSystem::OverwriteControl(), "my folder"),
+            FileSystem::SUCCEEDED);
+  target_->PutFile("theirs.txt", "made elsewhere");
+  // 3. The feed, applied to the tree the way the core applies it.
+  bool arrived = false;
+  for (int call = 0; call < 8 && !arrived; ++call) {
+    std::queue<FileSystem::Change> changes;
+    ASSERT_EQ(fs_->GetChanges(&changes), FileSystem::SUCCEEDED) << "call " << call;
+    for (; !changes.empty(); changes.pop()) {
+      FileSystem::Change& change = changes.front();
+      if (!fs_->PrepareRemoteChange(&change)) {
+        fs_->SkipRemoteChange(change, &root);
+        continue;
+      }
+      ASSERT_TRUE(fs_->ApplyRemoteChange(change, &root, &free, &total)) << change.ToString();
+    }
+    arrived = root.GetFile("theirs.txt") != nullptr;
+  }
+  // 4. The foreign file is in the tree with its size; our own items were never applied.
+  ASSERT_TRUE(arrived);
+  EXPECT_EQ(root.GetFile("theirs.txt")->size, std::string("made elsewhere").size());
+  if (fs_->SupportsSelfChangeFiltering()) {
+    EXPECT_EQ(root.GetFile("mine.bin"), nullptr);
+    EXPECT_EQ(root.GetFolder("my folder"), nullptr);
+  }
 }
 
 // What a broken answer may cost: a clear failure, or (after the adapter's own retry) the exact
