@@ -1,5 +1,7 @@
 #include "core/PathUtils.h"
 
+#include <algorithm>
+
 namespace utils {
 
 std::pair<std::string_view, std::string_view> SplitIntoParentPathAndName(std::string_view path) {
@@ -27,6 +29,19 @@ bool SplitPath(std::string_view path, std::string* parent, std::string* name) {
     name->assign(name_part);
   }
   return !name_part.empty();
+}
+
+std::vector<std::string> PathSegments(std::string_view path) {
+  std::vector<std::string> segments;
+  std::size_t start = 0;
+  while (start < path.size()) {
+    std::size_t slash = std::min(path.find('/', start), path.size());
+    if (slash > start) {
+      segments.emplace_back(path.substr(start, slash - start));
+    }
+    start = slash + 1;
+  }
+  return segments;
 }
 
 std::string ChooseUniqueNamePostfix(const std::function<bool(const std::string&)>& exists,

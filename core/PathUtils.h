@@ -8,6 +8,7 @@
 #include <string>
 #include <string_view>
 #include <utility>
+#include <vector>
 
 namespace utils {
 
@@ -17,6 +18,8 @@ std::string_view ParentPath(std::string_view path);
 std::string_view ExtractNameFromPath(std::string_view path);
 // As SplitIntoParentPathAndName, into strings (either may be null). False when the name is empty.
 bool SplitPath(std::string_view path, std::string* parent, std::string* name);
+// The names along a path, empty segments left out: "/a//b/" gives {"a", "b"}.
+std::vector<std::string> PathSegments(std::string_view path);
 
 // `name` itself when it is free, else the first free of "stem (1).ext", "stem (2).ext", ...
 // Empty when every candidate up to kMaxUniqueNamePostfix is taken.

@@ -2,25 +2,8 @@
 
 #include "core/Json.h"
 #include "core/LoggerWrapper.h"
+#include "core/PathUtils.h"
 #include "services/HuaweiRequester.h"
-
-namespace {
-
-std::vector<std::string> Components(const std::string& path) {
-  std::vector<std::string> parts;
-  std::size_t start = 0;
-  while (start < path.size()) {
-    std::size_t slash = path.find('/', start);
-    std::string part = path.substr(start, slash == std::string::npos ? slash : slash - start);
-    if (!part.empty()) {
-      parts.push_back(part);
-    }
-    start = slash == std::string::npos ? path.size() : slash + 1;
-  }
-  return parts;
-}
-
-}  // namespace
 
 BackupMetainfoRemoteWriterHuawei::BackupMetainfoRemoteWriterHuawei(
     std::shared_ptr<RemoteFileSystemSharedData> shared_data,
@@ -39,7 +22,7 @@ FileSystem::Result BackupMetainfoRemoteWriterHuawei::FindBackupFolder(std::strin
   utils::json::json_tree root;
   FileSystem::Result result = requester_->Get(HuaweiRequester::ApiUrl("/files/root"), &root);
   *id = root.get("id", "");
-  for (const std::string& name : Components(remote_path_)) {
+  for (const std::string& name : utils::PathSegments(remote_path_)) {
     if (result != FileSystem::SUCCEEDED || CheckStopped()) {
       return result != FileSystem::SUCCEEDED ? result : FileSystem::STOPPED;
     }

@@ -8,6 +8,7 @@
 #include "core/Json.h"
 #include "core/LoggerWrapper.h"
 #include "core/Nodes.h"
+#include "core/PathUtils.h"
 #include "core/RadarsLogger.h"
 #include "core/StringUtils.h"
 #include "services/RemoteFileSystemHuaweiSharedData.h"
@@ -20,20 +21,6 @@ constexpr char kListingFields[] =
 
 std::string Quoted(const std::string& text) {
   return "\"" + text + "\"";
-}
-
-std::vector<std::string> SplitPath(const std::string& path) {
-  std::vector<std::string> parts;
-  std::size_t start = 0;
-  while (start < path.size()) {
-    std::size_t slash = path.find('/', start);
-    std::string part = path.substr(start, slash == std::string::npos ? slash : slash - start);
-    if (!part.empty()) {
-      parts.push_back(part);
-    }
-    start = slash == std::string::npos ? path.size() : slash + 1;
-  }
-  return parts;
 }
 
 std::pair<std::string, std::string> SplitParent(const std::string& path) {
@@ -154,27 +141,22 @@ RemoteFileSystemHuaweiSharedData& RemoteFileSystemHuawei::Shared() const {
   return *SharedDataAs<RemoteFileSystemHuaweiSharedData>();
 }
 
-void RemoteFileSystemHuawei::Start() {
-  {
-    std::lock_guard<std::mutex> lock(processors_mutex_);
-    for (const auto& http : {items_http_, content_http_, feed_http_}) {
-      if (http) {
-        http->Start();
-      }
+void RemoteFileSystemHuawei::ForEachProcessor(void (Stoppable::*call)()) {
+  std::lock_guard<std::mutex> lock(processors_mutex_);
+  for (const auto& http : {items_http_, content_http_, feed_http_}) {
+    if (http) {
+      (static_cast<Stoppable*>(http.get())->*call)();
     }
   }
+}
+
+void RemoteFileSystemHuawei::Start() {
+  ForEachProcessor(&Stoppable::Start);
   RemoteFileSystem::Start();
 }
 
 void RemoteFileSystemHuawei::Stop() {
-  {
-    std::lock_guard<std::mutex> lock(processors_mutex_);
-    for (const auto& http : {items_http_, content_http_, feed_http_}) {
-      if (http) {
-        http->Stop();
-      }
-    }
-  }
+  ForEachProcessor(&Stoppable::Stop);
   RemoteFileSystem::Stop();
 }
 
@@ -247,7 +229,7 @@ FileSystem::Result RemoteFileSystemHuawei::ResolveMountedRoot() {
   }
   // 2. Each component of the remote root, recycled twins ignored.
   std::string id = drive_root_id_;
-  for (const std::string& name : SplitPath(RemotePathOf(GetRemoteRootPath()))) {
+  for (const std::string& name : utils::PathSegments(RemotePathOf(GetRemoteRootPath()))) {
     std::string child;
     result = items_->FindFolder(name, id, &child);
     if (result != SUCCEEDED) {
@@ -487,7 +469,7 @@ FileSystem::Result RemoteFileSystemHuawei::ResolveFolder(const std::string& path
   // Not in the tree yet: found by name, one component at a time, and kept.
   std::string parent = mounted_id_;
   std::string walked;
-  for (const std::string& name : SplitPath(path)) {
+  for (const std::string& name : utils::PathSegments(path)) {
     walked += (walked.empty() ? "" : "/") + name;
     std::string child = ids.GetFolderIdByPath(walked);
     if (child.empty()) {

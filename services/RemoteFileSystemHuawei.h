@@ -95,6 +95,8 @@ class RemoteFileSystemHuawei : public RemoteFileSystemNoChangesSupport {
 
  private:
   RemoteFileSystemHuaweiSharedData& Shared() const;
+  // Start or Stop on every client the adapter has opened.
+  void ForEachProcessor(void (Stoppable::*call)());
   // The id of the mounted root, looked up once per connection.
   Result ResolveMountedRoot();
   // The folder at a local path: from the id tree, else found component by component and added.

@@ -60,4 +60,18 @@ TEST(PathUtilsTest, UniqueNamePostfixGivesUpWhenEverythingIsTaken) {
   EXPECT_EQ(asked, utils::kMaxUniqueNamePostfix + 1);
 }
 
+TEST(PathSegmentsTest, EmptySegmentsAreLeftOut) {
+  const std::pair<std::string, std::vector<std::string>> cases[] = {
+      {"", {}},
+      {"/", {}},
+      {"a", {"a"}},
+      {"/a//b/", {"a", "b"}},
+      {"Docs/Ünï cödé/x.txt", {"Docs", "Ünï cödé", "x.txt"}},
+      {"..//.", {"..", "."}},
+  };
+  for (const auto& [path, want] : cases) {
+    EXPECT_EQ(utils::PathSegments(path), want) << path;
+  }
+}
+
 }  // namespace
