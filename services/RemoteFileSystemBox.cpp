@@ -2,20 +2,25 @@
 
 #include "core/LoggerWrapper.h"
 
-RemoteFileSystemBox::RemoteFileSystemBox(std::shared_ptr<RemoteFileSystemSharedData> sharedData,
-                                         const std::string& remoteRootPath)
+RemoteFileSystemBox::RemoteFileSystemBox(
+    std::shared_ptr<RemoteFileSystemBoxWebDAVSharedData> sharedData,
+    const std::string& remoteRootPath)
     : RemoteFileSystemWebDAV(std::move(sharedData), remoteRootPath) {}
 
 FileSystem::Result RemoteFileSystemBox::GetCloudSize(std::uint64_t* total, std::uint64_t* used) {
   const Result result = RemoteFileSystemWebDAV::GetCloudSize(total, used);
   if (result == SUCCEEDED) {
-    total_ = *total;
+    SharedTotal() = *total;
   }
   return result;
 }
 
+std::atomic<std::uint64_t>& RemoteFileSystemBox::SharedTotal() const {
+  return SharedDataAs<RemoteFileSystemBoxWebDAVSharedData>()->total;
+}
+
 bool RemoteFileSystemBox::IsSmallAccount() const {
-  const std::uint64_t total = total_;
+  const std::uint64_t total = SharedTotal();
   return total > 0 && total <= kSmallAccountMaxTotal;
 }
 

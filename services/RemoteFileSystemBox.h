@@ -8,14 +8,21 @@
 #include <memory>
 #include <string>
 
+#include "core/RemoteFileSystemSharedData.h"
 #include "services/RemoteFileSystemWebDAV.h"
+
+// What the adapters of one account share: the total the quota last reported, which sets the
+// limit of a file for all of them.
+struct RemoteFileSystemBoxWebDAVSharedData : RemoteFileSystemSharedData {
+  std::atomic<std::uint64_t> total{0};
+};
 
 class RemoteFileSystemBox : public RemoteFileSystemWebDAV {
  public:
   static constexpr std::uint64_t kSmallAccountMaxFileSize = 262144000;    // 250 MiB
   static constexpr std::uint64_t kSmallAccountMaxTotal = 10737418240ULL;  // 10 GiB
 
-  RemoteFileSystemBox(std::shared_ptr<RemoteFileSystemSharedData> sharedData,
+  RemoteFileSystemBox(std::shared_ptr<RemoteFileSystemBoxWebDAVSharedData> sharedData,
                       const std::string& remoteRootPath);
 
   CloudServiceId GetServiceId() override { return CloudServiceId::BOX; }
@@ -33,7 +40,5 @@ class RemoteFileSystemBox : public RemoteFileSystemWebDAV {
   bool IsSmallAccount() const;
   // NO_SPACE for a file over the limit of a small account is the limit, not the space.
   Result TellTooLarge(Result result) const;
-
-  // The account's total, kept for every instance that asks for the limit.
-  std::atomic<std::uint64_t> total_{0};
+  std::atomic<std::uint64_t>& SharedTotal() const;
 };

@@ -59,6 +59,7 @@ bool RemoteFileSystemWebDAV::Open(const std::shared_ptr<URLProcessorFactory>& fa
   baseUrl_ = GetBaseUrlFromCookie(urlProcessor_.get());
   if (baseUrl_.IsEmpty()) {
     LOG_ERROR << "No base url.";
+    Close();
     return false;
   }
   return true;
@@ -110,6 +111,9 @@ FileSystem::Result RemoteFileSystemWebDAV::OpenForRewrite(const OverwriteControl
   //    is written without a condition.
   LOG_INFO << "Uploading remote file \"" << path << "\", size=" << size << ".";
   *resumeOffset = 0;
+  if (const Result idle = CheckFileSlotIdle(); idle != SUCCEEDED) {
+    return idle;
+  }
   URLProcessor::Request request;
   request.verb = "PUT";
   request.url = MakeFileUrl(path);
@@ -142,6 +146,10 @@ FileSystem::Result RemoteFileSystemWebDAV::OpenForRewrite(const OverwriteControl
 }
 
 FileSystem::Result RemoteFileSystemWebDAV::WriteFile(const std::uint8_t* data, std::uint32_t size) {
+  if (openMode_ == kWriting && size > uploadSize_ - bytesDone_) {
+    LOG_ERROR << "Write overflow; size=" << uploadSize_ << ", actual_offset=" << bytesDone_ << ".";
+    return AbandonUpload(FAILED);
+  }
   bytesDone_ += size;
   if (hashingUpload_) {
     hashCalculator_.Feed(data, size);
@@ -158,14 +166,21 @@ FileSystem::Result RemoteFileSystemWebDAV::WriteFile(const std::uint8_t* data, s
 FileSystem::Result RemoteFileSystemWebDAV::AbandonInvalidUpload(const std::string& actualHash) {
   LOG_WARNING << "Invalid content being uploaded. Expected hash is " << expectedHash_
               << ". Actual is " << actualHash << ".";
-  const URLProcessor::Result result = urlProcessor_->Finish();
-  if (result != URLProcessor::Result::OK) {
-    LOG_WARNING << "Finished returned not succeeded but " << result << ".";
-  }
-  openMode_ = kIdle;
   RadarsLogger::instance().SendMetric("webdav_invalid_write_hash", "1", 1);
   SetFailReasonValue(FAIL_REASON_HTTP);
-  return result == URLProcessor::Result::STOPPED ? STOPPED : FAILED;
+  return AbandonUpload(FAILED);
+}
+
+FileSystem::Result RemoteFileSystemWebDAV::AbandonUpload(Result result) {
+  // The body stops short of its announced length, so the server never takes it as a file.
+  const URLProcessor::Result finished = urlProcessor_->Finish();
+  if (finished != URLProcessor::Result::OK) {
+    LOG_WARNING << "Finished returned not succeeded but " << finished << ".";
+  }
+  openMode_ = kIdle;
+  bytesDone_ = 0;
+  hashingUpload_ = false;
+  return finished == URLProcessor::Result::STOPPED ? STOPPED : result;
 }
 
 FileSystem::Result RemoteFileSystemWebDAV::FinishWrite(SomeHash* hashOut) {
@@ -251,6 +266,10 @@ FileSystem::Result RemoteFileSystemWebDAV::FetchEtagAfterUpload(SomeHash* hashOu
 FileSystem::Result RemoteFileSystemWebDAV::OpenForRead(const std::string& path,
                                                        std::uint64_t offset, std::uint64_t limit,
                                                        std::uint64_t size, const SomeHash& hash) {
+  // The state below belongs to the open file until it is closed.
+  if (const Result idle = CheckFileSlotIdle(); idle != SUCCEEDED) {
+    return idle;
+  }
   expectedHash_ = hash.GetHashGenericString();
   uploadSize_ = size;
   bytesDone_ = 0;

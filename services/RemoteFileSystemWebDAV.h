@@ -58,6 +58,8 @@ class RemoteFileSystemWebDAV : public RemoteFileSystemWebDAVBase {
   Result FetchEtagAfterUpload(SomeHash* hashOut);
   // The content written differs from what the caller announced: the upload ends here.
   Result AbandonInvalidUpload(const std::string& actualHash);
+  // Ends the upload short of its length; `result` unless the ending was stopped.
+  Result AbandonUpload(Result result);
   // The etag of the answer against the tree's; the transfer is ended when they don't agree.
   Result CheckEtagOfRead();
 

@@ -82,7 +82,13 @@ bool ReadQuotaProperty(const utils::xml::xml_tree& tree, const std::string& name
   if (begin == std::string::npos) {
     return true;
   }
-  *value = ParseSize(text.substr(begin, end + 1 - begin));
+  const std::string number = text.substr(begin, end + 1 - begin);
+  // Some servers write a negative number for "unlimited" or "unknown": no figure to use.
+  if (number.size() > 1 && number[0] == '-' && ParseSize(number.substr(1))) {
+    LOG_INFO << "Quota property " << name << " not given: " << number;
+    return true;
+  }
+  *value = ParseSize(number);
   if (!*value) {
     LOG_WARNING << "Invalid quota value of " << name << ": "
                 << utils::SafePrintBinary(node->data());
@@ -200,6 +206,26 @@ DispatcherUrl RemoteFileSystemWebDAVBase::MakeRequestUrl(const std::string& path
   return url;
 }
 
+bool RemoteFileSystemWebDAVBase::HasClient() const {
+  if (urlProcessor_ && openMode_ != kClosed) {
+    return true;
+  }
+  LOG_ERROR << "Http client not exists";
+  return false;
+}
+
+FileSystem::Result RemoteFileSystemWebDAVBase::CheckFileSlotIdle() const {
+  if (!HasClient()) {
+    return FATAL;
+  }
+  if (openMode_ != kIdle) {
+    // Opening another file would silently end the transfer of the one that is open.
+    LOG_ERROR << "A file is already open; close it first (mode " << openMode_ << ").";
+    return FATAL;
+  }
+  return SUCCEEDED;
+}
+
 std::string RemoteFileSystemWebDAVBase::CurrentUrl() const {
   return urlProcessor_ ? urlProcessor_->GetUrl() : std::string();
 }
@@ -244,6 +270,9 @@ URLProcessor::Result RemoteFileSystemWebDAVBase::SendAndFinish(
 FileSystem::Result RemoteFileSystemWebDAVBase::CreateFolderImpl(const OverwriteControl&,
                                                                 const std::string& path) {
   LOG_INFO << "Creating folder " << Quoted(path) << ".";
+  if (!HasClient()) {
+    return FATAL;
+  }
   URLProcessor::Request request;
   request.verb = "MKCOL";
   request.url = MakeFolderUrl(path);
@@ -263,6 +292,9 @@ FileSystem::Result RemoteFileSystemWebDAVBase::CreateFolderImpl(const OverwriteC
 FileSystem::Result RemoteFileSystemWebDAVBase::DeleteItem(const std::string& path,
                                                           const std::string& ifMatch) {
   LOG_INFO << "Deleting " << Quoted(path) << ".";
+  if (!HasClient()) {
+    return FATAL;
+  }
   URLProcessor::Request request;
   request.verb = "DELETE";
   request.url = MakeRequestUrl(path, false);
@@ -291,6 +323,9 @@ FileSystem::Result RemoteFileSystemWebDAVBase::MoveItem(const std::string& from,
                                                         const std::string& to,
                                                         const OverwriteControl& toControl) {
   LOG_INFO << "Moving " << Quoted(from) << " to " << Quoted(to) << ".";
+  if (!HasClient()) {
+    return FATAL;
+  }
   URLProcessor::Request request;
   request.verb = "MOVE";
   request.url = MakeRequestUrl(from, false);
@@ -328,6 +363,9 @@ FileSystem::Result RemoteFileSystemWebDAVBase::MoveFolderImpl(const FolderNode&,
 FileSystem::Result RemoteFileSystemWebDAVBase::GetCloudSize(std::uint64_t* total,
                                                             std::uint64_t* used) {
   LOG_INFO << "Requesting disk size.";
+  if (!HasClient()) {
+    return FATAL;
+  }
   URLProcessor::Request request;
   request.verb = "PROPFIND";
   request.url = MakeRequestUrl("/", false);
@@ -379,6 +417,9 @@ FileSystem::Result RemoteFileSystemWebDAVBase::GetFullTree(FolderNode* root, std
                                                            std::uint64_t* total,
                                                            tsl::htrie_set<char>*) {
   // 1. Start from nothing.
+  if (!HasClient()) {
+    return FATAL;
+  }
   serverLacksFeatures_ = false;
   root->Clear();
   snapshot_progress_.expected_bytes = 0;
@@ -394,7 +435,8 @@ FileSystem::Result RemoteFileSystemWebDAVBase::GetFullTree(FolderNode* root, std
     return sizeResult;
   }
   snapshot_progress_.expected_bytes = cloudUsed;
-  *free = cloudTotal - cloudUsed;
+  // A server may report a use and no total: nothing is known to be free.
+  *free = cloudTotal > cloudUsed ? cloudTotal - cloudUsed : 0;
   *total = cloudTotal;
 
   // 3. The walk, where Stop() can reach it.
@@ -425,7 +467,7 @@ FileSystem::Result RemoteFileSystemWebDAVBase::GetFullTree(FolderNode* root, std
 
 FileSystem::Result RemoteFileSystemWebDAVBase::GetFolderListing(const std::string& path,
                                                                 FolderListing* listing) {
-  if (!path.empty() && !CheckPath(path)) {
+  if ((!path.empty() && !CheckPath(path)) || !HasClient()) {
     return FATAL;
   }
   ListFolderDepth1(path, urlProcessor_.get());
@@ -473,6 +515,9 @@ FileSystem::Result RemoteFileSystemWebDAVBase::OpenForRead(const std::string& pa
   LOG_INFO << "Reading remote file " << Quoted(path) << ".";
   if (!CheckPath(path)) {
     return FATAL;
+  }
+  if (const Result idle = CheckFileSlotIdle(); idle != SUCCEEDED) {
+    return idle;
   }
   URLProcessor::Request request;
   request.url = MakeFileUrl(path);
@@ -578,17 +623,20 @@ FileSystem::Result RemoteFileSystemWebDAVBase::WriteFile(const std::uint8_t* dat
   }
   openMode_ = kIdle;
   const URLProcessor::Result result = FinishTransfer("remote");
+  // A refusal that came while the body was on its way (a stale condition, a full disk, refused
+  // credentials) means what it means at the end of an upload, whatever broke the sending.
+  const int answered = urlProcessor_->GetResponseCode();
+  const bool refused =
+      URLProcessor::IsNotSuccessHttpCode(answered) && result != URLProcessor::Result::STOPPED &&
+      result != URLProcessor::Result::FORBIDDEN && result != URLProcessor::Result::BLOCKED;
+  if (refused) {
+    return GetResultFromHttpCodeOrFailed(answered);
+  }
   switch (result) {
     case URLProcessor::Result::STOPPED:
       LOG_INFO << "Stopped.";
       return STOPPED;
     case URLProcessor::Result::HTTP_FAILED:
-      if (urlProcessor_->GetResponseCode() == 401) {
-        // Refused credentials do not heal by sending again: the same answer as for any verb.
-        return GetResultFromHttpCodeOrFailed(401);
-      }
-      LOG_WARNING << "Failed.";
-      return FAILED;
     case URLProcessor::Result::NETWORK_FAILED:
     case URLProcessor::Result::TRANSFER_FAILED:
       LOG_WARNING << "Failed.";
@@ -639,6 +687,9 @@ FileSystem::Result RemoteFileSystemWebDAVBase::CloseFile(FileProperties* props) 
 }
 
 FileSystem::Result RemoteFileSystemWebDAVBase::InterruptFile() {
+  if (!HasClient()) {
+    return FATAL;
+  }
   urlProcessor_->Stop();
   const Result result = CloseFile(nullptr);
   urlProcessor_->Start();

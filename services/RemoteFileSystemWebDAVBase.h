@@ -111,6 +111,11 @@ class RemoteFileSystemWebDAVBase : public RemoteFileSystemNoChangesSupport {
                                              std::initializer_list<URLProcessor::Result> good);
   // Ends the running transfer, records the fail reason and counts a network failure.
   URLProcessor::Result FinishTransfer(const char* metricTag);
+  // False, with the line that tells it, when there is no open client: never opened, a failed
+  // Open, or closed since. Nothing may go out then.
+  bool HasClient() const;
+  // SUCCEEDED when a file may be opened: a client, and no other file open.
+  Result CheckFileSlotIdle() const;
   // The URL text of the running or last request.
   std::string CurrentUrl() const;
   // Sends the PROPFIND of one folder level on `processor` and leaves the answer unread.

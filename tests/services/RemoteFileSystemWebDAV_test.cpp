@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <queue>
 
 #include "core/Clock.h"
 #include "core/Cookie.h"
@@ -445,30 +446,211 @@ TEST_F(WebDavFaultTest, AnUploadWhoseContentIsNotTheAnnouncedOneNeverEnds) {
   }
 }
 
-TEST_F(WebDavFaultTest, AnEarlyAnswerEndsTheUploadAtTheNextBlock) {
-  auto dav = Open();
-  server_.Handle(
-      "PUT", "/dav/big",
-      [](const HttpRequest&) { return HttpResponse::Status(507, "quota exceeded"); },
-      emulators::Match::kExact, emulators::BodyMode::kAnswerFirst);
-  const std::string block(256 * 1024, 'z');
-  std::uint64_t offset = 0;
-  // Large enough to ask "Expect: 100-continue": the server's word comes before the body.
-  ASSERT_EQ(dav->OpenForCreate({}, "big", SomeHash(), 8 * block.size(), 0, &offset, false),
-            Result::SUCCEEDED);
-  LoggerWrapper::Capture log;
-  Result result = Result::SUCCEEDED;
-  int blocks = 0;
-  while (result == Result::SUCCEEDED && blocks < 8) {
-    result = dav->WriteFile(reinterpret_cast<const std::uint8_t*>(block.data()),
-                            static_cast<std::uint32_t>(block.size()));
-    ++blocks;
+// A refusal means the same whenever it comes: after the body, or before it (a large upload asks
+// "Expect: 100-continue" and gets the server's word first), for a new file and for a rewrite.
+TEST_F(WebDavFaultTest, ARefusalOfAnUploadIsMappedByItsCodeWheneverItComes) {
+  const std::pair<int, Result> refusals[] = {
+      {412, Result::CONFLICT},     {507, Result::NO_SPACE},     {413, Result::TOO_LARGE},
+      {401, Result::AUTH_INVALID}, {404, Result::CONFLICT},     {423, Result::FAILED},
+      {500, Result::FAILED},       {403, Result::ACCESS_DENIED}};
+  const std::uint32_t kBlock = 256 * 1024;
+  const std::string block(kBlock, 'z');
+  for (const auto& [code, expected] : refusals) {
+    for (std::uint64_t size : {std::uint64_t{1000}, std::uint64_t{8} * kBlock}) {
+      for (bool rewrite : {false, true}) {
+        SCOPED_TRACE(std::to_string(code) + ", " + std::to_string(size) + " bytes, " +
+                     (rewrite ? "rewrite" : "new"));
+        const bool early = size > kBlock;
+        server_.Handle(
+            "PUT", "/dav/up",
+            [code = code](const HttpRequest&) { return HttpResponse::Status(code, "refused"); },
+            emulators::Match::kExact,
+            early ? emulators::BodyMode::kAnswerFirst : emulators::BodyMode::kStore);
+        auto dav = Open();
+        FileSystem::OverwriteControl control;
+        if (rewrite) {
+          control = FileSystem::OverwriteControl(SomeHash(std::string("\"e1\"")));
+        }
+        std::uint64_t offset = 0;
+        ASSERT_EQ(dav->OpenForCreate(control, "up", SomeHash(), size, 0, &offset, false),
+                  Result::SUCCEEDED);
+        LoggerWrapper::Capture log;
+        Result result = Result::SUCCEEDED;
+        for (std::uint64_t sent = 0; sent < size && result == Result::SUCCEEDED;) {
+          const auto n = static_cast<std::uint32_t>(std::min<std::uint64_t>(kBlock, size - sent));
+          result = dav->WriteFile(reinterpret_cast<const std::uint8_t*>(block.data()), n);
+          sent += n;
+        }
+        if (result == Result::SUCCEEDED) {
+          FileSystem::FileProperties props;
+          result = dav->CloseFile(&props);
+        } else {
+          // The refusal ended the upload: nothing is open any more.
+          EXPECT_EQ(dav->CloseFile(nullptr), Result::FAILED);
+          EXPECT_TRUE(log.Contains("Received unsuccessfull http code while writing file: " +
+                                   std::to_string(code) + "."));
+        }
+        EXPECT_EQ(result, expected);
+        EXPECT_EQ(server_.Requests().back().Header("If-Match"), rewrite ? "\"e1\"" : "");
+      }
+    }
   }
-  EXPECT_EQ(result, Result::FAILED);
-  EXPECT_LT(blocks, 8);
-  EXPECT_TRUE(log.Contains("Received unsuccessfull http code while writing file: 507."));
-  EXPECT_TRUE(log.Contains("Received response: quota exceeded"));
-  EXPECT_EQ(dav->CloseFile(nullptr), Result::FAILED);  // nothing is open any more
+}
+
+TEST_F(WebDavFaultTest, WritingPastTheAnnouncedSizeEndsTheUploadBeforeSendingMore) {
+  server_.Handle("PUT", "/dav/f", [](const HttpRequest&) { return HttpResponse::Status(201); });
+  auto dav = Open();
+  std::uint64_t offset = 0;
+  ASSERT_EQ(dav->OpenForCreate({}, "f", SomeHash(), 5, 0, &offset, false), Result::SUCCEEDED);
+  LoggerWrapper::Capture log;
+  ASSERT_EQ(dav->WriteFile(reinterpret_cast<const std::uint8_t*>("123"), 3), Result::SUCCEEDED);
+  EXPECT_EQ(dav->WriteFile(reinterpret_cast<const std::uint8_t*>("4567"), 4), Result::FAILED);
+  EXPECT_TRUE(log.Contains("Write overflow; size=5, actual_offset=3."));
+  EXPECT_EQ(dav->CloseFile(nullptr), Result::FAILED);
+  // No body of five bytes ever reached the server: the file was never written.
+  for (const HttpRequest& request : server_.Requests()) {
+    EXPECT_NE(request.body_size, 5u);
+  }
+}
+
+// One file at a time: a second open must not end the transfer of the first one.
+TEST_F(WebDavFaultTest, AFileIsOpenedOnlyFromIdle) {
+  server_.Handle(
+      "PUT", "/dav/f", [](const HttpRequest&) { return HttpResponse::Status(201); },
+      emulators::Match::kExact, emulators::BodyMode::kStore);
+  server_.Handle("GET", "/dav/top.txt",
+                 [](const HttpRequest&) { return HttpResponse::Status(200, "content"); });
+  auto dav = Open();
+  std::uint64_t offset = 0;
+  ASSERT_EQ(dav->OpenForCreate({}, "f", SomeHash(), 6, 0, &offset, false), Result::SUCCEEDED);
+  ASSERT_EQ(dav->WriteFile(reinterpret_cast<const std::uint8_t*>("abc"), 3), Result::SUCCEEDED);
+  LoggerWrapper::Capture log;
+  EXPECT_EQ(dav->OpenForRead("top.txt", 0, 7, 7, SomeHash()), Result::FATAL);
+  EXPECT_EQ(dav->OpenForCreate({}, "g", SomeHash(), 1, 0, &offset, false), Result::FATAL);
+  EXPECT_TRUE(log.Contains("A file is already open; close it first"));
+  // The upload goes on as if nothing was asked.
+  ASSERT_EQ(dav->WriteFile(reinterpret_cast<const std::uint8_t*>("def"), 3), Result::SUCCEEDED);
+  FileSystem::FileProperties props;
+  server_.Handle("PROPFIND", "/dav/f", [](const HttpRequest&) {
+    return MultiStatusResponse({{"/dav/f", false, 6, "\"f1\""}});
+  });
+  EXPECT_EQ(dav->CloseFile(&props), Result::SUCCEEDED);
+  EXPECT_EQ(server_.Requests().back().verb, "PROPFIND");
+  bool whole = false;
+  for (const HttpRequest& request : server_.Requests()) {
+    whole = whole || (request.verb == "PUT" && request.body == "abcdef");
+  }
+  EXPECT_TRUE(whole);
+}
+
+// Without a client nothing may go out and nothing may crash: never opened, a failed Open, and
+// closed. Operations that need the server answer FATAL with the line that says why.
+TEST_F(WebDavFaultTest, WithoutAClientEveryOperationAnswersWithoutTheServer) {
+  auto closed = Open();
+  ASSERT_EQ(closed->Close(), Result::SUCCEEDED);
+  const std::size_t before = server_.Requests().size();
+  RemoteFileSystemWebDAV never(std::make_shared<RemoteFileSystemSharedData>(), "");
+  RemoteFileSystemWebDAV failed(std::make_shared<RemoteFileSystemSharedData>(), "");
+  EXPECT_FALSE(failed.Open(nullptr));
+  RemoteFileSystemWebDAV noBase(std::make_shared<RemoteFileSystemSharedData>(), "");
+  EXPECT_FALSE(noBase.Open(std::make_shared<test::RecordingProcessorFactory>("")));
+  for (RemoteFileSystemWebDAV* dav : {closed.get(), &never, &failed, &noBase}) {
+    LoggerWrapper::Capture log;
+    FileSystem::OverwriteControl none;
+    FolderNode root;
+    FileNode* file = root.CreateFileW("f", 1, SomeHash(), 0);
+    std::uint64_t a = 0, b = 0;
+    std::uint32_t done = 0;
+    std::uint8_t byte = 0;
+    tsl::htrie_set<char> items;
+    RemoteFileSystem::FolderListing listing;
+    std::string link;
+    std::queue<FileSystem::Change> changes;
+    FileSystem::FileProperties props;
+    const std::pair<const char*, Result> needServer[] = {
+        {"CheckConnection", dav->CheckConnection()},
+        {"GetCloudSize", dav->GetCloudSize(&a, &b)},
+        {"GetFullTree", dav->GetFullTree(&root, &a, &b, &items)},
+        {"GetFolderListing", dav->GetFolderListing("", &listing)},
+        {"CreateFolderImpl", dav->CreateFolderImpl(none, "d")},
+        {"DeleteFileImpl", dav->DeleteFileImpl(none, "f", 0, 0)},
+        {"DeleteFolderImpl",
+         dav->DeleteFolderImpl(root, FileSystem::Revision::RevisionNone(), "d")},
+        {"MoveFileImpl", dav->MoveFileImpl(*file, none, "f", none, "g")},
+        {"MoveFolderImpl", dav->MoveFolderImpl(root, none, "d", none, "e")},
+        {"OpenForRead", dav->OpenForRead("f", 0, 1, 1, SomeHash())},
+        {"OpenForCreate", dav->OpenForCreate(none, "f", SomeHash(), 1, 0, &a, false)},
+        {"OpenForRewrite", dav->OpenForRewrite(none, "f", SomeHash(), 1, 0, &a)},
+        {"InterruptFile", dav->InterruptFile()},
+    };
+    for (const auto& [name, result] : needServer) {
+      EXPECT_EQ(result, Result::FATAL) << name;
+    }
+    EXPECT_TRUE(log.Contains("Http client not exists"));
+    // The rest answer from what the adapter knows, or refuse as they always do.
+    EXPECT_NE(dav->ReadFile(&byte, 1, &done), Result::SUCCEEDED);
+    EXPECT_NE(dav->WriteFile(&byte, 1), Result::SUCCEEDED);
+    EXPECT_NE(dav->CloseFile(&props), Result::SUCCEEDED);
+    EXPECT_NE(dav->GetPublicLink("f", true, &link), Result::SUCCEEDED);
+    EXPECT_NE(dav->ClosePublicLink("f"), Result::SUCCEEDED);
+    EXPECT_NE(dav->GetChanges(&changes), Result::SUCCEEDED);
+    EXPECT_NE(dav->RenameFileImpl(*file, none, "f", none, "g", nullptr), Result::SUCCEEDED);
+    EXPECT_FALSE(dav->GetLastFiles(3).HasValue());
+    EXPECT_FALSE(dav->GetThumbnail("f").HasValue());
+    EXPECT_EQ(dav->GetMaxFileSize(), static_cast<std::uint64_t>(-1));
+    EXPECT_EQ(dav->GetFirstSnapshotProgress(), dav->GetFirstSnapshotProgress());
+    dav->Stop();
+    dav->Start();
+    dav->OnDiskActivity();
+  }
+  EXPECT_EQ(server_.Requests().size(), before);
+}
+
+// A server that tells a use and no total, or a negative "available" (some write one for
+// "unlimited"), leaves nothing known to be free; it never wraps to a huge number.
+TEST_F(WebDavFaultTest, AQuotaWithoutATotalLeavesNothingFree) {
+  const auto answer = [](const std::string& available, const std::string& used) {
+    return HttpResponse::Status(
+        207,
+        "<?xml version=\"1.0\"?><d:multistatus xmlns:d=\"DAV:\"><d:response><d:href>/dav/"
+        "</d:href><d:propstat><d:prop>" +
+            available + "<d:quota-used-bytes>" + used +
+            "</d:quota-used-bytes></d:prop><d:status>HTTP/1.1 200 OK</d:status></d:propstat>"
+            "</d:response></d:multistatus>");
+  };
+  struct Case {
+    const char* name;
+    std::string available;
+    Result result;
+    std::uint64_t total;
+  };
+  const Case cases[] = {
+      {"no available", "", Result::SUCCEEDED, 0},
+      {"empty available", "<d:quota-available-bytes/>", Result::SUCCEEDED, 0},
+      {"negative available", "<d:quota-available-bytes>-3</d:quota-available-bytes>",
+       Result::SUCCEEDED, 0},
+      {"text available", "<d:quota-available-bytes>lots</d:quota-available-bytes>", Result::FAILED,
+       0},
+      {"available", "<d:quota-available-bytes>700</d:quota-available-bytes>", Result::SUCCEEDED,
+       1000},
+  };
+  server_.Handle("PROPFIND", "/dav/a/", [](const HttpRequest&) {
+    return MultiStatusResponse({{"/dav/a/", true}});
+  });
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    server_.Handle("PROPFIND", "/dav",
+                   [&](const HttpRequest&) { return answer(c.available, "300"); });
+    auto dav = Open();
+    FolderNode root;
+    std::uint64_t free = 12345, total = 12345;
+    tsl::htrie_set<char> items;
+    EXPECT_EQ(dav->GetFullTree(&root, &free, &total, &items), c.result);
+    if (c.result == Result::SUCCEEDED) {
+      EXPECT_EQ(total, c.total);
+      EXPECT_EQ(free, c.total == 0 ? 0u : c.total - 300);
+    }
+  }
 }
 
 TEST_F(WebDavFaultTest, AServerWithoutEtagOnPutIsAskedOnceMore) {
@@ -590,13 +772,17 @@ TEST_F(WebDavFaultTest, OldBoxTellsAFileOverItsLimitAsTooLarge) {
   server_.Handle("PROPFIND", "/dav",
                  [](const HttpRequest&) { return Quota(5ULL << 30, 1ULL << 30); });
   server_.Handle("PUT", "/dav/huge", [](const HttpRequest&) { return HttpResponse::Status(507); });
-  RemoteFileSystemBox box(std::make_shared<RemoteFileSystemSharedData>(), "");
+  auto shared = std::make_shared<RemoteFileSystemBoxWebDAVSharedData>();
+  RemoteFileSystemBox box(shared, "");
+  RemoteFileSystemBox other(shared, "");
   ASSERT_TRUE(
       box.Open(std::make_shared<test::RecordingProcessorFactory>(server_.BaseUrl() + "/dav")));
   EXPECT_EQ(box.GetMaxFileSize(), static_cast<std::uint64_t>(-1));
   std::uint64_t total = 0, used = 0;
   ASSERT_EQ(box.GetCloudSize(&total, &used), Result::SUCCEEDED);
   EXPECT_EQ(box.GetMaxFileSize(), RemoteFileSystemBox::kSmallAccountMaxFileSize);
+  // Every adapter of the account knows the limit, not only the one that asked.
+  EXPECT_EQ(other.GetMaxFileSize(), RemoteFileSystemBox::kSmallAccountMaxFileSize);
   EXPECT_EQ(box.GetServiceId(), CloudServiceId::BOX);
   // A small file over the limit: the server takes the body and refuses it at the end.
   std::uint64_t offset = 0;
