@@ -321,15 +321,17 @@ FileSystem::Result RemoteFileSystemWebDAVBase::DeleteFolderImpl(const FolderNode
 
 FileSystem::Result RemoteFileSystemWebDAVBase::MoveItem(const std::string& from,
                                                         const std::string& to,
-                                                        const OverwriteControl& toControl) {
+                                                        const OverwriteControl& toControl,
+                                                        bool folder) {
   LOG_INFO << "Moving " << Quoted(from) << " to " << Quoted(to) << ".";
   if (!HasClient()) {
     return FATAL;
   }
   URLProcessor::Request request;
   request.verb = "MOVE";
-  request.url = MakeRequestUrl(from, false);
-  const std::string destination = "Destination: " + MakeRequestUrl(to, false).Url();
+  // A collection keeps its trailing "/" on both ends: some servers (lighttpd) move nothing else.
+  request.url = MakeRequestUrl(from, folder);
+  const std::string destination = "Destination: " + MakeRequestUrl(to, folder).Url();
   request.headers = {destination, toControl.hash.IsEmpty() ? "Overwrite: F" : "Overwrite: T"};
   const URLProcessor::Result result = SendAndFinish(request);
   if (auto settled = SettledResult(result, kWrittenResults)) {
@@ -346,7 +348,7 @@ FileSystem::Result RemoteFileSystemWebDAVBase::MoveFileImpl(const FileNode&,
                                                             const std::string& from,
                                                             const OverwriteControl& toControl,
                                                             const std::string& to) {
-  return MoveItem(from, to, toControl);
+  return MoveItem(from, to, toControl, false);
 }
 
 FileSystem::Result RemoteFileSystemWebDAVBase::MoveFolderImpl(const FolderNode&,
@@ -357,7 +359,7 @@ FileSystem::Result RemoteFileSystemWebDAVBase::MoveFolderImpl(const FolderNode&,
   if (!CheckPath(from) || !CheckPath(to)) {
     return FATAL;
   }
-  return MoveItem(from + "/", to + "/", OverwriteControl());
+  return MoveItem(from, to, OverwriteControl(), true);
 }
 
 FileSystem::Result RemoteFileSystemWebDAVBase::GetCloudSize(std::uint64_t* total,

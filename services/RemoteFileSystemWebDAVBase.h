@@ -101,8 +101,9 @@ class RemoteFileSystemWebDAVBase : public RemoteFileSystemNoChangesSupport {
 
   // DELETE with "If-Match: `ifMatch`" unless it is empty.
   Result DeleteItem(const std::string& path, const std::string& ifMatch);
-  Result MoveItem(const std::string& from, const std::string& to,
-                  const OverwriteControl& toControl);
+  // `folder`: both URLs name a collection.
+  Result MoveItem(const std::string& from, const std::string& to, const OverwriteControl& toControl,
+                  bool folder);
   // Sends a request whose answer only matters by its code; logs what the server said.
   URLProcessor::Result SendAndFinish(const URLProcessor::Request& request);
   // The answer every request shares: SUCCEEDED for one of the `good` transfer results, STOPPED

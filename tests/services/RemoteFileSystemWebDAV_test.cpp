@@ -210,9 +210,9 @@ TEST_F(WebDavFaultTest, FolderOperationsSendTheirHeadersAndMapRefusals) {
   EXPECT_EQ(requests[1].Header("Overwrite"), "T");
   EXPECT_EQ(requests[2].Header("Destination"), base + "/dav/new%20name");
   EXPECT_EQ(requests[2].Header("Overwrite"), "F");
-  // The generic service sends folders without their trailing slash, as servers take both.
-  EXPECT_EQ(requests[3].path, "/dav/d");
-  EXPECT_EQ(requests[3].Header("Destination"), base + "/dav/e");
+  // A folder moves by its collection URL, with the trailing slash on both ends.
+  EXPECT_EQ(requests[3].path, "/dav/d/");
+  EXPECT_EQ(requests[3].Header("Destination"), base + "/dav/e/");
   EXPECT_EQ(requests[4].path, "/dav/locked");
   EXPECT_FALSE(requests[4].HasHeader("If-Match"));
 }
