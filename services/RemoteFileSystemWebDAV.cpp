@@ -46,6 +46,19 @@ bool EtagsAgree(const std::string& header, const std::string& expected) {
   return common >= 2 && ToLower(a) == ToLower(b);
 }
 
+bool IsWeakEtag(const std::string& etag) {
+  return etag.size() >= 2 && (etag[0] == 'W' || etag[0] == 'w') && etag[1] == '/';
+}
+
+// The tag without its weakness mark: what a weak comparison compares (RFC 7232).
+std::string OpaqueTag(const std::string& etag) {
+  return IsWeakEtag(etag) ? etag.substr(2) : etag;
+}
+
+std::string Quoted(const std::string& text) {
+  return "\"" + text + "\"";
+}
+
 }  // namespace
 
 RemoteFileSystemWebDAV::RemoteFileSystemWebDAV(
@@ -95,7 +108,13 @@ FileSystem::Result RemoteFileSystemWebDAV::DeleteFileImpl(const OverwriteControl
                                                           std::uint64_t size, std::uint64_t) {
   std::string ifMatch;
   if (!control.hash.IsEmpty() || size == 0) {
-    ifMatch = control.hash.GetHashGenericString();
+    if (!HasClient()) {
+      return FATAL;
+    }
+    const Result condition = IfMatchFor(path, control.hash.GetHashGenericString(), &ifMatch);
+    if (condition != SUCCEEDED) {
+      return condition;
+    }
   } else {
     LOG_ERROR << "Hash is not set in overwrite control: " << path;
   }
@@ -122,7 +141,14 @@ FileSystem::Result RemoteFileSystemWebDAV::OpenForRewrite(const OverwriteControl
   if (control.hash.IsEmpty()) {
     request.headers.push_back("If-None-Match: *");
   } else if (size > 0) {
-    request.headers.push_back("If-Match: " + control.hash.GetHashGenericString());
+    std::string ifMatch;
+    const Result condition = IfMatchFor(path, control.hash.GetHashGenericString(), &ifMatch);
+    if (condition != SUCCEEDED) {
+      return condition;
+    }
+    if (!ifMatch.empty()) {
+      request.headers.push_back("If-Match: " + ifMatch);
+    }
   }
   responseBody_.clear();
   if (!urlProcessor_->BeginUpload(request, size)) {
@@ -205,48 +231,39 @@ FileSystem::Result RemoteFileSystemWebDAV::FinishWrite(SomeHash* hashOut) {
   return result;
 }
 
-FileSystem::Result RemoteFileSystemWebDAV::FetchEtagAfterUpload(SomeHash* hashOut) {
-  // 1. One PROPFIND of the file.
+FileSystem::Result RemoteFileSystemWebDAV::PropfindFile(const std::string& path, FileProps* props,
+                                                        const char* failureLine) {
+  // 1. One Depth 0 PROPFIND of the file.
   URLProcessor::Request request;
   request.verb = "PROPFIND";
-  request.url = MakeFileUrl(uploadPath_);
+  request.url = MakeFileUrl(path);
   request.headers = {"Depth: 0"};
   std::string body;
   if (urlProcessor_->Send(request)) {
     body = ReadAnswerPrefix(urlProcessor_->GetInputStream());
   }
   const URLProcessor::Result result = urlProcessor_->Finish();
+  SetFailReason(result, -1);
   if (result == URLProcessor::Result::STOPPED) {
     LOG_INFO << "Stopped.";
-    return FAILED;
+    return STOPPED;
   }
   if (result != URLProcessor::Result::MULTI_STATUS) {
     LOG_INFO << "Response: " << body;
-    LOG_WARNING << "Failed to read response to propfind after file write: " << result;
-    return FAILED;
+    LOG_WARNING << failureLine << result;
+    return GetResultFromHttpCodeOrFailed(urlProcessor_->GetResponseCode());
   }
 
-  // 2. Its etag, and a look at the size the server has.
+  // 2. Its etag and length.
   QXmlStreamReader xml(QByteArray::fromRawData(body.data(), static_cast<int>(body.size())));
-  std::string etag;
-  bool sizeSeen = false;
-  bool etagSeen = false;
-  while (!(sizeSeen && etagSeen) && !xml.atEnd() && !xml.hasError()) {
+  while (!(props->length && !props->etag.empty()) && !xml.atEnd() && !xml.hasError()) {
     if (xml.readNext() != QXmlStreamReader::StartElement) {
       continue;
     }
     if (xml.name() == QLatin1String("getcontentlength")) {
-      sizeSeen = true;
-      const std::string length = QStrToStr(xml.readElementText());
-      if (length != std::to_string(bytesDone_)) {
-        LOG_INFO << "Response: " << body;
-        LOG_WARNING << "Remote file size doesn't match " << bytesDone_ << ".";
-        LOG_INFO << "Content length is 0, trying a bit later...";
-        WaitForStop(kSizeSettleWaitMs);
-      }
+      props->length = QStrToStr(xml.readElementText());
     } else if (xml.name() == QLatin1String("getetag")) {
-      etagSeen = true;
-      etag = QStrToStr(xml.readElementText());
+      props->etag = QStrToStr(xml.readElementText());
     }
   }
   if (xml.hasError()) {
@@ -254,12 +271,57 @@ FileSystem::Result RemoteFileSystemWebDAV::FetchEtagAfterUpload(SomeHash* hashOu
               << " \nerror: " << QStrToStr(xml.errorString());
     return FAILED;
   }
-  if (etag.empty()) {
+  if (props->etag.empty()) {
     LOG_INFO << "Response: " << body;
+  }
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemWebDAV::FetchEtagAfterUpload(SomeHash* hashOut) {
+  FileProps props;
+  if (PropfindFile(uploadPath_, &props, "Failed to read response to propfind after file write: ") !=
+      SUCCEEDED) {
+    return FAILED;
+  }
+  if (props.length && *props.length != std::to_string(bytesDone_)) {
+    LOG_WARNING << "Remote file size doesn't match " << bytesDone_ << ".";
+    LOG_INFO << "Content length is 0, trying a bit later...";
+    WaitForStop(kSizeSettleWaitMs);
+  }
+  if (props.etag.empty()) {
     LOG_ERROR << "No etag in response.";
     return FAILED;
   }
-  *hashOut = SomeHash(etag);
+  *hashOut = SomeHash(props.etag);
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemWebDAV::IfMatchFor(const std::string& path,
+                                                      const std::string& control,
+                                                      std::string* ifMatch) {
+  // 1. A strong etag is sent as it is.
+  *ifMatch = control;
+  if (!IsWeakEtag(control)) {
+    return SUCCEEDED;
+  }
+  // 2. A weak one never matches under If-Match's strong comparison: the file's etag of now is
+  //    compared weakly instead.
+  FileProps props;
+  const Result asked = PropfindFile(path, &props, "Failed to read the etag of a file: ");
+  if (asked != SUCCEEDED) {
+    return asked;
+  }
+  if (OpaqueTag(props.etag) != OpaqueTag(control)) {
+    LOG_WARNING << "Precondition failed: " << Quoted(path) << " is " << props.etag << ", not "
+                << control << ".";
+    return CONFLICT;
+  }
+  // 3. The same version: its strong form once the server gives one; while it is still weak, the
+  //    check just made stands for the condition.
+  *ifMatch = IsWeakEtag(props.etag) ? std::string() : props.etag;
+  LOG_INFO << "Weak etag " << control
+           << " matches; condition sent: " << (ifMatch->empty() ? std::string("none") : *ifMatch)
+           << ".";
   return SUCCEEDED;
 }
 

@@ -11,6 +11,7 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "core/HashCalculators.h"
@@ -54,8 +55,18 @@ class RemoteFileSystemWebDAV : public RemoteFileSystemWebDAVBase {
   std::uint64_t bytesDone_ = 0;
 
  private:
+  struct FileProps {
+    std::string etag;                   // empty when the server gives none
+    std::optional<std::string> length;  // as the server wrote it
+  };
+  // One Depth 0 PROPFIND of a file; STOPPED, or the answer's code mapped (with `failureLine`
+  // and the transfer's result in the log), when it fails.
+  Result PropfindFile(const std::string& path, FileProps* props, const char* failureLine);
   // For servers that answer a PUT without an etag: one PROPFIND of the file just written.
   Result FetchEtagAfterUpload(SomeHash* hashOut);
+  // The If-Match text for the etag a control holds; empty when a weak etag was checked here
+  // instead. CONFLICT when the file is no longer that version.
+  Result IfMatchFor(const std::string& path, const std::string& control, std::string* ifMatch);
   // The content written differs from what the caller announced: the upload ends here.
   Result AbandonInvalidUpload(const std::string& actualHash);
   // Ends the upload short of its length; `result` unless the ending was stopped.

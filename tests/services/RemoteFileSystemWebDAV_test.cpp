@@ -240,6 +240,71 @@ TEST_F(WebDavFaultTest, DeleteOfAFileIsConditionalOnItsEtag) {
   EXPECT_FALSE(requests[2].HasHeader("If-Match"));
 }
 
+// A weak etag (Apache's for a file changed within its last second) can't match under If-Match:
+// the file's etag of now is compared weakly, then sent in its strong form or, still weak, not at
+// all. A different version is CONFLICT and nothing is written or deleted.
+TEST_F(WebDavFaultTest, AWeakControlIsCheckedWeaklyBeforeTheWrite) {
+  struct Case {
+    const char* name;
+    int status;       // of the PROPFIND of the file
+    const char* now;  // the etag the server gives now
+    Result result;
+    const char* sent;  // If-Match of the write; nullptr: no write at all
+  };
+  const Case cases[] = {
+      {"still weak", 207, "W/\"5-abc\"", Result::SUCCEEDED, ""},
+      {"strong now", 207, "\"5-abc\"", Result::SUCCEEDED, "\"5-abc\""},
+      {"another version", 207, "\"6-def\"", Result::CONFLICT, nullptr},
+      {"another weak version", 207, "W/\"6-def\"", Result::CONFLICT, nullptr},
+      {"gone", 404, "", Result::CONFLICT, nullptr},
+      {"refused", 401, "", Result::AUTH_INVALID, nullptr},
+  };
+  const FileSystem::OverwriteControl weak(SomeHash(std::string("W/\"5-abc\"")));
+  for (const Case& c : cases) {
+    for (bool remove : {false, true}) {
+      SCOPED_TRACE(std::string(c.name) + (remove ? ", delete" : ", rewrite"));
+      server_.Handle("PROPFIND", "/dav/f", [&c](const HttpRequest&) {
+        return c.status == 207 ? MultiStatusResponse({{"/dav/f", false, 5, c.now}})
+                               : HttpResponse::Status(c.status);
+      });
+      server_.Handle("PUT", "/dav/f", [](const HttpRequest&) {
+        HttpResponse response = HttpResponse::Status(204);
+        response.headers = {{"ETag", "\"7-new\""}};
+        return response;
+      });
+      server_.Handle("DELETE", "/dav/f",
+                     [](const HttpRequest&) { return HttpResponse::Status(204); });
+      auto dav = Open();
+      const std::size_t before = server_.Requests().size();
+      Result result = Result::SUCCEEDED;
+      if (remove) {
+        result = dav->DeleteFileImpl(weak, "f", 5, 0);
+      } else {
+        std::uint64_t offset = 0;
+        result = dav->OpenForRewrite(weak, "f", SomeHash(), 5, 0, &offset);
+        if (result == Result::SUCCEEDED &&
+            (result = dav->WriteFile(reinterpret_cast<const std::uint8_t*>("12345"), 5)) ==
+                Result::SUCCEEDED) {
+          FileSystem::FileProperties props;
+          result = dav->CloseFile(&props);
+        }
+      }
+      EXPECT_EQ(result, c.result);
+      const auto requests = server_.Requests();
+      ASSERT_GT(requests.size(), before);
+      EXPECT_EQ(requests[before].verb, "PROPFIND");
+      EXPECT_EQ(requests[before].Header("Depth"), "0");
+      if (c.sent == nullptr) {
+        EXPECT_EQ(requests.size(), before + 1);
+        continue;
+      }
+      ASSERT_EQ(requests.size(), before + 2);
+      EXPECT_EQ(requests.back().verb, remove ? "DELETE" : "PUT");
+      EXPECT_EQ(requests.back().Header("If-Match"), c.sent);
+    }
+  }
+}
+
 // The faults of one folder's listing during a whole tree walk. The root lists fine; folder "a"
 // answers from the script.
 TEST_F(WebDavFaultTest, TreeWalkMeetsFaultsOfOneFolder) {
