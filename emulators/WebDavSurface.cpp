@@ -90,7 +90,7 @@ void WebDavSurface::Install() {
   route("MOVE", &WebDavSurface::Move, prefixed);
   route("DELETE", &WebDavSurface::Delete, prefixed);
   RouteOptions upload = prefixed;
-  upload.mode = BodyMode::kStoreUnlogged;
+  upload.mode = BodyMode::kStoreBounded;
   upload.on_head = [this](const HttpRequest& head) { return PutHead(head); };
   route("PUT", &WebDavSurface::Put, upload);
 }
@@ -271,6 +271,8 @@ int WebDavSurface::PlanPut(const HttpRequest& request, std::string* parent_id,
       (!*existing || (if_match != "*" && if_match != (*existing)->digests.md5)))
     return 412;
   std::uint64_t size = std::strtoull(request.Header("Content-Length").c_str(), nullptr, 10);
+  if (options_.max_file_size > 0 && size > options_.max_file_size)
+    return 413;
   std::uint64_t freed = *existing ? (*existing)->size : 0;
   if (account.UsedSpace() - freed + size > account.TotalSpace())
     return 507;
@@ -305,18 +307,15 @@ HttpResponse WebDavSurface::Put(const HttpRequest& request) {
     return Text(status, "Refused");
   // 2. The announced digests must be those of the bytes that came.
   if (options_.hash_headers) {
-    ContentDigests digests =
-        ContentHasher::Of(request.body, ContentHasher::kMd5 | ContentHasher::kSha256);
+    const ContentDigests& digests = request.body_digests;
     std::string md5 = request.Header("Etag");
     std::string sha256 = request.Header("Sha256");
     if ((!md5.empty() && md5 != digests.md5) || (!sha256.empty() && sha256 != digests.sha256))
       return Text(400, "The content does not match its Etag or Sha256");
   }
   // 3. The file.
-  CloudAccount& account = router_.account();
-  AccountError error = existing ? account.ReplaceContent(existing->id, request.body, 0, nullptr)
-                                : account.CreateFile(parent_id, LeafName(DecodePath(request.path)),
-                                                     request.body, 0, nullptr);
+  AccountError error = PutUploadedBytes(router_.account(), request, parent_id,
+                                        LeafName(DecodePath(request.path)), existing);
   if (error == AccountError::kNoSpace)
     return Text(507, "Insufficient Storage");
   return Text(error == AccountError::kNone ? 201 : 409, "Created");
@@ -410,6 +409,19 @@ AccountError PutKnownContent(CloudAccount& account, const std::string& parent_id
   if (existing)
     return account.ReplaceContent(existing->id, *known.content, 0, nullptr);
   return account.CreateFile(parent_id, name, *known.content, 0, nullptr);
+}
+
+AccountError PutUploadedBytes(CloudAccount& account, const HttpRequest& upload,
+                              const std::string& parent_id, const std::string& name,
+                              const std::optional<Item>& existing) {
+  if (upload.body.size() == upload.body_size) {
+    return existing ? account.ReplaceContent(existing->id, upload.body, 0, nullptr)
+                    : account.CreateFile(parent_id, name, upload.body, 0, nullptr);
+  }
+  return existing ? account.ReplaceByDigests(existing->id, upload.body_size, upload.body_digests, 0,
+                                             nullptr)
+                  : account.CreateFileByDigests(parent_id, name, upload.body_size,
+                                                upload.body_digests, 0, nullptr);
 }
 
 bool CleanPath(const std::string& raw, std::string* path) {

@@ -39,6 +39,7 @@ class YandexDialect::Dav {
     dav.prefix = "/webdav";
     dav.root_aliases = {"/disk"};
     dav.hash_headers = true;
+    dav.max_file_size = options.max_file_size;
     dav.live_property = [this](const Item& item, const DavProperty& asked, std::string* value) {
       return LiveProperty(item, asked, value);
     };

@@ -95,7 +95,7 @@ void YandexRestApi::Install() {
   // The links are pre-authorized, as Yandex's are.
   prefixed.needs_auth = false;
   route("GET", kDownloadPath, &YandexRestApi::Download, prefixed);
-  prefixed.mode = BodyMode::kStoreUnlogged;
+  prefixed.mode = BodyMode::kStoreBounded;
   route("PUT", kUploadPath, &YandexRestApi::Upload, prefixed);
 }
 
@@ -413,10 +413,8 @@ HttpResponse YandexRestApi::Upload(const HttpRequest& request) {
   CloudAccount& account = router_.account();
   std::optional<Item> existing = account.ChildByName(link.parent_id, link.name);
   AccountError error = AccountError::kNameTaken;
-  if (existing && !existing->IsFolder() && link.overwrite)
-    error = account.ReplaceContent(existing->id, request.body, 0, nullptr);
-  else if (!existing)
-    error = account.CreateFile(link.parent_id, link.name, request.body, 0, nullptr);
+  if (!existing || (!existing->IsFolder() && link.overwrite))
+    error = PutUploadedBytes(account, request, link.parent_id, link.name, existing);
   // 3. The operation ends with it.
   bool accepted = options_.upload_accepted && error == AccountError::kNone;
   {

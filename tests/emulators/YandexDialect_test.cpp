@@ -476,3 +476,61 @@ TEST_F(YandexDialectTest, LargeFoldersAndAcceptedUploadsGoByOperation) {
 }
 
 }  // namespace
+
+TEST_F(YandexDialectTest, BigUploadsKeepOnlyTheirDigests) {
+  emulators::YandexOptions options;
+  options.max_file_size = 5000;
+  Start(options);
+  emulator_->server().SetBodyKeepLimit(100);
+  const std::string bytes(1000, 'z');
+  const emulators::ContentDigests digests = emulators::ContentHasher::Of(bytes);
+  const std::string announced = "Etag: " + digests.md5 + "\nSha256: " + digests.sha256;
+  // 1. Over WebDAV: checked against its headers, kept as size and digests.
+  EXPECT_EQ(Call("PUT", "/webdav/lie.bin", bytes + "!", announced).status, 400);
+  EXPECT_EQ(Call("PUT", "/webdav/big.bin", bytes, announced).status, 201);
+  std::optional<emulators::Item> big = emulator_->account().FindByPath("big.bin");
+  ASSERT_TRUE(big);
+  EXPECT_EQ(big->size, bytes.size());
+  EXPECT_FALSE(big->content);
+  EXPECT_EQ(big->digests.sha256, digests.sha256);
+  EXPECT_FALSE(emulator_->account().FindByPath("lie.bin"));
+  // Its hashes are in the snapshot; its bytes can't be read.
+  EXPECT_NE(Call("GET", "/webdav/disk?index&v=3").body.find(Raw(digests.sha256)),
+            std::string::npos);
+  EXPECT_EQ(Call("GET", "/webdav/big.bin").status, 404);
+  // 2. By an upload link, the same.
+  QJsonObject link = Json(Call("GET", "/v1/disk/resources/upload?path=disk:/linked.bin").body);
+  EXPECT_EQ(test::Fetch("PUT", link["href"].toString().toStdString(), "", bytes).status, 201);
+  EXPECT_EQ(emulator_->account().FindByPath("linked.bin")->digests.md5, digests.md5);
+  // 3. Above the largest file, refused before the bytes.
+  const std::string huge(6000, 'h');
+  EXPECT_EQ(Call("PUT", "/webdav/huge.bin", huge).status, 413);
+  test::Answer refused = Call("GET", "/v1/disk/resources/upload?path=disk:/huge.bin&size=6000");
+  EXPECT_EQ(refused.status, 413);
+  EXPECT_EQ(Json(refused.body)["error"], "FileTooBigError");
+}
+
+TEST_F(YandexDialectTest, FaultsReachTheWebDavHost) {
+  // 1. A snapshot cut after ten bytes.
+  emulators::FaultRule cut;
+  cut.verb = "GET";
+  cut.path_prefix = "/webdav/disk";
+  cut.fault.cut_after = 10;
+  emulator_->faults().Add(cut);
+  test::Answer answer = Call("GET", "/webdav/disk?index&v=3");
+  EXPECT_EQ(answer.code, CURLE_PARTIAL_FILE);
+  EXPECT_EQ(answer.body.size(), 10u);
+  // 2. A listing answered 503, with Yandex's body, then served again.
+  emulators::FaultRule busy;
+  busy.verb = "PROPFIND";
+  busy.fault.status = 503;
+  emulator_->faults().Add(busy);
+  answer = Call("PROPFIND", "/webdav/", "", "Depth: 1");
+  EXPECT_EQ(answer.status, 503);
+  EXPECT_EQ(Json(answer.body)["error"], "DiskServiceUnavailableError");
+  EXPECT_EQ(Call("PROPFIND", "/webdav/", "", "Depth: 1").status, 207);
+  // The request log shows the snapshot's query as sent.
+  std::vector<emulators::HttpRequest> log = emulator_->server().Requests();
+  ASSERT_FALSE(log.empty());
+  EXPECT_EQ(log.front().query, YandexDialect::kSnapshotQuery);
+}
