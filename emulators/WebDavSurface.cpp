@@ -96,10 +96,13 @@ void WebDavSurface::Install() {
 }
 
 bool WebDavSurface::Resolve(const std::string& request_path, Target* out) const {
-  // 1. Below the prefix.
-  if (request_path.compare(0, options_.prefix.size(), options_.prefix) != 0)
+  // 1. Below the prefix: "/webdavDocs" is not "/webdav/Docs".
+  std::string rest = request_path.substr(std::min(options_.prefix.size(), request_path.size()));
+  if (request_path.compare(0, options_.prefix.size(), options_.prefix) != 0 ||
+      (!rest.empty() && rest[0] != '/')) {
     return false;
-  std::string rest = DecodePath(request_path.substr(options_.prefix.size()));
+  }
+  rest = DecodePath(rest);
   out->href_base = options_.prefix;
   // 2. An alias of the root stands in front of the account's path.
   for (const std::string& alias : options_.root_aliases) {

@@ -16,7 +16,7 @@ namespace {
 constexpr const char* kApi = "/v1/disk";
 constexpr const char* kDownloadPath = "/yadisk-download/";
 constexpr const char* kUploadPath = "/yadisk-upload/";
-constexpr const char* kOperationsPath = "/v1/disk/operations/";
+constexpr const char* kOperations = "/v1/disk/operations";
 
 QString Q(const std::string& text) {
   return QString::fromStdString(text);
@@ -89,9 +89,11 @@ void YandexRestApi::Install() {
   route("PUT", resources + "/upload", &YandexRestApi::UploadLinkRequest);
   route("GET", resources + "/snapshot", &YandexRestApi::Snapshot);
   route("GET", resources + "/deltas", &YandexRestApi::Deltas);
+  // An operation is named by "?id=" in the links given out, and by path as well.
+  route("GET", kOperations, &YandexRestApi::OperationStatus);
   RouteOptions prefixed;
   prefixed.match = Match::kPrefix;
-  route("GET", kOperationsPath, &YandexRestApi::OperationStatus, prefixed);
+  route("GET", std::string(kOperations) + "/", &YandexRestApi::OperationStatus, prefixed);
   // The links are pre-authorized, as Yandex's are.
   prefixed.needs_auth = false;
   route("GET", kDownloadPath, &YandexRestApi::Download, prefixed);
@@ -173,12 +175,16 @@ std::string YandexRestApi::NewOperation(Operation operation) {
   return id;
 }
 
+std::string YandexRestApi::OperationUrl(const std::string& id) const {
+  return router_.BaseUrl() + kOperations + "?id=" + id;
+}
+
 HttpResponse YandexRestApi::Accepted(const std::string& status) {
   Operation operation;
   operation.polls_left = options_.operation_polls;
   operation.status = status;
   std::string id = NewOperation(operation);
-  return JsonResponse(202, Link(router_.BaseUrl() + kOperationsPath + id));
+  return JsonResponse(202, Link(OperationUrl(id)));
 }
 
 bool YandexRestApi::IsLarge(const Item& item) const {
@@ -390,7 +396,7 @@ HttpResponse YandexRestApi::UploadLinkRequest(const HttpRequest& request) {
     uploads_[id] = UploadLink{parent_id, name, overwrite, operation};
   }
   QJsonObject link = Link(router_.BaseUrl() + kUploadPath + id, "PUT");
-  std::string operation_url = router_.BaseUrl() + kOperationsPath + operation;
+  std::string operation_url = OperationUrl(operation);
   QJsonObject answer = link;
   answer.insert("operation_id", Q(operation));
   answer.insert("upload_link", link);
@@ -429,12 +435,14 @@ HttpResponse YandexRestApi::Upload(const HttpRequest& request) {
   if (error != AccountError::kNone)
     return HttpResponse::Status(409);
   if (accepted)
-    return JsonResponse(202, Link(router_.BaseUrl() + kOperationsPath + link.operation));
+    return JsonResponse(202, Link(OperationUrl(link.operation)));
   return HttpResponse::Status(201);
 }
 
 HttpResponse YandexRestApi::OperationStatus(const HttpRequest& request) {
-  std::string id = request.path.substr(std::string(kOperationsPath).size());
+  std::string id = request.path == kOperations
+                       ? QueryParam(request.query, "id")
+                       : request.path.substr(std::string(kOperations).size() + 1);
   std::lock_guard<std::mutex> lock(mutex_);
   auto found = operations_.find(id);
   if (found == operations_.end())

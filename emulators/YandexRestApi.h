@@ -67,6 +67,7 @@ class YandexRestApi {
   // 202 with the link of a new operation that ends after the configured polls.
   HttpResponse Accepted(const std::string& status = "success");
   std::string NewOperation(Operation operation);
+  std::string OperationUrl(const std::string& id) const;
   // A folder with this many items or more goes by operation.
   bool IsLarge(const Item& item) const;
   // The delta items of one journal entry (none, one, or two for a moved file).

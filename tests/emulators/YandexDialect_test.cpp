@@ -174,7 +174,8 @@ TEST_F(YandexDialectTest, DeltasFollowTheAccountsChanges) {
   ASSERT_EQ(Call("POST", "/v1/disk/resources/move?from=disk:/New/f.txt&path=disk:/g.txt").status,
             201);
   ASSERT_EQ(Call("DELETE", "/webdav/g.txt").status, 204);
-  ASSERT_EQ(Call("DELETE", "/v1/disk/resources?path=disk:/Moved&permanently=true").status, 204);
+  // A folder that isn't empty goes by operation, which has done its work when it is answered.
+  ASSERT_EQ(Call("DELETE", "/v1/disk/resources?path=disk:/Moved&permanently=true").status, 202);
   const std::string now = Revision();
   // 2. The deltas over pages, each under the revision that the first page fixed.
   std::vector<std::string> seen;
@@ -314,6 +315,7 @@ TEST_F(YandexDialectTest, WebDavAnswersAsYandexDoes) {
        {"<d:quota-used-bytes>305</d:quota-used-bytes>",
         "<max-file-size xmlns=\"urn:yandex:disk:meta\">53687091200</max-file-size>",
         "<trash-used-bytes xmlns=\"urn:yandex:disk:meta\">0</trash-used-bytes>"}},
+      {"a path glued to the host's", "PROPFIND", "/webdavDocs", listing, "Depth: 0", 404, {}},
       {"depth infinity", "PROPFIND", "/webdav/", listing, "Depth: infinity", 403, {}},
       {"malformed XML",
        "PROPFIND",
@@ -467,6 +469,9 @@ TEST_F(YandexDialectTest, LargeFoldersAndAcceptedUploadsGoByOperation) {
   for (const char* status : {"in-progress", "in-progress", "success"})
     EXPECT_EQ(Json(test::Fetch("GET", href, kToken).body)["status"], status);
   EXPECT_FALSE(emulator_->account().FindByPath("Docs"));
+  // The same operation by path.
+  std::string id = href.substr(href.find("?id=") + 4);
+  EXPECT_EQ(Json(Call("GET", "/v1/disk/operations/" + id).body)["status"], "success");
   // 3. An upload answered 202 ends by its operation.
   QJsonObject link = Json(Call("GET", "/v1/disk/resources/upload?path=disk:/u").body);
   test::Answer put = test::Fetch("PUT", link["href"].toString().toStdString(), "", "data");
