@@ -2,6 +2,8 @@
 
 #include <QDateTime>
 #include <QJsonArray>
+#include <QJsonDocument>
+#include <QStringList>
 #include <QUrl>
 
 #include <cstdlib>
@@ -44,6 +46,52 @@ bool ParseNumber(const std::string& text, std::uint64_t* value) {
   return true;
 }
 
+using FieldPaths = std::vector<QStringList>;
+
+// What of `value` the dotted names ask for: "items.path" keeps "path" in each object of "items".
+QJsonValue Keep(const QJsonValue& value, const FieldPaths& paths) {
+  if (value.isArray()) {
+    QJsonArray kept;
+    for (const QJsonValue& element : value.toArray())
+      kept.append(Keep(element, paths));
+    return kept;
+  }
+  if (!value.isObject())
+    return value;
+  QJsonObject object = value.toObject();
+  QJsonObject kept;
+  for (auto it = object.begin(); it != object.end(); ++it) {
+    FieldPaths below;
+    bool whole = false;
+    for (const QStringList& path : paths) {
+      if (path.front() == it.key()) {
+        whole = whole || path.size() == 1;
+        below.push_back(path.mid(1));
+      }
+    }
+    if (whole)
+      kept.insert(it.key(), it.value());
+    else if (!below.empty())
+      kept.insert(it.key(), Keep(it.value(), below));
+  }
+  return kept;
+}
+
+// A good JSON answer cut to the request's "fields", as Yandex does; all of it without them.
+HttpResponse KeepFields(HttpResponse response, const std::string& fields) {
+  QJsonDocument document = QJsonDocument::fromJson(QByteArray::fromStdString(response.body));
+  if (fields.empty() || response.status >= 300 || !document.isObject())
+    return response;
+  FieldPaths paths;
+  for (const QString& field :
+       QString::fromStdString(fields).split(QLatin1Char(','), Qt::SkipEmptyParts))
+    paths.push_back(field.trimmed().split('.'));
+  response.body = QJsonDocument(Keep(document.object(), paths).toObject())
+                      .toJson(QJsonDocument::Compact)
+                      .toStdString();
+  return response;
+}
+
 }  // namespace
 
 std::string YandexPublicLink(const Item& item) {
@@ -72,7 +120,9 @@ void YandexRestApi::Install() {
                       RouteOptions options = RouteOptions()) {
     router_.Handle(
         verb, path,
-        [this, handler](const HttpRequest& request) { return (this->*handler)(request); },
+        [this, handler](const HttpRequest& request) {
+          return KeepFields((this->*handler)(request), QueryParam(request.query, "fields"));
+        },
         std::move(options));
   };
   const std::string resources = std::string(kApi) + "/resources";

@@ -146,8 +146,10 @@ TEST_F(YandexDialectTest, JsonSnapshotPagesShareOneRevision) {
     ASSERT_EQ(answer.status, 200) << answer.body;
     ASSERT_NE(answer.body.find("\"revision\":" + revision), std::string::npos) << answer.body;
     QJsonObject page = Json(answer.body);
-    for (const QJsonValue& item : page["items"].toArray())
+    for (const QJsonValue& item : page["items"].toArray()) {
       paths.push_back(item.toObject()["path"].toString().toStdString());
+      EXPECT_EQ(item.toObject().keys(), QStringList{"path"});  // what "fields" asked, no more
+    }
     key = page["iteration_key"].toString().toStdString();
     if (++pages == 1)
       emulator_->account().CreateFolder(emulator_->account().RootId(), "later", nullptr);
