@@ -26,6 +26,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -47,6 +48,9 @@ struct YandexOptions {
   bool upload_accepted = false;  // an upload link's PUT answers 202 and an operation
   std::uint64_t max_file_size = 50ull << 30;
   std::optional<std::string> item_count;  // "Item-Count" of the binary snapshot; "" leaves it out
+  // Changes the binary snapshot's body before it goes (bytes after the last entry, a bad byte);
+  // "Item-Count" still counts the true entries.
+  std::function<void(std::string* body)> edit_snapshot;
 };
 
 class YandexDialect : public Dialect {

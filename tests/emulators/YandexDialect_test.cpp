@@ -109,6 +109,16 @@ TEST_F(YandexDialectTest, BinarySnapshotIsServedByteForByteForTheExactQueryOnly)
   }
 }
 
+TEST_F(YandexDialectTest, ASnapshotCanBeSpoiledOnPurpose) {
+  emulators::YandexOptions options;
+  options.edit_snapshot = [](std::string* body) { body->push_back('\x07'); };
+  Start(options);
+  test::Answer answer = Call("GET", "/webdav/disk/Docs?index&v=3");
+  EXPECT_EQ(answer.body.substr(0, 6), std::string("\x02\x04") + "Docs");
+  EXPECT_EQ(answer.body.back(), '\x07');
+  EXPECT_EQ(HeaderOf(answer, "Item-Count"), "2");
+}
+
 TEST_F(YandexDialectTest, ItemCountSaysWhatTheTestAsks) {
   for (const char* said : {"-1", "0", "4", ""}) {
     SCOPED_TRACE(said);
@@ -323,6 +333,14 @@ TEST_F(YandexDialectTest, WebDavAnswersAsYandexDoes) {
        "PROPFIND",
        "/webdav/",
        "<propfind xmlns=\"DAV:\"><prop>",
+       "Depth: 0",
+       400,
+       {}},
+      {"PROPPATCH with a propfind", "PROPPATCH", "/webdav/big", listing, "", 400, {}},
+      {"a root outside DAV:",
+       "PROPFIND",
+       "/webdav/",
+       "<propfind xmlns=\"x:\"/>",
        "Depth: 0",
        400,
        {}},
