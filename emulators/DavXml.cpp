@@ -62,7 +62,7 @@ bool ParseDavBody(const std::string& body, DavBody* out, std::string* error) {
         open = &list.back();
       }
     } else if (xml.isCharacters() && open) {
-      open->value += XmlEscape(Str(xml.text()));
+      open->value += Str(xml.text());
     } else if (xml.isEndElement()) {
       if (depth == prop_depth + 1)
         open = nullptr;

@@ -8,7 +8,8 @@
 //   answer.Add("/webdav/a.txt", {{"DAV:", "getcontentlength", "5"}}, {});
 //   std::string xml = answer.Finish();
 //
-// Values are XML text as they stand in the document: a caller escapes plain text with XmlEscape.
+// A parsed body's values are plain text; the values given to Multistatus are XML as they are to
+// stand in the answer (a caller escapes plain text with XmlEscape).
 #pragma once
 
 #include <string>

@@ -191,7 +191,7 @@ std::optional<std::string> WebDavSurface::Property(const Item& item,
   auto dead = item.properties.find(DeadKey(asked));
   if (dead == item.properties.end())
     return std::nullopt;
-  return dead->second;
+  return XmlEscape(dead->second);
 }
 
 HttpResponse WebDavSurface::Proppatch(const HttpRequest& request) {

@@ -16,6 +16,7 @@ namespace emulators {
 namespace {
 
 constexpr const char* kApi = "/v1/disk";
+constexpr std::size_t kKeptSnapshots = 4;
 constexpr const char* kDownloadPath = "/yadisk-download/";
 constexpr const char* kUploadPath = "/yadisk-upload/";
 constexpr const char* kOperations = "/v1/disk/operations";
@@ -522,6 +523,12 @@ HttpResponse YandexRestApi::Snapshot(const HttpRequest& request) {
     id = ++made_;
     snapshots_[id] = std::move(items);
     snapshot_revisions_[id] = revision;
+    // A page may be asked again after a lost answer, the last one as well: the newest few
+    // snapshots stay whole.
+    if (snapshots_.size() > kKeptSnapshots) {
+      snapshot_revisions_.erase(snapshots_.begin()->first);
+      snapshots_.erase(snapshots_.begin());
+    }
   } else {
     std::size_t colon = key.find(':');
     if (colon == std::string::npos || !ParseNumber(key.substr(0, colon), &id) ||
@@ -537,12 +544,8 @@ HttpResponse YandexRestApi::Snapshot(const HttpRequest& request) {
   for (std::size_t i = offset; i < end; ++i)
     page.append(items[i]);
   QJsonObject answer{{"revision", static_cast<double>(snapshot_revisions_[id])}, {"items", page}};
-  if (end < items.size()) {
+  if (end < items.size())
     answer.insert("iteration_key", Q(std::to_string(id) + ":" + std::to_string(end)));
-  } else {
-    snapshots_.erase(id);
-    snapshot_revisions_.erase(id);
-  }
   return JsonResponse(200, answer);
 }
 

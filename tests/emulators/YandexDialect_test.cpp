@@ -146,7 +146,7 @@ TEST_F(YandexDialectTest, JsonSnapshotPagesShareOneRevision) {
             std::to_string(YandexDialect::kRevisionBase + emulator_->account().Sequence()));
   // 2. The pages; a change meanwhile doesn't enter the snapshot taken.
   std::vector<std::string> paths;
-  std::string key;
+  std::string key, last_key;
   int pages = 0;
   do {
     test::Answer answer = Call("GET",
@@ -160,6 +160,8 @@ TEST_F(YandexDialectTest, JsonSnapshotPagesShareOneRevision) {
       paths.push_back(item.toObject()["path"].toString().toStdString());
       EXPECT_EQ(item.toObject().keys(), QStringList{"path"});  // what "fields" asked, no more
     }
+    if (!key.empty())
+      last_key = key;
     key = page["iteration_key"].toString().toStdString();
     if (++pages == 1)
       emulator_->account().CreateFolder(emulator_->account().RootId(), "later", nullptr);
@@ -169,7 +171,9 @@ TEST_F(YandexDialectTest, JsonSnapshotPagesShareOneRevision) {
                                              "disk:/f2",   "disk:/f3",        "disk:/f4",
                                              "disk:/Docs", "disk:/Docs/a.txt"};
   EXPECT_EQ(paths, expected);
-  // 3. A key that was never given is refused.
+  // 3. The last page again, as after a lost answer; a key that was never given is refused.
+  EXPECT_EQ(Call("GET", "/v1/disk/resources/snapshot?iteration_key=" + Param(last_key)).status,
+            200);
   EXPECT_EQ(Call("GET", "/v1/disk/resources/snapshot?iteration_key=9:0").status, 400);
 }
 
@@ -412,6 +416,8 @@ TEST_F(YandexDialectTest, DeadPropertiesAndPublicLinksOverProppatch) {
       R"(xmlns:u="backups_metainfo"><set><prop><u:local_path>C:\a&amp;&lt;b</u:local_path>)"
       R"(<u:size>42</u:size></prop></set></propertyupdate>)";
   ASSERT_EQ(Call("PROPPATCH", "/webdav/disk/Docs", set).status, 207);
+  EXPECT_EQ(emulator_->account().FindByPath("Docs")->properties.at("{backups_metainfo}local_path"),
+            "C:\\a&<b");
   const std::string ask =
       R"(<propfind xmlns="DAV:"><prop><local_path xmlns="backups_metainfo"/>)"
       R"(<size xmlns="backups_metainfo"/><cloud_path xmlns="backups_metainfo"/></prop></propfind>)";
