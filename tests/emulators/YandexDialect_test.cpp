@@ -11,6 +11,7 @@
 #include <QUrl>
 
 #include "emulators/Emulator.h"
+#include "emulators/WebDavSurface.h"
 #include "support/Fetch.h"
 
 namespace {
@@ -564,4 +565,24 @@ TEST_F(YandexDialectTest, FaultsReachTheWebDavHost) {
   std::vector<emulators::HttpRequest> log = emulator_->server().Requests();
   ASSERT_FALSE(log.empty());
   EXPECT_EQ(log.front().query, YandexDialect::kSnapshotQuery);
+}
+
+TEST_F(YandexDialectTest, NamesThatNeedEncodingRoundTrip) {
+  for (const std::string name : {"a b+c.txt", "Мой файл.txt", "emoji 😀", "100%.txt", "q?&#.bin"}) {
+    SCOPED_TRACE(name);
+    const std::string href = "/webdav/Docs/" + emulators::EncodePath(name);
+    ASSERT_EQ(Call("PUT", href, name).status, 201);
+    // The listing names it by its encoded href, the read and the REST API by its name.
+    test::Answer listing = Call("PROPFIND", "/webdav/Docs", "", "Depth: 1");
+    EXPECT_NE(listing.body.find("<d:href>" + href + "</d:href>"), std::string::npos)
+        << listing.body;
+    EXPECT_EQ(Call("GET", href).body, name);
+    QJsonObject resource =
+        Json(Call("GET", "/v1/disk/resources?path=" + Param("disk:/Docs/" + name)).body);
+    EXPECT_EQ(resource["name"].toString().toStdString(), name);
+    EXPECT_EQ(resource["size"].toInt(), static_cast<int>(name.size()));
+    // The snapshot carries the name as it is.
+    EXPECT_NE(Call("GET", "/webdav/disk/Docs?index&v=3").body.find("Docs/" + name),
+              std::string::npos);
+  }
 }
