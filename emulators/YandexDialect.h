@@ -45,6 +45,9 @@ struct YandexOptions {
   // A folder with more items than this is deleted or moved by an operation (202): Yandex does
   // so for any folder that isn't empty.
   std::size_t async_items = 0;
+  // The next this many deltas answers give their files without "md5" and "sha256", as Yandex
+  // does while it still hashes them.
+  int unhashed_answers = 0;
   bool upload_accepted = false;  // an upload link's PUT answers 202 and an operation
   std::uint64_t max_file_size = 50ull << 30;
   std::optional<std::string> item_count;  // "Item-Count" of the binary snapshot; "" leaves it out

@@ -113,7 +113,10 @@ bool YandexAccountPath(const std::string& value, std::string* path) {
 }
 
 YandexRestApi::YandexRestApi(const Dialect& dialect, const YandexOptions& options, Router& router)
-    : dialect_(dialect), options_(options), router_(router) {}
+    : dialect_(dialect),
+      options_(options),
+      router_(router),
+      unhashed_answers_(options.unhashed_answers) {}
 
 void YandexRestApi::Install() {
   auto route = [this](const char* verb, const std::string& path,
@@ -634,9 +637,18 @@ HttpResponse YandexRestApi::Deltas(const HttpRequest& request) {
     DeltaItems(entry, &items);
     last = entry.sequence;
   }
+  // 4. Files the server is still hashing come without their digests.
+  bool unhashed = unhashed_answers_.load() > 0 && unhashed_answers_.fetch_sub(1) > 0;
   QJsonArray page;
-  for (const QJsonObject& item : items)
+  for (QJsonObject item : items) {
+    if (unhashed && item["type"] == "file" && item.contains("resource")) {
+      QJsonObject resource = item["resource"].toObject();
+      resource.remove("md5");
+      resource.remove("sha256");
+      item["resource"] = resource;
+    }
     page.append(item);
+  }
   QJsonObject answer{{"revision", static_cast<double>(YandexDialect::kRevisionBase + upper)},
                      {"items", page}};
   if (last < upper && !entries.empty() && entries.back().sequence <= upper &&

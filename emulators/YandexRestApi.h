@@ -4,6 +4,7 @@
 
 #include <QJsonObject>
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -82,6 +83,7 @@ class YandexRestApi {
   std::map<std::string, UploadLink> uploads_;
   std::map<std::string, Operation> operations_;
   std::uint64_t made_ = 0;
+  std::atomic<int> unhashed_answers_;
 };
 
 }  // namespace emulators

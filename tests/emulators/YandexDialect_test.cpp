@@ -239,6 +239,24 @@ TEST_F(YandexDialectTest, DeltasFollowTheAccountsChanges) {
   EXPECT_EQ(Json(quiet.body)["items"].toArray().size(), 0) << quiet.body;
 }
 
+TEST_F(YandexDialectTest, FilesStillBeingHashedComeWithoutDigests) {
+  emulators::YandexOptions options;
+  options.unhashed_answers = 2;
+  Start(options);
+  const std::string base = Revision();
+  ASSERT_EQ(Call("PUT", "/webdav/Docs/fresh.txt", "abc").status, 201);
+  for (bool hashed : {false, false, true}) {
+    QJsonObject resource =
+        Json(Call("GET", "/v1/disk/resources/deltas?base_revision=" + base).body)["items"]
+            .toArray()
+            .at(0)["resource"]
+            .toObject();
+    EXPECT_EQ(resource.contains("md5"), hashed);
+    EXPECT_EQ(resource.contains("sha256"), hashed);
+    EXPECT_EQ(resource["size"].toInt(), 3);
+  }
+}
+
 TEST_F(YandexDialectTest, ErrorsCarryYandexBodies) {
   emulators::FaultRule locked;
   locked.path_prefix = "/v1/disk/resources/move";
