@@ -39,13 +39,14 @@ bool ParseDavBody(const std::string& body, DavBody* out, std::string* error);
 
 std::string XmlEscape(const std::string& text);
 
-// A 207 body: one <response> per resource, its found properties under "200 OK" and the missing
-// ones under "404 Not Found".
+// A 207 body: one <response> per resource, its found properties under "200 OK", the missing
+// ones under "404 Not Found" and those whose change failed under "409 Conflict".
 class Multistatus {
  public:
   Multistatus();
   void Add(const std::string& href, const std::vector<DavProperty>& found,
-           const std::vector<DavProperty>& missing);
+           const std::vector<DavProperty>& missing,
+           const std::vector<DavProperty>& conflicted = std::vector<DavProperty>());
   std::string Finish();
 
  private:

@@ -165,6 +165,8 @@ void WebDavSurface::Properties(const Item& item, const DavBody& asked,
       wanted.push_back(DavProperty{kDav, name, std::string()});
     for (const auto& property : item.properties) {
       std::size_t close = property.first.find('}');
+      if (property.first[0] != '{' || close == std::string::npos)
+        continue;  // not a DAV property: another service's
       wanted.push_back(DavProperty{property.first.substr(1, close - 1),
                                    property.first.substr(close + 1), std::string()});
     }
@@ -224,16 +226,10 @@ HttpResponse WebDavSurface::Proppatch(const HttpRequest& request) {
     apply(prop, true);
   for (const DavProperty& prop : patch.removed)
     apply(prop, false);
-  // 3. RFC 4918 has one propstat per status; a refused change is a conflict.
+  // 3. One propstat per status, as RFC 4918 has it.
   Multistatus answer;
-  answer.Add(Href(target, target.path, item->IsFolder()), done, {});
-  std::string xml = answer.Finish();
-  if (!refused.empty()) {
-    Multistatus failed;
-    failed.Add(Href(target, target.path, item->IsFolder()), {}, refused);
-    xml = failed.Finish();
-  }
-  HttpResponse response = HttpResponse::Status(207, xml);
+  answer.Add(Href(target, target.path, item->IsFolder()), done, {}, refused);
+  HttpResponse response = HttpResponse::Status(207, answer.Finish());
   response.headers = {{"Content-Type", "application/xml; charset=utf-8"}};
   return response;
 }
