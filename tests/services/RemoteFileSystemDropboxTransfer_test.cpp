@@ -293,45 +293,68 @@ TEST(DropboxReadTest, WholeAndRangedReadsAreByteExactAndCheckTheHash) {
 
 // A session upload of `bytes` whose finish fails as `rule` says; the session stays in the store.
 void FailFinish(DropboxFixture& fixture, const std::string& bytes, emulators::FaultRule rule,
-                FileSystem::Result expected) {
+                FileSystem::Result expected, std::size_t block = 300) {
   // Every matching request: the transport tries a request again once when a reused connection
   // was reset before any answer.
   rule.path_prefix = "/content/2/files/upload_session/" + rule.path_prefix;
   rule.times = 0;
   fixture.emulator().faults().Add(rule);
   FileSystem::FileProperties props(SomeHash(), 0, bytes.size(), kTime, false);
-  EXPECT_EQ(Upload(fixture.adapter(), "big.bin", bytes, HashOf(bytes), 0, &props), expected);
+  EXPECT_EQ(Upload(fixture.adapter(), "big.bin", bytes, HashOf(bytes), 0, &props, nullptr, block),
+            expected);
   fixture.emulator().faults().Clear();
 }
 
 TEST(DropboxResumeTest, AnotherAdapterOfTheFactoryGoesOnFromWhatTheServerHolds) {
+  const std::uint64_t kChunk = RemoteFileSystemDropbox::kMaxChunk;
   struct Case {
     const char* name;
+    std::uint64_t size;
     const char* fail_path;
     bool reset;
     std::uint64_t persist_limit;
     std::uint64_t resume_from;
     const char* metric;
+    const char* offset_line;
   };
   const Case cases[] = {
       // The finish's answer is lost: the session goes on from the finish's offset.
-      {"reset", "finish", true, UINT64_MAX, 4000, "dropbox_upload_resumed"},
-      // The start kept less than it was sent: the finish is told where the server stands.
-      {"offset", "start", false, 1500, 1500, "dropbox_offset_error"},
+      {"reset of the finish", 4000, "finish", true, UINT64_MAX, 4000, "dropbox_upload_resumed",
+       nullptr},
+      // The connection of the append after the first chunk is reset: the session goes on from that
+      // chunk's start.
+      {"reset of an append", kChunk + 5000, "append_v2", true, UINT64_MAX, kChunk,
+       "dropbox_upload_resumed", nullptr},
+      // The start kept less than it was sent: the finish (or the append) is told where the server
+      // stands, each in its own shape of the answer.
+      {"offset told to the finish", 4000, "start", false, 1500, 1500, "dropbox_offset_error",
+       "offset for resumable upload, was 4000, now 1500 corrected from response."},
+      {"offset told to an append", kChunk + 5000, "start", false, 1000, 1000,
+       "dropbox_offset_error",
+       "offset for resumable upload, was 134217728, now 1000 corrected from response."},
   };
   for (const Case& c : cases) {
     DropboxFixture fixture;
     RadarsLogger::Capture metrics;
     LoggerWrapper::Capture log;
-    const std::string bytes = Bytes(4000, 'e');
+    const std::string bytes = Bytes(c.size, 'e');
     emulators::FaultRule rule;
     rule.path_prefix = c.fail_path;
     rule.fault.reset = c.reset;
     rule.fault.status = c.reset ? 500 : 0;
     rule.fault.persist_limit = c.persist_limit;
-    FailFinish(fixture, bytes, rule, FileSystem::FAILED);
+    FailFinish(fixture, bytes, rule, FileSystem::FAILED, 1000003);
     EXPECT_FALSE(fixture.account().FindByPath("big.bin")) << c.name;
     EXPECT_EQ(metrics.Count(c.metric), c.reset ? 0u : 1u) << c.name;
+    if (c.offset_line) {
+      EXPECT_TRUE(log.Contains(c.offset_line)) << c.name;
+    }
+    if (c.size > kChunk) {
+      const std::string append = ContentRequests(fixture.emulator())[1].Header("Dropbox-API-Arg");
+      EXPECT_EQ(append, R"({ "close":false, "cursor": {"offset":134217728, "session_id":")" +
+                            append.substr(append.find("session-"), 24) + R"("} })")
+          << c.name;
+    }
     // Adapter B of the same factory.
     auto other = fixture.MakeAdapter();
     std::uint64_t resume = 99;
@@ -411,26 +434,51 @@ TEST(DropboxUploadTest, TheEchoOfAnUploadIsDroppedOnceInAnyCase) {
 
 namespace {
 
-// One byte past the largest one-shot upload: the block that crosses the first chunk's end is split
-// at that exact offset, the chunk goes by start and the rest by the finish.
-TEST(DropboxUploadTest, ABlockCrossingTheChunkIsSplitAtItsEnd) {
-  DropboxFixture fixture;
-  const std::uint64_t size = RemoteFileSystemDropbox::kMaxChunk + 1;
-  std::string bytes(size, '\0');
-  for (std::uint64_t i = 0; i < size; i += 4096)
-    bytes[i] = static_cast<char>(i / 4096);
-  FileSystem::FileProperties props;
-  ASSERT_EQ(
-      Upload(fixture.adapter(), "big.bin", bytes, HashOf(bytes), kTime, &props, nullptr, 1000003),
-      FileSystem::SUCCEEDED);
-  const auto requests = ContentRequests(fixture.emulator());
-  EXPECT_EQ(Paths(requests),
-            (std::vector<std::string>{"upload_session/start", "upload_session/finish"}));
-  EXPECT_EQ(requests[0].body_size, RemoteFileSystemDropbox::kMaxChunk);
-  EXPECT_EQ(requests[1].body_size, 1u);
-  EXPECT_NE(requests[1].Header("Dropbox-API-Arg").find("\"offset\":134217728}"), std::string::npos);
-  EXPECT_EQ(props.hash.GetHashDropbox(), HashOf(bytes).GetHashDropbox());
-  EXPECT_EQ(fixture.account().FindByPath("big.bin")->size, size);
+// The largest one-shot upload and one byte more: blocks of an odd size cross the first chunk's end
+// and are split at that exact offset.
+TEST(DropboxUploadTest, TheLargestOneShotUploadAndTheSessionsJustPastIt) {
+  const std::uint64_t kChunk = RemoteFileSystemDropbox::kMaxChunk;
+  struct Case {
+    std::uint64_t size;
+    std::uint64_t time;
+    std::vector<std::string> calls;
+    std::vector<std::uint64_t> body_sizes;
+  };
+  const Case cases[] = {
+      {kChunk, kTime, {"upload"}, {kChunk}},
+      {kChunk + 1, kTime, {"upload_session/start", "upload_session/finish"}, {kChunk, 1}},
+  };
+  std::string all(kChunk + 1, '\0');
+  for (std::uint64_t i = 0; i < all.size(); i += 4096)
+    all[i] = static_cast<char>(i / 4096);
+  for (const Case& c : cases) {
+    DropboxFixture fixture;
+    const std::string bytes = all.substr(0, c.size);
+    const SomeHash hash = HashOf(bytes);
+    FileSystem::FileProperties props(SomeHash(), 0, c.size, kTime, false);
+    ASSERT_EQ(Upload(fixture.adapter(), "big.bin", bytes, hash, c.time, &props, nullptr, 1000003),
+              FileSystem::SUCCEEDED)
+        << c.size;
+    const auto requests = ContentRequests(fixture.emulator());
+    ASSERT_EQ(Paths(requests), c.calls) << c.size;
+    for (std::size_t i = 0; i < requests.size(); ++i)
+      EXPECT_EQ(requests[i].body_size, c.body_sizes[i]) << c.size << " " << c.calls[i];
+    if (requests.size() > 1) {
+      const std::string arg = requests.back().Header("Dropbox-API-Arg");
+      const std::string id = arg.substr(arg.find("session-"), 24);
+      EXPECT_EQ(arg.substr(0, arg.find(", \"commit\"")),
+                R"({ "cursor":{ "session_id":")" + id + R"(", "offset":)" +
+                    std::to_string(c.time ? kChunk : kChunk + 1) + "}");
+      if (c.time == 0) {
+        EXPECT_EQ(
+            requests[1].Header("Dropbox-API-Arg"),
+            R"({ "close":false, "cursor": {"offset":134217728, "session_id":")" + id + R"("} })");
+      }
+    }
+    EXPECT_EQ(props.hash.GetHashDropbox(), hash.GetHashDropbox()) << c.size;
+    EXPECT_EQ(fixture.account().FindByPath("big.bin")->digests.dropbox,
+              hash.GetHashDropbox().ToHexString());
+  }
 }
 
 }  // namespace
