@@ -233,19 +233,50 @@ TEST(DropboxUploadTest, BadInputFailsCleanly) {
   std::uint8_t buffer[8];
   EXPECT_EQ(fixture.adapter().ReadFile(buffer, sizeof(buffer), &done), FileSystem::FAILED);
   EXPECT_TRUE(log.Contains("Connection is closed, can't read anymore."));
-  // An answer without the new rev still lands the upload, and says so.
-  emulators::FaultRule no_rev;
-  no_rev.path_prefix = "/content/2/files/upload";
-  no_rev.fault.drop_field = "rev";
-  fixture.emulator().faults().Add(no_rev);
-  EXPECT_EQ(Upload(fixture.adapter(), "norev.bin", bytes, HashOf(bytes), kTime, &props),
-            FileSystem::SUCCEEDED);
-  EXPECT_TRUE(log.Contains("No revsision in response."));
-  EXPECT_EQ(AccountBytes(fixture, "norev.bin"), bytes);
   // A path that isn't canonical.
   EXPECT_EQ(fixture.adapter().OpenForCreate(FileSystem::OverwriteControl(), "/abs", SomeHash(), 1,
                                             kTime, &resume, false),
             FileSystem::FATAL);
+}
+
+// The commit's answer is the server's word on the file: a size or hash other than what was sent
+// fails the upload, a missing rev only costs the rev.
+TEST(DropboxUploadTest, TheFinishedFileIsCheckedAgainstTheServersAnswer) {
+  struct Case {
+    const char* call;
+    std::uint64_t time;  // 0: a session finished at CloseFile
+    const char* dropped;
+    FileSystem::Result result;
+    const char* log;
+    std::size_t end_errors;
+  };
+  const Case cases[] = {
+      {"upload", kTime, "size", FileSystem::FAILED,
+       "Problem with server side file, different size: expected 900;  got 0.", 1},
+      {"upload_session/finish", 0, "size", FileSystem::FAILED,
+       "Problem with server side file, different size: expected 900;  got 0.", 1},
+      {"upload", kTime, "content_hash", FileSystem::FAILED,
+       "Problem with server side file, different hash: expected ", 1},
+      {"upload", kTime, "rev", FileSystem::SUCCEEDED, "No revsision in response.", 0},
+      {"upload_session/finish", 0, "rev", FileSystem::SUCCEEDED, "No revsision in response.", 0},
+  };
+  const std::string bytes = Bytes(900);
+  for (const Case& c : cases) {
+    DropboxFixture fixture;
+    LoggerWrapper::Capture log;
+    RadarsLogger::Capture metrics;
+    emulators::FaultRule rule;
+    rule.path_prefix = std::string("/content/2/files/") + c.call;
+    rule.fault.drop_field = c.dropped;
+    fixture.emulator().faults().Add(rule);
+    FileSystem::FileProperties props;
+    EXPECT_EQ(Upload(fixture.adapter(), "f.bin", bytes, HashOf(bytes), c.time, &props), c.result)
+        << c.call << " " << c.dropped;
+    EXPECT_EQ(fixture.emulator().faults().Fired(), 1);
+    EXPECT_TRUE(log.Contains(c.log)) << c.call << " " << c.dropped;
+    EXPECT_EQ(metrics.Count("dropbox_resumed_upload_end_err"), c.end_errors);
+    EXPECT_EQ(AccountBytes(fixture, "f.bin"), bytes);
+  }
 }
 
 TEST(DropboxReadTest, WholeAndRangedReadsAreByteExactAndCheckTheHash) {
@@ -289,6 +320,47 @@ TEST(DropboxReadTest, WholeAndRangedReadsAreByteExactAndCheckTheHash) {
   // A missing file: the tree is behind.
   Download(fixture.adapter(), "gone.bin", 0, 0, 5, SomeHash(), &result);
   EXPECT_EQ(result, FileSystem::CONFLICT);
+}
+
+// A download whose connection is cut after some bytes: what came is delivered, the read fails and
+// says why, a read after it is refused with its line, and the adapter reads again afterwards.
+TEST(DropboxReadTest, AReadAfterTheConnectionWasCutFailsWithItsLine) {
+  struct Case {
+    const char* name;
+    bool reset;
+    const char* log;
+  };
+  const Case cases[] = {
+      {"closed early", false, "failed: Transferred a partial file"},
+      {"reset", true, "Connection reset by peer"},
+  };
+  const std::string bytes = Bytes(50000, 'r');
+  for (const Case& c : cases) {
+    DropboxFixture fixture;
+    emulators::Item file;
+    fixture.account().CreateFile(fixture.account().RootId(), "cut.bin", bytes, kTime * 1000, &file);
+    const SomeHash hash(HashDropbox::FromHexString(file.digests.dropbox));
+    emulators::FaultRule rule;
+    rule.path_prefix = "/content/2/files/download";
+    rule.fault.cut_after = 20000;
+    rule.fault.reset = c.reset;
+    fixture.emulator().faults().Add(rule);
+    LoggerWrapper::Capture log;
+    FileSystem::Result result = FileSystem::SUCCEEDED;
+    const std::string got =
+        Download(fixture.adapter(), "cut.bin", 0, 0, bytes.size(), hash, &result);
+    EXPECT_EQ(result, FileSystem::FAILED) << c.name;
+    EXPECT_EQ(got, bytes.substr(0, got.size())) << c.name;
+    EXPECT_LE(got.size(), 20000u) << c.name;
+    EXPECT_TRUE(log.Contains(c.log)) << c.name;
+    EXPECT_TRUE(log.Contains("Failed to parse JSON from error response: ")) << c.name;
+    std::uint8_t buffer[100];
+    std::uint32_t done = 0;
+    EXPECT_EQ(fixture.adapter().ReadFile(buffer, sizeof(buffer), &done), FileSystem::FAILED);
+    EXPECT_TRUE(log.Contains("Connection is closed, can't read anymore.")) << c.name;
+    EXPECT_EQ(Download(fixture.adapter(), "cut.bin", 0, 0, bytes.size(), hash, &result), bytes);
+    EXPECT_EQ(result, FileSystem::SUCCEEDED) << c.name;
+  }
 }
 
 // A session upload of `bytes` whose finish fails as `rule` says; the session stays in the store.
@@ -405,6 +477,14 @@ TEST(DropboxResumeTest, AChangedFileStartsOverAndAnExpiredSessionFails) {
   EXPECT_EQ(Upload(fixture.adapter(), "big.bin", changed, HashOf(changed), kTime, &props),
             FileSystem::CONFLICT);  // "add" over the first upload
   EXPECT_TRUE(log.Contains("Hash of \"big.bin\" changed between uploads"));
+  // Nor a file announced with the stored hash but another size: it starts over, so its bytes are
+  // hashed again and found not to be what it announced.
+  FailFinish(fixture, bytes, rule, FileSystem::FAILED);
+  const std::string longer = bytes + "x";
+  EXPECT_EQ(Upload(fixture.adapter(), "big.bin", longer, HashOf(bytes), kTime, &props),
+            FileSystem::FAILED);
+  EXPECT_TRUE(log.Contains("Size of \"big.bin\" changed between uploads, expected 3000, got 3001"));
+  EXPECT_TRUE(log.Contains("\"big.bin\" has different hashes"));
 }
 
 TEST(DropboxUploadTest, TheEchoOfAnUploadIsDroppedOnceInAnyCase) {
