@@ -449,6 +449,58 @@ TEST(DropboxResumeTest, AnotherAdapterOfTheFactoryGoesOnFromWhatTheServerHolds) 
   }
 }
 
+// Each resume counts as a failure of the chunk in flight: the second one halves the chunk, and the
+// next append on the wire carries half of the largest chunk.
+TEST(DropboxResumeTest, TwoResumesHalveTheChunkEndToEnd) {
+  const std::uint64_t kChunk = RemoteFileSystemDropbox::kMaxChunk;
+  const std::uint64_t kRest = 70ull << 20;
+  DropboxFixture fixture;
+  RadarsLogger::Capture metrics;
+  const std::string bytes = Bytes(kChunk + kRest, 'm');
+  const SomeHash hash = HashOf(bytes);
+  // 1. Adapter A: the append after the first chunk is reset; so is B's resumed finish.
+  emulators::FaultRule rule;
+  rule.path_prefix = "append_v2";
+  rule.fault.reset = true;
+  rule.fault.status = 500;
+  FailFinish(fixture, bytes, rule, FileSystem::FAILED, 1000003);
+  rule.path_prefix = "/content/2/files/upload_session/finish";
+  rule.times = 0;
+  fixture.emulator().faults().Add(rule);
+  auto b = fixture.MakeAdapter();
+  std::uint64_t resume = 0;
+  ASSERT_EQ(b->OpenForCreate({}, "big.bin", hash, bytes.size(), kTime, &resume, false),
+            FileSystem::SUCCEEDED);
+  EXPECT_EQ(resume, kChunk);
+  const FileSystem::Result written =
+      b->WriteFile(reinterpret_cast<const std::uint8_t*>(bytes.data() + kChunk),
+                   static_cast<std::uint32_t>(kRest));
+  FileSystem::FileProperties props(SomeHash(), 0, bytes.size(), kTime, false);
+  EXPECT_NE(written == FileSystem::SUCCEEDED ? b->CloseFile(&props) : written,
+            FileSystem::SUCCEEDED);
+  // 2. Adapter C: the chunk is half now.
+  fixture.emulator().faults().Clear();
+  fixture.emulator().server().ClearRequests();
+  auto c = fixture.MakeAdapter();
+  ASSERT_EQ(c->OpenForCreate({}, "big.bin", hash, bytes.size(), kTime, &resume, false),
+            FileSystem::SUCCEEDED);
+  EXPECT_EQ(resume, kChunk);
+  ASSERT_EQ(c->WriteFile(reinterpret_cast<const std::uint8_t*>(bytes.data() + kChunk),
+                         static_cast<std::uint32_t>(kRest)),
+            FileSystem::SUCCEEDED);
+  ASSERT_EQ(c->CloseFile(&props), FileSystem::SUCCEEDED);
+  std::vector<std::uint64_t> sizes;
+  for (const HttpRequest& request : ContentRequests(fixture.emulator()))
+    sizes.push_back(request.body_size);
+  EXPECT_EQ(Paths(ContentRequests(fixture.emulator())),
+            (std::vector<std::string>{"upload_session/append_v2", "upload_session/finish"}));
+  EXPECT_EQ(sizes, (std::vector<std::uint64_t>{kChunk / 2, kRest - kChunk / 2}));
+  EXPECT_EQ(metrics.Count("dropbox_upload_resumed"), 2u);
+  EXPECT_EQ(props.hash.GetHashDropbox(), hash.GetHashDropbox());
+  EXPECT_EQ(fixture.account().FindByPath("big.bin")->digests.dropbox,
+            hash.GetHashDropbox().ToHexString());
+}
+
 TEST(DropboxResumeTest, AChangedFileStartsOverAndAnExpiredSessionFails) {
   DropboxFixture fixture;
   RadarsLogger::Capture metrics;
