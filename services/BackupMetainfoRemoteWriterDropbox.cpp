@@ -1,5 +1,6 @@
 #include "services/BackupMetainfoRemoteWriterDropbox.h"
 
+#include <functional>
 #include <utility>
 #include <vector>
 
@@ -66,7 +67,10 @@ FileSystem::Result BackupMetainfoRemoteWriterDropbox::Call(const std::string& na
 
 std::string BackupMetainfoRemoteWriterDropbox::FolderPath() const {
   const std::size_t start = remote_path_.find_first_not_of('/');
-  return "/" + (start == std::string::npos ? std::string() : remote_path_.substr(start));
+  if (start == std::string::npos) {
+    return "/";
+  }
+  return "/" + remote_path_.substr(start, remote_path_.find_last_not_of('/') + 1 - start);
 }
 
 FileSystem::Result BackupMetainfoRemoteWriterDropbox::FindTemplate(std::string* id) {

@@ -32,7 +32,7 @@ class BackupMetainfoRemoteWriterDropbox : public BackupMetainfoRemoteWriter {
   FileSystem::Result RegisterTemplate(std::string* id);
   // Whether a group describes this very pair of paths already.
   FileSystem::Result IsRegistered(bool* registered);
-  // "/" and the remote path: the backup's folder.
+  // "/" and the remote path without its outer slashes: the backup's folder.
   std::string FolderPath() const;
 
   RemoteFileSystemDropboxSharedData* const account_;  // null for another service's record

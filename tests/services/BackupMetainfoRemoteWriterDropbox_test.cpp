@@ -95,8 +95,9 @@ TEST_F(DropboxMetainfoTest, TheTemplateOncePerAccountAndEachBackupDescribedOnce)
   EXPECT_EQ(TakeCalls(), (Calls{"properties/search", "properties/search"}));
   EXPECT_TRUE(log.Contains(
       R"(Backup for local_path="C:\Docs", remote_path="Backups/PC 1" already registered.)"));
-  // 3. Another backup of the account: the template is known, only its group is added.
-  EXPECT_EQ(Writer("D:\\Photos", "/Backups/PC 2", nullptr)->Create(), FileSystem::SUCCEEDED);
+  // 3. Another backup of the account, its path with outer slashes: the template is known, only its
+  // group is added.
+  EXPECT_EQ(Writer("D:\\Photos", "/Backups/PC 2/", nullptr)->Create(), FileSystem::SUCCEEDED);
   EXPECT_EQ(TakeCalls(), (Calls{"properties/search", "properties/search", "properties/add"}));
   // 4. Another installation finds the account's template and takes it as it stands.
   RemoteFileSystemFactoryDropbox other("");
