@@ -377,6 +377,7 @@ void DropboxDialect::Install(Router& router) {
   rpc("file_properties/templates/list_for_user", &DropboxDialect::ListTemplates);
   rpc("file_properties/properties/add", &DropboxDialect::AddProperties);
   rpc("file_properties/properties/update", &DropboxDialect::UpdateProperties);
+  rpc("file_properties/properties/overwrite", &DropboxDialect::OverwriteProperties);
   rpc("file_properties/properties/search", &DropboxDialect::SearchProperties);
   rpc("file_properties/properties/search/continue", &DropboxDialect::ContinuePropertySearch);
 }
@@ -1192,6 +1193,31 @@ bool DropboxDialect::ReadPropertyFields(const QJsonArray& fields, const std::str
   return true;
 }
 
+bool DropboxDialect::ReadPropertyGroups(const QJsonObject& args, const char* function, Item* item,
+                                        std::map<std::string, PropertyFields>* groups,
+                                        HttpResponse* refusal) {
+  const QJsonArray all = args.value("property_groups").toArray();
+  if (all.isEmpty()) {
+    *refusal = BadInput(function, "request body: property_groups: must have at least 1 items");
+    return false;
+  }
+  for (const QJsonValue& value : all) {
+    const QJsonObject group = value.toObject();
+    std::string template_id;
+    PropertyFields fields;
+    if (!FindGroupTarget(args, group, item, &template_id, refusal) ||
+        !ReadPropertyFields(group.value("fields").toArray(), template_id, &fields, refusal)) {
+      return false;
+    }
+    if (groups->count(template_id) != 0) {
+      *refusal = EndpointError("duplicate_property_groups");
+      return false;
+    }
+    (*groups)[template_id] = std::move(fields);
+  }
+  return true;
+}
+
 HttpResponse DropboxDialect::AddProperties(const HttpRequest& request) {
   // 1. One group per template on an item that has none of it yet.
   QJsonObject args;
@@ -1201,22 +1227,30 @@ HttpResponse DropboxDialect::AddProperties(const HttpRequest& request) {
   std::lock_guard<std::mutex> lock(mutex_);
   std::map<std::string, PropertyFields> added;
   Item item;
-  for (const QJsonValue& value : args.value("property_groups").toArray()) {
-    const QJsonObject group = value.toObject();
-    std::string template_id;
-    PropertyFields fields;
-    if (!FindGroupTarget(args, group, &item, &template_id, &refusal) ||
-        !ReadPropertyFields(group.value("fields").toArray(), template_id, &fields, &refusal)) {
-      return refusal;
-    }
-    if (added.count(template_id) != 0)
-      return EndpointError("duplicate_property_groups");
-    if (property_groups_[item.id].count(template_id) != 0)
+  if (!ReadPropertyGroups(args, "file_properties/properties/add", &item, &added, &refusal))
+    return refusal;
+  for (const auto& entry : added) {
+    if (property_groups_[item.id].count(entry.first) != 0)
       return EndpointError("property_group_already_exists");
-    added[template_id] = std::move(fields);
   }
   // 2. Kept beside the item: a group is no change of its content or revision.
   for (auto& [template_id, fields] : added)
+    property_groups_[item.id][template_id] = std::move(fields);
+  return JsonAnswer(200, QJsonValue());
+}
+
+HttpResponse DropboxDialect::OverwriteProperties(const HttpRequest& request) {
+  // Each named group is replaced whole, fields left out included; the item's other groups stay.
+  QJsonObject args;
+  HttpResponse refusal;
+  if (!ReadRpcArgs(request, "file_properties/properties/overwrite", &args, &refusal))
+    return refusal;
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::map<std::string, PropertyFields> groups;
+  Item item;
+  if (!ReadPropertyGroups(args, "file_properties/properties/overwrite", &item, &groups, &refusal))
+    return refusal;
+  for (auto& [template_id, fields] : groups)
     property_groups_[item.id][template_id] = std::move(fields);
   return JsonAnswer(200, QJsonValue());
 }

@@ -93,6 +93,7 @@ class DropboxDialect : public Dialect {
   HttpResponse ListTemplates(const HttpRequest& request);
   HttpResponse AddProperties(const HttpRequest& request);
   HttpResponse UpdateProperties(const HttpRequest& request);
+  HttpResponse OverwriteProperties(const HttpRequest& request);
   HttpResponse SearchProperties(const HttpRequest& request);
   HttpResponse ContinuePropertySearch(const HttpRequest& request);
 
@@ -105,6 +106,9 @@ class DropboxDialect : public Dialect {
                           PropertyFields* out, HttpResponse* refusal);
   // The next page of matches, the rest kept under a new cursor.
   HttpResponse SearchPage(std::vector<QJsonObject> matches);
+  // The groups of an add or an overwrite, one per template; false with the refusal.
+  bool ReadPropertyGroups(const QJsonObject& args, const char* function, Item* item,
+                          std::map<std::string, PropertyFields>* groups, HttpResponse* refusal);
 
   // Where a commit's bytes go under its "mode"; false with the endpoint error that refuses it.
   // `same_content` tells whether the bytes equal those of a file already at the path.

@@ -163,9 +163,19 @@ FileSystem::Result BackupMetainfoRemoteWriterDropbox::Create() {
                          {dropbox::kLastUpdateTimeField, "0"},
                          {dropbox::kSizeField, "0"},
                          {dropbox::kAppNameField, dropbox::kAppName}};
+  const std::string body = GroupBody(FolderPath(), "property_groups", templateId, "fields", fields);
   utils::json::json_tree answer;
-  return Call("properties/add",
-              GroupBody(FolderPath(), "property_groups", templateId, "fields", fields), &answer);
+  result = Call("properties/add", body, &answer);
+  // 4. The folder carries a group of the template with other paths (the backup's local folder
+  // moved): Dropbox keeps one group per item and template, so this one replaces it.
+  if (result == FileSystem::FAILED &&
+      dropbox::ReadString(answer, "error_summary").find("property_group_already_exists") !=
+          std::string::npos) {
+    LOG_INFO << "Backup metainfo of \"" << remote_path_
+             << "\" describes other paths, replacing it.";
+    result = Call("properties/overwrite", body, &answer);
+  }
+  return result;
 }
 
 FileSystem::Result BackupMetainfoRemoteWriterDropbox::Update(std::uint64_t size,

@@ -254,6 +254,7 @@ TEST_F(DropboxDialectTest, FilePropertiesKeepOneGroupPerTemplateAndItemAndPageTh
        R"({"path":"/b.txt","update_property_groups":[{"template_id":")" + id +
            R"(","add_or_update_fields":[{"name":"b","value":"2"}]}]})",
        200, "null"},
+      {"properties/overwrite", R"({"path":"/b.txt","property_groups":[]})", 400, "property_groups"},
       {"properties/search", R"({"queries":[]})", 400, "queries"},
       {"properties/search",
        R"({"queries":[{"query":"1","mode":{".tag":"field_name","field_name":"a"},)"

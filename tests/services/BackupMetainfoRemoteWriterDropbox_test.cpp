@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <map>
 #include <thread>
 
 #include "core/BackupMetainfoRemoteReader.h"
@@ -105,6 +106,17 @@ TEST_F(DropboxMetainfoTest, TheTemplateOncePerAccountAndEachBackupDescribedOnce)
   EXPECT_NE(LastBody().find(templateId), std::string::npos);
   EXPECT_EQ(TakeCalls(), (Calls{"templates/list_for_user", "properties/search", "properties/search",
                                 "properties/add"}));
+  // 5. The first backup's local folder moved: its folder's one group of the template is replaced.
+  EXPECT_EQ(Writer("C:\\Moved", "Backups/PC 1", nullptr)->Create(), FileSystem::SUCCEEDED);
+  EXPECT_EQ(TakeCalls(), (Calls{"properties/search", "properties/search", "properties/add",
+                                "properties/overwrite"}));
+  EXPECT_TRUE(log.Contains("Backup metainfo of \"Backups/PC 1\" describes other paths"));
+  std::map<std::string, std::string> locals;
+  for (const BackupMetainfoRecord& record : ReadAll())
+    locals[record.cloud_path] = record.local_path;
+  EXPECT_EQ(locals, (std::map<std::string, std::string>{{"Backups/PC 1", "C:\\Moved"},
+                                                        {"/Backups/PC 2/", "D:\\Photos"},
+                                                        {"Backups/PC 3", "E:\\Music"}}));
 }
 
 TEST_F(DropboxMetainfoTest, UpdateReplacesSizeAndTimeAndTheReaderFindsEveryBackup) {
