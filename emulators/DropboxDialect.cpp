@@ -266,6 +266,25 @@ std::string ThumbnailPng(const std::string& seed) {
   return png;
 }
 
+constexpr int kMaxTemplateFields = 32;
+constexpr int kMaxFieldNameBytes = 256;
+constexpr int kMaxFieldValueBytes = 1024;
+
+// A void member of a tagged union: "string" or {".tag":"string"} alike.
+std::string TagOf(const QJsonValue& value) {
+  return value.isObject() ? value.toObject().value(".tag").toString().toStdString()
+                          : value.toString().toStdString();
+}
+
+QJsonArray FieldArray(const std::map<std::string, std::string>& fields) {
+  QJsonArray array;
+  for (const auto& [name, value] : fields) {
+    array.append(QJsonObject{{"name", QString::fromStdString(name)},
+                             {"value", QString::fromStdString(value)}});
+  }
+  return array;
+}
+
 }  // namespace
 
 DropboxDialect::DropboxDialect() = default;
@@ -354,6 +373,13 @@ void DropboxDialect::Install(Router& router) {
   content("files/upload_session/start", &DropboxDialect::SessionStart);
   content("files/upload_session/append_v2", &DropboxDialect::SessionAppend);
   content("files/upload_session/finish", &DropboxDialect::SessionFinish);
+  rpc("file_properties/templates/add_for_user", &DropboxDialect::AddTemplate);
+  rpc("file_properties/templates/list_for_user", &DropboxDialect::ListTemplates);
+  rpc("file_properties/properties/add", &DropboxDialect::AddProperties);
+  rpc("file_properties/properties/update", &DropboxDialect::UpdateProperties);
+  rpc("file_properties/properties/overwrite", &DropboxDialect::OverwriteProperties);
+  rpc("file_properties/properties/search", &DropboxDialect::SearchProperties);
+  rpc("file_properties/properties/search/continue", &DropboxDialect::ContinuePropertySearch);
 }
 
 // --- listing ---------------------------------------------------------------------------------
@@ -1088,6 +1114,255 @@ HttpResponse DropboxDialect::SessionFinish(const HttpRequest& request) {
 
 std::unique_ptr<Dialect> MakeDropboxDialect() {
   return std::make_unique<DropboxDialect>();
+}
+
+// --- file properties -------------------------------------------------------------------------
+
+HttpResponse DropboxDialect::AddTemplate(const HttpRequest& request) {
+  // 1. A name, a description and the fields, each a string field of a distinct name.
+  const char* function = "file_properties/templates/add_for_user";
+  QJsonObject args;
+  HttpResponse refusal;
+  if (!ReadRpcArgs(request, function, &args, &refusal))
+    return refusal;
+  if (!args.value("name").isString() || !args.value("description").isString() ||
+      !args.value("fields").isArray()) {
+    return BadInput(function, "request body: missing \"name\", \"description\" or \"fields\"");
+  }
+  const QJsonArray fields = args.value("fields").toArray();
+  if (fields.size() > kMaxTemplateFields)
+    return EndpointError("too_many_properties");
+  std::set<std::string> names;
+  for (const QJsonValue& field : fields) {
+    const std::string name = field.toObject().value("name").toString().toStdString();
+    if (name.empty() || TagOf(field.toObject().value("type")) != "string")
+      return BadInput(function, "request body: fields: invalid field");
+    if (!names.insert(name).second)
+      return EndpointError("conflicting_property_names");
+  }
+  // 2. The template of this user and app.
+  std::lock_guard<std::mutex> lock(mutex_);
+  const std::string id = "ptid:" + std::to_string(next_property_id_++) + "corvaneEMU";
+  templates_[id] = std::move(names);
+  return JsonAnswer(200, QJsonObject{{"template_id", QString::fromStdString(id)}});
+}
+
+HttpResponse DropboxDialect::ListTemplates(const HttpRequest& request) {
+  QJsonObject args;
+  HttpResponse refusal;
+  if (!ReadRpcArgs(request, "file_properties/templates/list_for_user", &args, &refusal))
+    return refusal;
+  std::lock_guard<std::mutex> lock(mutex_);
+  QJsonArray ids;
+  for (const auto& entry : templates_)
+    ids.append(QString::fromStdString(entry.first));
+  return JsonAnswer(200, QJsonObject{{"template_ids", ids}});
+}
+
+bool DropboxDialect::FindGroupTarget(const QJsonObject& args, const QJsonObject& group, Item* item,
+                                     std::string* template_id, HttpResponse* refusal) {
+  *template_id = Text(group, "template_id");
+  if (templates_.count(*template_id) == 0) {
+    *refusal = EndpointError("template_not_found");
+    return false;
+  }
+  Lookup lookup = Resolve(router_->account(), Text(args, "path"), item);
+  if (lookup != Lookup::kFound || item->id == router_->account().RootId()) {
+    *refusal = LookupError(lookup == Lookup::kFound ? Lookup::kMalformed : lookup, "path");
+    return false;
+  }
+  return true;
+}
+
+bool DropboxDialect::ReadPropertyFields(const QJsonArray& fields, const std::string& template_id,
+                                        PropertyFields* out, HttpResponse* refusal) {
+  const std::set<std::string>& known = templates_[template_id];
+  for (const QJsonValue& field : fields) {
+    const std::string name = Text(field.toObject(), "name");
+    const QJsonValue value = field.toObject().value("value");
+    if (known.count(name) == 0 || !value.isString() || name.size() > kMaxFieldNameBytes) {
+      *refusal = EndpointError("does_not_fit_template");
+      return false;
+    }
+    if (value.toString().toUtf8().size() > kMaxFieldValueBytes) {
+      *refusal = EndpointError("property_field_too_large");
+      return false;
+    }
+    (*out)[name] = value.toString().toStdString();
+  }
+  return true;
+}
+
+bool DropboxDialect::ReadPropertyGroups(const QJsonObject& args, const char* function, Item* item,
+                                        std::map<std::string, PropertyFields>* groups,
+                                        HttpResponse* refusal) {
+  const QJsonArray all = args.value("property_groups").toArray();
+  if (all.isEmpty()) {
+    *refusal = BadInput(function, "request body: property_groups: must have at least 1 items");
+    return false;
+  }
+  for (const QJsonValue& value : all) {
+    const QJsonObject group = value.toObject();
+    std::string template_id;
+    PropertyFields fields;
+    if (!FindGroupTarget(args, group, item, &template_id, refusal) ||
+        !ReadPropertyFields(group.value("fields").toArray(), template_id, &fields, refusal)) {
+      return false;
+    }
+    if (groups->count(template_id) != 0) {
+      *refusal = EndpointError("duplicate_property_groups");
+      return false;
+    }
+    (*groups)[template_id] = std::move(fields);
+  }
+  return true;
+}
+
+HttpResponse DropboxDialect::AddProperties(const HttpRequest& request) {
+  // 1. One group per template on an item that has none of it yet.
+  QJsonObject args;
+  HttpResponse refusal;
+  if (!ReadRpcArgs(request, "file_properties/properties/add", &args, &refusal))
+    return refusal;
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::map<std::string, PropertyFields> added;
+  Item item;
+  if (!ReadPropertyGroups(args, "file_properties/properties/add", &item, &added, &refusal))
+    return refusal;
+  for (const auto& entry : added) {
+    if (property_groups_[item.id].count(entry.first) != 0)
+      return EndpointError("property_group_already_exists");
+  }
+  // 2. Kept beside the item: a group is no change of its content or revision.
+  for (auto& [template_id, fields] : added)
+    property_groups_[item.id][template_id] = std::move(fields);
+  return JsonAnswer(200, QJsonValue());
+}
+
+HttpResponse DropboxDialect::OverwriteProperties(const HttpRequest& request) {
+  // Each named group is replaced whole, fields left out included; the item's other groups stay.
+  QJsonObject args;
+  HttpResponse refusal;
+  if (!ReadRpcArgs(request, "file_properties/properties/overwrite", &args, &refusal))
+    return refusal;
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::map<std::string, PropertyFields> groups;
+  Item item;
+  if (!ReadPropertyGroups(args, "file_properties/properties/overwrite", &item, &groups, &refusal))
+    return refusal;
+  for (auto& [template_id, fields] : groups)
+    property_groups_[item.id][template_id] = std::move(fields);
+  return JsonAnswer(200, QJsonValue());
+}
+
+HttpResponse DropboxDialect::UpdateProperties(const HttpRequest& request) {
+  // 1. Every named group stands, and its new fields fit its template.
+  QJsonObject args;
+  HttpResponse refusal;
+  if (!ReadRpcArgs(request, "file_properties/properties/update", &args, &refusal))
+    return refusal;
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::map<std::string, PropertyFields> updated;
+  Item item;
+  for (const QJsonValue& value : args.value("update_property_groups").toArray()) {
+    const QJsonObject group = value.toObject();
+    std::string template_id;
+    if (!FindGroupTarget(args, group, &item, &template_id, &refusal))
+      return refusal;
+    auto held = property_groups_[item.id].find(template_id);
+    if (held == property_groups_[item.id].end())
+      return EndpointError("property_group_lookup/property_group_not_found");
+    PropertyFields fields = held->second;
+    if (!ReadPropertyFields(group.value("add_or_update_fields").toArray(), template_id, &fields,
+                            &refusal)) {
+      return refusal;
+    }
+    for (const QJsonValue& removed : group.value("remove_fields").toArray())
+      fields.erase(removed.toString().toStdString());
+    updated[template_id] = std::move(fields);
+  }
+  // 2. All of them at once.
+  for (auto& [template_id, fields] : updated)
+    property_groups_[item.id][template_id] = std::move(fields);
+  return JsonAnswer(200, QJsonValue());
+}
+
+HttpResponse DropboxDialect::SearchProperties(const HttpRequest& request) {
+  // 1. Queries of a field's exact value, joined by "or", over the templates the filter lets in.
+  const char* function = "file_properties/properties/search";
+  QJsonObject args;
+  HttpResponse refusal;
+  if (!ReadRpcArgs(request, function, &args, &refusal))
+    return refusal;
+  const QJsonArray queries = args.value("queries").toArray();
+  if (queries.isEmpty())
+    return BadInput(function, "request body: queries: must have at least 1 items");
+  std::set<std::string> only;
+  const QJsonValue filter = args.value("template_filter");
+  if (TagOf(filter) == "filter_some") {
+    for (const QJsonValue& id : filter.toObject().value("filter_some").toArray())
+      only.insert(id.toString().toStdString());
+  }
+  for (const QJsonValue& query : queries) {
+    if (TagOf(query.toObject().value("mode")) != "field_name")
+      return BadInput(function, "request body: queries: unknown mode");
+  }
+  // 2. One match per item with the groups that answer a query; gone items say so.
+  std::lock_guard<std::mutex> lock(mutex_);
+  std::vector<QJsonObject> matches;
+  for (const auto& [item_id, groups] : property_groups_) {
+    QJsonArray found;
+    for (const auto& [template_id, fields] : groups) {
+      bool hit = false;
+      for (const QJsonValue& value : queries) {
+        const QJsonObject query = value.toObject();
+        auto field = fields.find(Text(query.value("mode").toObject(), "field_name"));
+        hit = hit || (field != fields.end() && field->second == Text(query, "query"));
+      }
+      if (hit && (only.empty() || only.count(template_id) != 0)) {
+        found.append(QJsonObject{{"template_id", QString::fromStdString(template_id)},
+                                 {"fields", FieldArray(fields)}});
+      }
+    }
+    if (found.isEmpty())
+      continue;
+    std::optional<Item> item = router_->account().Find(item_id);
+    const bool deleted = !item || router_->account().IsInTrash(item_id);
+    matches.push_back(QJsonObject{
+        {"id", QString::fromStdString(item_id)},
+        {"path", QString::fromStdString(deleted ? RememberedPath(Item{item_id}) : PathFor(*item))},
+        {"is_deleted", deleted},
+        {"property_groups", found}});
+  }
+  return SearchPage(std::move(matches));
+}
+
+HttpResponse DropboxDialect::ContinuePropertySearch(const HttpRequest& request) {
+  QJsonObject args;
+  HttpResponse refusal;
+  if (!ReadRpcArgs(request, "file_properties/properties/search/continue", &args, &refusal))
+    return refusal;
+  std::lock_guard<std::mutex> lock(mutex_);
+  auto rest = searches_.find(Text(args, "cursor"));
+  if (rest == searches_.end())
+    return EndpointError("reset");
+  std::vector<QJsonObject> matches = std::move(rest->second);
+  searches_.erase(rest);
+  return SearchPage(std::move(matches));
+}
+
+HttpResponse DropboxDialect::SearchPage(std::vector<QJsonObject> matches) {
+  const std::size_t size = std::min(matches.size(), search_page_size_);
+  QJsonArray page;
+  for (std::size_t i = 0; i < size; ++i)
+    page.append(matches[i]);
+  QJsonObject answer{{"matches", page}};
+  if (size < matches.size()) {
+    const std::string cursor = "psc:" + std::to_string(next_property_id_++);
+    searches_[cursor].assign(matches.begin() + static_cast<std::ptrdiff_t>(size), matches.end());
+    answer.insert("cursor", QString::fromStdString(cursor));
+  }
+  return JsonAnswer(200, answer);
 }
 
 }  // namespace emulators

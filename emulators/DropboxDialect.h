@@ -11,6 +11,9 @@
 // are checked against what it holds, with "incorrect_offset" and its "correct_offset" in the shape
 // of each call; the commit's "mode" decides over an existing file.
 //
+// File properties: templates of the user, one property group per item and template, and a search
+// by a field's value whose pages are cut at SetSearchPageSize and followed by a cursor.
+//
 // Cursors are opaque: a snapshot's remaining pages are kept here, the journal's sequence stands
 // for the rest; a cursor older than the account's forgotten journal gets the "reset" error.
 // Errors follow Dropbox's documentation: 400 as plain text, 401/409 as JSON with
@@ -54,6 +57,8 @@ class DropboxDialect : public Dialect {
   void SetLongpollSecondMs(int ms) { longpoll_second_ms_ = ms; }
   // Every longpoll answer asks the client to back off this long (0: no "backoff" key).
   void SetLongpollBackoff(int seconds) { longpoll_backoff_ = seconds; }
+  // The most matches one properties search page carries.
+  void SetSearchPageSize(std::size_t matches) { search_page_size_ = matches; }
 
  private:
   struct Snapshot {
@@ -84,6 +89,26 @@ class DropboxDialect : public Dialect {
   HttpResponse SessionStart(const HttpRequest& request);
   HttpResponse SessionAppend(const HttpRequest& request);
   HttpResponse SessionFinish(const HttpRequest& request);
+  HttpResponse AddTemplate(const HttpRequest& request);
+  HttpResponse ListTemplates(const HttpRequest& request);
+  HttpResponse AddProperties(const HttpRequest& request);
+  HttpResponse UpdateProperties(const HttpRequest& request);
+  HttpResponse OverwriteProperties(const HttpRequest& request);
+  HttpResponse SearchProperties(const HttpRequest& request);
+  HttpResponse ContinuePropertySearch(const HttpRequest& request);
+
+  using PropertyFields = std::map<std::string, std::string>;  // name -> value
+  // The item a properties call names, and the template its group is of; false with the refusal.
+  bool FindGroupTarget(const QJsonObject& args, const QJsonObject& group, Item* item,
+                       std::string* template_id, HttpResponse* refusal);
+  // Fields that the template names, as strings short enough; false with the refusal.
+  bool ReadPropertyFields(const QJsonArray& fields, const std::string& template_id,
+                          PropertyFields* out, HttpResponse* refusal);
+  // The next page of matches, the rest kept under a new cursor.
+  HttpResponse SearchPage(std::vector<QJsonObject> matches);
+  // The groups of an add or an overwrite, one per template; false with the refusal.
+  bool ReadPropertyGroups(const QJsonObject& args, const char* function, Item* item,
+                          std::map<std::string, PropertyFields>* groups, HttpResponse* refusal);
 
   // Where a commit's bytes go under its "mode"; false with the endpoint error that refuses it.
   // `same_content` tells whether the bytes equal those of a file already at the path.
@@ -119,6 +144,12 @@ class DropboxDialect : public Dialect {
   std::uint64_t next_snapshot_ = 1;
   std::map<std::string, std::string> paths_;  // item id -> last known display path
   std::set<std::string> closed_sessions_;
+  std::size_t search_page_size_ = 1000;
+  std::map<std::string, std::set<std::string>> templates_;  // id -> field names
+  // item id -> template id -> the group's fields
+  std::map<std::string, std::map<std::string, PropertyFields>> property_groups_;
+  std::map<std::string, std::vector<QJsonObject>> searches_;  // cursor -> matches not yet given
+  std::uint64_t next_property_id_ = 1;
 };
 
 std::unique_ptr<Dialect> MakeDropboxDialect();

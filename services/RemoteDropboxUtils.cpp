@@ -161,7 +161,10 @@ bool ReadUint64(const utils::json::json_tree& json, const std::string& dotted_ke
   if (!node || !node->empty()) {
     return false;
   }
-  const std::string& text = node->data();
+  return ParseUint64(node->data(), value);
+}
+
+bool ParseUint64(const std::string& text, std::uint64_t* value) {
   const char* end = text.data() + text.size();
   auto parsed = std::from_chars(text.data(), end, *value);
   return parsed.ec == std::errc() && parsed.ptr == end && !text.empty();

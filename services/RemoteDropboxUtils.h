@@ -46,6 +46,8 @@ std::string ReadString(const utils::json::json_tree& json, const std::string& do
 // An unsigned number at `key`; nothing for a missing key or text that is not one.
 bool ReadUint64(const utils::json::json_tree& json, const std::string& dotted_key,
                 std::uint64_t* value);
+// Decimal text, all of it; false for anything else.
+bool ParseUint64(const std::string& text, std::uint64_t* value);
 bool ReadBool(const utils::json::json_tree& json, const std::string& dotted_key, bool fallback);
 
 // Seconds the service asked to wait: "error.retry_after" as Dropbox documents it, else the

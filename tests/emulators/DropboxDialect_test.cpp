@@ -210,4 +210,73 @@ TEST_F(DropboxDialectTest, UploadSessionsNameTheCorrectOffsetInEachCallsShape) {
   EXPECT_EQ(made->modified_ms, 1700000000000);
 }
 
+TEST_F(DropboxDialectTest, FilePropertiesKeepOneGroupPerTemplateAndItemAndPageTheirSearch) {
+  const std::string api = api_ + "file_properties/";
+  Answer made =
+      Post(api + "templates/add_for_user",
+           R"({"name":"t","description":"d","fields":[{"name":"a","description":"",)"
+           R"("type":"string"},{"name":"b","description":"","type":{".tag":"string"}}]})");
+  ASSERT_EQ(made.status, 200) << made.body;
+  const std::string id = Json(made.body)["template_id"].toString().toStdString();
+  auto group = [&id](const std::string& fields) {
+    return R"({"template_id":")" + id + R"(","fields":[)" + fields + "]}";
+  };
+  const std::string a1 = R"({"name":"a","value":"1"})";
+  struct Step {
+    std::string call;
+    std::string body;
+    long status;
+    std::string fragment;
+  };
+  const Step steps[] = {
+      {"templates/list_for_user", "", 200, R"({"template_ids":[")" + id + R"("]})"},
+      {"templates/add_for_user",
+       R"({"name":"t","description":"d","fields":[{"name":"a","type":"string"},)"
+       R"({"name":"a","type":"string"}]})",
+       409, "conflicting_property_names"},
+      {"properties/add", R"({"path":"/A","property_groups":[)" + group(a1) + "]}", 200, "null"},
+      {"properties/add", R"({"path":"/a","property_groups":[)" + group(a1) + "]}", 409,
+       "property_group_already_exists"},
+      {"properties/add",
+       R"({"path":"/b.txt","property_groups":[)" + group(R"({"name":"c","value":"1"})") + "]}", 409,
+       "does_not_fit_template"},
+      {"properties/add", R"({"path":"/nope","property_groups":[)" + group(a1) + "]}", 409,
+       "path/not_found"},
+      {"properties/add",
+       R"({"path":"/b.txt","property_groups":[{"template_id":"ptid:x","fields":[]}]})", 409,
+       "template_not_found"},
+      {"properties/add", R"({"path":"/b.txt","property_groups":[)" + group(a1) + "]}", 200, "null"},
+      {"properties/update",
+       R"({"path":"/A/one.txt","update_property_groups":[{"template_id":")" + id +
+           R"(","add_or_update_fields":[)" + a1 + "]}]}",
+       409, "property_group_lookup/property_group_not_found"},
+      {"properties/update",
+       R"({"path":"/b.txt","update_property_groups":[{"template_id":")" + id +
+           R"(","add_or_update_fields":[{"name":"b","value":"2"}]}]})",
+       200, "null"},
+      {"properties/overwrite", R"({"path":"/b.txt","property_groups":[]})", 400, "property_groups"},
+      {"properties/search", R"({"queries":[]})", 400, "queries"},
+      {"properties/search",
+       R"({"queries":[{"query":"1","mode":{".tag":"field_name","field_name":"a"},)"
+       R"("logical_operator":"or_operator"}],"template_filter":"filter_none"})",
+       200, R"("path":"/A","property_groups":[{"fields":[{"name":"a","value":"1"}])"},
+      {"properties/search/continue", R"({"cursor":"bogus"})", 409, "reset"},
+  };
+  dialect_->SetSearchPageSize(1);
+  std::string cursor;
+  for (const Step& step : steps) {
+    Answer answer = Post(api + step.call, step.body);
+    EXPECT_EQ(answer.status, step.status) << step.call << " " << answer.body;
+    EXPECT_NE(answer.body.find(step.fragment), std::string::npos) << step.call << answer.body;
+    if (step.call == "properties/search" && step.status == 200)
+      cursor = Json(answer.body)["cursor"].toString().toStdString();
+  }
+  // The second match, with both fields of its group, ends the search.
+  Answer rest = Post(api + "properties/search/continue", R"({"cursor":")" + cursor + R"("})");
+  EXPECT_EQ(rest.body, R"({"matches":[{"id":")" + emulator_->account().FindByPath("b.txt")->id +
+                           R"(","is_deleted":false,"path":"/b.txt","property_groups":[{"fields":[)"
+                           R"({"name":"a","value":"1"},{"name":"b","value":"2"}],"template_id":")" +
+                           id + R"("}]}]})");
+}
+
 }  // namespace

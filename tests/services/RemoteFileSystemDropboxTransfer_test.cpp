@@ -233,19 +233,50 @@ TEST(DropboxUploadTest, BadInputFailsCleanly) {
   std::uint8_t buffer[8];
   EXPECT_EQ(fixture.adapter().ReadFile(buffer, sizeof(buffer), &done), FileSystem::FAILED);
   EXPECT_TRUE(log.Contains("Connection is closed, can't read anymore."));
-  // An answer without the new rev still lands the upload, and says so.
-  emulators::FaultRule no_rev;
-  no_rev.path_prefix = "/content/2/files/upload";
-  no_rev.fault.drop_field = "rev";
-  fixture.emulator().faults().Add(no_rev);
-  EXPECT_EQ(Upload(fixture.adapter(), "norev.bin", bytes, HashOf(bytes), kTime, &props),
-            FileSystem::SUCCEEDED);
-  EXPECT_TRUE(log.Contains("No revsision in response."));
-  EXPECT_EQ(AccountBytes(fixture, "norev.bin"), bytes);
   // A path that isn't canonical.
   EXPECT_EQ(fixture.adapter().OpenForCreate(FileSystem::OverwriteControl(), "/abs", SomeHash(), 1,
                                             kTime, &resume, false),
             FileSystem::FATAL);
+}
+
+// The commit's answer is the server's word on the file: a size or hash other than what was sent
+// fails the upload, a missing rev only costs the rev.
+TEST(DropboxUploadTest, TheFinishedFileIsCheckedAgainstTheServersAnswer) {
+  struct Case {
+    const char* call;
+    std::uint64_t time;  // 0: a session finished at CloseFile
+    const char* dropped;
+    FileSystem::Result result;
+    const char* log;
+    std::size_t end_errors;
+  };
+  const Case cases[] = {
+      {"upload", kTime, "size", FileSystem::FAILED,
+       "Problem with server side file, different size: expected 900;  got 0.", 1},
+      {"upload_session/finish", 0, "size", FileSystem::FAILED,
+       "Problem with server side file, different size: expected 900;  got 0.", 1},
+      {"upload", kTime, "content_hash", FileSystem::FAILED,
+       "Problem with server side file, different hash: expected ", 1},
+      {"upload", kTime, "rev", FileSystem::SUCCEEDED, "No revsision in response.", 0},
+      {"upload_session/finish", 0, "rev", FileSystem::SUCCEEDED, "No revsision in response.", 0},
+  };
+  const std::string bytes = Bytes(900);
+  for (const Case& c : cases) {
+    DropboxFixture fixture;
+    LoggerWrapper::Capture log;
+    RadarsLogger::Capture metrics;
+    emulators::FaultRule rule;
+    rule.path_prefix = std::string("/content/2/files/") + c.call;
+    rule.fault.drop_field = c.dropped;
+    fixture.emulator().faults().Add(rule);
+    FileSystem::FileProperties props;
+    EXPECT_EQ(Upload(fixture.adapter(), "f.bin", bytes, HashOf(bytes), c.time, &props), c.result)
+        << c.call << " " << c.dropped;
+    EXPECT_EQ(fixture.emulator().faults().Fired(), 1);
+    EXPECT_TRUE(log.Contains(c.log)) << c.call << " " << c.dropped;
+    EXPECT_EQ(metrics.Count("dropbox_resumed_upload_end_err"), c.end_errors);
+    EXPECT_EQ(AccountBytes(fixture, "f.bin"), bytes);
+  }
 }
 
 TEST(DropboxReadTest, WholeAndRangedReadsAreByteExactAndCheckTheHash) {
@@ -291,47 +322,111 @@ TEST(DropboxReadTest, WholeAndRangedReadsAreByteExactAndCheckTheHash) {
   EXPECT_EQ(result, FileSystem::CONFLICT);
 }
 
+// A download whose connection is cut after some bytes: what came is delivered, the read fails and
+// says why, a read after it is refused with its line, and the adapter reads again afterwards.
+TEST(DropboxReadTest, AReadAfterTheConnectionWasCutFailsWithItsLine) {
+  struct Case {
+    const char* name;
+    bool reset;
+    const char* log;
+  };
+  const Case cases[] = {
+      {"closed early", false, "failed: Transferred a partial file"},
+      {"reset", true, "Connection reset by peer"},
+  };
+  const std::string bytes = Bytes(50000, 'r');
+  for (const Case& c : cases) {
+    DropboxFixture fixture;
+    emulators::Item file;
+    fixture.account().CreateFile(fixture.account().RootId(), "cut.bin", bytes, kTime * 1000, &file);
+    const SomeHash hash(HashDropbox::FromHexString(file.digests.dropbox));
+    emulators::FaultRule rule;
+    rule.path_prefix = "/content/2/files/download";
+    rule.fault.cut_after = 20000;
+    rule.fault.reset = c.reset;
+    fixture.emulator().faults().Add(rule);
+    LoggerWrapper::Capture log;
+    FileSystem::Result result = FileSystem::SUCCEEDED;
+    const std::string got =
+        Download(fixture.adapter(), "cut.bin", 0, 0, bytes.size(), hash, &result);
+    EXPECT_EQ(result, FileSystem::FAILED) << c.name;
+    EXPECT_EQ(got, bytes.substr(0, got.size())) << c.name;
+    EXPECT_LE(got.size(), 20000u) << c.name;
+    EXPECT_TRUE(log.Contains(c.log)) << c.name;
+    EXPECT_TRUE(log.Contains("Failed to parse JSON from error response: ")) << c.name;
+    std::uint8_t buffer[100];
+    std::uint32_t done = 0;
+    EXPECT_EQ(fixture.adapter().ReadFile(buffer, sizeof(buffer), &done), FileSystem::FAILED);
+    EXPECT_TRUE(log.Contains("Connection is closed, can't read anymore.")) << c.name;
+    EXPECT_EQ(Download(fixture.adapter(), "cut.bin", 0, 0, bytes.size(), hash, &result), bytes);
+    EXPECT_EQ(result, FileSystem::SUCCEEDED) << c.name;
+  }
+}
+
 // A session upload of `bytes` whose finish fails as `rule` says; the session stays in the store.
 void FailFinish(DropboxFixture& fixture, const std::string& bytes, emulators::FaultRule rule,
-                FileSystem::Result expected) {
+                FileSystem::Result expected, std::size_t block = 300) {
   // Every matching request: the transport tries a request again once when a reused connection
   // was reset before any answer.
   rule.path_prefix = "/content/2/files/upload_session/" + rule.path_prefix;
   rule.times = 0;
   fixture.emulator().faults().Add(rule);
   FileSystem::FileProperties props(SomeHash(), 0, bytes.size(), kTime, false);
-  EXPECT_EQ(Upload(fixture.adapter(), "big.bin", bytes, HashOf(bytes), 0, &props), expected);
+  EXPECT_EQ(Upload(fixture.adapter(), "big.bin", bytes, HashOf(bytes), 0, &props, nullptr, block),
+            expected);
   fixture.emulator().faults().Clear();
 }
 
 TEST(DropboxResumeTest, AnotherAdapterOfTheFactoryGoesOnFromWhatTheServerHolds) {
+  const std::uint64_t kChunk = RemoteFileSystemDropbox::kMaxChunk;
   struct Case {
     const char* name;
+    std::uint64_t size;
     const char* fail_path;
     bool reset;
     std::uint64_t persist_limit;
     std::uint64_t resume_from;
     const char* metric;
+    const char* offset_line;
   };
   const Case cases[] = {
       // The finish's answer is lost: the session goes on from the finish's offset.
-      {"reset", "finish", true, UINT64_MAX, 4000, "dropbox_upload_resumed"},
-      // The start kept less than it was sent: the finish is told where the server stands.
-      {"offset", "start", false, 1500, 1500, "dropbox_offset_error"},
+      {"reset of the finish", 4000, "finish", true, UINT64_MAX, 4000, "dropbox_upload_resumed",
+       nullptr},
+      // The connection of the append after the first chunk is reset: the session goes on from that
+      // chunk's start.
+      {"reset of an append", kChunk + 5000, "append_v2", true, UINT64_MAX, kChunk,
+       "dropbox_upload_resumed", nullptr},
+      // The start kept less than it was sent: the finish (or the append) is told where the server
+      // stands, each in its own shape of the answer.
+      {"offset told to the finish", 4000, "start", false, 1500, 1500, "dropbox_offset_error",
+       "offset for resumable upload, was 4000, now 1500 corrected from response."},
+      {"offset told to an append", kChunk + 5000, "start", false, 1000, 1000,
+       "dropbox_offset_error",
+       "offset for resumable upload, was 134217728, now 1000 corrected from response."},
   };
   for (const Case& c : cases) {
     DropboxFixture fixture;
     RadarsLogger::Capture metrics;
     LoggerWrapper::Capture log;
-    const std::string bytes = Bytes(4000, 'e');
+    const std::string bytes = Bytes(c.size, 'e');
     emulators::FaultRule rule;
     rule.path_prefix = c.fail_path;
     rule.fault.reset = c.reset;
     rule.fault.status = c.reset ? 500 : 0;
     rule.fault.persist_limit = c.persist_limit;
-    FailFinish(fixture, bytes, rule, FileSystem::FAILED);
+    FailFinish(fixture, bytes, rule, FileSystem::FAILED, 1000003);
     EXPECT_FALSE(fixture.account().FindByPath("big.bin")) << c.name;
     EXPECT_EQ(metrics.Count(c.metric), c.reset ? 0u : 1u) << c.name;
+    if (c.offset_line) {
+      EXPECT_TRUE(log.Contains(c.offset_line)) << c.name;
+    }
+    if (c.size > kChunk) {
+      const std::string append = ContentRequests(fixture.emulator())[1].Header("Dropbox-API-Arg");
+      EXPECT_EQ(append, R"({ "close":false, "cursor": {"offset":134217728, "session_id":")" +
+                            append.substr(append.find("session-"), 24) + R"("} })")
+          << c.name;
+    }
     // Adapter B of the same factory.
     auto other = fixture.MakeAdapter();
     std::uint64_t resume = 99;
@@ -352,6 +447,58 @@ TEST(DropboxResumeTest, AnotherAdapterOfTheFactoryGoesOnFromWhatTheServerHolds) 
     EXPECT_EQ(props.hash.GetHashDropbox(), HashOf(bytes).GetHashDropbox()) << c.name;
     EXPECT_TRUE(log.Contains("Resume upload for file \"big.bin\" from ")) << c.name;
   }
+}
+
+// Each resume counts as a failure of the chunk in flight: the second one halves the chunk, and the
+// next append on the wire carries half of the largest chunk.
+TEST(DropboxResumeTest, TwoResumesHalveTheChunkEndToEnd) {
+  const std::uint64_t kChunk = RemoteFileSystemDropbox::kMaxChunk;
+  const std::uint64_t kRest = 70ull << 20;
+  DropboxFixture fixture;
+  RadarsLogger::Capture metrics;
+  const std::string bytes = Bytes(kChunk + kRest, 'm');
+  const SomeHash hash = HashOf(bytes);
+  // 1. Adapter A: the append after the first chunk is reset; so is B's resumed finish.
+  emulators::FaultRule rule;
+  rule.path_prefix = "append_v2";
+  rule.fault.reset = true;
+  rule.fault.status = 500;
+  FailFinish(fixture, bytes, rule, FileSystem::FAILED, 1000003);
+  rule.path_prefix = "/content/2/files/upload_session/finish";
+  rule.times = 0;
+  fixture.emulator().faults().Add(rule);
+  auto b = fixture.MakeAdapter();
+  std::uint64_t resume = 0;
+  ASSERT_EQ(b->OpenForCreate({}, "big.bin", hash, bytes.size(), kTime, &resume, false),
+            FileSystem::SUCCEEDED);
+  EXPECT_EQ(resume, kChunk);
+  const FileSystem::Result written =
+      b->WriteFile(reinterpret_cast<const std::uint8_t*>(bytes.data() + kChunk),
+                   static_cast<std::uint32_t>(kRest));
+  FileSystem::FileProperties props(SomeHash(), 0, bytes.size(), kTime, false);
+  EXPECT_NE(written == FileSystem::SUCCEEDED ? b->CloseFile(&props) : written,
+            FileSystem::SUCCEEDED);
+  // 2. Adapter C: the chunk is half now.
+  fixture.emulator().faults().Clear();
+  fixture.emulator().server().ClearRequests();
+  auto c = fixture.MakeAdapter();
+  ASSERT_EQ(c->OpenForCreate({}, "big.bin", hash, bytes.size(), kTime, &resume, false),
+            FileSystem::SUCCEEDED);
+  EXPECT_EQ(resume, kChunk);
+  ASSERT_EQ(c->WriteFile(reinterpret_cast<const std::uint8_t*>(bytes.data() + kChunk),
+                         static_cast<std::uint32_t>(kRest)),
+            FileSystem::SUCCEEDED);
+  ASSERT_EQ(c->CloseFile(&props), FileSystem::SUCCEEDED);
+  std::vector<std::uint64_t> sizes;
+  for (const HttpRequest& request : ContentRequests(fixture.emulator()))
+    sizes.push_back(request.body_size);
+  EXPECT_EQ(Paths(ContentRequests(fixture.emulator())),
+            (std::vector<std::string>{"upload_session/append_v2", "upload_session/finish"}));
+  EXPECT_EQ(sizes, (std::vector<std::uint64_t>{kChunk / 2, kRest - kChunk / 2}));
+  EXPECT_EQ(metrics.Count("dropbox_upload_resumed"), 2u);
+  EXPECT_EQ(props.hash.GetHashDropbox(), hash.GetHashDropbox());
+  EXPECT_EQ(fixture.account().FindByPath("big.bin")->digests.dropbox,
+            hash.GetHashDropbox().ToHexString());
 }
 
 TEST(DropboxResumeTest, AChangedFileStartsOverAndAnExpiredSessionFails) {
@@ -382,6 +529,14 @@ TEST(DropboxResumeTest, AChangedFileStartsOverAndAnExpiredSessionFails) {
   EXPECT_EQ(Upload(fixture.adapter(), "big.bin", changed, HashOf(changed), kTime, &props),
             FileSystem::CONFLICT);  // "add" over the first upload
   EXPECT_TRUE(log.Contains("Hash of \"big.bin\" changed between uploads"));
+  // Nor a file announced with the stored hash but another size: it starts over, so its bytes are
+  // hashed again and found not to be what it announced.
+  FailFinish(fixture, bytes, rule, FileSystem::FAILED);
+  const std::string longer = bytes + "x";
+  EXPECT_EQ(Upload(fixture.adapter(), "big.bin", longer, HashOf(bytes), kTime, &props),
+            FileSystem::FAILED);
+  EXPECT_TRUE(log.Contains("Size of \"big.bin\" changed between uploads, expected 3000, got 3001"));
+  EXPECT_TRUE(log.Contains("\"big.bin\" has different hashes"));
 }
 
 TEST(DropboxUploadTest, TheEchoOfAnUploadIsDroppedOnceInAnyCase) {
@@ -411,26 +566,51 @@ TEST(DropboxUploadTest, TheEchoOfAnUploadIsDroppedOnceInAnyCase) {
 
 namespace {
 
-// One byte past the largest one-shot upload: the block that crosses the first chunk's end is split
-// at that exact offset, the chunk goes by start and the rest by the finish.
-TEST(DropboxUploadTest, ABlockCrossingTheChunkIsSplitAtItsEnd) {
-  DropboxFixture fixture;
-  const std::uint64_t size = RemoteFileSystemDropbox::kMaxChunk + 1;
-  std::string bytes(size, '\0');
-  for (std::uint64_t i = 0; i < size; i += 4096)
-    bytes[i] = static_cast<char>(i / 4096);
-  FileSystem::FileProperties props;
-  ASSERT_EQ(
-      Upload(fixture.adapter(), "big.bin", bytes, HashOf(bytes), kTime, &props, nullptr, 1000003),
-      FileSystem::SUCCEEDED);
-  const auto requests = ContentRequests(fixture.emulator());
-  EXPECT_EQ(Paths(requests),
-            (std::vector<std::string>{"upload_session/start", "upload_session/finish"}));
-  EXPECT_EQ(requests[0].body_size, RemoteFileSystemDropbox::kMaxChunk);
-  EXPECT_EQ(requests[1].body_size, 1u);
-  EXPECT_NE(requests[1].Header("Dropbox-API-Arg").find("\"offset\":134217728}"), std::string::npos);
-  EXPECT_EQ(props.hash.GetHashDropbox(), HashOf(bytes).GetHashDropbox());
-  EXPECT_EQ(fixture.account().FindByPath("big.bin")->size, size);
+// The largest one-shot upload and one byte more: blocks of an odd size cross the first chunk's end
+// and are split at that exact offset.
+TEST(DropboxUploadTest, TheLargestOneShotUploadAndTheSessionsJustPastIt) {
+  const std::uint64_t kChunk = RemoteFileSystemDropbox::kMaxChunk;
+  struct Case {
+    std::uint64_t size;
+    std::uint64_t time;
+    std::vector<std::string> calls;
+    std::vector<std::uint64_t> body_sizes;
+  };
+  const Case cases[] = {
+      {kChunk, kTime, {"upload"}, {kChunk}},
+      {kChunk + 1, kTime, {"upload_session/start", "upload_session/finish"}, {kChunk, 1}},
+  };
+  std::string all(kChunk + 1, '\0');
+  for (std::uint64_t i = 0; i < all.size(); i += 4096)
+    all[i] = static_cast<char>(i / 4096);
+  for (const Case& c : cases) {
+    DropboxFixture fixture;
+    const std::string bytes = all.substr(0, c.size);
+    const SomeHash hash = HashOf(bytes);
+    FileSystem::FileProperties props(SomeHash(), 0, c.size, kTime, false);
+    ASSERT_EQ(Upload(fixture.adapter(), "big.bin", bytes, hash, c.time, &props, nullptr, 1000003),
+              FileSystem::SUCCEEDED)
+        << c.size;
+    const auto requests = ContentRequests(fixture.emulator());
+    ASSERT_EQ(Paths(requests), c.calls) << c.size;
+    for (std::size_t i = 0; i < requests.size(); ++i)
+      EXPECT_EQ(requests[i].body_size, c.body_sizes[i]) << c.size << " " << c.calls[i];
+    if (requests.size() > 1) {
+      const std::string arg = requests.back().Header("Dropbox-API-Arg");
+      const std::string id = arg.substr(arg.find("session-"), 24);
+      EXPECT_EQ(arg.substr(0, arg.find(", \"commit\"")),
+                R"({ "cursor":{ "session_id":")" + id + R"(", "offset":)" +
+                    std::to_string(c.time ? kChunk : kChunk + 1) + "}");
+      if (c.time == 0) {
+        EXPECT_EQ(
+            requests[1].Header("Dropbox-API-Arg"),
+            R"({ "close":false, "cursor": {"offset":134217728, "session_id":")" + id + R"("} })");
+      }
+    }
+    EXPECT_EQ(props.hash.GetHashDropbox(), hash.GetHashDropbox()) << c.size;
+    EXPECT_EQ(fixture.account().FindByPath("big.bin")->digests.dropbox,
+              hash.GetHashDropbox().ToHexString());
+  }
 }
 
 }  // namespace

@@ -1,6 +1,6 @@
 // The tool against `corvane emulate dropbox` as a person uses it: the seeded account listed
-// exactly, each command changing or reading the emulator's account as asked, a foreign change
-// seen by `changes`, and the refused token ending in AUTH_INVALID.
+// exactly, each command changing or reading the emulator's account as asked, a session-sized
+// upload, a foreign change seen by `changes`, and the refused token ending in AUTH_INVALID.
 #include <signal.h>
 #include <unistd.h>
 
@@ -137,6 +137,27 @@ TEST_F(CorvaneDropboxTest, CommandsChangeAndReadTheAccountAsAsked) {
   test::Outcome stale =
       Run({"put", "--overwrite", (temp_.path() / "run" / "other.bin").string(), "a.txt"});
   EXPECT_EQ(stale.status, 10 + FileSystem::CONFLICT) << stale.err;
+}
+
+TEST_F(CorvaneDropboxTest, PutOfASessionSizedFilePrintsTheServersHash) {
+  // One byte past the largest one-shot upload goes by a session; its finish leaves a mark.
+  const std::string bytes = test::RandomBytes(134217729, 5);
+  const fs::path local = temp_.path() / "run" / "big.bin";
+  test::WriteAll(local, bytes);
+  ASSERT_EQ(test::Fetch("POST", control_ + "faults", "",
+                        R"({"path":"/content/2/files/upload_session/finish",)"
+                        R"("change":{"op":"mkdir","path":"finished by session"}})")
+                    .status /
+                100,
+            2);
+  test::Outcome put = Run({"put", local.string(), "big.bin"});
+  ASSERT_EQ(put.status, 0) << put.err;
+  test::Outcome hash = Run({"hash", "--type", "dropbox", local.string()});
+  ASSERT_EQ(hash.status, 0) << hash.err;
+  EXPECT_EQ(put.out.substr(0, 64), hash.out.substr(0, 64));
+  const std::map<std::string, std::int64_t> account = Account();
+  EXPECT_EQ(account.at("big.bin"), 134217729);
+  EXPECT_TRUE(account.count("finished by session"));
 }
 
 TEST_F(CorvaneDropboxTest, ChangesPrintsAFileAnotherProcessAdds) {
