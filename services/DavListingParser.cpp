@@ -2,6 +2,7 @@
 
 #include <QLatin1String>
 
+#include <algorithm>
 #include <utility>
 
 #include "core/Clock.h"
@@ -28,6 +29,15 @@ std::string DecodedDavPath(const std::string& url) {
   return utils::PercentDecoded(path);
 }
 
+// Whether one normalized path ends with the other, whole segments only: both begin with "/" and
+// only "/" itself ends with one.
+bool TailsAgree(const std::string& a, const std::string& b) {
+  return EndsWith(a, b) || EndsWith(b, a);
+}
+
+// Where an entry stands against the listed folder.
+enum class Place { kSelf, kChild, kOutside };
+
 // One parse: the reader, the fields of the current `response` and what the listing is about.
 class PropfindParser {
  public:
@@ -46,6 +56,7 @@ class PropfindParser {
   void OnStartElement();
   void ReadStatus();
   bool FinishResponse();
+  Place PlaceOf(const std::string& href) const;
   bool FinishFolder(std::string&& name);
   bool FinishFile(std::string&& name);
   bool FailOnEmptyName();
@@ -130,17 +141,45 @@ bool PropfindParser::FinishResponse() {
     LOG_ERROR << "Non successful http status in: " << fields_.href;
     return false;
   }
+  // 1. The listed folder itself, once; an entry anywhere else than directly in it is none of
+  //    its children, whatever its last segment says.
+  switch (PlaceOf(fields_.href)) {
+    case Place::kSelf:
+      if (selfSeen_) {
+        LOG_WARNING << "The listed folder is listed again: " << fields_.href;
+      }
+      selfSeen_ = true;
+      return true;
+    case Place::kOutside:
+      LOG_WARNING << "Skipping an entry outside the listed folder: " << fields_.href;
+      return true;
+    case Place::kChild:
+      break;
+  }
+  // 2. A child, under its local name.
   std::string name = ItemNameFromHref(fields_.href);
   nameMapper_->UnmapNameToLocal(&name);
   return fields_.isCollection ? FinishFolder(std::move(name)) : FinishFile(std::move(name));
 }
 
-bool PropfindParser::FinishFolder(std::string&& name) {
-  // Only the tail is compared: a proxy may answer with a longer path than was asked for.
-  if (!selfSeen_ && EndsWith(DecodedDavPath(fields_.href), requestedPath_)) {
-    selfSeen_ = true;
-    return true;
+Place PropfindParser::PlaceOf(const std::string& href) const {
+  // Paths are compared by their tails: a proxy may answer with a longer path than was asked for,
+  // or a shorter one. The parent is cut before decoding, so that an encoded "/" inside a name
+  // stays in the name.
+  std::string path = PathOfUrl(href);
+  NormalizeDavPath(&path);
+  if (path != "/") {
+    const std::string parent = path.substr(0, std::max<std::size_t>(path.rfind('/'), 1));
+    if (TailsAgree(utils::PercentDecoded(parent), requestedPath_)) {
+      return Place::kChild;
+    }
   }
+  return fields_.isCollection && TailsAgree(utils::PercentDecoded(path), requestedPath_)
+             ? Place::kSelf
+             : Place::kOutside;
+}
+
+bool PropfindParser::FinishFolder(std::string&& name) {
   if (name.empty()) {
     return FailOnEmptyName();
   }

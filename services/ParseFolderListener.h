@@ -60,4 +60,8 @@ class ParseFolderToListing : public ParseFolderListener {
   MakeHashFunction makeHash;
 };
 
+// After the parse of a listing: the first entry of each name stays, a folder over a file of its
+// name, as ParseFolderToFolderNode keeps them in the tree.
+void KeepFirstOfEachName(RemoteFileSystem::FolderListing* listing);
+
 }  // namespace auxil

@@ -489,6 +489,7 @@ FileSystem::Result RemoteFileSystemWebDAVBase::GetFolderListing(const std::strin
   }
   if (result == URLProcessor::Result::MULTI_STATUS) {
     if (parseOk) {
+      auxil::KeepFirstOfEachName(listing);
       return SUCCEEDED;
     }
     LOG_WARNING << "Failed to parse folder listing: " << path;

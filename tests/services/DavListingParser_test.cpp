@@ -258,15 +258,19 @@ TEST_F(DavListingParserTest, TheListedFolderIsRecognisedByTheTailOfItsPath) {
        "http://h/a/b/",
        Multistatus(FolderEntry("/prefix/a/b/") + FolderEntry("/prefix/a/b/c/")),
        {"folder c"}},
-      {"a shorter path is never the folder",
+      {"a proxy's shorter path",
        "http://h/remote/a/",
        Multistatus(FolderEntry("/a/") + FolderEntry("/a/c/")),
-       {"folder a", "folder c"}},
+       {"folder c"}},
       {"the root", "https://h", Multistatus(FolderEntry("/") + FolderEntry("/x/")), {"folder x"}},
-      {"a partial segment is not the folder",
+      {"a partial segment is neither the folder nor in it",
        "http://h/older/",
-       Multistatus(FolderEntry("/folder/")),
-       {"folder folder"}},
+       Multistatus(FolderEntry("/folder/") + FolderEntry("/older/x/")),
+       {"folder x"}},
+      {"the folder listed twice is never its own child",
+       "http://h/a",
+       Multistatus(FolderEntry("/a/") + FileEntry("/a/f") + FolderEntry("/a/")),
+       {"file f 7 1699956000 \"e1\""}},
       {"no response at all", kFolderUrl, Multistatus(""), {}},
   };
   for (const Case& test : cases) {
@@ -274,6 +278,26 @@ TEST_F(DavListingParserTest, TheListedFolderIsRecognisedByTheTailOfItsPath) {
     const Outcome outcome = ParseText(test.body, test.url);
     EXPECT_TRUE(outcome.ok);
     EXPECT_EQ(outcome.events, test.events);
+  }
+}
+
+// Entries a careless or hostile server puts in the answer that aren't direct children of the
+// listed folder are skipped with a line, whatever their last segment says.
+TEST_F(DavListingParserTest, EntriesOutsideTheListedFolderAreSkipped) {
+  const std::string body =
+      Multistatus(kSelf + FileEntry("/dav/my%20folder/kept") + FileEntry("/etc/shadow") +
+                  FileEntry("/dav/other/x") + FolderEntry("/dav/my%20folder/deeper/down/") +
+                  FileEntry("https://elsewhere.example/etc/passwd") + FileEntry("/dav/") +
+                  FolderEntry("/dav/my%20folder/sub/"));
+  LoggerWrapper::Capture log;
+  const Outcome outcome = ParseText(body);
+  EXPECT_TRUE(outcome.ok);
+  EXPECT_EQ(outcome.events,
+            (std::vector<std::string>{"file kept 7 1699956000 \"e1\"", "folder sub"}));
+  for (const char* href : {"/etc/shadow", "/dav/other/x", "/dav/my%20folder/deeper/down/",
+                           "https://elsewhere.example/etc/passwd", "/dav/"}) {
+    EXPECT_TRUE(log.Contains(std::string("Skipping an entry outside the listed folder: ") + href))
+        << href;
   }
 }
 

@@ -240,6 +240,46 @@ TEST_F(WebDavFaultTest, DeleteOfAFileIsConditionalOnItsEtag) {
   EXPECT_FALSE(requests[2].HasHeader("If-Match"));
 }
 
+// A name listed twice is kept once, the first one, and a folder over a file of its name: the
+// same for a one-level listing and for the tree, with a line for each one dropped.
+TEST_F(WebDavFaultTest, ANameListedTwiceIsKeptOnceByEveryRoad) {
+  server_.Handle("PROPFIND", "/dav/", [](const HttpRequest&) {
+    return MultiStatusResponse({{"/dav/", true},
+                                {"/dav/dup", false, 1, "\"first\""},
+                                {"/dav/twin", false, 2, "\"t\""},
+                                {"/dav/x/", true},
+                                {"/dav/dup", false, 9, "\"second\""},
+                                {"/dav/twin/", true},
+                                {"/dav/x/", true}});
+  });
+  server_.Handle("PROPFIND", "/dav/twin/", [](const HttpRequest&) {
+    return MultiStatusResponse({{"/dav/twin/", true}});
+  });
+  server_.Handle("PROPFIND", "/dav/x/", [](const HttpRequest&) {
+    return MultiStatusResponse({{"/dav/x/", true}});
+  });
+  auto dav = Open();
+  LoggerWrapper::Capture log;
+  RemoteFileSystem::FolderListing listing;
+  ASSERT_EQ(dav->GetFolderListing("", &listing), Result::SUCCEEDED);
+  EXPECT_EQ(listing.folders, (std::vector<std::string>{"x", "twin"}));
+  ASSERT_EQ(listing.files.size(), 1u);
+  EXPECT_EQ(listing.files[0].first, "dup");
+  EXPECT_EQ(listing.files[0].second.size, 1u);
+  FolderNode root;
+  std::uint64_t free = 0, total = 0;
+  tsl::htrie_set<char> items;
+  ASSERT_EQ(dav->GetFullTree(&root, &free, &total, &items), Result::SUCCEEDED);
+  ASSERT_NE(root.GetFile("dup"), nullptr);
+  EXPECT_EQ(root.GetFile("dup")->size, 1u);
+  EXPECT_NE(root.GetFolder("twin"), nullptr);
+  EXPECT_EQ(root.GetFile("twin"), nullptr);
+  EXPECT_NE(root.GetFolder("x"), nullptr);
+  EXPECT_TRUE(log.Contains("Duplicate name in a listing, the first one kept: dup"));
+  EXPECT_TRUE(log.Contains("Duplicate name in a listing, the first one kept: twin"));
+  EXPECT_TRUE(log.Contains("Duplicate name in a listing, the first one kept: x"));
+}
+
 // A weak etag (Apache's for a file changed within its last second) can't match under If-Match:
 // the file's etag of now is compared weakly, then sent in its strong form or, still weak, not at
 // all. A different version is CONFLICT and nothing is written or deleted.
