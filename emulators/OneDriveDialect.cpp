@@ -19,6 +19,8 @@ namespace emulators {
 namespace {
 
 constexpr std::uint64_t kUploadGranularity = 320 * 1024;
+// A user-visible text of an item, kept as its property of that name.
+constexpr const char* kDescription = "description";
 // Delta tokens end in an escaped character, so that a client that decodes and re-encodes the
 // link instead of sending it back as it came is refused.
 constexpr const char* kTokenEnd = "%21";
@@ -213,7 +215,7 @@ class OneDriveDialect::GraphService {
   // The calls.
   HttpResponse DriveResource(const HttpRequest& request);
   HttpResponse GetItem(const HttpRequest& request, const Item& item);
-  HttpResponse Children(const Item& folder);
+  HttpResponse Children(const HttpRequest& request, const Item& folder);
   HttpResponse Delta(const HttpRequest& request, const Address& address);
   HttpResponse Snapshot(const HttpRequest& request, const std::string& scope, std::uint64_t seq,
                         std::size_t offset);
@@ -344,7 +346,7 @@ HttpResponse OneDriveDialect::GraphService::Dispatch(const HttpRequest& request,
   if (verb == "GET" && suffix.empty())
     return GetItem(request, *item);
   if (verb == "GET" && suffix == "/children")
-    return Children(*item);
+    return Children(request, *item);
   if (verb == "GET" && suffix == "/delta")
     return Delta(request, address);
   if (verb == "GET" && suffix == "/content")
@@ -431,6 +433,9 @@ QJsonObject OneDriveDialect::GraphService::ItemJson(const Item& item, bool with_
     json.insert("root", QJsonObject());
   if (!item.public_link.empty())
     json.insert("shared", QJsonObject{{"scope", "anonymous"}});
+  auto description = item.properties.find(kDescription);
+  if (description != item.properties.end())
+    json.insert(kDescription, Q(description->second));
   return json;
 }
 
@@ -497,10 +502,12 @@ HttpResponse OneDriveDialect::GraphService::GetItem(const HttpRequest& request, 
   return JsonResponse(200, Select(json, SplitSelect(QueryParam(request.query, "$select"))));
 }
 
-HttpResponse OneDriveDialect::GraphService::Children(const Item& folder) {
+HttpResponse OneDriveDialect::GraphService::Children(const HttpRequest& request,
+                                                     const Item& folder) {
+  std::vector<std::string> keys = SplitSelect(QueryParam(request.query, "$select"));
   QJsonArray value;
   for (const Item& child : account().Children(folder.id))
-    value.append(ItemJson(child, true));
+    value.append(Select(ItemJson(child, true), keys));
   return JsonResponse(200, QJsonObject{{"value", value}});
 }
 
@@ -851,7 +858,12 @@ HttpResponse OneDriveDialect::GraphService::Update(const HttpRequest& request, c
       account().Delete(taken->id);
     error = account().Rename(item.id, name, &out);
   }
-  // 2. Times.
+  // 2. The one free text an item carries.
+  if (error == AccountError::kNone && body.value(kDescription).isString()) {
+    error = account().SetProperty(item.id, kDescription,
+                                  body.value(kDescription).toString().toStdString(), &out);
+  }
+  // 3. Times.
   QString modified =
       body.value("fileSystemInfo").toObject().value("lastModifiedDateTime").toString();
   if (error == AccountError::kNone && !modified.isEmpty())

@@ -293,12 +293,7 @@ FileSystem::Result RemoteFileSystemOneDrive::RunRequest(json_tree* json, URLProc
   return GetHttpFailure(client, result);
 }
 
-FileSystem::Result RemoteFileSystemOneDrive::GetHttpFailure(URLProcessor* client,
-                                                            URLResult urlResult) {
-  SetFailReasonValue(URLProcessor::IsNetworkError(urlResult) ? FAIL_REASON_NETWORK
-                                                             : FAIL_REASON_NONE);
-  const int code = client->GetResponseCode();
-  LOG_WARNING << "Last response code: " << code << ".";
+FileSystem::Result RemoteFileSystemOneDrive::ResultOfHttpCode(int code) {
   switch (code) {
     case 401:
       return FORBIDDEN;
@@ -312,12 +307,19 @@ FileSystem::Result RemoteFileSystemOneDrive::GetHttpFailure(URLProcessor* client
       return CONFLICT;
     case 507:
       return NO_SPACE;
-    case 429:
-    case 509:
-      break;
     default:
       return FAILED;
   }
+}
+
+FileSystem::Result RemoteFileSystemOneDrive::GetHttpFailure(URLProcessor* client,
+                                                            URLResult urlResult) {
+  SetFailReasonValue(URLProcessor::IsNetworkError(urlResult) ? FAIL_REASON_NETWORK
+                                                             : FAIL_REASON_NONE);
+  const int code = client->GetResponseCode();
+  LOG_WARNING << "Last response code: " << code << ".";
+  if (code != 429 && code != 509)
+    return ResultOfHttpCode(code);
   // Throttled: the service says how long to keep away.
   const std::string retryAfter =
       GetValueFromHTTPHeaders(client->GetResponseHeaders(), "Retry-After", true);

@@ -120,6 +120,8 @@ class RemoteFileSystemOneDrive : public RemoteFileSystemChangesSupport {
   SomeHash::HashType GetHashType() override { return SomeHash::ONEDRIVE; }
 
   static bool IsPublicItem(const utils::json::json_tree& item);
+  // Graph's answer as a Result, throttling aside (that one waits, and only the adapter can).
+  static Result ResultOfHttpCode(int code);
 
  private:
   using Request = std::function<bool(URLProcessor*)>;
