@@ -208,6 +208,8 @@ class OneDriveDialect::GraphService {
   std::string SharedFolderOf(const Item& item) const;
   QJsonObject ItemJson(const Item& item, bool with_path);
   QJsonObject LinkJson(const Item& folder);
+  // An item asked for by its address or listed among children: a folder with its size.
+  QJsonObject AddressedJson(const Item& item);
   QJsonObject DeletedJson(const Item& item, const std::string& drive_id);
   std::uint64_t SubtreeSize(const std::string& folder_id) const;
   std::string DriveOf(const Item& item) const;
@@ -495,19 +497,25 @@ HttpResponse OneDriveDialect::GraphService::DriveResource(const HttpRequest& req
   return JsonResponse(200, Select(drive, SplitSelect(QueryParam(request.query, "$select"))));
 }
 
-HttpResponse OneDriveDialect::GraphService::GetItem(const HttpRequest& request, const Item& item) {
+QJsonObject OneDriveDialect::GraphService::AddressedJson(const Item& item) {
   QJsonObject json = ItemJson(item, true);
   if (item.IsFolder())
     json.insert("size", static_cast<double>(SubtreeSize(item.id)));
-  return JsonResponse(200, Select(json, SplitSelect(QueryParam(request.query, "$select"))));
+  return json;
+}
+
+HttpResponse OneDriveDialect::GraphService::GetItem(const HttpRequest& request, const Item& item) {
+  return JsonResponse(
+      200, Select(AddressedJson(item), SplitSelect(QueryParam(request.query, "$select"))));
 }
 
 HttpResponse OneDriveDialect::GraphService::Children(const HttpRequest& request,
                                                      const Item& folder) {
   std::vector<std::string> keys = SplitSelect(QueryParam(request.query, "$select"));
   QJsonArray value;
-  for (const Item& child : account().Children(folder.id))
-    value.append(Select(ItemJson(child, true), keys));
+  for (const Item& child : account().Children(folder.id)) {
+    value.append(Select(AddressedJson(child), keys));
+  }
   return JsonResponse(200, QJsonObject{{"value", value}});
 }
 
