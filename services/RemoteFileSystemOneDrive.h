@@ -179,6 +179,10 @@ class RemoteFileSystemOneDrive : public RemoteFileSystemChangesSupport {
   void KeepSessionForLater();
   Result BeginChunk(std::uint64_t size);
   Result WriteChunkPart(const std::uint8_t* data, std::uint32_t size);
+  // Ends the chunk's request with the answer kept in the response buffer.
+  URLProcessor::Result FinishChunk();
+  // The service's verdict on the chunk that just ended.
+  Result JudgeChunk(URLProcessor::Result result);
   Result FinishFile(FileProperties* props, utils::json::json_tree json);
   Result PatchModifiedTime(const std::string& id, std::uint64_t time, utils::json::json_tree* json,
                            bool* changed);
