@@ -129,7 +129,7 @@ TEST_F(OneDriveConcurrencyTest, FileOperationsBesideTheFeedOnOneInstance) {
 }
 
 TEST_F(OneDriveConcurrencyTest, StopDuringAChunkAnswersStoppedAndKeepsTheSession) {
-  // The answer to the chunk is held far longer than the test waits.
+  // The answer to the chunk is held far longer than the test waits, and never given.
   emulators::FaultRule rule;
   rule.verb = "PUT";
   rule.path_prefix = "/_upload/";
@@ -141,8 +141,10 @@ TEST_F(OneDriveConcurrencyTest, StopDuringAChunkAnswersStoppedAndKeepsTheSession
   ASSERT_EQ(drive_->OpenForCreate({}, "Work/held.bin", QuickXorOf(content), content.size(), 0,
                                   &offset, false),
             Result::SUCCEEDED);
+  // Stop once the service holds the whole chunk and has yet to answer.
   std::thread stopper([this] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
+    while (emulator_->faults().Fired() == 0)
+      std::this_thread::yield();
     drive_->Stop();
   });
   const auto began = std::chrono::steady_clock::now();
@@ -153,12 +155,13 @@ TEST_F(OneDriveConcurrencyTest, StopDuringAChunkAnswersStoppedAndKeepsTheSession
   stopper.join();
   EXPECT_EQ(shared_->sessions.Count(), 1u);
   // Another adapter of the account takes the session up where the service stands.
-  emulator_->faults().Clear();
   RadarsLogger::Capture metrics;
+  LoggerWrapper::Capture log;
   auto other = OpenDrive();
   ASSERT_EQ(other->OpenForCreate({}, "Work/held.bin", QuickXorOf(content), content.size(), 0,
                                  &offset, false),
-            Result::SUCCEEDED);
+            Result::SUCCEEDED)
+      << testing::PrintToString(log.Lines());
   EXPECT_EQ(offset, 0u);
   EXPECT_EQ(metrics.Count("onedrive_upload_resumed"), 1u);
   ASSERT_EQ(other->WriteFile(reinterpret_cast<const std::uint8_t*>(content.data()),
