@@ -716,7 +716,7 @@ TEST_F(OneDriveSessionTest, ChunksOfAtMost49152000BytesWithExactContentRanges) {
 
 // Adapter A leaves a session behind; adapter B of the same factory data takes it up.
 TEST_F(OneDriveSessionTest, AnInterruptedSessionResumesInAnotherAdapter) {
-  enum class Cut { kShortPersist, kStopMidChunk };
+  enum class Cut { kShortPersist, kStopMidChunk, kResetInSecondChunk };
   enum class Meanwhile { kNothing, kClockPastExpiry, kServiceDropsSessions };
   struct Case {
     const char* name;
@@ -726,9 +726,13 @@ TEST_F(OneDriveSessionTest, AnInterruptedSessionResumesInAnotherAdapter) {
     std::uint64_t resume_at;
     const char* line;
     std::size_t sessions_created;
+    std::uint64_t size = (1 << 20) + 3;
+    std::size_t status_reads = 1;  // of the stored session, when it is resumed
   };
-  const std::uint64_t kSize = (1 << 20) + 3;
   const Case cases[] = {
+      {"reset in the second chunk", Cut::kResetInSecondChunk, Meanwhile::kNothing, false,
+       49152000 + 327680, "\" from 49479680 offset, size = 50200579.", 1, 49152000 + (1 << 20) + 3,
+       2},  // A asks too, after the broken chunk
       {"short persist", Cut::kShortPersist, Meanwhile::kNothing, false, 327680,
        "\" from 327680 offset, size = 1048579.", 1},
       {"stop mid-chunk", Cut::kStopMidChunk, Meanwhile::kNothing, false, 0,
@@ -746,14 +750,26 @@ TEST_F(OneDriveSessionTest, AnInterruptedSessionResumesInAnotherAdapter) {
     clock_.SetWallMs(SystemNowMs());
     emulator_->server().ClearRequests();
     RadarsLogger::Capture metrics;
-    const std::string content = emulators::PatternString(0, kSize);
+    account().SetKeepContentLimit(1 << 20);
+    const std::uint64_t size = c.size;
+    const std::string content = emulators::PatternString(0, size);
     const SomeHash hash = QuickXorOf(content);
     // 1. A stops short, leaving the session in the shared store.
     std::unique_ptr<RemoteFileSystemOneDrive> a = OpenDrive();
     std::uint64_t offset = 1;
     a->SetFileHashToResumeInterruptedUpload(hash);
-    ASSERT_EQ(a->OpenForCreate({}, path, SomeHash(), kSize, 0, &offset, false), Result::SUCCEEDED);
-    if (c.cut == Cut::kShortPersist) {
+    ASSERT_EQ(a->OpenForCreate({}, path, SomeHash(), size, 0, &offset, false), Result::SUCCEEDED);
+    if (c.cut == Cut::kResetInSecondChunk) {
+      // The service keeps a part of the second chunk, and the connection breaks before its answer.
+      emulators::FaultRule rule;
+      rule.verb = "PUT";
+      rule.path_prefix = "/_upload/";
+      rule.nth = 2;
+      rule.fault.reset = true;
+      rule.fault.persist_limit = 327680;
+      emulator_->faults().Add(rule);
+      EXPECT_NE(WriteBlocks(a.get(), content, 0, 1 << 20), Result::SUCCEEDED);
+    } else if (c.cut == Cut::kShortPersist) {
       emulators::Fault fault;
       fault.persist_limit = 327680;
       AddFault("PUT", "/_upload/", fault);
@@ -773,8 +789,8 @@ TEST_F(OneDriveSessionTest, AnInterruptedSessionResumesInAnotherAdapter) {
     // 2. B goes on where the service stands, or starts again.
     LoggerWrapper::Capture log;
     std::unique_ptr<RemoteFileSystemOneDrive> b = OpenDrive();
-    const std::string sent = c.other_content ? emulators::PatternString(7, kSize) : content;
-    ASSERT_EQ(b->OpenForCreate({}, path, QuickXorOf(sent), kSize, 0, &offset, false),
+    const std::string sent = c.other_content ? emulators::PatternString(7, size) : content;
+    ASSERT_EQ(b->OpenForCreate({}, path, QuickXorOf(sent), size, 0, &offset, false),
               Result::SUCCEEDED)
         << testing::PrintToString(log.Lines());
     EXPECT_EQ(offset, c.resume_at);
@@ -782,7 +798,8 @@ TEST_F(OneDriveSessionTest, AnInterruptedSessionResumesInAnotherAdapter) {
     ASSERT_EQ(WriteBlocks(b.get(), sent, offset, 65536), Result::SUCCEEDED);
     FileSystem::FileProperties props;
     ASSERT_EQ(b->CloseFile(&props), Result::SUCCEEDED) << testing::PrintToString(log.Lines());
-    EXPECT_EQ(metrics.Count("onedrive_upload_resumed"), c.sessions_created == 1 ? 1u : 0u);
+    EXPECT_EQ(metrics.Count("onedrive_upload_resumed"),
+              c.sessions_created == 1 ? c.status_reads : 0u);
     EXPECT_EQ(SessionsCreated(), c.sessions_created);
     std::optional<Item> item = account().FindByPath(path);
     ASSERT_TRUE(item);
