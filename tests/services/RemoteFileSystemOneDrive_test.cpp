@@ -717,12 +717,13 @@ TEST_F(OneDriveSessionTest, ChunksOfAtMost49152000BytesWithExactContentRanges) {
 // Adapter A leaves a session behind; adapter B of the same factory data takes it up.
 TEST_F(OneDriveSessionTest, AnInterruptedSessionResumesInAnotherAdapter) {
   enum class Cut { kShortPersist, kStopMidChunk, kResetInSecondChunk };
+  enum class Then { kSameContent, kOtherBytes, kLonger };  // what B uploads
   enum class Meanwhile { kNothing, kClockPastExpiry, kServiceDropsSessions };
   struct Case {
     const char* name;
     Cut cut;
     Meanwhile meanwhile;
-    bool other_content;
+    Then then;
     std::uint64_t resume_at;
     const char* line;
     std::size_t sessions_created;
@@ -730,19 +731,21 @@ TEST_F(OneDriveSessionTest, AnInterruptedSessionResumesInAnotherAdapter) {
     std::size_t status_reads = 1;  // of the stored session, when it is resumed
   };
   const Case cases[] = {
-      {"reset in the second chunk", Cut::kResetInSecondChunk, Meanwhile::kNothing, false,
-       49152000 + 327680, "\" from 49479680 offset, size = 50200579.", 1, 49152000 + (1 << 20) + 3,
-       2},  // A asks too, after the broken chunk
-      {"short persist", Cut::kShortPersist, Meanwhile::kNothing, false, 327680,
+      {"reset in the second chunk", Cut::kResetInSecondChunk, Meanwhile::kNothing,
+       Then::kSameContent, 49152000 + 327680, "\" from 49479680 offset, size = 50200579.", 1,
+       49152000 + (1 << 20) + 3, 2},  // A asks too, after the broken chunk
+      {"short persist", Cut::kShortPersist, Meanwhile::kNothing, Then::kSameContent, 327680,
        "\" from 327680 offset, size = 1048579.", 1},
-      {"stop mid-chunk", Cut::kStopMidChunk, Meanwhile::kNothing, false, 0,
+      {"stop mid-chunk", Cut::kStopMidChunk, Meanwhile::kNothing, Then::kSameContent, 0,
        "\" from 0 offset, size = 1048579.", 1},
-      {"expired by its time", Cut::kShortPersist, Meanwhile::kClockPastExpiry, false, 0,
-       "\" expired.", 2},
-      {"dropped by the service", Cut::kShortPersist, Meanwhile::kServiceDropsSessions, false, 0,
-       "Last response code: 404", 2},
-      {"other content", Cut::kShortPersist, Meanwhile::kNothing, true, 0, "changed between uploads",
+      {"expired by its time", Cut::kShortPersist, Meanwhile::kClockPastExpiry, Then::kSameContent,
+       0, "\" expired.", 2},
+      {"dropped by the service", Cut::kShortPersist, Meanwhile::kServiceDropsSessions,
+       Then::kSameContent, 0, "Last response code: 404", 2},
+      {"other content", Cut::kShortPersist, Meanwhile::kNothing, Then::kOtherBytes, 0, "Hash of \"",
        2},
+      // The content's hash covers its length: a longer file is told by the hash first.
+      {"other size", Cut::kShortPersist, Meanwhile::kNothing, Then::kLonger, 0, "Hash of \"", 2},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -789,8 +792,10 @@ TEST_F(OneDriveSessionTest, AnInterruptedSessionResumesInAnotherAdapter) {
     // 2. B goes on where the service stands, or starts again.
     LoggerWrapper::Capture log;
     std::unique_ptr<RemoteFileSystemOneDrive> b = OpenDrive();
-    const std::string sent = c.other_content ? emulators::PatternString(7, size) : content;
-    ASSERT_EQ(b->OpenForCreate({}, path, QuickXorOf(sent), size, 0, &offset, false),
+    const std::string sent = c.then == Then::kOtherBytes ? emulators::PatternString(7, size)
+                             : c.then == Then::kLonger   ? emulators::PatternString(0, size + 5)
+                                                         : content;
+    ASSERT_EQ(b->OpenForCreate({}, path, QuickXorOf(sent), sent.size(), 0, &offset, false),
               Result::SUCCEEDED)
         << testing::PrintToString(log.Lines());
     EXPECT_EQ(offset, c.resume_at);
