@@ -763,7 +763,7 @@ TEST_F(OneDriveSessionTest, AnInterruptedSessionResumesInAnotherAdapter) {
     a->SetFileHashToResumeInterruptedUpload(hash);
     ASSERT_EQ(a->OpenForCreate({}, path, SomeHash(), size, 0, &offset, false), Result::SUCCEEDED);
     if (c.cut == Cut::kResetInSecondChunk) {
-      // The service keeps a part of the second chunk, and the connection breaks before its answer.
+      // The service keeps 320 KiB of the second chunk, and the connection breaks before its answer.
       emulators::FaultRule rule;
       rule.verb = "PUT";
       rule.path_prefix = "/_upload/";
