@@ -5,7 +5,9 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <memory>
+#include <thread>
 
 #include "core/BackupMetainfoRemoteReader.h"
 #include "core/Cookie.h"
@@ -193,6 +195,46 @@ TEST_F(OneDriveMetainfoTest, InertAndStoppedObjectsAnswerAtOnce) {
   // 3. Started again, it works.
   writer->Start();
   EXPECT_EQ(writer->Create(), Result::SUCCEEDED);
+}
+
+TEST_F(OneDriveMetainfoTest, StopDuringTheWalkEndsItWithTheRecordsFound) {
+  // 1. One backup at the top, and a folder whose listing is held far longer than the test waits.
+  const std::string pc = Folder(backups_, "PC");
+  const std::string group = Folder(backups_, "Group");
+  OneDriveBackupDescription described;
+  described.localPath = "C:\\Docs";
+  described.cloudPath = "Backups/PC";
+  Item out;
+  account().SetProperty(pc, "description", described.ToText(), &out);
+  emulators::FaultRule rule;
+  rule.verb = "GET";
+  rule.path_prefix = "/v1.0/me/drive/items/" + utils::PercentEncoded(group, false) + "/children";
+  rule.fault.status = 503;
+  rule.fault.delay_ms = 20000;
+  emulator_->faults().Add(rule);
+  // 2. Stop once the listing is held: the walk ends at once with what it has.
+  auto reader = factory_.CreateMetainfoReader(http_);
+  LoggerWrapper::Capture log;
+  std::thread stopper([&] {
+    while (emulator_->faults().Fired() == 0)
+      std::this_thread::yield();
+    reader->Stop();
+  });
+  const auto began = std::chrono::steady_clock::now();
+  std::vector<BackupMetainfoRecord> records = reader->ReadAll();
+  EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(1));
+  stopper.join();
+  EXPECT_TRUE(log.Contains("Stopped.")) << testing::PrintToString(log.Lines());
+  ASSERT_EQ(records.size(), 1u);
+  EXPECT_EQ(records[0].cloud_path, "Backups/PC");
+}
+
+TEST_F(OneDriveMetainfoTest, AnAccountWithoutBackupsGivesNoRecord) {
+  ASSERT_EQ(account().Delete(backups_), emulators::AccountError::kNone);
+  LoggerWrapper::Capture log;
+  EXPECT_TRUE(factory_.CreateMetainfoReader(http_)->ReadAll().empty());
+  EXPECT_TRUE(log.Contains("Last response code: 404"));
+  EXPECT_TRUE(log.Contains("No backups."));
 }
 
 TEST(OneDriveBackupDescription, ReadsOnlyItsOwnWellTypedRecord) {
