@@ -8,9 +8,10 @@
 
 FileSystem::Result GraphMetainfoClient::Get(const std::string& path, const std::string& select,
                                             utils::json::json_tree* reply) {
-  const bool whole = path.compare(0, 8, "https://") == 0 || path.compare(0, 7, "http://") == 0;
-  DispatcherUrl url =
-      DispatcherUrl::FromString(whole ? path : Endpoints::Get(Endpoints::kMicrosoftGraph) + path);
+  // A link the service gave is followed only to the Graph host: the token goes with it.
+  const std::string base = Endpoints::Get(Endpoints::kMicrosoftGraph);
+  const bool whole = path.compare(0, base.size(), base) == 0;
+  DispatcherUrl url = DispatcherUrl::FromString(whole ? path : base + path);
   if (!select.empty())
     url.AppendParam("$select", select, DispatcherUrl::ValueEncodingMode::kQueryValue);
   return Run("GET", url, std::string(), reply);

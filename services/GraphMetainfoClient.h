@@ -18,8 +18,8 @@ class GraphMetainfoClient {
  public:
   explicit GraphMetainfoClient(URLProcessor* http) : http_(http) {}
 
-  // `path` below the Graph base, or a whole URL the service gave (a next link); `select` goes
-  // in "$select" unless empty.
+  // `path` below the Graph base, or a whole URL on the Graph host that the service gave (a next
+  // link); `select` goes in "$select" unless empty.
   FileSystem::Result Get(const std::string& path, const std::string& select,
                          utils::json::json_tree* reply);
   FileSystem::Result Patch(const std::string& path, const std::string& body,
