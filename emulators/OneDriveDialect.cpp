@@ -511,12 +511,24 @@ HttpResponse OneDriveDialect::GraphService::GetItem(const HttpRequest& request, 
 
 HttpResponse OneDriveDialect::GraphService::Children(const HttpRequest& request,
                                                      const Item& folder) {
+  // 1. One page of the children, from where the skip token says.
   std::vector<std::string> keys = SplitSelect(QueryParam(request.query, "$select"));
+  const std::size_t skip =
+      std::strtoull(QueryParam(request.query, "$skiptoken").c_str(), nullptr, 10);
+  std::size_t total = 0;
   QJsonArray value;
-  for (const Item& child : account().Children(folder.id)) {
+  for (const Item& child : account().Children(folder.id, false, skip, options_.page_size, &total))
     value.append(Select(AddressedJson(child), keys));
+  QJsonObject page{{"value", value}};
+  // 2. The link to the next, with the query options it was asked with.
+  if (skip + options_.page_size < total) {
+    std::string link = router_.BaseUrl() + request.path + "?";
+    if (HasQueryParam(request.query, "$select"))
+      link += "$select=" + RawParam(request.query, "$select") + "&";
+    page.insert("@odata.nextLink",
+                Q(link + "$skiptoken=" + std::to_string(skip + options_.page_size)));
   }
-  return JsonResponse(200, QJsonObject{{"value", value}});
+  return JsonResponse(200, page);
 }
 
 // --- delta -----------------------------------------------------------------------------------

@@ -27,8 +27,8 @@ namespace emulators {
 
 struct OneDriveOptions {
   std::string drive_type = "personal";  // "personal", "business" or "documentLibrary"
-  std::size_t page_size = 200;
-  bool sha1_only = false;  // files report only "sha1Hash", as some drives do
+  std::size_t page_size = 200;          // of children listings too
+  bool sha1_only = false;               // files report only "sha1Hash", as some drives do
 };
 
 class OneDriveDialect : public Dialect {

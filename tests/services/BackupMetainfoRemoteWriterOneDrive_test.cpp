@@ -31,7 +31,10 @@ class OneDriveMetainfoTest : public testing::Test {
  protected:
   void SetUp() override {
     std::string error;
-    emulator_ = emulators::Emulator::Start(emulators::MakeOneDriveDialect(), 0, &error);
+    // Small pages, so that a listing of the backups runs over several.
+    emulators::OneDriveOptions options;
+    options.page_size = 2;
+    emulator_ = emulators::Emulator::Start(emulators::MakeOneDriveDialect(options), 0, &error);
     ASSERT_NE(emulator_, nullptr) << error;
     for (const auto& [name, url] : emulator_->Endpoints())
       Endpoints::Override(name, url);
@@ -164,9 +167,15 @@ TEST_F(OneDriveMetainfoTest, ReaderFindsOneRecordPerBackup) {
   EXPECT_EQ(records[2].local_path, "C:\\Docs");
   EXPECT_EQ(records[2].size, 1000u);
   EXPECT_EQ(records[2].last_update_time, 1'700'000'500);
-  ASSERT_FALSE(emulator_->server().Requests().empty());
-  EXPECT_EQ(emulator_->server().Requests()[0].path, "/v1.0/me/drive/root:/Backups:/children");
-  EXPECT_NE(emulator_->server().Requests()[0].query.find("description"), std::string::npos);
+  // Six folders in pages of two; each page asks for the description it needs.
+  std::size_t pages = 0;
+  for (const auto& request : emulator_->server().Requests()) {
+    if (request.path == "/v1.0/me/drive/root:/Backups:/children") {
+      ++pages;
+      EXPECT_NE(request.query.find("description"), std::string::npos) << request.query;
+    }
+  }
+  EXPECT_EQ(pages, 3u);
   // The factory hands out no writer of OneDrive metainfo.
   EXPECT_EQ(factory_.CreateMetainfoWriter(http_, "C:\\Docs", "Backups/PC"), nullptr);
 }
