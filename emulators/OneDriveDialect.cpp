@@ -19,6 +19,8 @@ namespace emulators {
 namespace {
 
 constexpr std::uint64_t kUploadGranularity = 320 * 1024;
+// A user-visible text of an item, kept as its property of that name.
+constexpr const char* kDescription = "description";
 // Delta tokens end in an escaped character, so that a client that decodes and re-encodes the
 // link instead of sending it back as it came is refused.
 constexpr const char* kTokenEnd = "%21";
@@ -206,6 +208,8 @@ class OneDriveDialect::GraphService {
   std::string SharedFolderOf(const Item& item) const;
   QJsonObject ItemJson(const Item& item, bool with_path);
   QJsonObject LinkJson(const Item& folder);
+  // An item asked for by its address or listed among children: a folder with its size.
+  QJsonObject AddressedJson(const Item& item);
   QJsonObject DeletedJson(const Item& item, const std::string& drive_id);
   std::uint64_t SubtreeSize(const std::string& folder_id) const;
   std::string DriveOf(const Item& item) const;
@@ -213,7 +217,7 @@ class OneDriveDialect::GraphService {
   // The calls.
   HttpResponse DriveResource(const HttpRequest& request);
   HttpResponse GetItem(const HttpRequest& request, const Item& item);
-  HttpResponse Children(const Item& folder);
+  HttpResponse Children(const HttpRequest& request, const Item& folder);
   HttpResponse Delta(const HttpRequest& request, const Address& address);
   HttpResponse Snapshot(const HttpRequest& request, const std::string& scope, std::uint64_t seq,
                         std::size_t offset);
@@ -344,7 +348,7 @@ HttpResponse OneDriveDialect::GraphService::Dispatch(const HttpRequest& request,
   if (verb == "GET" && suffix.empty())
     return GetItem(request, *item);
   if (verb == "GET" && suffix == "/children")
-    return Children(*item);
+    return Children(request, *item);
   if (verb == "GET" && suffix == "/delta")
     return Delta(request, address);
   if (verb == "GET" && suffix == "/content")
@@ -431,6 +435,9 @@ QJsonObject OneDriveDialect::GraphService::ItemJson(const Item& item, bool with_
     json.insert("root", QJsonObject());
   if (!item.public_link.empty())
     json.insert("shared", QJsonObject{{"scope", "anonymous"}});
+  auto description = item.properties.find(kDescription);
+  if (description != item.properties.end())
+    json.insert(kDescription, Q(description->second));
   return json;
 }
 
@@ -490,18 +497,38 @@ HttpResponse OneDriveDialect::GraphService::DriveResource(const HttpRequest& req
   return JsonResponse(200, Select(drive, SplitSelect(QueryParam(request.query, "$select"))));
 }
 
-HttpResponse OneDriveDialect::GraphService::GetItem(const HttpRequest& request, const Item& item) {
+QJsonObject OneDriveDialect::GraphService::AddressedJson(const Item& item) {
   QJsonObject json = ItemJson(item, true);
   if (item.IsFolder())
     json.insert("size", static_cast<double>(SubtreeSize(item.id)));
-  return JsonResponse(200, Select(json, SplitSelect(QueryParam(request.query, "$select"))));
+  return json;
 }
 
-HttpResponse OneDriveDialect::GraphService::Children(const Item& folder) {
+HttpResponse OneDriveDialect::GraphService::GetItem(const HttpRequest& request, const Item& item) {
+  return JsonResponse(
+      200, Select(AddressedJson(item), SplitSelect(QueryParam(request.query, "$select"))));
+}
+
+HttpResponse OneDriveDialect::GraphService::Children(const HttpRequest& request,
+                                                     const Item& folder) {
+  // 1. One page of the children, from where the skip token says.
+  std::vector<std::string> keys = SplitSelect(QueryParam(request.query, "$select"));
+  const std::size_t skip =
+      std::strtoull(QueryParam(request.query, "$skiptoken").c_str(), nullptr, 10);
+  std::size_t total = 0;
   QJsonArray value;
-  for (const Item& child : account().Children(folder.id))
-    value.append(ItemJson(child, true));
-  return JsonResponse(200, QJsonObject{{"value", value}});
+  for (const Item& child : account().Children(folder.id, false, skip, options_.page_size, &total))
+    value.append(Select(AddressedJson(child), keys));
+  QJsonObject page{{"value", value}};
+  // 2. The link to the next, with the query options it was asked with.
+  if (skip + options_.page_size < total) {
+    std::string link = router_.BaseUrl() + request.path + "?";
+    if (HasQueryParam(request.query, "$select"))
+      link += "$select=" + RawParam(request.query, "$select") + "&";
+    page.insert("@odata.nextLink",
+                Q(link + "$skiptoken=" + std::to_string(skip + options_.page_size)));
+  }
+  return JsonResponse(200, page);
 }
 
 // --- delta -----------------------------------------------------------------------------------
@@ -851,7 +878,12 @@ HttpResponse OneDriveDialect::GraphService::Update(const HttpRequest& request, c
       account().Delete(taken->id);
     error = account().Rename(item.id, name, &out);
   }
-  // 2. Times.
+  // 2. The one free text an item carries.
+  if (error == AccountError::kNone && body.value(kDescription).isString()) {
+    error = account().SetProperty(item.id, kDescription,
+                                  body.value(kDescription).toString().toStdString(), &out);
+  }
+  // 3. Times.
   QString modified =
       body.value("fileSystemInfo").toObject().value("lastModifiedDateTime").toString();
   if (error == AccountError::kNone && !modified.isEmpty())

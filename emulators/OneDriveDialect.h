@@ -7,10 +7,11 @@
 //
 // What it serves below "/v1.0": the drive with its quota, the root and items by id or by path
 // ("root:/a/b:"), children, the delta of the drive and of a folder shared from a second drive,
-// sharedWithMe, recent files, permissions, content through a redirect to a download path, simple
-// uploads and upload sessions with nextExpectedRanges. Delta tokens are the account's journal
-// sequence; a token older than what the journal keeps answers 410 "resyncRequired" with a
-// Location that starts over. Errors carry Graph's body: {"error":{"code","message","innerError"}}.
+// sharedWithMe, recent files, permissions, an item's "description" (set by PATCH), content through
+// a redirect to a download path, simple uploads and upload sessions with nextExpectedRanges. Delta
+// tokens are the account's journal sequence; a token older than what the journal keeps answers 410
+// "resyncRequired" with a Location that starts over. Errors carry Graph's body:
+// {"error":{"code","message","innerError"}}.
 //
 // A folder marked shared with the account (Item::shared_with_me) stands for a folder of the
 // second drive that the user added to their own: the own drive lists it as a link item with a
@@ -26,8 +27,8 @@ namespace emulators {
 
 struct OneDriveOptions {
   std::string drive_type = "personal";  // "personal", "business" or "documentLibrary"
-  std::size_t page_size = 200;
-  bool sha1_only = false;  // files report only "sha1Hash", as some drives do
+  std::size_t page_size = 200;          // of children listings too
+  bool sha1_only = false;               // files report only "sha1Hash", as some drives do
 };
 
 class OneDriveDialect : public Dialect {

@@ -12,4 +12,7 @@ class RemoteFileSystemFactoryOneDrive : public RemoteFileSystemFactory {
   explicit RemoteFileSystemFactoryOneDrive(const std::string& remoteRootPath);
 
   RemoteFileSystem* Create() override;
+  // The writer of OneDrive backups is not handed out: a backup there is found by the reader only.
+  std::shared_ptr<BackupMetainfoRemoteReader> CreateMetainfoReader(
+      std::shared_ptr<URLProcessorFactory> factory) override;
 };

@@ -293,12 +293,7 @@ FileSystem::Result RemoteFileSystemOneDrive::RunRequest(json_tree* json, URLProc
   return GetHttpFailure(client, result);
 }
 
-FileSystem::Result RemoteFileSystemOneDrive::GetHttpFailure(URLProcessor* client,
-                                                            URLResult urlResult) {
-  SetFailReasonValue(URLProcessor::IsNetworkError(urlResult) ? FAIL_REASON_NETWORK
-                                                             : FAIL_REASON_NONE);
-  const int code = client->GetResponseCode();
-  LOG_WARNING << "Last response code: " << code << ".";
+FileSystem::Result RemoteFileSystemOneDrive::ResultOfHttpCode(int code) {
   switch (code) {
     case 401:
       return FORBIDDEN;
@@ -312,12 +307,19 @@ FileSystem::Result RemoteFileSystemOneDrive::GetHttpFailure(URLProcessor* client
       return CONFLICT;
     case 507:
       return NO_SPACE;
-    case 429:
-    case 509:
-      break;
     default:
       return FAILED;
   }
+}
+
+FileSystem::Result RemoteFileSystemOneDrive::GetHttpFailure(URLProcessor* client,
+                                                            URLResult urlResult) {
+  SetFailReasonValue(URLProcessor::IsNetworkError(urlResult) ? FAIL_REASON_NETWORK
+                                                             : FAIL_REASON_NONE);
+  const int code = client->GetResponseCode();
+  LOG_WARNING << "Last response code: " << code << ".";
+  if (code != 429 && code != 509)
+    return ResultOfHttpCode(code);
   // Throttled: the service says how long to keep away.
   const std::string retryAfter =
       GetValueFromHTTPHeaders(client->GetResponseHeaders(), "Retry-After", true);
@@ -1789,25 +1791,25 @@ FileSystem::Result RemoteFileSystemOneDrive::WriteFile(const std::uint8_t* data,
 
 FileSystem::Result RemoteFileSystemOneDrive::WriteChunkPart(const std::uint8_t* data,
                                                             std::uint32_t size) {
-  // 1. The bytes; the last ones of a chunk may bring the service's answer with them.
+  // 1. The bytes. The service may answer before it has them all, which ends the chunk; an answer
+  // to the last bytes of it counts them as taken.
   OutputStream::Result written = fileClient_->GetOutputStream()->Write(data, size);
   const bool lastOfChunk = upload_.chunkPosition + size == upload_.chunkSize;
-  bool finished = false;
   URLResult result = URLResult::OK;
   if (written != OutputStream::Result::OK) {
-    if (InputStream* stream = fileClient_->GetInputStream())
-      stream->ReadAllTo(&upload_.responseBuffer, 4096);
-    result = fileClient_->Finish();
-    finished = true;
-    if (!lastOfChunk || !URLProcessor::IsSuccessHttpCode(fileClient_->GetResponseCode())) {
-      LOG_ERROR << "Writing for \"" << transferPath_ << "\" failed with result: " << result
-                << ", response: " << upload_.responseBuffer << ".";
+    result = FinishChunk();
+    const int code = fileClient_->GetResponseCode();
+    if (!lastOfChunk || !URLProcessor::IsSuccessHttpCode(code)) {
       fileMode = kIdle;
-      upload_.chunkInFlight = false;
-      KeepSessionForLater();
-      if (result == URLResult::STOPPED || IsStopped())
-        return STOPPED;
-      return GetHttpFailure(fileClient_.get(), result);
+      if (result == URLResult::STOPPED || IsStopped() || code == 0) {
+        LOG_ERROR << "Writing for \"" << transferPath_ << "\" failed with result: " << result
+                  << ", response: " << upload_.responseBuffer << ".";
+        KeepSessionForLater();
+        return result == URLResult::STOPPED || IsStopped()
+                   ? STOPPED
+                   : GetHttpFailure(fileClient_.get(), result);
+      }
+      return JudgeChunk(result);
     }
   }
   if (!upload_.resumed)
@@ -1817,12 +1819,19 @@ FileSystem::Result RemoteFileSystemOneDrive::WriteChunkPart(const std::uint8_t* 
   if (!lastOfChunk)
     return SUCCEEDED;
   // 2. A full chunk: the service's verdict on it.
-  if (!finished) {
-    if (InputStream* stream = fileClient_->GetInputStream())
-      stream->ReadAllTo(&upload_.responseBuffer, 4096);
-    result = fileClient_->Finish();
-  }
+  if (upload_.chunkInFlight)
+    result = FinishChunk();
+  return JudgeChunk(result);
+}
+
+URLProcessor::Result RemoteFileSystemOneDrive::FinishChunk() {
+  if (InputStream* stream = fileClient_->GetInputStream())
+    stream->ReadAllTo(&upload_.responseBuffer, 4096);
   upload_.chunkInFlight = false;
+  return fileClient_->Finish();
+}
+
+FileSystem::Result RemoteFileSystemOneDrive::JudgeChunk(URLResult result) {
   const int code = fileClient_->GetResponseCode();
   if (result == URLResult::STOPPED) {
     LOG_INFO << "Stopped.";
@@ -1830,7 +1839,8 @@ FileSystem::Result RemoteFileSystemOneDrive::WriteChunkPart(const std::uint8_t* 
     KeepSessionForLater();
     return STOPPED;
   }
-  if (code == 202) {
+  const bool whole = upload_.chunkPosition == upload_.chunkSize;
+  if (code == 202 && whole) {
     upload_.confirmedOffset = upload_.sentBytes;
     if (upload_.sentBytes < upload_.fileSize)
       return SUCCEEDED;
@@ -1864,6 +1874,10 @@ FileSystem::Result RemoteFileSystemOneDrive::WriteChunkPart(const std::uint8_t* 
     RadarsLogger::instance().SendMetric("onedrive_offset_error", "1", 1);
   fileMode = kIdle;
   const Result failure = GetHttpFailure(fileClient_.get(), result);
+  // The session is kept at the offset the service names, which the next try starts from.
+  std::uint64_t offset = 0;
+  if (GetNextExpectedRange(&offset) == SUCCEEDED)
+    upload_.confirmedOffset = offset;
   KeepSessionForLater();
   return failure;
 }
@@ -1993,8 +2007,11 @@ FileSystem::Result RemoteFileSystemOneDrive::PatchModifiedTime(const std::string
   body.Key("lastModifiedDateTime").String(IsoTime(time)).EndObject().EndObject();
   const std::string url = upload_.prefix + "/items/" + utils::PercentEncoded(id, false);
   for (int attempt = 1;; ++attempt) {
-    Result result = PatchResource(url, body.Text(), {}, json);
+    // A failed answer is no item: the upload's answer stays.
+    json_tree reply;
+    Result result = PatchResource(url, body.Text(), {}, &reply);
     if (result == SUCCEEDED) {
+      *json = std::move(reply);
       *changed = true;
       return SUCCEEDED;
     }

@@ -120,6 +120,8 @@ class RemoteFileSystemOneDrive : public RemoteFileSystemChangesSupport {
   SomeHash::HashType GetHashType() override { return SomeHash::ONEDRIVE; }
 
   static bool IsPublicItem(const utils::json::json_tree& item);
+  // Graph's answer as a Result, throttling aside (that one waits, and only the adapter can).
+  static Result ResultOfHttpCode(int code);
 
  private:
   using Request = std::function<bool(URLProcessor*)>;
@@ -177,6 +179,10 @@ class RemoteFileSystemOneDrive : public RemoteFileSystemChangesSupport {
   void KeepSessionForLater();
   Result BeginChunk(std::uint64_t size);
   Result WriteChunkPart(const std::uint8_t* data, std::uint32_t size);
+  // Ends the chunk's request with the answer kept in the response buffer.
+  URLProcessor::Result FinishChunk();
+  // The service's verdict on the chunk that just ended.
+  Result JudgeChunk(URLProcessor::Result result);
   Result FinishFile(FileProperties* props, utils::json::json_tree json);
   Result PatchModifiedTime(const std::string& id, std::uint64_t time, utils::json::json_tree* json,
                            bool* changed);

@@ -1,6 +1,6 @@
 // The Graph dialect's upload sessions as Graph documents them: the upload URL refuses the token,
 // fragments other than the last are multiples of 320 KiB and start where the session stands, and
-// every refusal carries Graph's error body.
+// every refusal carries Graph's error body; an item keeps the description a PATCH gives it.
 #include "emulators/OneDriveDialect.h"
 
 #include <gtest/gtest.h>
@@ -93,6 +93,32 @@ TEST_F(OneDriveDialectTest, FragmentsAreJudgedAsGraphDocumentsThem) {
   EXPECT_EQ(item->size, kTotal);
   // A finished session is gone.
   EXPECT_EQ(test::Fetch("GET", upload_url_, "").status, 404);
+}
+
+// A folder's description is the one free text Graph keeps on an item: set by PATCH, listed among
+// the children when "$select" asks for it, with the folder's size.
+TEST_F(OneDriveDialectTest, DescriptionIsKeptAndChildrenHonourSelect) {
+  emulators::CloudAccount& account = emulator_->account();
+  emulators::Item backups, pc, file;
+  account.CreateFolder(account.RootId(), "Backups", &backups);
+  account.CreateFolder(backups.id, "PC", &pc);
+  account.CreateFile(pc.id, "a.bin", std::string(700, 'a'), 1'700'000'000'000, &file);
+  const std::string base = emulator_->BaseUrl() + "/v1.0/me/drive/";
+  test::Answer patched =
+      test::Fetch("PATCH", base + "items/" + pc.id, "Bearer t", R"({"description":"{\"k\":1}"})",
+                  "", "Content-Type: application/json");
+  ASSERT_EQ(patched.status, 200) << patched.body;
+  EXPECT_EQ(Json(patched.body)["description"].toString(), R"({"k":1})");
+  test::Answer listed =
+      test::Fetch("GET", base + "root:/Backups:/children?$select=name,size,description", "Bearer t",
+                  "", "", "");
+  ASSERT_EQ(listed.status, 200) << listed.body;
+  const QJsonArray value = Json(listed.body)["value"].toArray();
+  ASSERT_EQ(value.size(), 1);
+  const QJsonObject folder = value[0].toObject();
+  EXPECT_EQ(folder.keys(), (QStringList{"description", "name", "size"}));
+  EXPECT_EQ(folder["description"].toString(), R"({"k":1})");
+  EXPECT_EQ(folder["size"].toDouble(), 700.0);
 }
 
 }  // namespace

@@ -17,12 +17,14 @@
 #include "core/CurlURLProcessorFactory.h"
 #include "core/Endpoints.h"
 #include "core/HashCalculators.h"
+#include "core/JsonWriter.h"
 #include "core/LoggerWrapper.h"
 #include "core/Nodes.h"
 #include "core/RadarsLogger.h"
 #include "emulators/ContentHashes.h"
 #include "emulators/Emulator.h"
 #include "emulators/OneDriveDialect.h"
+#include "services/GraphDriveItem.h"
 
 namespace {
 
@@ -417,7 +419,24 @@ TEST_F(OneDriveTest, SharedFolderOfASecondDriveMountsOnItsOwnDelta) {
                 request.query.find("token=D") != std::string::npos;
   }
   EXPECT_TRUE(own_link);
-  // 3. A failing listing of shared items answers 0.
+  // 3. A file inside is read through its drive's path.
+  emulator_->server().ClearRequests();
+  const FileNode* plan = root_.GetFolder("From Ann")->GetFile("plan.txt");
+  ASSERT_NE(plan, nullptr);
+  ASSERT_EQ(drive->OpenForRead("From Ann/plan.txt", 0, 10, 10, plan->hash), Result::SUCCEEDED);
+  std::uint8_t buffer[64];
+  std::uint32_t done = 0;
+  ASSERT_EQ(drive->ReadFile(buffer, sizeof(buffer), &done), Result::SUCCEEDED);
+  EXPECT_EQ(std::string(reinterpret_cast<char*>(buffer), done), "0123456789");
+  EXPECT_EQ(drive->CloseFile(nullptr), Result::SUCCEEDED);
+  const std::string content_path = emulator_->server().Requests().front().path;
+  EXPECT_EQ(
+      content_path.rfind(
+          "/v1.0/drives/" + std::string(emulators::OneDriveDialect::kSharedDriveId) + "/items/", 0),
+      0u)
+      << content_path;
+  EXPECT_NE(content_path.find(":/plan.txt:/content"), std::string::npos) << content_path;
+  // 4. A failing listing of shared items answers 0.
   emulators::Fault fault;
   fault.status = 500;
   AddFault("GET", "/v1.0/me/drive/sharedWithMe", fault);
@@ -697,29 +716,36 @@ TEST_F(OneDriveSessionTest, ChunksOfAtMost49152000BytesWithExactContentRanges) {
 
 // Adapter A leaves a session behind; adapter B of the same factory data takes it up.
 TEST_F(OneDriveSessionTest, AnInterruptedSessionResumesInAnotherAdapter) {
-  enum class Cut { kShortPersist, kStopMidChunk };
+  enum class Cut { kShortPersist, kStopMidChunk, kResetInSecondChunk };
+  enum class Then { kSameContent, kOtherBytes, kLonger };  // what B uploads
   enum class Meanwhile { kNothing, kClockPastExpiry, kServiceDropsSessions };
   struct Case {
     const char* name;
     Cut cut;
     Meanwhile meanwhile;
-    bool other_content;
+    Then then;
     std::uint64_t resume_at;
     const char* line;
     std::size_t sessions_created;
+    std::uint64_t size = (1 << 20) + 3;
+    std::size_t status_reads = 1;  // of the stored session, when it is resumed
   };
-  const std::uint64_t kSize = (1 << 20) + 3;
   const Case cases[] = {
-      {"short persist", Cut::kShortPersist, Meanwhile::kNothing, false, 327680,
+      {"reset in the second chunk", Cut::kResetInSecondChunk, Meanwhile::kNothing,
+       Then::kSameContent, 49152000 + 327680, "\" from 49479680 offset, size = 50200579.", 1,
+       49152000 + (1 << 20) + 3, 2},  // A asks too, after the broken chunk
+      {"short persist", Cut::kShortPersist, Meanwhile::kNothing, Then::kSameContent, 327680,
        "\" from 327680 offset, size = 1048579.", 1},
-      {"stop mid-chunk", Cut::kStopMidChunk, Meanwhile::kNothing, false, 0,
+      {"stop mid-chunk", Cut::kStopMidChunk, Meanwhile::kNothing, Then::kSameContent, 0,
        "\" from 0 offset, size = 1048579.", 1},
-      {"expired by its time", Cut::kShortPersist, Meanwhile::kClockPastExpiry, false, 0,
-       "\" expired.", 2},
-      {"dropped by the service", Cut::kShortPersist, Meanwhile::kServiceDropsSessions, false, 0,
-       "Last response code: 404", 2},
-      {"other content", Cut::kShortPersist, Meanwhile::kNothing, true, 0, "changed between uploads",
+      {"expired by its time", Cut::kShortPersist, Meanwhile::kClockPastExpiry, Then::kSameContent,
+       0, "\" expired.", 2},
+      {"dropped by the service", Cut::kShortPersist, Meanwhile::kServiceDropsSessions,
+       Then::kSameContent, 0, "Last response code: 404", 2},
+      {"other content", Cut::kShortPersist, Meanwhile::kNothing, Then::kOtherBytes, 0, "Hash of \"",
        2},
+      // The content's hash covers its length: a longer file is told by the hash first.
+      {"other size", Cut::kShortPersist, Meanwhile::kNothing, Then::kLonger, 0, "Hash of \"", 2},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
@@ -727,14 +753,26 @@ TEST_F(OneDriveSessionTest, AnInterruptedSessionResumesInAnotherAdapter) {
     clock_.SetWallMs(SystemNowMs());
     emulator_->server().ClearRequests();
     RadarsLogger::Capture metrics;
-    const std::string content = emulators::PatternString(0, kSize);
+    account().SetKeepContentLimit(1 << 20);
+    const std::uint64_t size = c.size;
+    const std::string content = emulators::PatternString(0, size);
     const SomeHash hash = QuickXorOf(content);
     // 1. A stops short, leaving the session in the shared store.
     std::unique_ptr<RemoteFileSystemOneDrive> a = OpenDrive();
     std::uint64_t offset = 1;
     a->SetFileHashToResumeInterruptedUpload(hash);
-    ASSERT_EQ(a->OpenForCreate({}, path, SomeHash(), kSize, 0, &offset, false), Result::SUCCEEDED);
-    if (c.cut == Cut::kShortPersist) {
+    ASSERT_EQ(a->OpenForCreate({}, path, SomeHash(), size, 0, &offset, false), Result::SUCCEEDED);
+    if (c.cut == Cut::kResetInSecondChunk) {
+      // The service keeps 320 KiB of the second chunk, and the connection breaks before its answer.
+      emulators::FaultRule rule;
+      rule.verb = "PUT";
+      rule.path_prefix = "/_upload/";
+      rule.nth = 2;
+      rule.fault.reset = true;
+      rule.fault.persist_limit = 327680;
+      emulator_->faults().Add(rule);
+      EXPECT_NE(WriteBlocks(a.get(), content, 0, 1 << 20), Result::SUCCEEDED);
+    } else if (c.cut == Cut::kShortPersist) {
       emulators::Fault fault;
       fault.persist_limit = 327680;
       AddFault("PUT", "/_upload/", fault);
@@ -754,8 +792,10 @@ TEST_F(OneDriveSessionTest, AnInterruptedSessionResumesInAnotherAdapter) {
     // 2. B goes on where the service stands, or starts again.
     LoggerWrapper::Capture log;
     std::unique_ptr<RemoteFileSystemOneDrive> b = OpenDrive();
-    const std::string sent = c.other_content ? emulators::PatternString(7, kSize) : content;
-    ASSERT_EQ(b->OpenForCreate({}, path, QuickXorOf(sent), kSize, 0, &offset, false),
+    const std::string sent = c.then == Then::kOtherBytes ? emulators::PatternString(7, size)
+                             : c.then == Then::kLonger   ? emulators::PatternString(0, size + 5)
+                                                         : content;
+    ASSERT_EQ(b->OpenForCreate({}, path, QuickXorOf(sent), sent.size(), 0, &offset, false),
               Result::SUCCEEDED)
         << testing::PrintToString(log.Lines());
     EXPECT_EQ(offset, c.resume_at);
@@ -763,7 +803,8 @@ TEST_F(OneDriveSessionTest, AnInterruptedSessionResumesInAnotherAdapter) {
     ASSERT_EQ(WriteBlocks(b.get(), sent, offset, 65536), Result::SUCCEEDED);
     FileSystem::FileProperties props;
     ASSERT_EQ(b->CloseFile(&props), Result::SUCCEEDED) << testing::PrintToString(log.Lines());
-    EXPECT_EQ(metrics.Count("onedrive_upload_resumed"), c.sessions_created == 1 ? 1u : 0u);
+    EXPECT_EQ(metrics.Count("onedrive_upload_resumed"),
+              c.sessions_created == 1 ? c.status_reads : 0u);
     EXPECT_EQ(SessionsCreated(), c.sessions_created);
     std::optional<Item> item = account().FindByPath(path);
     ASSERT_TRUE(item);
@@ -908,6 +949,238 @@ TEST_F(OneDriveFeedTest, RenamesAndMovesSendOnePatchEachAndTheIdsFollow) {
   // The file inside the moved folder is found by its new path too.
   EXPECT_EQ(shared_->ids.GetPathById(account().FindByPath("Other/Sub3/b.txt")->id).value_or("?"),
             "Other/Sub3/b.txt");
+}
+
+// The emulator's eTag of an item at a revision.
+std::string ETagAt(const Item& item, std::uint64_t revision) {
+  return "\"{" + item.id + "}," + std::to_string(revision) + "\"";
+}
+
+// A whole upload; the first failure, or the close's answer.
+Result Upload(RemoteFileSystemOneDrive* drive, const std::string& path, const std::string& content,
+              std::uint64_t time, FileSystem::FileProperties* props) {
+  std::uint64_t offset = 0;
+  Result result =
+      drive->OpenForCreate({}, path, QuickXorOf(content), content.size(), time, &offset, false);
+  if (result == Result::SUCCEEDED)
+    result = WriteBlocks(drive, content, 0, 65536);
+  if (result == Result::SUCCEEDED)
+    result = drive->CloseFile(props);
+  return result;
+}
+
+std::size_t CountRequests(emulators::Emulator& emulator, const std::string& verb,
+                          const std::string& path_prefix) {
+  std::size_t count = 0;
+  for (const auto& request : emulator.server().Requests())
+    count += request.verb == verb && request.path.rfind(path_prefix, 0) == 0;
+  return count;
+}
+
+// The time goes on by a PATCH after the upload: retried once unless the service refused the
+// condition; a time that can't be set leaves the upload standing.
+TEST_F(OneDriveFeedTest, TimePatchRetriesOnceAndBothEchoesAreDropped) {
+  struct Case {
+    const char* name;
+    int status;  // of the faulted PATCH answers; 0 for none
+    int times;
+    std::size_t patches;
+    std::size_t metrics;
+    bool timed;
+  };
+  const Case cases[] = {
+      {"answered", 0, 0, 1, 0, true},
+      {"500 once", 500, 1, 2, 0, true},
+      {"500 twice", 500, 2, 2, 1, false},
+      {"412", 412, 1, 1, 1, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    const std::string path = std::string("Other/") + c.name + ".bin";
+    const std::string content = emulators::PatternString(3, 70000);
+    if (c.status != 0) {
+      emulators::Fault fault;
+      fault.status = c.status;
+      AddFault("PATCH", "/v1.0/me/drive/items/", fault, c.times);
+    }
+    emulator_->server().ClearRequests();
+    RadarsLogger::Capture metrics;
+    LoggerWrapper::Capture log;
+    FileSystem::FileProperties props;
+    ASSERT_EQ(Upload(drive_.get(), path, content, 1'650'000'000, &props), Result::SUCCEEDED);
+    EXPECT_EQ(CountRequests(*emulator_, "PATCH", "/v1.0/me/drive/items/"), c.patches);
+    EXPECT_EQ(metrics.Count("onedrive_failed_patch_mtime"), c.metrics);
+    EXPECT_EQ(log.Contains("Can`t update last modified time for file"), !c.timed);
+    std::optional<Item> item = account().FindByPath(path);
+    ASSERT_TRUE(item);
+    EXPECT_EQ(item->modified_ms == 1'650'000'000'000, c.timed);
+    // The caller's hash carries the eTag the item has now, after the PATCH.
+    EXPECT_EQ(props.hash.GetHashOneDrive().etag, ETagAt(*item, item->revision));
+    EXPECT_EQ(props.size, content.size());
+    if (!c.timed)
+      continue;
+    // The feed may report the item as the upload left it and as the PATCH left it: both are ours.
+    utils::json::Writer shape;
+    shape.BeginObject().Key("eTag").String(ETagAt(*item, item->revision - 1));
+    shape.Key("file").BeginObject().Key("hashes").BeginObject();
+    shape.Key("quickXorHash").String(item->digests.quickxor).EndObject().EndObject().EndObject();
+    utils::json::json_tree before;
+    ASSERT_TRUE(utils::json::Parse(shape.Text(), &before));
+    Change echo(Change::FILE_CREATE, path);
+    echo.id = item->id;
+    echo.size = content.size();
+    echo.hash = SomeHash(GraphDriveItem::ParseHash(before));
+    EXPECT_TRUE(drive_->ApplyRemoteChange(echo, &root_, &free_, &total_));
+    Feed(drive_.get());
+    EXPECT_EQ(log.Count("Change will be skipped"), 2u) << testing::PrintToString(log.Lines());
+    EXPECT_FALSE(Tree().count(path)) << "an echo reached the tree";
+  }
+}
+
+// Uploads that can't end well end with their result and line, and what is left of them is
+// handled as the service's answer calls for.
+TEST_F(OneDriveSessionTest, UploadFailuresGiveTheirResultAndLine) {
+  account().SetKeepContentLimit(1 << 20);
+  enum class After { kNothing, kSessionStored, kSessionDeleted };
+  struct Case {
+    const char* name;
+    std::uint64_t size;
+    int status;  // of the faulted piece; 0 for none
+    std::uint64_t cut_after;
+    std::uint64_t space;
+    Result result;
+    const char* line;
+    const char* metric;
+    After after;
+    bool landed;  // the service made the file all the same
+  };
+  const Case cases[] = {
+      {"507", 1 << 20, 0, UINT64_MAX, 1 << 19, Result::NO_SPACE, "code: 507.", nullptr,
+       After::kSessionStored, false},
+      {"201 before the last byte", 49152001, 201, UINT64_MAX, UINT64_MAX, Result::FAILED,
+       "Size of written file is wrong, actual size is 0", nullptr, After::kNothing, false},
+      {"unparsable final answer", 1 << 20, 0, 7, UINT64_MAX, Result::FAILED,
+       "Failed to parse JSON from: ", nullptr, After::kSessionDeleted, true},
+      {"416 re-reads the range", 1 << 20, 416, UINT64_MAX, UINT64_MAX, Result::FAILED,
+       "Writing failed: ", "onedrive_offset_error", After::kSessionStored, false},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    account().SetTotalSpace(c.space);
+    if (c.status != 0 || c.cut_after != UINT64_MAX) {
+      emulators::Fault fault;
+      fault.status = c.status;
+      fault.cut_after = c.cut_after;
+      AddFault("PUT", "/_upload/", fault);
+    }
+    emulator_->server().ClearRequests();
+    const std::size_t stored = shared_->sessions.Count();
+    RadarsLogger::Capture metrics;
+    LoggerWrapper::Capture log;
+    const std::string path = std::string("Other/") + c.name + ".bin";
+    EXPECT_EQ(Upload(drive_.get(), path, emulators::PatternString(0, c.size), 0, nullptr),
+              c.result);
+    EXPECT_TRUE(log.Contains(c.line)) << testing::PrintToString(log.Lines());
+    if (c.metric) {
+      EXPECT_EQ(metrics.Count(c.metric), 1u);
+    }
+    EXPECT_EQ(account().FindByPath(path).has_value(), c.landed);
+    EXPECT_EQ(CountRequests(*emulator_, "DELETE", "/_upload/"),
+              c.after == After::kSessionDeleted ? 1u : 0u);
+    // A stored session was asked where it stands after the refused piece.
+    EXPECT_EQ(shared_->sessions.Count() - stored, c.after == After::kSessionStored ? 1u : 0u);
+    EXPECT_EQ(CountRequests(*emulator_, "GET", "/_upload/"),
+              c.after == After::kSessionStored ? 1u : 0u);
+    emulator_->faults().Clear();
+  }
+}
+
+// What can be refused from the arguments alone sends nothing.
+TEST_F(OneDriveFeedTest, RefusalsWithoutARequest) {
+  struct Case {
+    const char* name;
+    std::string path;
+    std::uint64_t size;
+    Result result;
+    const char* line;
+  };
+  const Case cases[] = {
+      {"a name too long", "Other/" + std::string(401, 'n'), 5, Result::BADNAM, "Invalid name: "},
+      {"over 100 GiB", "Other/huge.bin", RemoteFileSystemOneDrive::kMaxFileSize + 1,
+       Result::TOO_LARGE, "File is too big, size = 107374182401."},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    emulator_->server().ClearRequests();
+    LoggerWrapper::Capture log;
+    std::uint64_t offset = 0;
+    EXPECT_EQ(drive_->OpenForCreate({}, c.path, SomeHash(), c.size, 0, &offset, false), c.result);
+    EXPECT_EQ(drive_->OpenForRewrite({}, c.path, SomeHash(), c.size, 0, &offset), c.result);
+    EXPECT_EQ(log.Count(c.line), 2u) << testing::PrintToString(log.Lines());
+    EXPECT_TRUE(emulator_->server().Requests().empty());
+  }
+  // Past the announced size, nothing more is sent.
+  std::uint64_t offset = 0;
+  ASSERT_EQ(drive_->OpenForCreate({}, "Other/ten.bin", SomeHash(), 10, 0, &offset, false),
+            Result::SUCCEEDED);
+  LoggerWrapper::Capture log;
+  const std::string eleven(11, 'x');
+  EXPECT_EQ(drive_->WriteFile(reinterpret_cast<const std::uint8_t*>(eleven.data()), 11),
+            Result::FATAL);
+  EXPECT_TRUE(log.Contains("Write overflow; size=10, actual_offset=11."));
+  EXPECT_EQ(CountRequests(*emulator_, "PUT", "/_upload/"), 0u);
+}
+
+// Some drives report only a SHA-1: our QuickXor can't be compared, which is said and not failed.
+TEST_F(OneDriveTest, UploadToADriveWithOnlySha1IsNotCompared) {
+  emulators::OneDriveOptions options;
+  options.sha1_only = true;
+  StartEmulator(options);
+  const std::string folder = AddFolder(account().RootId(), "Docs");
+  auto drive = OpenDrive();
+  ASSERT_EQ(Snapshot(drive.get()), Result::SUCCEEDED);
+  LoggerWrapper::Capture log;
+  FileSystem::FileProperties props;
+  const std::string content = emulators::PatternString(1, 5000);
+  ASSERT_EQ(Upload(drive.get(), "Docs/s.bin", content, 0, &props), Result::SUCCEEDED);
+  EXPECT_TRUE(log.Contains("\" is not comparable: ")) << testing::PrintToString(log.Lines());
+  EXPECT_TRUE(props.hash.GetHashOneDrive().quick_xor.IsZero());
+  EXPECT_FALSE(props.hash.GetHashOneDrive().sha1.IsZero());
+  EXPECT_EQ(account().FindByPath("Docs/s.bin")->size, content.size());
+}
+
+TEST_F(OneDriveFeedTest, ReadOfAFileGoneFromTheServerIsAConflict) {
+  const FileNode* a = root_.GetFolder("Docs")->GetFile("a.txt");
+  ASSERT_NE(a, nullptr);
+  ASSERT_EQ(account().Delete(file_), emulators::AccountError::kNone);
+  RadarsLogger::Capture metrics;
+  LoggerWrapper::Capture log;
+  ASSERT_EQ(drive_->OpenForRead("Docs/a.txt", 0, a->size, a->size, a->hash), Result::SUCCEEDED);
+  std::uint8_t buffer[64];
+  std::uint32_t done = 0;
+  EXPECT_EQ(drive_->ReadFile(buffer, sizeof(buffer), &done), Result::CONFLICT);
+  EXPECT_EQ(done, 0u);
+  EXPECT_EQ(metrics.Count("one_drive_not_found"), 1u);
+  EXPECT_TRUE(log.Contains("File not found; possible server side conflict."));
+}
+
+TEST_F(OneDriveFeedTest, LastFilesComeFromRecentInOneRequest) {
+  Item out;
+  for (int i = 0; i < 5; ++i) {
+    account().CreateFile(other_, "r" + std::to_string(i) + ".txt", std::string(i + 1, 'r'),
+                         1'700'000'000'000 + i * 1000, &out);
+  }
+  emulator_->server().ClearRequests();
+  auto files = drive_->GetLastFiles(3);
+  ASSERT_TRUE(files.HasValue());
+  ASSERT_EQ(files.GetValue().size(), 3u);
+  EXPECT_EQ(files.GetValue()[0].name, "r4.txt");
+  EXPECT_EQ(files.GetValue()[0].size, 5u);
+  EXPECT_EQ(files.GetValue()[0].time, 1'700'000'004u);
+  EXPECT_EQ(files.GetValue()[0].id, account().FindByPath("Other/r4.txt")->id);
+  EXPECT_EQ(files.GetValue()[2].name, "r2.txt");
+  ASSERT_EQ(emulator_->server().Requests().size(), 1u);
+  EXPECT_EQ(emulator_->server().Requests()[0].path, "/v1.0/me/drive/recent");
 }
 
 }  // namespace

@@ -15,6 +15,7 @@
 
 #include <gtest/gtest.h>
 
+#include "core/FileSystem.h"
 #include "support/Fetch.h"
 #include "support/Processes.h"
 
@@ -148,6 +149,21 @@ TEST_F(CorvaneOneDriveTest, ChangesPrintsAFileAnotherProcessAdds) {
   EXPECT_EQ(ended.status, 0) << ended.err;
   EXPECT_NE(ended.out.find("docs/late.txt"), std::string::npos) << ended.out << ended.err;
   EXPECT_TRUE(Dump().count("docs/late.txt"));
+}
+
+TEST_F(CorvaneOneDriveTest, StaleRmIsAConflictAndUnlinkWithoutLinksSucceeds) {
+  // 1. A file without links: nothing to close, and no failure.
+  test::Outcome unlink = Run({"unlink", "a.txt"});
+  EXPECT_EQ(unlink.status, 0) << unlink.err;
+  // 2. Someone changes the file right after the tool read the tree: its eTag no longer holds.
+  test::Answer armed =
+      test::Fetch("POST", control_ + "faults", "",
+                  R"({"verb":"GET","path":"/v1.0/me/drive/root/delta","nth":1,)"
+                  R"("change":{"op":"modify","path":"a.txt","content":"theirs"}})");
+  ASSERT_LT(armed.status, 300) << armed.body;
+  test::Outcome stale = Run({"rm", "a.txt"});
+  EXPECT_EQ(stale.status, 10 + FileSystem::CONFLICT) << stale.err;
+  EXPECT_TRUE(Dump().count("a.txt"));
 }
 
 }  // namespace

@@ -34,9 +34,9 @@ class AccountTree {
   // ITEM_MISSED when the folder of `path` holds no such name.
   FileSystem::Result Find(const std::string& path, Item* item);
   FileSystem::Result List(const std::string& folder, RemoteFileSystem::FolderListing* listing);
-  // Before an item is made without being looked up (mkdir, put): an adapter that names items by id
-  // finds the new item's parent in the tree it loaded, as under the core. Nothing to do for an
-  // adapter that reaches items by path.
+  // Before an item is made or reached without being looked up (mkdir, put, unlink): an adapter
+  // that names items by id finds it or its parent in the tree it loaded, as under the core. Nothing
+  // to do for an adapter that reaches items by path.
   FileSystem::Result Prepare() { return FromTree() ? Load() : FileSystem::SUCCEEDED; }
 
  private:

@@ -182,7 +182,12 @@ int RunUnlink(Context& context) {
   if (!PathArgument(context, 0, &path)) {
     return BadPath(context, 0);
   }
-  return Report(context, context.fs->ClosePublicLink(path), "unlink: " + path);
+  // An adapter that names items by id finds the item in the tree it loaded.
+  FileSystem::Result result = context.tree->Prepare();
+  if (result == FileSystem::SUCCEEDED) {
+    result = context.fs->ClosePublicLink(path);
+  }
+  return Report(context, result, "unlink: " + path);
 }
 
 }  // namespace corvane

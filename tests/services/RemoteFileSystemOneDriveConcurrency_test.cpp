@@ -1,0 +1,174 @@
+// One OneDrive adapter from two threads, as the client uses it: file operations on one, the feed
+// on the other (under ThreadSanitizer in CI), and Stop from another thread during a chunk.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <chrono>
+#include <queue>
+#include <thread>
+
+#include "core/Clock.h"
+#include "core/Cookie.h"
+#include "core/CurlURLProcessorFactory.h"
+#include "core/Endpoints.h"
+#include "core/HashCalculators.h"
+#include "core/LoggerWrapper.h"
+#include "core/Nodes.h"
+#include "core/RadarsLogger.h"
+#include "emulators/Emulator.h"
+#include "emulators/OneDriveDialect.h"
+#include "services/RemoteFileSystemOneDrive.h"
+
+namespace {
+
+using Result = FileSystem::Result;
+
+SomeHash QuickXorOf(const std::string& content) {
+  HashCalculatorOneDrive calculator;
+  calculator.Begin();
+  calculator.Feed(reinterpret_cast<const std::uint8_t*>(content.data()),
+                  static_cast<std::uint32_t>(content.size()));
+  return calculator.Finish();
+}
+
+class OneDriveConcurrencyTest : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::string error;
+    emulator_ = emulators::Emulator::Start(emulators::MakeOneDriveDialect(), 0, &error);
+    ASSERT_NE(emulator_, nullptr) << error;
+    for (const auto& [name, url] : emulator_->Endpoints())
+      Endpoints::Override(name, url);
+    emulators::Item work;
+    ASSERT_EQ(emulator_->account().CreateFolder(emulator_->account().RootId(), "Work", &work),
+              emulators::AccountError::kNone);
+    drive_ = OpenDrive();
+    std::uint64_t free = 0, total = 0;
+    ASSERT_EQ(drive_->GetFullTree(&root_, &free, &total, nullptr), Result::SUCCEEDED);
+  }
+  void TearDown() override { Endpoints::ResetOverrides(); }
+
+  std::unique_ptr<RemoteFileSystemOneDrive> OpenDrive() {
+    auto drive = std::make_unique<RemoteFileSystemOneDrive>(shared_, "");
+    EXPECT_TRUE(drive->Open(std::make_shared<CurlURLProcessorFactory>(
+        std::make_shared<core::cookie::CookieOAuth>("token"))));
+    return drive;
+  }
+  Result Upload(const std::string& path, const std::string& content, std::uint64_t time) {
+    std::uint64_t offset = 0;
+    Result result =
+        drive_->OpenForCreate({}, path, QuickXorOf(content), content.size(), time, &offset, false);
+    if (result == Result::SUCCEEDED)
+      result = drive_->WriteFile(reinterpret_cast<const std::uint8_t*>(content.data()),
+                                 static_cast<std::uint32_t>(content.size()));
+    if (result == Result::SUCCEEDED)
+      result = drive_->CloseFile(nullptr);
+    return result;
+  }
+
+  utils::ManualClock clock_;
+  utils::ScopedClock scoped_clock_{&clock_};
+  std::unique_ptr<emulators::Emulator> emulator_;
+  std::shared_ptr<RemoteFileSystemOneDriveSharedData> shared_ =
+      std::make_shared<RemoteFileSystemOneDriveSharedData>();
+  std::unique_ptr<RemoteFileSystemOneDrive> drive_;
+  FolderNode root_;
+};
+
+TEST_F(OneDriveConcurrencyTest, FileOperationsBesideTheFeedOnOneInstance) {
+  // 1. The feed runs on its own thread, applying to the tree it keeps.
+  std::atomic<bool> done{false};
+  std::atomic<int> rounds{0};
+  auto feed_round = [this] {
+    std::queue<FileSystem::Change> changes;
+    if (drive_->GetChanges(&changes) != Result::SUCCEEDED)
+      return;
+    std::uint64_t free = 0, total = 0;
+    for (; !changes.empty(); changes.pop()) {
+      FileSystem::Change change = changes.front();
+      drive_->PrepareRemoteChange(&change);
+      drive_->ApplyRemoteChange(change, &root_, &free, &total);
+    }
+  };
+  std::thread feed([&] {
+    while (!done.load()) {
+      feed_round();
+      rounds.fetch_add(1);
+    }
+  });
+  // 2. Meanwhile every kind of file operation, each recording what the feed will bring back.
+  LoggerWrapper::Capture log;
+  FolderNode holder;
+  const FileNode* node = holder.CreateFileW("x", 5, SomeHash(), 0);
+  for (int i = 0; i < 6; ++i) {
+    SCOPED_TRACE(i);
+    const std::string folder = "Work/f" + std::to_string(i);
+    ASSERT_EQ(drive_->CreateFolderImpl({}, folder), Result::SUCCEEDED);
+    ASSERT_EQ(Upload(folder + "/a.bin", std::string(1000 + i, 'a'), 1'600'000'000 + i),
+              Result::SUCCEEDED);
+    ASSERT_EQ(Upload(folder + "/b.bin", std::string(10, 'b'), 0), Result::SUCCEEDED);
+    ASSERT_EQ(drive_->RenameFileImpl(*node, {}, folder + "/a.bin", {}, folder + "/c.bin", nullptr),
+              Result::SUCCEEDED);
+    ASSERT_EQ(drive_->DeleteFileImpl({}, folder + "/b.bin", 10, 0), Result::SUCCEEDED);
+    if (i % 2 == 1) {
+      ASSERT_EQ(drive_->DeleteFolderImpl(holder, FileSystem::Revision::RevisionNone(), folder),
+                Result::SUCCEEDED);
+    }
+  }
+  while (rounds.load() < 2) {
+    std::this_thread::yield();
+  }
+  done.store(true);
+  feed.join();
+  // 3. A last round takes the echoes still on the way; the account is as the operations left it.
+  feed_round();
+  EXPECT_EQ(shared_->ids.GetPathById(emulator_->account().FindByPath("Work/f4/c.bin")->id),
+            std::optional<std::string>("Work/f4/c.bin"));
+  EXPECT_FALSE(emulator_->account().FindByPath("Work/f1"));
+  EXPECT_GT(log.Count("Skipping self made change: "), 0u);
+}
+
+TEST_F(OneDriveConcurrencyTest, StopDuringAChunkAnswersStoppedAndKeepsTheSession) {
+  // The answer to the chunk is held far longer than the test waits, and never given.
+  emulators::FaultRule rule;
+  rule.verb = "PUT";
+  rule.path_prefix = "/_upload/";
+  rule.fault.status = 503;
+  rule.fault.delay_ms = 20000;
+  emulator_->faults().Add(rule);
+  const std::string content(400000, 'q');
+  std::uint64_t offset = 0;
+  ASSERT_EQ(drive_->OpenForCreate({}, "Work/held.bin", QuickXorOf(content), content.size(), 0,
+                                  &offset, false),
+            Result::SUCCEEDED);
+  // Stop once the service holds the whole chunk and has yet to answer.
+  std::thread stopper([this] {
+    while (emulator_->faults().Fired() == 0)
+      std::this_thread::yield();
+    drive_->Stop();
+  });
+  const auto began = std::chrono::steady_clock::now();
+  EXPECT_EQ(drive_->WriteFile(reinterpret_cast<const std::uint8_t*>(content.data()),
+                              static_cast<std::uint32_t>(content.size())),
+            Result::STOPPED);
+  EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(1));
+  stopper.join();
+  EXPECT_EQ(shared_->sessions.Count(), 1u);
+  // Another adapter of the account takes the session up where the service stands.
+  RadarsLogger::Capture metrics;
+  LoggerWrapper::Capture log;
+  auto other = OpenDrive();
+  ASSERT_EQ(other->OpenForCreate({}, "Work/held.bin", QuickXorOf(content), content.size(), 0,
+                                 &offset, false),
+            Result::SUCCEEDED)
+      << testing::PrintToString(log.Lines());
+  EXPECT_EQ(offset, 0u);
+  EXPECT_EQ(metrics.Count("onedrive_upload_resumed"), 1u);
+  ASSERT_EQ(other->WriteFile(reinterpret_cast<const std::uint8_t*>(content.data()),
+                             static_cast<std::uint32_t>(content.size())),
+            Result::SUCCEEDED);
+  EXPECT_EQ(other->CloseFile(nullptr), Result::SUCCEEDED);
+  EXPECT_EQ(emulator_->account().FindByPath("Work/held.bin")->size, content.size());
+}
+
+}  // namespace
