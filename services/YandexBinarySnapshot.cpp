@@ -50,10 +50,7 @@ bool YandexBinarySnapshot::Parse(InputStream* input, const std::string& headers)
   while (!reader.Failed() && !reader.EndOfStream() &&
          (expectedItems_ == 0 || expectedItems_ > files_ + folders_)) {
     bool ended = false;
-    if (expectedItems_ == 0) {
-      ReadExpectedItems(headers);
-    }
-    if (!ReadEntry(&reader, &ended)) {
+    if (!ReadEntry(&reader, headers, &ended)) {
       good = false;
       break;
     }
@@ -78,7 +75,8 @@ void YandexBinarySnapshot::ReadExpectedItems(const std::string& headers) {
   }
 }
 
-bool YandexBinarySnapshot::ReadEntry(SnapshotBufferedReader* reader, bool* ended) {
+bool YandexBinarySnapshot::ReadEntry(SnapshotBufferedReader* reader, const std::string& headers,
+                                     bool* ended) {
   const std::uint64_t start = reader->Offset();
   std::uint8_t type = 0;
   if (!reader->ReadByte(&type)) {
@@ -88,6 +86,9 @@ bool YandexBinarySnapshot::ReadEntry(SnapshotBufferedReader* reader, bool* ended
     }
     LOG_WARNING << "Snapshot is truncated at " << reader->Offset();
     return false;
+  }
+  if (expectedItems_ == 0) {
+    ReadExpectedItems(headers);
   }
   switch (type) {
     case kFileEntry:

@@ -46,7 +46,7 @@ class YandexBinarySnapshot {
   std::uint64_t Offset() const { return offset_; }
 
  private:
-  bool ReadEntry(SnapshotBufferedReader* reader, bool* ended);
+  bool ReadEntry(SnapshotBufferedReader* reader, const std::string& headers, bool* ended);
   void ReadExpectedItems(const std::string& headers);
   bool ReadFile(SnapshotBufferedReader* reader);
   bool ReadFolder(SnapshotBufferedReader* reader);
