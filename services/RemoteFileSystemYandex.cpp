@@ -609,24 +609,25 @@ std::optional<FileSystem::Result> RemoteFileSystemYandex::FetchDeltas(FeedRun* r
     return GetResultFromYandexHttpCode(result, processor->GetResponseCode());
   }
 
-  // 2. Where the feed stands now.
+  // 2. Its items; a page asked again for a missing hash starts over from that item's revision.
+  run->askAgain = false;
+  if (const auto items = utils::json::Child(json, "items")) {
+    if (auto failed = ReadDeltaItems(*items, run)) {
+      return failed;
+    }
+  }
+  if (run->askAgain) {
+    return std::nullopt;
+  }
+
+  // 3. Where the feed stands now: a page that failed is asked for again.
   const std::string pageRevision = Text(json, "revision");
   if (!pageRevision.empty()) {
     std::lock_guard<std::mutex> lock(changesMutex_);
     revision_ = pageRevision;
   }
   run->iterationKey = Text(json, "iteration_key");
-  const auto items = utils::json::Child(json, "items");
-  if (!items) {
-    return SUCCEEDED;
-  }
-
-  // 3. Its items; a page asked again for a missing hash starts over from its revision.
-  run->askAgain = false;
-  if (auto failed = ReadDeltaItems(*items, run)) {
-    return failed;
-  }
-  if (run->askAgain || !run->iterationKey.empty()) {
+  if (!run->iterationKey.empty()) {
     return std::nullopt;
   }
   return SUCCEEDED;
