@@ -9,8 +9,6 @@
 #include <typeinfo>
 
 #include "core/Clock.h"
-#include "core/Cookie.h"
-#include "core/CurlURLProcessorFactory.h"
 #include "core/Endpoints.h"
 #include "core/LoggerWrapper.h"
 #include "core/Nodes.h"
@@ -144,8 +142,7 @@ std::vector<HttpRequest> RequestsTo(const emulators::HttpServer& server, const s
 class YandexTest : public testing::Test {
  protected:
   void SetUp() override {
-    Endpoints::Override(Endpoints::kYandexWebDAV, server_.BaseUrl());
-    Endpoints::Override(Endpoints::kYandexRest, server_.BaseUrl());
+    test::PointYandexAt(server_.BaseUrl());
     ServeDisk(Disk("100"));
   }
   void TearDown() override { Endpoints::ResetOverrides(); }
@@ -160,10 +157,8 @@ class YandexTest : public testing::Test {
         "GET", path, [script](const HttpRequest&) { return script->Next(); }, match);
   }
   std::unique_ptr<RemoteFileSystemYandex> Make(const std::string& root = std::string()) {
-    factory_.reset(H6BA54F7D00(CloudServiceId::YANDEX, root));
-    auto fs = std::unique_ptr<RemoteFileSystemYandex>(
-        static_cast<RemoteFileSystemYandex*>(factory_->Create()));
-    EXPECT_TRUE(fs->Open(http_));
+    auto fs = test::OpenYandex(root, &factory_);
+    EXPECT_NE(fs, nullptr);
     return fs;
   }
   std::vector<std::int64_t> WaitsSince(std::size_t before) const {
@@ -200,9 +195,6 @@ class YandexTest : public testing::Test {
   emulators::HttpServer server_;
   utils::ManualClock clock_;
   utils::ScopedClock scopedClock_{&clock_};
-  std::shared_ptr<URLProcessorFactory> http_ =
-      std::make_shared<CurlURLProcessorFactory>(std::make_shared<core::cookie::CookieOAuth>(
-          "token", core::cookie::CookieOAuth::kYandexScheme));
   std::unique_ptr<RemoteFileSystemFactory> factory_;
   tsl::htrie_set<char> serviceItems_;
 };

@@ -2,7 +2,13 @@
 
 #include <functional>
 
+#include "core/Cookie.h"
+#include "core/CurlURLProcessorFactory.h"
+#include "core/Endpoints.h"
 #include "core/Nodes.h"
+#include "core/RemoteFileSystemFactory.h"
+#include "services/RemoteFSFactoryConstructor.h"
+#include "services/RemoteFileSystemYandex.h"
 
 namespace test {
 namespace {
@@ -73,6 +79,24 @@ std::string SnapshotFile(const std::string& path, std::uint64_t size) {
 
 std::string SnapshotFileHashHex(const std::string& path) {
   return Hex(DerivedBytes(path, 16)) + Hex(DerivedBytes(path + "#", 32));
+}
+
+void PointYandexAt(const std::string& baseUrl) {
+  Endpoints::Override(Endpoints::kYandexWebDAV, baseUrl);
+  Endpoints::Override(Endpoints::kYandexRest, baseUrl);
+}
+
+std::unique_ptr<RemoteFileSystemYandex> OpenYandex(
+    const std::string& root, std::unique_ptr<RemoteFileSystemFactory>* factory) {
+  factory->reset(H6BA54F7D00(CloudServiceId::YANDEX, root));
+  std::unique_ptr<RemoteFileSystemYandex> fs(
+      static_cast<RemoteFileSystemYandex*>((*factory)->Create()));
+  auto http = std::make_shared<CurlURLProcessorFactory>(std::make_shared<core::cookie::CookieOAuth>(
+      "token", core::cookie::CookieOAuth::kYandexScheme));
+  if (!fs->Open(http)) {
+    return nullptr;
+  }
+  return fs;
 }
 
 std::vector<std::string> TreeLines(const FolderNode& root, bool withTime) {

@@ -3,10 +3,13 @@
 #pragma once
 
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <vector>
 
 class FolderNode;
+class RemoteFileSystemFactory;
+class RemoteFileSystemYandex;
 
 namespace test {
 
@@ -21,6 +24,13 @@ std::string SnapshotFile(const std::string& path, std::uint64_t size, const std:
                          const std::string& sha256);
 // The digests SnapshotFile gives `path`, as lower-case hex of the MD5 then the SHA-256.
 std::string SnapshotFileHashHex(const std::string& path);
+
+// Points both Yandex hosts at `baseUrl` for the life of the process (until ResetOverrides).
+void PointYandexAt(const std::string& baseUrl);
+// An adapter of a new factory for `root`, opened with the token "token" in Yandex's scheme. The
+// factory is kept in `*factory`.
+std::unique_ptr<RemoteFileSystemYandex> OpenYandex(
+    const std::string& root, std::unique_ptr<RemoteFileSystemFactory>* factory);
 
 // "d path" for each folder and "f path size hash-hex time" for each file, in name order.
 std::vector<std::string> TreeLines(const FolderNode& root, bool withTime = false);
