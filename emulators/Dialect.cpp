@@ -10,6 +10,7 @@
 #include "emulators/GoogleDialect.h"
 #include "emulators/HuaweiDialect.h"
 #include "emulators/OneDriveDialect.h"
+#include "emulators/YandexDialect.h"
 
 namespace emulators {
 
@@ -24,7 +25,7 @@ struct DialectRow {
 const DialectRow kDialects[] = {
     {"huawei", MakeHuaweiDialect},     {"box", MakeBoxDialect},
     {"onedrive", MakeOneDriveDialect}, {"dropbox", MakeDropboxDialect},
-    {"google", MakeGoogleDialect},
+    {"google", MakeGoogleDialect},     {"yandex", MakeYandexDialect},
 };
 
 int HexValue(char c) {

@@ -130,12 +130,21 @@ HostList Emulator::Endpoints() const {
 void Emulator::Handle(const std::string& verb, const std::string& path, Handler handler,
                       RouteOptions options) {
   bool needs_auth = options.needs_auth;
+  HeadHandler on_head;
+  if (options.on_head) {
+    // A head answered before the body (content the server knows) needs the token as well.
+    on_head = [this, head_handler = std::move(options.on_head),
+               needs_auth](const HttpRequest& head) {
+      return needs_auth && !Authorized(head) ? dialect_->Error(401, std::string())
+                                             : head_handler(head);
+    };
+  }
   server_->Handle(
       verb, path,
       [this, handler = std::move(handler), needs_auth](const HttpRequest& request) {
         return Serve(handler, needs_auth, request);
       },
-      options.match, options.mode, std::move(options.on_head));
+      options.match, options.mode, std::move(on_head));
 }
 
 bool Emulator::Authorized(const HttpRequest& request) const {

@@ -2,6 +2,8 @@
 
 #include <curl/curl.h>
 
+#include <algorithm>
+
 namespace test {
 
 Answer Fetch(const std::string& verb, const std::string& url, const std::string& token,
@@ -13,8 +15,11 @@ Answer Fetch(const std::string& verb, const std::string& url, const std::string&
     headers = curl_slist_append(headers, ("Authorization: " + token).c_str());
   if (!range.empty())
     headers = curl_slist_append(headers, ("Range: " + range).c_str());
-  if (!header.empty())
-    headers = curl_slist_append(headers, header.c_str());
+  for (std::size_t start = 0; start < header.size();) {
+    std::size_t end = std::min(header.find('\n', start), header.size());
+    headers = curl_slist_append(headers, header.substr(start, end - start).c_str());
+    start = end + 1;
+  }
   auto append = +[](char* data, size_t size, size_t count, void* out) {
     static_cast<std::string*>(out)->append(data, size * count);
     return size * count;

@@ -19,7 +19,7 @@ struct Answer {
 };
 
 // `token` is the whole value of "Authorization" (none when empty), `range` that of "Range",
-// `header` one more line ("Name: value").
+// `header` more lines ("Name: value", several separated by "\n").
 Answer Fetch(const std::string& verb, const std::string& url, const std::string& token,
              const std::string& body = std::string(), const std::string& range = std::string(),
              const std::string& header = std::string());
