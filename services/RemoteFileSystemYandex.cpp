@@ -537,12 +537,14 @@ void RemoteFileSystemYandex::DropFeedProcessor() {
 
 FileSystem::Result RemoteFileSystemYandex::GetChanges(std::queue<Change>* changes) {
   // 1. A revision to ask from, and a processor of the feed's own.
+  FeedRun run;
   {
     std::lock_guard<std::mutex> lock(changesMutex_);
     if (!hasRevision_ || revision_.empty()) {
       LOG_WARNING << "No revision to get changes from.";
       return FATAL;
     }
+    run.baseRevision = revision_;
   }
   std::shared_ptr<URLProcessor> processor = OpenFeedProcessor();
   if (!processor) {
@@ -550,7 +552,6 @@ FileSystem::Result RemoteFileSystemYandex::GetChanges(std::queue<Change>* change
   }
 
   // 2. Every page of deltas.
-  FeedRun run;
   std::optional<Result> end;
   while (!(end = FetchDeltas(&run, processor.get()))) {
   }
@@ -590,10 +591,8 @@ std::optional<FileSystem::Result> RemoteFileSystemYandex::FetchDeltas(FeedRun* r
                                                                       URLProcessor* processor) {
   // 1. The page after the revision the feed stands at.
   DispatcherUrl url = RestUrl("/v1/disk/resources/deltas?allow_moved_deltas=1");
-  {
-    std::lock_guard<std::mutex> lock(changesMutex_);
-    url.AppendParam("base_revision", revision_, DispatcherUrl::ValueEncodingMode::kQueryValue);
-  }
+  url.AppendParam("base_revision", run->baseRevision,
+                  DispatcherUrl::ValueEncodingMode::kQueryValue);
   if (!run->iterationKey.empty()) {
     url.AppendParam("iteration_key", run->iterationKey,
                     DispatcherUrl::ValueEncodingMode::kQueryValue);
@@ -609,7 +608,7 @@ std::optional<FileSystem::Result> RemoteFileSystemYandex::FetchDeltas(FeedRun* r
     return GetResultFromYandexHttpCode(result, processor->GetResponseCode());
   }
 
-  // 2. Its items; a page asked again for a missing hash starts over from that item's revision.
+  // 2. Its items; a missing hash has the page asked again from the item before.
   run->askAgain = false;
   if (const auto items = utils::json::Child(json, "items")) {
     if (auto failed = ReadDeltaItems(*items, run)) {
@@ -620,15 +619,19 @@ std::optional<FileSystem::Result> RemoteFileSystemYandex::FetchDeltas(FeedRun* r
     return std::nullopt;
   }
 
-  // 3. Where the feed stands now: a page that failed is asked for again.
+  // 3. The pages of one run share its base; the feed moves on once the last is in, so that a
+  // run that fails half-way is asked for again whole.
   const std::string pageRevision = Text(json, "revision");
   if (!pageRevision.empty()) {
-    std::lock_guard<std::mutex> lock(changesMutex_);
-    revision_ = pageRevision;
+    run->latestRevision = pageRevision;
   }
   run->iterationKey = Text(json, "iteration_key");
   if (!run->iterationKey.empty()) {
     return std::nullopt;
+  }
+  if (!run->latestRevision.empty()) {
+    std::lock_guard<std::mutex> lock(changesMutex_);
+    revision_ = run->latestRevision;
   }
   return SUCCEEDED;
 }
@@ -652,15 +655,16 @@ std::optional<FileSystem::Result> RemoteFileSystemYandex::ReadDeltaItems(
       case yandex_items::DeltaOutcome::kFatal:
         return FATAL;
       case yandex_items::DeltaOutcome::kNoHash:
-        return AskAgainForHash(itemRevision, run);
+        return AskAgainForHash(run);
     }
+    run->lastItemRevision = itemRevision;
   }
   return std::nullopt;
 }
 
-std::optional<FileSystem::Result> RemoteFileSystemYandex::AskAgainForHash(
-    const std::string& itemRevision, FeedRun* run) {
-  // The server hasn't hashed the file yet: it is asked for again by its own revision.
+std::optional<FileSystem::Result> RemoteFileSystemYandex::AskAgainForHash(FeedRun* run) {
+  // The server hasn't hashed the file yet. The deltas after the item before it bring it again;
+  // the changes read so far are kept.
   if (run->noHashRepeats >= kNoHashRepeats) {
     RadarsLogger::instance().SendMetric("yandex_no_hash_get_tree", "1", 1);
     LOG_WARNING << "Invalid file hash.";
@@ -672,9 +676,8 @@ std::optional<FileSystem::Result> RemoteFileSystemYandex::AskAgainForHash(
   if (WaitForStop(kNoHashWaitMs)) {
     return STOPPED;
   }
-  {
-    std::lock_guard<std::mutex> lock(changesMutex_);
-    revision_ = itemRevision;
+  if (!run->lastItemRevision.empty()) {
+    run->baseRevision = run->lastItemRevision;
   }
   ++run->noHashRepeats;
   run->iterationKey.clear();

@@ -110,6 +110,9 @@ class RemoteFileSystemYandex : public RemoteFileSystemWebDAVBase {
   };
   // Where a GetChanges call stands.
   struct FeedRun {
+    std::string baseRevision;      // what the run's pages are asked after
+    std::string latestRevision;    // the disk's revision as its pages tell it
+    std::string lastItemRevision;  // of the last item read
     std::string iterationKey;
     int noHashRepeats = 0;
     bool askAgain = false;  // the page is asked again from a new revision
@@ -143,7 +146,7 @@ class RemoteFileSystemYandex : public RemoteFileSystemWebDAVBase {
   // One page of deltas; nothing while pages are left.
   std::optional<Result> FetchDeltas(FeedRun* run, URLProcessor* processor);
   std::optional<Result> ReadDeltaItems(const utils::json::json_tree& items, FeedRun* run);
-  std::optional<Result> AskAgainForHash(const std::string& itemRevision, FeedRun* run);
+  std::optional<Result> AskAgainForHash(FeedRun* run);
   // Gives the feed up: a new tree is needed.
   void LoseFeed();
   Result AddSizeChanges(URLProcessor* processor, std::queue<Change>* changes);

@@ -593,6 +593,7 @@ TEST_F(YandexFeedTest, DeltasBecomeChangesAndTheTreeFollows) {
   EXPECT_EQ(Param(pages[0], "base_revision"), "10");
   EXPECT_EQ(Param(pages[0], "iteration_key"), "<none>");
   EXPECT_EQ(Param(pages[1], "iteration_key"), "next");
+  EXPECT_EQ(Param(pages[1], "base_revision"), "10");
   EXPECT_EQ(pages[0].Header("Authorization"), "OAuth token");
 
   // 3. The tree afterwards: the moved folder took its file along.
@@ -607,7 +608,7 @@ TEST_F(YandexFeedTest, DeltasBecomeChangesAndTheTreeFollows) {
   EXPECT_TRUE(root_.GetFile("b.txt")->IsChanged());
 }
 
-TEST_F(YandexFeedTest, AMissingHashIsAskedAgainByItsRevisionThenTheTreeIsRenewed) {
+TEST_F(YandexFeedTest, AMissingHashIsAskedAgainAfterTheItemBeforeThenTheTreeIsRenewed) {
   Serve("/v1/disk/resources/deltas",
         {Json(Page(
             "13", "",
@@ -620,7 +621,7 @@ TEST_F(YandexFeedTest, AMissingHashIsAskedAgainByItsRevisionThenTheTreeIsRenewed
   ASSERT_EQ(pages.size(), 11u);
   EXPECT_EQ(Param(pages[0], "base_revision"), "10");
   for (std::size_t i = 1; i < pages.size(); ++i) {
-    EXPECT_EQ(Param(pages[i], "base_revision"), "12") << i;
+    EXPECT_EQ(Param(pages[i], "base_revision"), "11") << i;
   }
   EXPECT_EQ(metrics.Count("yandex_no_hash"), 10u);
   EXPECT_EQ(metrics.Count("yandex_no_hash_get_tree"), 1u);
