@@ -177,7 +177,6 @@ FileSystem::Result RemoteFileSystemYandex::GetResultFromYandexHttpCode(URLProces
 FileSystem::Result RemoteFileSystemYandex::RequestDiskInfo(URLProcessor* processor,
                                                            DiskInfo* info) {
   LOG_INFO << "Requesting disk size.";
-  RestHttpVersion version(processor);
   utils::json::json_tree json;
   const URLProcessor::Result result = GetJson(processor, RestUrl("/v1/disk"), &json);
   if (result != URLProcessor::Result::OK) {
@@ -201,6 +200,7 @@ FileSystem::Result RemoteFileSystemYandex::RequestDiskInfo(URLProcessor* process
 
 FileSystem::Result RemoteFileSystemYandex::GetCloudSize(std::uint64_t* total, std::uint64_t* used) {
   DiskInfo info;
+  RestHttpVersion version(urlProcessor_.get());
   const Result result = RequestDiskInfo(urlProcessor_.get(), &info);
   if (result == SUCCEEDED) {
     *total = info.total;
@@ -216,6 +216,7 @@ FileSystem::Result RemoteFileSystemYandex::CheckConnection() {
     return FATAL;
   }
   DiskInfo info;
+  RestHttpVersion version(urlProcessor_.get());
   return RequestDiskInfo(urlProcessor_.get(), &info);
 }
 

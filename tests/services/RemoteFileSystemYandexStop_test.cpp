@@ -145,4 +145,25 @@ TEST_F(YandexStopTest, StopWhileTheFeedWaitsForItsPage) {
   EXPECT_FALSE(fs->ShouldRenewTree());
 }
 
+TEST_F(YandexStopTest, StopWhileTheFeedWaitsForAHash) {
+  server_.Handle("GET", "/v1/disk/resources/snapshot", [](const HttpRequest&) {
+    return Answer(200, R"({"revision":7,"iteration_key":"","items":[]})");
+  });
+  server_.Handle("GET", "/v1/disk/resources/deltas", [](const HttpRequest&) {
+    return Answer(200, R"({"revision":8,"iteration_key":"","items":[{"revision":8,)"
+                       R"("change_type":"new","type":"file","path":"disk:/x","resource":)"
+                       R"({"size":1,"md5":"","sha256":""}}]})");
+  });
+  auto fs = test::OpenYandex("", &factory_);
+  ASSERT_NE(fs, nullptr);
+  ASSERT_EQ(Tree(fs.get()), Result::SUCCEEDED);
+  utils::ManualClock clock;
+  utils::ScopedClock scoped(&clock);
+  clock.SetOnWait([&fs](std::int64_t) { std::thread([&fs] { fs->Stop(); }).join(); });
+  std::queue<FileSystem::Change> changes;
+  EXPECT_EQ(fs->GetChanges(&changes), Result::STOPPED);
+  EXPECT_EQ(clock.Waits(), std::vector<std::int64_t>{1000});
+  EXPECT_FALSE(fs->ShouldRenewTree());
+}
+
 }  // namespace
