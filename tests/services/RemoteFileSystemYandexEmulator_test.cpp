@@ -155,6 +155,20 @@ TEST_F(YandexEmulatorTest, MountedFolderLoadsThroughTheBinarySnapshot) {
   EXPECT_EQ(paths, (std::vector<std::string>{"inside.txt", "", ""}));
 }
 
+TEST_F(YandexEmulatorTest, AMountedFolderThatIsNotThereIsAConflictAtOnce) {
+  auto fs = test::OpenYandex("Nowhere", &factory_);
+  ASSERT_NE(fs, nullptr);
+  RadarsLogger::Capture metrics;
+  FolderNode root;
+  EXPECT_EQ(Tree(fs.get(), &root), Result::CONFLICT);
+  std::size_t snapshots = 0;
+  for (const auto& request : emulator_->server().Requests()) {
+    snapshots += request.query == "index&v=3";
+  }
+  EXPECT_EQ(snapshots, 1u);
+  EXPECT_EQ(metrics.Count("yandex_disk_fallback_snapshot"), 0u);
+}
+
 TEST_F(YandexEmulatorTest, DeltasBringTheDisksChanges) {
   // 1. A tree of the whole disk, then changes made by someone else.
   emulators::CloudAccount& account = emulator_->account();
