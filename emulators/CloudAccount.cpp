@@ -355,6 +355,13 @@ void CloudAccount::SetContent(Item* item, std::string content) {
                       : nullptr;
 }
 
+void CloudAccount::SetDigests(Item* item, std::uint64_t size, const ContentDigests& digests) {
+  item->size = size;
+  item->digests = digests;
+  item->generated = false;
+  item->content = nullptr;
+}
+
 void CloudAccount::Journal(ChangeKind kind, const Item& item, std::vector<std::string> old_parents,
                            std::string old_name) {
   journal_.push_back(
@@ -383,16 +390,34 @@ AccountError CloudAccount::CreateFolder(const std::string& parent_id, const std:
 
 AccountError CloudAccount::CreateFile(const std::string& parent_id, const std::string& name,
                                       std::string content, std::int64_t modified_ms, Item* out) {
+  std::uint64_t size = content.size();
+  return AddFile(
+      parent_id, name, size, modified_ms,
+      [&](Item& item) { SetContent(&item, std::move(content)); }, out);
+}
+
+AccountError CloudAccount::CreateFileByDigests(const std::string& parent_id,
+                                               const std::string& name, std::uint64_t size,
+                                               const ContentDigests& digests,
+                                               std::int64_t modified_ms, Item* out) {
+  return AddFile(
+      parent_id, name, size, modified_ms, [&](Item& item) { SetDigests(&item, size, digests); },
+      out);
+}
+
+AccountError CloudAccount::AddFile(const std::string& parent_id, const std::string& name,
+                                   std::uint64_t size, std::int64_t modified_ms,
+                                   const std::function<void(Item&)>& fill, Item* out) {
   std::lock_guard<std::mutex> lock(mutex_);
   AccountError error = CheckNewChild(parent_id, name, std::string());
   if (error != AccountError::kNone) {
     return error;
   }
-  if (content.size() > total_space_) {
+  if (size > total_space_) {
     return AccountError::kNoSpace;
   }
   Item& item = AddItem(parent_id, name, ItemKind::kFile);
-  SetContent(&item, std::move(content));
+  fill(item);
   if (modified_ms > 0)
     item.modified_ms = modified_ms;
   Journal(ChangeKind::kCreated, item);
@@ -429,13 +454,26 @@ AccountError CloudAccount::CreateGeneratedFile(const std::string& parent_id,
 
 AccountError CloudAccount::ReplaceContent(const std::string& id, std::string content,
                                           std::int64_t modified_ms, Item* out) {
+  return Rewrite(
+      id, modified_ms, [&](Item& item) { SetContent(&item, std::move(content)); }, out);
+}
+
+AccountError CloudAccount::ReplaceByDigests(const std::string& id, std::uint64_t size,
+                                            const ContentDigests& digests, std::int64_t modified_ms,
+                                            Item* out) {
+  return Rewrite(
+      id, modified_ms, [&](Item& item) { SetDigests(&item, size, digests); }, out);
+}
+
+AccountError CloudAccount::Rewrite(const std::string& id, std::int64_t modified_ms,
+                                   const std::function<void(Item&)>& fill, Item* out) {
   std::lock_guard<std::mutex> lock(mutex_);
   Record* record = Get(id);
   if (!record)
     return AccountError::kNotFound;
   if (record->item.IsFolder())
     return AccountError::kNotAFile;
-  SetContent(&record->item, std::move(content));
+  fill(record->item);
   record->item.modified_ms = modified_ms > 0 ? modified_ms : Now();
   Touch(&record->item, ChangeKind::kModified);
   if (out)

@@ -142,6 +142,12 @@ class CloudAccount {
                           std::string content, std::int64_t modified_ms, Item* out);
   AccountError ReplaceContent(const std::string& id, std::string content, std::int64_t modified_ms,
                               Item* out);
+  // As CreateFile and ReplaceContent, for bytes that were hashed as they came and not kept.
+  AccountError CreateFileByDigests(const std::string& parent_id, const std::string& name,
+                                   std::uint64_t size, const ContentDigests& digests,
+                                   std::int64_t modified_ms, Item* out);
+  AccountError ReplaceByDigests(const std::string& id, std::uint64_t size,
+                                const ContentDigests& digests, std::int64_t modified_ms, Item* out);
   AccountError Rename(const std::string& id, const std::string& name, Item* out);
   // New parents, and a new name unless empty.
   AccountError Move(const std::string& id, const std::vector<std::string>& parent_ids,
@@ -200,6 +206,12 @@ class CloudAccount {
                              const std::string& except_id) const;
   Item& AddItem(const std::string& parent_id, const std::string& name, ItemKind kind);
   void SetContent(Item* item, std::string content);
+  void SetDigests(Item* item, std::uint64_t size, const ContentDigests& digests);
+  // The one road of new files and of new content, around how the item gets its bytes.
+  AccountError AddFile(const std::string& parent_id, const std::string& name, std::uint64_t size,
+                       std::int64_t modified_ms, const std::function<void(Item&)>& fill, Item* out);
+  AccountError Rewrite(const std::string& id, std::int64_t modified_ms,
+                       const std::function<void(Item&)>& fill, Item* out);
   void Journal(ChangeKind kind, const Item& item, std::vector<std::string> old_parents = {},
                std::string old_name = std::string());
   void Touch(Item* item, ChangeKind kind, std::vector<std::string> old_parents = {},

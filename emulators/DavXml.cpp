@@ -62,7 +62,7 @@ bool ParseDavBody(const std::string& body, DavBody* out, std::string* error) {
         open = &list.back();
       }
     } else if (xml.isCharacters() && open) {
-      open->value += XmlEscape(Str(xml.text()));
+      open->value += Str(xml.text());
     } else if (xml.isEndElement()) {
       if (depth == prop_depth + 1)
         open = nullptr;
@@ -106,10 +106,12 @@ Multistatus::Multistatus()
     : xml_(R"(<?xml version="1.0" encoding="utf-8"?><d:multistatus xmlns:d="DAV:">)") {}
 
 void Multistatus::Add(const std::string& href, const std::vector<DavProperty>& found,
-                      const std::vector<DavProperty>& missing) {
+                      const std::vector<DavProperty>& missing,
+                      const std::vector<DavProperty>& conflicted) {
   xml_ += "<d:response><d:href>" + XmlEscape(href) + "</d:href>";
   AppendPropstat(found, "HTTP/1.1 200 OK", &xml_);
   AppendPropstat(missing, "HTTP/1.1 404 Not Found", &xml_);
+  AppendPropstat(conflicted, "HTTP/1.1 409 Conflict", &xml_);
   xml_ += "</d:response>";
 }
 

@@ -8,7 +8,8 @@
 //   answer.Add("/webdav/a.txt", {{"DAV:", "getcontentlength", "5"}}, {});
 //   std::string xml = answer.Finish();
 //
-// Values are XML text as they stand in the document: a caller escapes plain text with XmlEscape.
+// A parsed body's values are plain text; the values given to Multistatus are XML as they are to
+// stand in the answer (a caller escapes plain text with XmlEscape).
 #pragma once
 
 #include <string>
@@ -38,13 +39,14 @@ bool ParseDavBody(const std::string& body, DavBody* out, std::string* error);
 
 std::string XmlEscape(const std::string& text);
 
-// A 207 body: one <response> per resource, its found properties under "200 OK" and the missing
-// ones under "404 Not Found".
+// A 207 body: one <response> per resource, its found properties under "200 OK", the missing
+// ones under "404 Not Found" and those whose change failed under "409 Conflict".
 class Multistatus {
  public:
   Multistatus();
   void Add(const std::string& href, const std::vector<DavProperty>& found,
-           const std::vector<DavProperty>& missing);
+           const std::vector<DavProperty>& missing,
+           const std::vector<DavProperty>& conflicted = std::vector<DavProperty>());
   std::string Finish();
 
  private:

@@ -8,7 +8,8 @@
 //   emulator->faults().Add(rule);
 //
 // Every request but the control path's needs "Authorization: SCHEME TOKEN" with a non-empty
-// token; kRejectedToken gets the service's own 401. The control path (kControlPath, no token):
+// token (also on an upload's head that is answered before its body); kRejectedToken gets the
+// service's own 401. The control path (kControlPath, no token):
 //   POST   /_emulator/faults   a fault rule as JSON (see Faults.h)     DELETE it: no more faults
 //   POST   /_emulator/seed     {"dir": LOCAL_FOLDER, "path": FOLDER_IN_ACCOUNT}
 //   POST   /_emulator/change   a foreign change: {"op":"rename","path":"a/b","to":"c"}

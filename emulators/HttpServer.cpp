@@ -404,18 +404,21 @@ bool HttpServer::ReadRequestBody(Connection* connection, std::uint64_t length, B
                                  HttpRequest* request) {
   Sha256 hash;
   ContentHasher digests(ContentHasher::kMd5 | ContentHasher::kSha1 | ContentHasher::kSha256);
+  bool digested = mode == BodyMode::kDigestOnly || mode == BodyMode::kStoreBounded;
+  bool kept = mode == BodyMode::kStore || mode == BodyMode::kStoreUnlogged ||
+              (mode == BodyMode::kStoreBounded && length <= body_keep_limit_);
   bool complete = connection->ReadBody(length, [&](const char* data, std::size_t size) {
-    if (mode == BodyMode::kDigestOnly) {
+    if (digested) {
       digests.Update(data, size);
     } else {
       hash.Update(data, size);
     }
-    if (mode == BodyMode::kStore || mode == BodyMode::kStoreUnlogged) {
+    if (kept) {
       request->body.append(data, size);
     }
     request->body_size += size;
   });
-  if (mode == BodyMode::kDigestOnly) {
+  if (digested) {
     request->body_digests = digests.Finish();
     request->body_sha256 = request->body_digests.sha256;
   } else {
@@ -470,7 +473,7 @@ void HttpServer::Serve(int fd) {
     bool head_only = request.verb == "HEAD" || response.status == 204 || response.status == 304;
     bool close = response.close || mode == BodyMode::kAnswerFirst ||
                  IEquals(request.Header("Connection"), "close");
-    if (mode == BodyMode::kStoreUnlogged) {
+    if (mode == BodyMode::kStoreUnlogged || mode == BodyMode::kStoreBounded) {
       std::string().swap(request.body);
     }
     Log(std::move(request));

@@ -87,8 +87,11 @@ enum class BodyMode {
   // As kStore for the handler, but the request log keeps only its size and hash: large uploads
   // whose bytes the log would otherwise hold for the life of the server.
   kStoreUnlogged,
-  kHashOnly,     // counted and hashed (SHA-256), not kept
-  kDigestOnly,   // counted and hashed (MD5, SHA-1, SHA-256), not kept
+  kHashOnly,    // counted and hashed (SHA-256), not kept
+  kDigestOnly,  // counted and hashed (MD5, SHA-1, SHA-256), not kept
+  // Hashed as kDigestOnly, and kept as kStoreUnlogged while it stays within the server's body
+  // keep limit: HttpRequest::body is empty for a larger one.
+  kStoreBounded,
   kAnswerFirst,  // answered after the head, before any body byte is read; the connection closes
 };
 
@@ -136,6 +139,9 @@ class HttpServer {
               Match match = Match::kExact, BodyMode mode = BodyMode::kStore,
               HeadHandler on_head = nullptr);
 
+  // The most bytes of a kStoreBounded body that are kept (64 MiB unless set).
+  void SetBodyKeepLimit(std::uint64_t bytes) { body_keep_limit_ = bytes; }
+
   std::vector<HttpRequest> Requests() const;
   void ClearRequests();
   // Connections accepted so far: tells whether a client reused its connection.
@@ -157,8 +163,8 @@ class HttpServer {
   void AcceptLoop();
   void Serve(int fd);
   // False when the connection ended before `length` bytes came.
-  static bool ReadRequestBody(Connection* connection, std::uint64_t length, BodyMode mode,
-                              HttpRequest* request);
+  bool ReadRequestBody(Connection* connection, std::uint64_t length, BodyMode mode,
+                       HttpRequest* request);
   bool FindRoute(const std::string& verb, const std::string& path, Route* route) const;
   bool SleepMs(int ms);  // false when the server is closing
   void Log(HttpRequest request);
@@ -167,6 +173,7 @@ class HttpServer {
   int port_ = 0;
   std::atomic<bool> closing_{false};
   std::atomic<int> connections_{0};
+  std::atomic<std::uint64_t> body_keep_limit_{64ull << 20};
   std::thread acceptor_;
   mutable std::mutex mutex_;
   std::condition_variable wake_;

@@ -90,16 +90,19 @@ void WebDavSurface::Install() {
   route("MOVE", &WebDavSurface::Move, prefixed);
   route("DELETE", &WebDavSurface::Delete, prefixed);
   RouteOptions upload = prefixed;
-  upload.mode = BodyMode::kStoreUnlogged;
+  upload.mode = BodyMode::kStoreBounded;
   upload.on_head = [this](const HttpRequest& head) { return PutHead(head); };
   route("PUT", &WebDavSurface::Put, upload);
 }
 
 bool WebDavSurface::Resolve(const std::string& request_path, Target* out) const {
-  // 1. Below the prefix.
-  if (request_path.compare(0, options_.prefix.size(), options_.prefix) != 0)
+  // 1. Below the prefix: "/webdavDocs" is not "/webdav/Docs".
+  std::string rest = request_path.substr(std::min(options_.prefix.size(), request_path.size()));
+  if (request_path.compare(0, options_.prefix.size(), options_.prefix) != 0 ||
+      (!rest.empty() && rest[0] != '/')) {
     return false;
-  std::string rest = DecodePath(request_path.substr(options_.prefix.size()));
+  }
+  rest = DecodePath(rest);
   out->href_base = options_.prefix;
   // 2. An alias of the root stands in front of the account's path.
   for (const std::string& alias : options_.root_aliases) {
@@ -162,6 +165,8 @@ void WebDavSurface::Properties(const Item& item, const DavBody& asked,
       wanted.push_back(DavProperty{kDav, name, std::string()});
     for (const auto& property : item.properties) {
       std::size_t close = property.first.find('}');
+      if (property.first[0] != '{' || close == std::string::npos)
+        continue;  // not a DAV property: another service's
       wanted.push_back(DavProperty{property.first.substr(1, close - 1),
                                    property.first.substr(close + 1), std::string()});
     }
@@ -188,7 +193,7 @@ std::optional<std::string> WebDavSurface::Property(const Item& item,
   auto dead = item.properties.find(DeadKey(asked));
   if (dead == item.properties.end())
     return std::nullopt;
-  return dead->second;
+  return XmlEscape(dead->second);
 }
 
 HttpResponse WebDavSurface::Proppatch(const HttpRequest& request) {
@@ -221,16 +226,10 @@ HttpResponse WebDavSurface::Proppatch(const HttpRequest& request) {
     apply(prop, true);
   for (const DavProperty& prop : patch.removed)
     apply(prop, false);
-  // 3. RFC 4918 has one propstat per status; a refused change is a conflict.
+  // 3. One propstat per status, as RFC 4918 has it.
   Multistatus answer;
-  answer.Add(Href(target, target.path, item->IsFolder()), done, {});
-  std::string xml = answer.Finish();
-  if (!refused.empty()) {
-    Multistatus failed;
-    failed.Add(Href(target, target.path, item->IsFolder()), {}, refused);
-    xml = failed.Finish();
-  }
-  HttpResponse response = HttpResponse::Status(207, xml);
+  answer.Add(Href(target, target.path, item->IsFolder()), done, {}, refused);
+  HttpResponse response = HttpResponse::Status(207, answer.Finish());
   response.headers = {{"Content-Type", "application/xml; charset=utf-8"}};
   return response;
 }
@@ -271,6 +270,8 @@ int WebDavSurface::PlanPut(const HttpRequest& request, std::string* parent_id,
       (!*existing || (if_match != "*" && if_match != (*existing)->digests.md5)))
     return 412;
   std::uint64_t size = std::strtoull(request.Header("Content-Length").c_str(), nullptr, 10);
+  if (options_.max_file_size > 0 && size > options_.max_file_size)
+    return 413;
   std::uint64_t freed = *existing ? (*existing)->size : 0;
   if (account.UsedSpace() - freed + size > account.TotalSpace())
     return 507;
@@ -305,18 +306,15 @@ HttpResponse WebDavSurface::Put(const HttpRequest& request) {
     return Text(status, "Refused");
   // 2. The announced digests must be those of the bytes that came.
   if (options_.hash_headers) {
-    ContentDigests digests =
-        ContentHasher::Of(request.body, ContentHasher::kMd5 | ContentHasher::kSha256);
+    const ContentDigests& digests = request.body_digests;
     std::string md5 = request.Header("Etag");
     std::string sha256 = request.Header("Sha256");
     if ((!md5.empty() && md5 != digests.md5) || (!sha256.empty() && sha256 != digests.sha256))
       return Text(400, "The content does not match its Etag or Sha256");
   }
   // 3. The file.
-  CloudAccount& account = router_.account();
-  AccountError error = existing ? account.ReplaceContent(existing->id, request.body, 0, nullptr)
-                                : account.CreateFile(parent_id, LeafName(DecodePath(request.path)),
-                                                     request.body, 0, nullptr);
+  AccountError error = PutUploadedBytes(router_.account(), request, parent_id,
+                                        LeafName(DecodePath(request.path)), existing);
   if (error == AccountError::kNoSpace)
     return Text(507, "Insufficient Storage");
   return Text(error == AccountError::kNone ? 201 : 409, "Created");
@@ -410,6 +408,19 @@ AccountError PutKnownContent(CloudAccount& account, const std::string& parent_id
   if (existing)
     return account.ReplaceContent(existing->id, *known.content, 0, nullptr);
   return account.CreateFile(parent_id, name, *known.content, 0, nullptr);
+}
+
+AccountError PutUploadedBytes(CloudAccount& account, const HttpRequest& upload,
+                              const std::string& parent_id, const std::string& name,
+                              const std::optional<Item>& existing) {
+  if (upload.body.size() == upload.body_size) {
+    return existing ? account.ReplaceContent(existing->id, upload.body, 0, nullptr)
+                    : account.CreateFile(parent_id, name, upload.body, 0, nullptr);
+  }
+  return existing ? account.ReplaceByDigests(existing->id, upload.body_size, upload.body_digests, 0,
+                                             nullptr)
+                  : account.CreateFileByDigests(parent_id, name, upload.body_size,
+                                                upload.body_digests, 0, nullptr);
 }
 
 bool CleanPath(const std::string& raw, std::string* path) {

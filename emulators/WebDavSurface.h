@@ -10,6 +10,8 @@
 //   surface_ = std::make_unique<emulators::WebDavSurface>(router, options);
 //   surface_->Install();
 //
+// Uploads are hashed as they come; a body above the server's keep limit leaves only its size and
+// digests in the account (a GET of it is 404, as of any file whose bytes weren't kept).
 // Verbs: PROPFIND (Depth 0 or 1; infinity is refused with 403), PROPPATCH (dead properties are
 // kept as Item::properties under "{namespace}name"), GET with Range, PUT, MKCOL, MOVE and
 // DELETE (to the trash), with the status codes RFC 4918 gives: 409 for a missing parent, 405
@@ -41,6 +43,8 @@ struct WebDavOptions {
   // A GET of a folder, which WebDAV leaves to the server; null: 403.
   std::function<HttpResponse(const HttpRequest&, const Item& folder, const std::string& path)>
       folder_get;
+  // The largest file a PUT may make (413 on its head); 0 for no limit.
+  std::uint64_t max_file_size = 0;
   // A PUT's "Etag" (MD5) and "Sha256" headers are checked against the body (400 when they
   // differ), and content that the account holds already is taken on the head with 201.
   bool hash_headers = false;
@@ -88,6 +92,12 @@ std::optional<Item> FindKnownContent(const CloudAccount& account, const std::str
 AccountError PutKnownContent(CloudAccount& account, const std::string& parent_id,
                              const std::string& name, const std::optional<Item>& existing,
                              const Item& known);
+
+// The body of an upload (read in BodyMode::kStoreBounded) as the file `name` in `parent_id`, over
+// `existing` if given: its bytes when the server kept them, else its size and digests.
+AccountError PutUploadedBytes(CloudAccount& account, const HttpRequest& upload,
+                              const std::string& parent_id, const std::string& name,
+                              const std::optional<Item>& existing);
 
 // "/a//b/" as "a/b"; false for a path with a "." or ".." segment.
 bool CleanPath(const std::string& raw, std::string* path);

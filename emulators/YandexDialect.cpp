@@ -39,6 +39,7 @@ class YandexDialect::Dav {
     dav.prefix = "/webdav";
     dav.root_aliases = {"/disk"};
     dav.hash_headers = true;
+    dav.max_file_size = options.max_file_size;
     dav.live_property = [this](const Item& item, const DavProperty& asked, std::string* value) {
       return LiveProperty(item, asked, value);
     };
@@ -85,8 +86,10 @@ class YandexDialect::Dav {
     if (request.query != kSnapshotQuery)
       return HttpResponse::Status(400, "Bad Request\n");
     std::uint64_t count = 0;
-    HttpResponse response =
-        HttpResponse::Status(200, BinarySnapshot(router_.account(), folder, path, &count));
+    std::string body = BinarySnapshot(router_.account(), folder, path, &count);
+    if (options_.edit_snapshot)
+      options_.edit_snapshot(&body);
+    HttpResponse response = HttpResponse::Status(200, std::move(body));
     response.headers = {{"Content-Type", "application/octet-stream"}};
     std::string said = options_.item_count ? *options_.item_count : std::to_string(count);
     if (!said.empty())

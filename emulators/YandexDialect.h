@@ -17,7 +17,8 @@
 //
 // REST, paths as "disk:/a/b" (or "/a/b"): the disk, resources with "_embedded" pages, folder
 // creation, delete (to the trash unless "permanently"), move, publish and unpublish, download
-// and upload links, asynchronous operations, and two feeds that Yandex doesn't document:
+// and upload links, asynchronous operations ("/v1/disk/operations?id=ID", also by path), and two
+// feeds that Yandex doesn't document:
 // "/v1/disk/resources/snapshot" (pages by "iteration_key", one "revision" for all of them) and
 // "/v1/disk/resources/deltas" (the journal since "base_revision"). Revisions are the journal's
 // sequence plus kRevisionBase, so that their text order is their number order. Errors carry
@@ -25,6 +26,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <optional>
 #include <string>
@@ -40,10 +42,18 @@ struct YandexOptions {
   std::size_t deltas_page = 1000;    // journal entries per deltas page
   std::size_t listing_limit = 1000;  // the most items of one "_embedded" page, whatever "limit"
   int operation_polls = 1;           // "in-progress" answers of an operation before its end
-  std::size_t async_items = 100;     // a folder with more items is deleted or moved by operation
-  bool upload_accepted = false;      // an upload link's PUT answers 202 and an operation
+  // A folder with more items than this is deleted or moved by an operation (202): Yandex does
+  // so for any folder that isn't empty.
+  std::size_t async_items = 0;
+  // The next this many deltas answers give their files without "md5" and "sha256", as Yandex
+  // does while it still hashes them.
+  int unhashed_answers = 0;
+  bool upload_accepted = false;  // an upload link's PUT answers 202 and an operation
   std::uint64_t max_file_size = 50ull << 30;
   std::optional<std::string> item_count;  // "Item-Count" of the binary snapshot; "" leaves it out
+  // Changes the binary snapshot's body before it goes (bytes after the last entry, a bad byte);
+  // "Item-Count" still counts the true entries.
+  std::function<void(std::string* body)> edit_snapshot;
 };
 
 class YandexDialect : public Dialect {

@@ -2,6 +2,8 @@
 
 #include <QDateTime>
 #include <QJsonArray>
+#include <QJsonDocument>
+#include <QStringList>
 #include <QUrl>
 
 #include <cstdlib>
@@ -14,9 +16,10 @@ namespace emulators {
 namespace {
 
 constexpr const char* kApi = "/v1/disk";
+constexpr std::size_t kKeptSnapshots = 4;
 constexpr const char* kDownloadPath = "/yadisk-download/";
 constexpr const char* kUploadPath = "/yadisk-upload/";
-constexpr const char* kOperationsPath = "/v1/disk/operations/";
+constexpr const char* kOperations = "/v1/disk/operations";
 
 QString Q(const std::string& text) {
   return QString::fromStdString(text);
@@ -44,6 +47,52 @@ bool ParseNumber(const std::string& text, std::uint64_t* value) {
   return true;
 }
 
+using FieldPaths = std::vector<QStringList>;
+
+// What of `value` the dotted names ask for: "items.path" keeps "path" in each object of "items".
+QJsonValue Keep(const QJsonValue& value, const FieldPaths& paths) {
+  if (value.isArray()) {
+    QJsonArray kept;
+    for (const QJsonValue& element : value.toArray())
+      kept.append(Keep(element, paths));
+    return kept;
+  }
+  if (!value.isObject())
+    return value;
+  QJsonObject object = value.toObject();
+  QJsonObject kept;
+  for (auto it = object.begin(); it != object.end(); ++it) {
+    FieldPaths below;
+    bool whole = false;
+    for (const QStringList& path : paths) {
+      if (path.front() == it.key()) {
+        whole = whole || path.size() == 1;
+        below.push_back(path.mid(1));
+      }
+    }
+    if (whole)
+      kept.insert(it.key(), it.value());
+    else if (!below.empty())
+      kept.insert(it.key(), Keep(it.value(), below));
+  }
+  return kept;
+}
+
+// A good JSON answer cut to the request's "fields", as Yandex does; all of it without them.
+HttpResponse KeepFields(HttpResponse response, const std::string& fields) {
+  QJsonDocument document = QJsonDocument::fromJson(QByteArray::fromStdString(response.body));
+  if (fields.empty() || response.status >= 300 || !document.isObject())
+    return response;
+  FieldPaths paths;
+  for (const QString& field :
+       QString::fromStdString(fields).split(QLatin1Char(','), Qt::SkipEmptyParts))
+    paths.push_back(field.trimmed().split('.'));
+  response.body = QJsonDocument(Keep(document.object(), paths).toObject())
+                      .toJson(QJsonDocument::Compact)
+                      .toStdString();
+  return response;
+}
+
 }  // namespace
 
 std::string YandexPublicLink(const Item& item) {
@@ -64,7 +113,10 @@ bool YandexAccountPath(const std::string& value, std::string* path) {
 }
 
 YandexRestApi::YandexRestApi(const Dialect& dialect, const YandexOptions& options, Router& router)
-    : dialect_(dialect), options_(options), router_(router) {}
+    : dialect_(dialect),
+      options_(options),
+      router_(router),
+      unhashed_answers_(options.unhashed_answers) {}
 
 void YandexRestApi::Install() {
   auto route = [this](const char* verb, const std::string& path,
@@ -72,7 +124,9 @@ void YandexRestApi::Install() {
                       RouteOptions options = RouteOptions()) {
     router_.Handle(
         verb, path,
-        [this, handler](const HttpRequest& request) { return (this->*handler)(request); },
+        [this, handler](const HttpRequest& request) {
+          return KeepFields((this->*handler)(request), QueryParam(request.query, "fields"));
+        },
         std::move(options));
   };
   const std::string resources = std::string(kApi) + "/resources";
@@ -89,13 +143,15 @@ void YandexRestApi::Install() {
   route("PUT", resources + "/upload", &YandexRestApi::UploadLinkRequest);
   route("GET", resources + "/snapshot", &YandexRestApi::Snapshot);
   route("GET", resources + "/deltas", &YandexRestApi::Deltas);
+  // An operation is named by "?id=" in the links given out, and by path as well.
+  route("GET", kOperations, &YandexRestApi::OperationStatus);
   RouteOptions prefixed;
   prefixed.match = Match::kPrefix;
-  route("GET", kOperationsPath, &YandexRestApi::OperationStatus, prefixed);
+  route("GET", std::string(kOperations) + "/", &YandexRestApi::OperationStatus, prefixed);
   // The links are pre-authorized, as Yandex's are.
   prefixed.needs_auth = false;
   route("GET", kDownloadPath, &YandexRestApi::Download, prefixed);
-  prefixed.mode = BodyMode::kStoreUnlogged;
+  prefixed.mode = BodyMode::kStoreBounded;
   route("PUT", kUploadPath, &YandexRestApi::Upload, prefixed);
 }
 
@@ -173,12 +229,16 @@ std::string YandexRestApi::NewOperation(Operation operation) {
   return id;
 }
 
+std::string YandexRestApi::OperationUrl(const std::string& id) const {
+  return router_.BaseUrl() + kOperations + "?id=" + id;
+}
+
 HttpResponse YandexRestApi::Accepted(const std::string& status) {
   Operation operation;
   operation.polls_left = options_.operation_polls;
   operation.status = status;
   std::string id = NewOperation(operation);
-  return JsonResponse(202, Link(router_.BaseUrl() + kOperationsPath + id));
+  return JsonResponse(202, Link(OperationUrl(id)));
 }
 
 bool YandexRestApi::IsLarge(const Item& item) const {
@@ -390,7 +450,7 @@ HttpResponse YandexRestApi::UploadLinkRequest(const HttpRequest& request) {
     uploads_[id] = UploadLink{parent_id, name, overwrite, operation};
   }
   QJsonObject link = Link(router_.BaseUrl() + kUploadPath + id, "PUT");
-  std::string operation_url = router_.BaseUrl() + kOperationsPath + operation;
+  std::string operation_url = OperationUrl(operation);
   QJsonObject answer = link;
   answer.insert("operation_id", Q(operation));
   answer.insert("upload_link", link);
@@ -413,10 +473,8 @@ HttpResponse YandexRestApi::Upload(const HttpRequest& request) {
   CloudAccount& account = router_.account();
   std::optional<Item> existing = account.ChildByName(link.parent_id, link.name);
   AccountError error = AccountError::kNameTaken;
-  if (existing && !existing->IsFolder() && link.overwrite)
-    error = account.ReplaceContent(existing->id, request.body, 0, nullptr);
-  else if (!existing)
-    error = account.CreateFile(link.parent_id, link.name, request.body, 0, nullptr);
+  if (!existing || (!existing->IsFolder() && link.overwrite))
+    error = PutUploadedBytes(account, request, link.parent_id, link.name, existing);
   // 3. The operation ends with it.
   bool accepted = options_.upload_accepted && error == AccountError::kNone;
   {
@@ -431,12 +489,14 @@ HttpResponse YandexRestApi::Upload(const HttpRequest& request) {
   if (error != AccountError::kNone)
     return HttpResponse::Status(409);
   if (accepted)
-    return JsonResponse(202, Link(router_.BaseUrl() + kOperationsPath + link.operation));
+    return JsonResponse(202, Link(OperationUrl(link.operation)));
   return HttpResponse::Status(201);
 }
 
 HttpResponse YandexRestApi::OperationStatus(const HttpRequest& request) {
-  std::string id = request.path.substr(std::string(kOperationsPath).size());
+  std::string id = request.path == kOperations
+                       ? QueryParam(request.query, "id")
+                       : request.path.substr(std::string(kOperations).size() + 1);
   std::lock_guard<std::mutex> lock(mutex_);
   auto found = operations_.find(id);
   if (found == operations_.end())
@@ -466,6 +526,12 @@ HttpResponse YandexRestApi::Snapshot(const HttpRequest& request) {
     id = ++made_;
     snapshots_[id] = std::move(items);
     snapshot_revisions_[id] = revision;
+    // A page may be asked again after a lost answer, the last one as well: the newest few
+    // snapshots stay whole.
+    if (snapshots_.size() > kKeptSnapshots) {
+      snapshot_revisions_.erase(snapshots_.begin()->first);
+      snapshots_.erase(snapshots_.begin());
+    }
   } else {
     std::size_t colon = key.find(':');
     if (colon == std::string::npos || !ParseNumber(key.substr(0, colon), &id) ||
@@ -481,12 +547,8 @@ HttpResponse YandexRestApi::Snapshot(const HttpRequest& request) {
   for (std::size_t i = offset; i < end; ++i)
     page.append(items[i]);
   QJsonObject answer{{"revision", static_cast<double>(snapshot_revisions_[id])}, {"items", page}};
-  if (end < items.size()) {
+  if (end < items.size())
     answer.insert("iteration_key", Q(std::to_string(id) + ":" + std::to_string(end)));
-  } else {
-    snapshots_.erase(id);
-    snapshot_revisions_.erase(id);
-  }
   return JsonResponse(200, answer);
 }
 
@@ -575,9 +637,18 @@ HttpResponse YandexRestApi::Deltas(const HttpRequest& request) {
     DeltaItems(entry, &items);
     last = entry.sequence;
   }
+  // 4. Files the server is still hashing come without their digests.
+  bool unhashed = unhashed_answers_.load() > 0 && unhashed_answers_.fetch_sub(1) > 0;
   QJsonArray page;
-  for (const QJsonObject& item : items)
+  for (QJsonObject item : items) {
+    if (unhashed && item["type"] == "file" && item.contains("resource")) {
+      QJsonObject resource = item["resource"].toObject();
+      resource.remove("md5");
+      resource.remove("sha256");
+      item["resource"] = resource;
+    }
     page.append(item);
+  }
   QJsonObject answer{{"revision", static_cast<double>(YandexDialect::kRevisionBase + upper)},
                      {"items", page}};
   if (last < upper && !entries.empty() && entries.back().sequence <= upper &&

@@ -4,6 +4,7 @@
 
 #include <QJsonObject>
 
+#include <atomic>
 #include <cstdint>
 #include <map>
 #include <mutex>
@@ -67,6 +68,7 @@ class YandexRestApi {
   // 202 with the link of a new operation that ends after the configured polls.
   HttpResponse Accepted(const std::string& status = "success");
   std::string NewOperation(Operation operation);
+  std::string OperationUrl(const std::string& id) const;
   // A folder with this many items or more goes by operation.
   bool IsLarge(const Item& item) const;
   // The delta items of one journal entry (none, one, or two for a moved file).
@@ -81,6 +83,7 @@ class YandexRestApi {
   std::map<std::string, UploadLink> uploads_;
   std::map<std::string, Operation> operations_;
   std::uint64_t made_ = 0;
+  std::atomic<int> unhashed_answers_;
 };
 
 }  // namespace emulators

@@ -11,6 +11,7 @@
 #include <QUrl>
 
 #include "emulators/Emulator.h"
+#include "emulators/WebDavSurface.h"
 #include "support/Fetch.h"
 
 namespace {
@@ -109,6 +110,16 @@ TEST_F(YandexDialectTest, BinarySnapshotIsServedByteForByteForTheExactQueryOnly)
   }
 }
 
+TEST_F(YandexDialectTest, ASnapshotCanBeSpoiledOnPurpose) {
+  emulators::YandexOptions options;
+  options.edit_snapshot = [](std::string* body) { body->push_back('\x07'); };
+  Start(options);
+  test::Answer answer = Call("GET", "/webdav/disk/Docs?index&v=3");
+  EXPECT_EQ(answer.body.substr(0, 6), std::string("\x02\x04") + "Docs");
+  EXPECT_EQ(answer.body.back(), '\x07');
+  EXPECT_EQ(HeaderOf(answer, "Item-Count"), "2");
+}
+
 TEST_F(YandexDialectTest, ItemCountSaysWhatTheTestAsks) {
   for (const char* said : {"-1", "0", "4", ""}) {
     SCOPED_TRACE(said);
@@ -136,7 +147,7 @@ TEST_F(YandexDialectTest, JsonSnapshotPagesShareOneRevision) {
             std::to_string(YandexDialect::kRevisionBase + emulator_->account().Sequence()));
   // 2. The pages; a change meanwhile doesn't enter the snapshot taken.
   std::vector<std::string> paths;
-  std::string key;
+  std::string key, last_key;
   int pages = 0;
   do {
     test::Answer answer = Call("GET",
@@ -146,8 +157,12 @@ TEST_F(YandexDialectTest, JsonSnapshotPagesShareOneRevision) {
     ASSERT_EQ(answer.status, 200) << answer.body;
     ASSERT_NE(answer.body.find("\"revision\":" + revision), std::string::npos) << answer.body;
     QJsonObject page = Json(answer.body);
-    for (const QJsonValue& item : page["items"].toArray())
+    for (const QJsonValue& item : page["items"].toArray()) {
       paths.push_back(item.toObject()["path"].toString().toStdString());
+      EXPECT_EQ(item.toObject().keys(), QStringList{"path"});  // what "fields" asked, no more
+    }
+    if (!key.empty())
+      last_key = key;
     key = page["iteration_key"].toString().toStdString();
     if (++pages == 1)
       emulator_->account().CreateFolder(emulator_->account().RootId(), "later", nullptr);
@@ -157,7 +172,9 @@ TEST_F(YandexDialectTest, JsonSnapshotPagesShareOneRevision) {
                                              "disk:/f2",   "disk:/f3",        "disk:/f4",
                                              "disk:/Docs", "disk:/Docs/a.txt"};
   EXPECT_EQ(paths, expected);
-  // 3. A key that was never given is refused.
+  // 3. The last page again, as after a lost answer; a key that was never given is refused.
+  EXPECT_EQ(Call("GET", "/v1/disk/resources/snapshot?iteration_key=" + Param(last_key)).status,
+            200);
   EXPECT_EQ(Call("GET", "/v1/disk/resources/snapshot?iteration_key=9:0").status, 400);
 }
 
@@ -174,7 +191,8 @@ TEST_F(YandexDialectTest, DeltasFollowTheAccountsChanges) {
   ASSERT_EQ(Call("POST", "/v1/disk/resources/move?from=disk:/New/f.txt&path=disk:/g.txt").status,
             201);
   ASSERT_EQ(Call("DELETE", "/webdav/g.txt").status, 204);
-  ASSERT_EQ(Call("DELETE", "/v1/disk/resources?path=disk:/Moved&permanently=true").status, 204);
+  // A folder that isn't empty goes by operation, which has done its work when it is answered.
+  ASSERT_EQ(Call("DELETE", "/v1/disk/resources?path=disk:/Moved&permanently=true").status, 202);
   const std::string now = Revision();
   // 2. The deltas over pages, each under the revision that the first page fixed.
   std::vector<std::string> seen;
@@ -219,6 +237,24 @@ TEST_F(YandexDialectTest, DeltasFollowTheAccountsChanges) {
   // 3. Nothing new since now.
   test::Answer quiet = Call("GET", "/v1/disk/resources/deltas?base_revision=" + now);
   EXPECT_EQ(Json(quiet.body)["items"].toArray().size(), 0) << quiet.body;
+}
+
+TEST_F(YandexDialectTest, FilesStillBeingHashedComeWithoutDigests) {
+  emulators::YandexOptions options;
+  options.unhashed_answers = 2;
+  Start(options);
+  const std::string base = Revision();
+  ASSERT_EQ(Call("PUT", "/webdav/Docs/fresh.txt", "abc").status, 201);
+  for (bool hashed : {false, false, true}) {
+    QJsonObject resource =
+        Json(Call("GET", "/v1/disk/resources/deltas?base_revision=" + base).body)["items"]
+            .toArray()
+            .at(0)["resource"]
+            .toObject();
+    EXPECT_EQ(resource.contains("md5"), hashed);
+    EXPECT_EQ(resource.contains("sha256"), hashed);
+    EXPECT_EQ(resource["size"].toInt(), 3);
+  }
 }
 
 TEST_F(YandexDialectTest, ErrorsCarryYandexBodies) {
@@ -314,11 +350,20 @@ TEST_F(YandexDialectTest, WebDavAnswersAsYandexDoes) {
        {"<d:quota-used-bytes>305</d:quota-used-bytes>",
         "<max-file-size xmlns=\"urn:yandex:disk:meta\">53687091200</max-file-size>",
         "<trash-used-bytes xmlns=\"urn:yandex:disk:meta\">0</trash-used-bytes>"}},
+      {"a path glued to the host's", "PROPFIND", "/webdavDocs", listing, "Depth: 0", 404, {}},
       {"depth infinity", "PROPFIND", "/webdav/", listing, "Depth: infinity", 403, {}},
       {"malformed XML",
        "PROPFIND",
        "/webdav/",
        "<propfind xmlns=\"DAV:\"><prop>",
+       "Depth: 0",
+       400,
+       {}},
+      {"PROPPATCH with a propfind", "PROPPATCH", "/webdav/big", listing, "", 400, {}},
+      {"a root outside DAV:",
+       "PROPFIND",
+       "/webdav/",
+       "<propfind xmlns=\"x:\"/>",
        "Depth: 0",
        400,
        {}},
@@ -390,6 +435,8 @@ TEST_F(YandexDialectTest, DeadPropertiesAndPublicLinksOverProppatch) {
       R"(xmlns:u="backups_metainfo"><set><prop><u:local_path>C:\a&amp;&lt;b</u:local_path>)"
       R"(<u:size>42</u:size></prop></set></propertyupdate>)";
   ASSERT_EQ(Call("PROPPATCH", "/webdav/disk/Docs", set).status, 207);
+  EXPECT_EQ(emulator_->account().FindByPath("Docs")->properties.at("{backups_metainfo}local_path"),
+            "C:\\a&<b");
   const std::string ask =
       R"(<propfind xmlns="DAV:"><prop><local_path xmlns="backups_metainfo"/>)"
       R"(<size xmlns="backups_metainfo"/><cloud_path xmlns="backups_metainfo"/></prop></propfind>)";
@@ -467,6 +514,9 @@ TEST_F(YandexDialectTest, LargeFoldersAndAcceptedUploadsGoByOperation) {
   for (const char* status : {"in-progress", "in-progress", "success"})
     EXPECT_EQ(Json(test::Fetch("GET", href, kToken).body)["status"], status);
   EXPECT_FALSE(emulator_->account().FindByPath("Docs"));
+  // The same operation by path.
+  std::string id = href.substr(href.find("?id=") + 4);
+  EXPECT_EQ(Json(Call("GET", "/v1/disk/operations/" + id).body)["status"], "success");
   // 3. An upload answered 202 ends by its operation.
   QJsonObject link = Json(Call("GET", "/v1/disk/resources/upload?path=disk:/u").body);
   test::Answer put = test::Fetch("PUT", link["href"].toString().toStdString(), "", "data");
@@ -476,3 +526,81 @@ TEST_F(YandexDialectTest, LargeFoldersAndAcceptedUploadsGoByOperation) {
 }
 
 }  // namespace
+
+TEST_F(YandexDialectTest, BigUploadsKeepOnlyTheirDigests) {
+  emulators::YandexOptions options;
+  options.max_file_size = 5000;
+  Start(options);
+  emulator_->server().SetBodyKeepLimit(100);
+  const std::string bytes(1000, 'z');
+  const emulators::ContentDigests digests = emulators::ContentHasher::Of(bytes);
+  const std::string announced = "Etag: " + digests.md5 + "\nSha256: " + digests.sha256;
+  // 1. Over WebDAV: checked against its headers, kept as size and digests.
+  EXPECT_EQ(Call("PUT", "/webdav/lie.bin", bytes + "!", announced).status, 400);
+  EXPECT_EQ(Call("PUT", "/webdav/big.bin", bytes, announced).status, 201);
+  std::optional<emulators::Item> big = emulator_->account().FindByPath("big.bin");
+  ASSERT_TRUE(big);
+  EXPECT_EQ(big->size, bytes.size());
+  EXPECT_FALSE(big->content);
+  EXPECT_EQ(big->digests.sha256, digests.sha256);
+  EXPECT_FALSE(emulator_->account().FindByPath("lie.bin"));
+  // Its hashes are in the snapshot; its bytes can't be read.
+  EXPECT_NE(Call("GET", "/webdav/disk?index&v=3").body.find(Raw(digests.sha256)),
+            std::string::npos);
+  EXPECT_EQ(Call("GET", "/webdav/big.bin").status, 404);
+  // 2. By an upload link, the same.
+  QJsonObject link = Json(Call("GET", "/v1/disk/resources/upload?path=disk:/linked.bin").body);
+  EXPECT_EQ(test::Fetch("PUT", link["href"].toString().toStdString(), "", bytes).status, 201);
+  EXPECT_EQ(emulator_->account().FindByPath("linked.bin")->digests.md5, digests.md5);
+  // 3. Above the largest file, refused before the bytes.
+  const std::string huge(6000, 'h');
+  EXPECT_EQ(Call("PUT", "/webdav/huge.bin", huge).status, 413);
+  test::Answer refused = Call("GET", "/v1/disk/resources/upload?path=disk:/huge.bin&size=6000");
+  EXPECT_EQ(refused.status, 413);
+  EXPECT_EQ(Json(refused.body)["error"], "FileTooBigError");
+}
+
+TEST_F(YandexDialectTest, FaultsReachTheWebDavHost) {
+  // 1. A snapshot cut after ten bytes.
+  emulators::FaultRule cut;
+  cut.verb = "GET";
+  cut.path_prefix = "/webdav/disk";
+  cut.fault.cut_after = 10;
+  emulator_->faults().Add(cut);
+  test::Answer answer = Call("GET", "/webdav/disk?index&v=3");
+  EXPECT_EQ(answer.code, CURLE_PARTIAL_FILE);
+  EXPECT_EQ(answer.body.size(), 10u);
+  // 2. A listing answered 503, with Yandex's body, then served again.
+  emulators::FaultRule busy;
+  busy.verb = "PROPFIND";
+  busy.fault.status = 503;
+  emulator_->faults().Add(busy);
+  answer = Call("PROPFIND", "/webdav/", "", "Depth: 1");
+  EXPECT_EQ(answer.status, 503);
+  EXPECT_EQ(Json(answer.body)["error"], "DiskServiceUnavailableError");
+  EXPECT_EQ(Call("PROPFIND", "/webdav/", "", "Depth: 1").status, 207);
+  // The request log shows the snapshot's query as sent.
+  std::vector<emulators::HttpRequest> log = emulator_->server().Requests();
+  ASSERT_FALSE(log.empty());
+  EXPECT_EQ(log.front().query, YandexDialect::kSnapshotQuery);
+}
+
+TEST_F(YandexDialectTest, NamesThatNeedEncodingRoundTrip) {
+  for (const std::string name : {"a b+c.txt", "Мой файл.txt", "emoji 😀", "100%.txt", "q?&#.bin"}) {
+    SCOPED_TRACE(name);
+    const std::string href = "/webdav/Docs/" + emulators::EncodePath(name);
+    ASSERT_EQ(Call("PUT", href, name).status, 201);
+    // The listing names it by its encoded href, the read and the REST API by its name.
+    test::Answer listing = Call("PROPFIND", "/webdav/Docs", "", "Depth: 1");
+    EXPECT_NE(listing.body.find("<d:href>" + href + "</d:href>"), std::string::npos)
+        << listing.body;
+    EXPECT_EQ(Call("GET", href).body, name);
+    QJsonObject resource =
+        Json(Call("GET", "/v1/disk/resources?path=" + Param("disk:/Docs/" + name)).body);
+    EXPECT_EQ(resource["name"].toString().toStdString(), name);
+    EXPECT_EQ(resource["size"].toInt(), static_cast<int>(name.size()));
+    // The snapshot carries the name as it is.
+    EXPECT_NE(Call("GET", "/webdav/disk/Docs?index&v=3").body.find("Docs/" + name),
+              std::string::npos);
+  }
+}
