@@ -5,7 +5,9 @@
 
 #include <algorithm>
 
+#include "core/Clock.h"
 #include "core/Endpoints.h"
+#include "core/LoggerWrapper.h"
 #include "core/Nodes.h"
 #include "core/RadarsLogger.h"
 #include "core/RemoteFileSystemFactory.h"
@@ -32,8 +34,8 @@ std::string NameOf(int i, bool folder) {
 
 class YandexEmulatorTest : public testing::Test {
  protected:
-  void SetUp() override {
-    emulators::YandexOptions options;
+  void SetUp() override { Start(emulators::YandexOptions()); }
+  void Start(emulators::YandexOptions options) {
     options.snapshot_page = 700;
     options.deltas_page = 3;
     std::string error;
@@ -155,6 +157,22 @@ TEST_F(YandexEmulatorTest, MountedFolderLoadsThroughTheBinarySnapshot) {
   EXPECT_EQ(paths, (std::vector<std::string>{"inside.txt", "", ""}));
 }
 
+TEST_F(YandexEmulatorTest, ABrokenBinarySnapshotFallsBackOnTheWalk) {
+  emulators::YandexOptions options;
+  options.edit_snapshot = [](std::string* body) { (*body)[0] = '\x07'; };
+  Start(options);
+  const std::string mount = NameOf(0, true);
+  auto fs = test::OpenYandex(mount, &factory_);
+  ASSERT_NE(fs, nullptr);
+  RadarsLogger::Capture metrics;
+  LoggerWrapper::Capture log;
+  FolderNode root;
+  ASSERT_EQ(Tree(fs.get(), &root), Result::SUCCEEDED);
+  EXPECT_TRUE(log.Contains("Unknown entry type: 7 at 0"));
+  EXPECT_EQ(metrics.Count("yandex_disk_fallback_snapshot"), 1u);
+  EXPECT_EQ(Sorted(test::TreeLines(root)), Model(mount, false));
+}
+
 TEST_F(YandexEmulatorTest, AMountedFolderThatIsNotThereIsAConflictAtOnce) {
   auto fs = test::OpenYandex("Nowhere", &factory_);
   ASSERT_NE(fs, nullptr);
@@ -212,6 +230,43 @@ TEST_F(YandexEmulatorTest, DeltasBringTheDisksChanges) {
   // 3. Nothing more since.
   ASSERT_EQ(fs->GetChanges(&changes), Result::SUCCEEDED);
   EXPECT_TRUE(changes.empty());
+}
+
+TEST_F(YandexEmulatorTest, AFileStillBeingHashedIsAskedForUntilItsHashComes) {
+  struct Case {
+    int unhashed;
+    Result result;
+    std::size_t noHash;
+    bool renew;
+  };
+  const Case cases[] = {{2, Result::SUCCEEDED, 2, false}, {20, Result::FAILED, 10, true}};
+  for (const Case& c : cases) {
+    emulators::YandexOptions options;
+    options.unhashed_answers = c.unhashed;
+    Start(options);
+    auto fs = test::OpenYandex("", &factory_);
+    ASSERT_NE(fs, nullptr);
+    FolderNode root;
+    ASSERT_EQ(Tree(fs.get(), &root), Result::SUCCEEDED);
+    emulators::CloudAccount& account = emulator_->account();
+    ASSERT_EQ(account.CreateFile(account.RootId(), "fresh.txt", "abc", kBaseMs, nullptr),
+              AccountError::kNone);
+    utils::ManualClock clock;
+    utils::ScopedClock scoped(&clock);
+    RadarsLogger::Capture metrics;
+    std::queue<FileSystem::Change> changes;
+    EXPECT_EQ(fs->GetChanges(&changes), c.result) << c.unhashed;
+    EXPECT_EQ(metrics.Count("yandex_no_hash"), c.noHash) << c.unhashed;
+    EXPECT_EQ(metrics.Count("yandex_no_hash_get_tree"), c.renew ? 1u : 0u) << c.unhashed;
+    EXPECT_EQ(fs->ShouldRenewTree(), c.renew) << c.unhashed;
+    std::uint64_t free = 0;
+    for (; !changes.empty(); changes.pop()) {
+      EXPECT_TRUE(fs->ApplyRemoteChange(changes.front(), &root, &free, &total_));
+    }
+    if (!c.renew) {
+      EXPECT_EQ(Sorted(test::TreeLines(root)), Model("", false)) << c.unhashed;
+    }
+  }
 }
 
 }  // namespace
