@@ -8,6 +8,7 @@
 #include "services/RemoteFileSystemFactoryHuawei.h"
 #include "services/RemoteFileSystemFactoryOneDrive.h"
 #include "services/RemoteFileSystemFactoryWebDAV.h"
+#include "services/RemoteFileSystemFactoryYandex.h"
 
 namespace {
 
@@ -26,6 +27,7 @@ struct FactoryRow {
 // One row per service this library serves; an id without a row has no factory.
 constexpr FactoryRow kFactories[] = {
     {CloudServiceId::DROPBOX, &Make<RemoteFileSystemFactoryDropbox>},
+    {CloudServiceId::YANDEX, &Make<RemoteFileSystemFactoryYandex>},
     {CloudServiceId::GOOGLE, &Make<RemoteFileSystemFactoryGoogle>},
     {CloudServiceId::WEBDAV, &Make<RemoteFileSystemFactoryWebDAV>},
     {CloudServiceId::BOX, &Make<RemoteFileSystemFactoryBox>},

@@ -85,18 +85,7 @@ FileSystem::Result RemoteFileSystemWebDAV::CheckConnection() {
 }
 
 DispatcherUrl RemoteFileSystemWebDAV::MakeRequestUrl(const std::string& path, bool asFolder) {
-  std::string full;
-  if (!mountedRoot_.empty() && path != "/") {
-    full = mountedRoot_;
-  }
-  if (!path.empty() && path.front() != '/') {
-    full += "/";
-  }
-  full += path;
-  while (!full.empty() && full.back() == '/') {
-    full.pop_back();
-  }
-  return RemoteFileSystemWebDAVBase::MakeRequestUrl(full, asFolder);
+  return RemoteFileSystemWebDAVBase::MakeRequestUrl(PathBelowMount(mountedRoot_, path), asFolder);
 }
 
 SomeHash RemoteFileSystemWebDAV::MakeHashFromServerValue(const std::string& value) {

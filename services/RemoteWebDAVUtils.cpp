@@ -1,6 +1,7 @@
 #include "services/RemoteWebDAVUtils.h"
 
 #include "core/Cookie.h"
+#include "core/Endpoints.h"
 #include "core/InputStream.h"
 #include "core/LoggerWrapper.h"
 #include "core/URLProcessor.h"
@@ -71,6 +72,25 @@ DispatcherUrl GetBaseUrlFromCookie(URLProcessor* urlProcessor) {
     LOG_ERROR << "No base url.";
   }
   return url;
+}
+
+DispatcherUrl GetYandexWebDavUrl() {
+  return DispatcherUrl::FromString(Endpoints::Get(Endpoints::kYandexWebDAV));
+}
+
+std::string PathBelowMount(const std::string& mountedRoot, const std::string& path) {
+  std::string full;
+  if (!mountedRoot.empty() && path != "/") {
+    full = mountedRoot;
+  }
+  if (!path.empty() && path.front() != '/') {
+    full += "/";
+  }
+  full += path;
+  while (!full.empty() && full.back() == '/') {
+    full.pop_back();
+  }
+  return full;
 }
 
 std::string ReadAnswerPrefix(InputStream* input, std::uint32_t limit) {

@@ -29,5 +29,13 @@ FileSystem::Result GetResultFromHttpCodeOrFailed(int code);
 // the credentials are of another kind. Sets the pCloud time-out on the processor.
 DispatcherUrl GetBaseUrlFromCookie(URLProcessor* urlProcessor);
 
+// The Yandex Disk WebDAV host (Endpoints::kYandexWebDAV): its account comes with a token, not with
+// a server address.
+DispatcherUrl GetYandexWebDavUrl();
+
+// `path` of an adapter below its mounted folder (`mountedRoot`, "/backups" or ""), with a leading
+// "/" and none at the end; "/" names the server's root itself.
+std::string PathBelowMount(const std::string& mountedRoot, const std::string& path);
+
 // Reads at most `limit` bytes of an answer's body: enough to log what a server said of a refusal.
 std::string ReadAnswerPrefix(InputStream* input, std::uint32_t limit = 4096);
