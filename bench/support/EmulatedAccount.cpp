@@ -1,5 +1,9 @@
 #include "support/EmulatedAccount.h"
 
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <sstream>
 #include <stdexcept>
 
 #include "core/Cookie.h"
@@ -9,6 +13,39 @@
 
 namespace bench {
 
+namespace {
+
+// The child's side: the emulator, its endpoints as "NAME URL" lines on `out`, then serving until
+// the parent closes `life`.
+[[noreturn]] void ServeInChild(const std::string& service, const EmulatedAccount::Prepare& prepare,
+                               int out, int life) {
+  std::string error;
+  std::unique_ptr<emulators::Emulator> emulator = emulators::Emulator::Start(service, 0, &error);
+  std::string lines;
+  if (emulator) {
+    prepare(emulator->account());
+    for (const auto& [name, url] : emulator->Endpoints())
+      lines += name + " " + url + "\n";
+  }
+  if (write(out, lines.data(), lines.size()) != static_cast<ssize_t>(lines.size()))
+    _exit(1);
+  close(out);
+  char byte;
+  while (read(life, &byte, 1) > 0) {
+  }
+  _exit(0);
+}
+
+std::string ReadAll(int fd) {
+  std::string text;
+  char buffer[4096];
+  for (ssize_t n; (n = read(fd, buffer, sizeof(buffer))) > 0;)
+    text.append(buffer, static_cast<std::size_t>(n));
+  return text;
+}
+
+}  // namespace
+
 EmulatedAccount::EmulatedAccount(const std::string& service, CloudServiceId id) {
   std::string error;
   emulator_ = emulators::Emulator::Start(service, 0, &error);
@@ -16,15 +53,57 @@ EmulatedAccount::EmulatedAccount(const std::string& service, CloudServiceId id) 
     throw std::runtime_error("the " + service + " emulator did not start: " + error);
   for (const auto& [name, url] : emulator_->Endpoints())
     Endpoints::Override(name, url);
-  factory_.reset(H6BA54F7D00(id, std::string()));
-  if (!factory_)
-    throw std::runtime_error("the library has no factory for " + service);
+  MakeFactory(service, id);
+}
+
+EmulatedAccount::EmulatedAccount(const std::string& service, CloudServiceId id,
+                                 const Prepare& prepare) {
+  // 1. The child, with a pipe for its endpoints and one whose end tells it to stop.
+  int endpoints[2], life[2];
+  if (pipe(endpoints) != 0 || pipe(life) != 0)
+    throw std::runtime_error("no pipe for the emulator's process");
+  child_ = fork();
+  if (child_ < 0)
+    throw std::runtime_error("the emulator's process could not be forked");
+  if (child_ == 0) {
+    close(endpoints[0]);
+    close(life[1]);
+    ServeInChild(service, prepare, endpoints[1], life[0]);
+  }
+  close(endpoints[1]);
+  close(life[0]);
+  child_life_fd_ = life[1];
+  // 2. Its endpoints, or none when it could not start.
+  std::istringstream lines(ReadAll(endpoints[0]));
+  close(endpoints[0]);
+  std::string name, url;
+  bool any = false;
+  while (lines >> name >> url) {
+    Endpoints::Override(name, url);
+    any = true;
+  }
+  if (!any) {
+    close(child_life_fd_);
+    waitpid(child_, nullptr, 0);
+    throw std::runtime_error("the " + service + " emulator did not start in its process");
+  }
+  MakeFactory(service, id);
 }
 
 EmulatedAccount::~EmulatedAccount() {
   factory_.reset();
   emulator_.reset();
+  if (child_ > 0) {
+    close(child_life_fd_);
+    waitpid(child_, nullptr, 0);
+  }
   Endpoints::ResetOverrides();
+}
+
+void EmulatedAccount::MakeFactory(const std::string& service, CloudServiceId id) {
+  factory_.reset(H6BA54F7D00(id, std::string()));
+  if (!factory_)
+    throw std::runtime_error("the library has no factory for " + service);
 }
 
 std::unique_ptr<RemoteFileSystem> EmulatedAccount::Open() {

@@ -46,6 +46,13 @@ SomeHash HashOf(RemoteFileSystem& fs, const ContentSource& content, std::uint64_
   return calculator->Finish();
 }
 
+// Adapters that address items by id find them in the id tree the whole tree fills.
+FileSystem::Result LoadTree(RemoteFileSystem& fs, FolderNode* root) {
+  std::uint64_t free = 0, total = 0;
+  tsl::htrie_set<char> service_items;
+  return fs.GetFullTree(root, &free, &total, &service_items);
+}
+
 }  // namespace
 
 std::uint64_t ScaledBytes(std::uint64_t bytes) {
@@ -103,15 +110,19 @@ ContentSource Payload::Source() const {
 
 Timing UploadThrough(RemoteFileSystem& fs, const std::string& path, const ContentSource& content,
                      std::uint64_t size, std::uint32_t block) {
-  // 1. The hash the core would announce.
+  // 1. The tree and the hash, as the core has them before it uploads.
+  FolderNode root;
+  FileSystem::Result result = LoadTree(fs, &root);
+  if (result != FileSystem::SUCCEEDED)
+    return Failed("GetFullTree", result);
   const SomeHash hash = HashOf(fs, content, size);
   if (fs.SupportsResumingUpload())
     fs.SetFileHashToResumeInterruptedUpload(hash);
   // 2. The upload, block by block.
   const auto start = std::chrono::steady_clock::now();
   std::uint64_t resume = 0;
-  FileSystem::Result result = fs.OpenForCreate(FileSystem::OverwriteControl(), path, hash, size,
-                                               1700000000, &resume, false);
+  result = fs.OpenForCreate(FileSystem::OverwriteControl(), path, hash, size, 1700000000, &resume,
+                            false);
   if (result != FileSystem::SUCCEEDED)
     return Failed("OpenForCreate", result);
   std::vector<std::uint8_t> buffer(block);
@@ -127,6 +138,9 @@ Timing UploadThrough(RemoteFileSystem& fs, const std::string& path, const Conten
   result = fs.CloseFile(&props);
   if (result != FileSystem::SUCCEEDED)
     return Failed("CloseFile", result);
+  // 3. The server's hash of what it holds, where the adapter reports one.
+  if (!props.hash.IsEmpty() && props.hash.GetType() == hash.GetType() && props.hash != hash)
+    return Failed("the server holds " + props.hash.ToHexString() + ", not " + hash.ToHexString());
   Timing timing;
   timing.ok = true;
   timing.seconds = SecondsSince(start);
@@ -137,9 +151,7 @@ Timing DownloadThrough(RemoteFileSystem& fs, const std::string& path, std::uint6
                        std::uint32_t block) {
   // 1. The file's node, as the core has it from its tree.
   FolderNode root;
-  std::uint64_t free = 0, total = 0;
-  tsl::htrie_set<char> service_items;
-  FileSystem::Result result = fs.GetFullTree(&root, &free, &total, &service_items);
+  FileSystem::Result result = LoadTree(fs, &root);
   if (result != FileSystem::SUCCEEDED)
     return Failed("GetFullTree", result);
   auto [folder, name] = root.TraversePath(path, true);

@@ -62,8 +62,10 @@ struct Timing {
   std::string out;    // curl's standard output
 };
 
-// The service's hash of the content first (untimed, as the core has it before an upload), then
-// OpenForCreate, WriteFile in blocks of `block` bytes and CloseFile, timed.
+// The account's tree and the service's hash of the content first (untimed, as the core has them
+// before an upload), then
+// OpenForCreate, WriteFile in blocks of `block` bytes and CloseFile, timed. No figure when the
+// server's hash that CloseFile reports differs from the announced one.
 Timing UploadThrough(RemoteFileSystem& fs, const std::string& path, const ContentSource& content,
                      std::uint64_t size, std::uint32_t block);
 // The file's node from a tree of the account (untimed), then OpenForRead of the whole file,
