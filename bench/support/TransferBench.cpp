@@ -87,9 +87,9 @@ ContentSource Payload::Source() const {
   auto open_piece = std::make_shared<std::size_t>(SIZE_MAX);
   return [this, in, open_piece](std::uint64_t offset, std::uint8_t* out, std::size_t size) {
     while (size > 0) {
-      const std::size_t piece = static_cast<std::size_t>(offset / piece_size_);
-      if (piece >= pieces_.size())
+      if (offset >= size_)
         return false;
+      const std::size_t piece = static_cast<std::size_t>(offset / piece_size_);
       if (piece != *open_piece) {
         in->close();
         in->open(pieces_[piece], std::ios::binary);
