@@ -18,7 +18,7 @@ void BM_BoxFullTree(benchmark::State& state) {
   const bench::TreeShape shape = bench::TreeShape::Default();
   // The emulator serves from a child process: the CPU and memory figures are the adapter's.
   bench::EmulatedAccount box(
-      "box", CloudServiceId::BOX,
+      emulators::MakeDialect("box"), CloudServiceId::BOX,
       [&shape](emulators::CloudAccount& account) { bench::SeedAccount(&account, shape); });
   // A fresh adapter, as a new account would start.
   std::unique_ptr<RemoteFileSystem> fs = box.Open();

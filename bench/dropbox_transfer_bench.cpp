@@ -23,7 +23,8 @@ constexpr std::uint32_t kOddBlock = 999983;
 constexpr std::uint64_t kCurlPiece = 64ull << 20;
 
 struct DropboxAccount : bench::EmulatedAccount {
-  DropboxAccount() : bench::EmulatedAccount("dropbox", CloudServiceId::DROPBOX) {}
+  DropboxAccount()
+      : bench::EmulatedAccount(emulators::MakeDialect("dropbox"), CloudServiceId::DROPBOX) {}
 
   bench::CurlRequest Content(const std::string& call, const std::string& arg,
                              const std::string& body_file) {
@@ -84,7 +85,7 @@ bench::Timing CurlDownload(DropboxAccount& dropbox, const std::string& path, std
 void BM_DropboxUploadMemory(benchmark::State& state) {
   const std::uint64_t size = bench::ScaledBytes(state.range(0) << 20) + 7;
   bench::EmulatedAccount dropbox(
-      "dropbox", CloudServiceId::DROPBOX,
+      emulators::MakeDialect("dropbox"), CloudServiceId::DROPBOX,
       [](emulators::CloudAccount& account) { account.SetKeepContentLimit(0); });
   std::unique_ptr<RemoteFileSystem> fs = dropbox.Open();
   for (auto _ : state) {

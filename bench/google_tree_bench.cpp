@@ -23,7 +23,7 @@ void BM_GoogleFullTree(benchmark::State& state) {
   const bench::TreeShape shape = bench::TreeShape::Default();
   // The emulator serves from a child process: the CPU and memory figures are the adapter's.
   bench::EmulatedAccount drive(
-      "google", CloudServiceId::GOOGLE,
+      emulators::MakeDialect("google"), CloudServiceId::GOOGLE,
       [&shape](emulators::CloudAccount& account) { bench::SeedAccount(&account, shape); });
   std::unique_ptr<RemoteFileSystem> fs = drive.Open();
   bench::MeasureListing(state, shape, [&fs](FolderNode* root) {

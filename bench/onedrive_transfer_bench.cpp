@@ -19,7 +19,8 @@ constexpr std::uint32_t kOddBlock = 999983;
 constexpr std::uint64_t kCurlPiece = 49152000;
 
 struct OneDriveAccount : bench::EmulatedAccount {
-  OneDriveAccount() : bench::EmulatedAccount("onedrive", CloudServiceId::ONEDRIVE) {}
+  OneDriveAccount()
+      : bench::EmulatedAccount(emulators::MakeDialect("onedrive"), CloudServiceId::ONEDRIVE) {}
 
   std::string ItemUrl(const std::string& path, const std::string& call) {
     return emulator().BaseUrl() + "/v1.0/me/drive/root:/" + path + ":/" + call;

@@ -17,10 +17,11 @@ namespace {
 
 // The child's side: the emulator, its endpoints as "NAME URL" lines on `out`, then serving until
 // the parent closes `life`.
-[[noreturn]] void ServeInChild(const std::string& service, const EmulatedAccount::Prepare& prepare,
-                               int out, int life) {
+[[noreturn]] void ServeInChild(std::unique_ptr<emulators::Dialect> dialect,
+                               const EmulatedAccount::Prepare& prepare, int out, int life) {
   std::string error;
-  std::unique_ptr<emulators::Emulator> emulator = emulators::Emulator::Start(service, 0, &error);
+  std::unique_ptr<emulators::Emulator> emulator =
+      emulators::Emulator::Start(std::move(dialect), 0, &error);
   std::string lines;
   if (emulator) {
     prepare(emulator->account());
@@ -46,9 +47,10 @@ std::string ReadAll(int fd) {
 
 }  // namespace
 
-EmulatedAccount::EmulatedAccount(const std::string& service, CloudServiceId id) {
+EmulatedAccount::EmulatedAccount(std::unique_ptr<emulators::Dialect> dialect, CloudServiceId id) {
+  const std::string service = dialect->Service();
   std::string error;
-  emulator_ = emulators::Emulator::Start(service, 0, &error);
+  emulator_ = emulators::Emulator::Start(std::move(dialect), 0, &error);
   if (!emulator_)
     throw std::runtime_error("the " + service + " emulator did not start: " + error);
   for (const auto& [name, url] : emulator_->Endpoints())
@@ -56,8 +58,9 @@ EmulatedAccount::EmulatedAccount(const std::string& service, CloudServiceId id) 
   MakeFactory(service, id);
 }
 
-EmulatedAccount::EmulatedAccount(const std::string& service, CloudServiceId id,
+EmulatedAccount::EmulatedAccount(std::unique_ptr<emulators::Dialect> dialect, CloudServiceId id,
                                  const Prepare& prepare) {
+  const std::string service = dialect->Service();
   // 1. The child, with a pipe for its endpoints and one whose end tells it to stop.
   int endpoints[2], life[2];
   if (pipe(endpoints) != 0 || pipe(life) != 0)
@@ -68,7 +71,7 @@ EmulatedAccount::EmulatedAccount(const std::string& service, CloudServiceId id,
   if (child_ == 0) {
     close(endpoints[0]);
     close(life[1]);
-    ServeInChild(service, prepare, endpoints[1], life[0]);
+    ServeInChild(std::move(dialect), prepare, endpoints[1], life[0]);
   }
   close(endpoints[1]);
   close(life[0]);

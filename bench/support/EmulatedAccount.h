@@ -1,14 +1,14 @@
 // EmulatedAccount: a service's emulator on a free loopback port with the library's endpoints
 // pointed at it, and adapters of one factory opened on it as the core opens them.
 //
-//   bench::EmulatedAccount drive("google", CloudServiceId::GOOGLE);
+//   bench::EmulatedAccount drive(emulators::MakeDialect("google"), CloudServiceId::GOOGLE);
 //   drive.account().CreateFolder(drive.account().RootId(), "Docs", nullptr);
 //   std::unique_ptr<RemoteFileSystem> fs = drive.Open();
 //
 // An emulator in a child process keeps its memory out of the figures of this one: what a
 // measurement of the resident memory then sees is the adapter's alone.
 //
-//   bench::EmulatedAccount dropbox("dropbox", CloudServiceId::DROPBOX,
+//   bench::EmulatedAccount dropbox(emulators::MakeDialect("dropbox"), CloudServiceId::DROPBOX,
 //                                  [](emulators::CloudAccount& a) { a.SetKeepContentLimit(0); });
 #pragma once
 
@@ -29,12 +29,13 @@ class EmulatedAccount {
  public:
   using Prepare = std::function<void(emulators::CloudAccount& account)>;
 
-  // In this process. `service`: the emulator's dialect name ("google", "onedrive", ...). Throws
-  // when the emulator can't start, which ends the benchmark with the reason.
-  EmulatedAccount(const std::string& service, CloudServiceId id);
+  // In this process. Throws when the emulator can't start, which ends the benchmark with the
+  // reason.
+  EmulatedAccount(std::unique_ptr<emulators::Dialect> dialect, CloudServiceId id);
   // In a child process forked now, its account readied by `prepare` before it serves. Fork it
   // before this process has threads of its own (before any adapter or emulator here).
-  EmulatedAccount(const std::string& service, CloudServiceId id, const Prepare& prepare);
+  EmulatedAccount(std::unique_ptr<emulators::Dialect> dialect, CloudServiceId id,
+                  const Prepare& prepare);
   ~EmulatedAccount();
   EmulatedAccount(const EmulatedAccount&) = delete;
   EmulatedAccount& operator=(const EmulatedAccount&) = delete;

@@ -57,7 +57,7 @@ TEST(BenchCurl, RequestsOfOneProcessShareAConnectionAndAFailureHasNoFigure) {
 }
 
 TEST(BenchTransfer, AnUploadLandsWholeAndADifferentFileWithholdsTheFigure) {
-  bench::EmulatedAccount dropbox("dropbox", CloudServiceId::DROPBOX);
+  bench::EmulatedAccount dropbox(emulators::MakeDialect("dropbox"), CloudServiceId::DROPBOX);
   const std::uint64_t size = (3 << 20) + 7;
   emulators::Item same, other;
   dropbox.account().CreateGeneratedFile(dropbox.account().RootId(), "same.bin", size, &same);
@@ -84,7 +84,7 @@ TEST(BenchTree, AnAccountSeededInAChildProcessComesDownWhole) {
   shape.sub_folders = 3;
   shape.files_per_folder = 4;
   bench::EmulatedAccount box(
-      "box", CloudServiceId::BOX,
+      emulators::MakeDialect("box"), CloudServiceId::BOX,
       [&shape](emulators::CloudAccount& account) { bench::SeedAccount(&account, shape); });
   std::unique_ptr<RemoteFileSystem> fs = box.Open();
   ASSERT_NE(fs, nullptr);
