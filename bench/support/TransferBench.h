@@ -2,9 +2,10 @@
 // generated payload on disk, an upload and a download through an adapter, curl timed as a child
 // process, and the figures in MB/s.
 //
-//   bench::Payload payload(1ull << 30, 128ull << 20);     // 1 GiB of PatternBytes, in 8 files
-//   bench::MeasureTransfer(state, payload.size(),
-//       [&] { return bench::UploadThrough(*fs, "ours.bin", payload.Source(), payload.size()); },
+//   bench::Payload payload(1ull << 30, 64ull << 20);      // 1 GiB of PatternBytes, in 16 files
+//   bench::MeasureTransfer(
+//       state, payload.size(),
+//       [&] { return bench::UploadThrough(*fs, "a.bin", payload.Source(), payload.size(), 4096); },
 //       [&] { return bench::RunCurl({{"-T", payload.pieces()[0], url}}); });
 //
 // Both sides read the same bytes from the same files (in the page cache after the first run) and
