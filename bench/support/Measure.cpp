@@ -1,6 +1,7 @@
 #include "support/Measure.h"
 
 #include <benchmark/benchmark.h>
+#include <malloc.h>
 #include <sys/resource.h>
 
 #include <cstdio>
@@ -39,6 +40,8 @@ double ProcessCpuSeconds() {
 }  // namespace
 
 ResourceMeter::ResourceMeter() {
+  // Memory an earlier run freed would otherwise stay resident and be reused unseen.
+  malloc_trim(0);
   ResetPeakResident();
   resident_start_bytes_ = StatusBytes("VmRSS:");
   cpu_start_ = ProcessCpuSeconds();

@@ -22,8 +22,9 @@ struct Reading {
   double peak_growth_bytes = 0;
 };
 
-// Starting a meter resets the process's resident high-water mark (Linux's clear_refs), so that
-// two measurements in one process each see their own peak.
+// Starting a meter hands freed memory back to the system and resets the process's resident
+// high-water mark (Linux's clear_refs), so that two measurements in one process each see their
+// own peak.
 class ResourceMeter {
  public:
   ResourceMeter();
