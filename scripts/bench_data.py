@@ -4,14 +4,19 @@
   bench_data.py tree ROOT FOLDERS FILES    a tree of FOLDERS folders holding FILES empty files
   bench_data.py listing BODY ENTRIES       a multistatus body: one folder of ENTRIES files
   bench_data.py serve PORT_FILE BODY       a WebDAV folder on loopback whose Depth 1 listing is BODY
+  bench_data.py counter JSON BENCH COUNTER FORMAT
+                                           a counter of a bench/ program's JSON output: the median
+                                           over its repetitions, or n/a (and why, on stderr)
 
 File names carry a global serial ("f-0000042.dat", "d-0042-07"), so that anyone can count the
 items a listing tool printed, whatever its output format.
 """
 
 import http.server
+import json
 import math
 import os
+import statistics
 import sys
 
 LAST_MODIFIED = "Sat, 21 Nov 2026 10:00:00 GMT"
@@ -126,6 +131,29 @@ def serve(port_file, body):
     server.serve_forever()
 
 
+def counter(json_path, bench, name, form):
+    """BENCH is the benchmark's name up to its arguments: "BM_GoogleFullTree", "BM_Foo/100"."""
+    try:
+        with open(json_path) as results:
+            runs = json.load(results)["benchmarks"]
+    except (OSError, ValueError, KeyError) as error:
+        print("n/a")
+        sys.exit("%s: %s" % (json_path, error))
+    values = []
+    for run in runs:
+        if not run["name"].startswith(bench + "/"):
+            continue
+        if run.get("error_occurred"):
+            print("n/a")
+            sys.exit("%s: %s" % (bench, run.get("error_message", "failed")))
+        if run.get("run_type", "iteration") == "iteration" and name in run:
+            values.append(run[name])
+    if not values:
+        print("n/a")
+        sys.exit("%s: no %s in %s" % (bench, name, json_path))
+    print(form % statistics.median(values))
+
+
 def main(argv):
     if len(argv) == 4 and argv[0] == "tree":
         make_tree(argv[1], int(argv[2]), int(argv[3]))
@@ -133,6 +161,8 @@ def main(argv):
         write_listing(argv[1], int(argv[2]))
     elif len(argv) == 3 and argv[0] == "serve":
         serve(argv[1], argv[2])
+    elif len(argv) == 5 and argv[0] == "counter":
+        counter(argv[1], argv[2], argv[3], argv[4])
     else:
         sys.exit(__doc__)
 
