@@ -41,7 +41,10 @@ void DropTwins(std::vector<Entry>* entries, NameOf nameOf, const std::vector<std
     if (twin[i]) {
       LogDuplicate(nameOf((*entries)[i]));
     } else {
-      (*entries)[kept++] = std::move((*entries)[i]);
+      if (kept != i) {
+        (*entries)[kept] = std::move((*entries)[i]);
+      }
+      ++kept;
     }
   }
   entries->resize(kept);

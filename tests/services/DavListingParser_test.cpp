@@ -288,14 +288,14 @@ TEST_F(DavListingParserTest, EntriesOutsideTheListedFolderAreSkipped) {
       Multistatus(kSelf + FileEntry("/dav/my%20folder/kept") + FileEntry("/etc/shadow") +
                   FileEntry("/dav/other/x") + FolderEntry("/dav/my%20folder/deeper/down/") +
                   FileEntry("https://elsewhere.example/etc/passwd") + FileEntry("/dav/") +
-                  FolderEntry("/dav/my%20folder/sub/"));
+                  FolderEntry("///") + FileEntry("") + FolderEntry("/dav/my%20folder/sub/"));
   LoggerWrapper::Capture log;
   const Outcome outcome = ParseText(body);
   EXPECT_TRUE(outcome.ok);
   EXPECT_EQ(outcome.events,
             (std::vector<std::string>{"file kept 7 1699956000 \"e1\"", "folder sub"}));
   for (const char* href : {"/etc/shadow", "/dav/other/x", "/dav/my%20folder/deeper/down/",
-                           "https://elsewhere.example/etc/passwd", "/dav/"}) {
+                           "https://elsewhere.example/etc/passwd", "/dav/", "///"}) {
     EXPECT_TRUE(log.Contains(std::string("Skipping an entry outside the listed folder: ") + href))
         << href;
   }
@@ -360,35 +360,34 @@ TEST_F(DavListingParserTest, ABadEntryFailsTheListing) {
        Response("/dav/my%20folder/f.txt", "<D:getetag>e</D:getetag>"),
        {"No content length for element \"f.txt\"."}},
       {"length beyond 64 bits",
-       Response("/d/f", "<D:getcontentlength>18446744073709551616</D:getcontentlength>"),
+       Response("/dav/my%20folder/f",
+                "<D:getcontentlength>18446744073709551616</D:getcontentlength>"),
        {"Failed to parse integer from: 18446744073709551616", "No content length for element"}},
       {"negative length",
-       Response("/d/f", "<D:getcontentlength>-1</D:getcontentlength>"),
+       Response("/dav/my%20folder/f", "<D:getcontentlength>-1</D:getcontentlength>"),
        {"Failed to parse integer from: -1", "No content length for element"}},
       {"no status",
-       "<D:response><D:href>/d/f</D:href><D:propstat><D:prop>" + length +
+       "<D:response><D:href>/dav/my%20folder/f</D:href><D:propstat><D:prop>" + length +
            "</D:prop></D:propstat></D:response>",
-       {"Non successful http status in: /d/f"}},
+       {"Non successful http status in: /dav/my%20folder/f"}},
       {"lower case ok",
-       Response("/d/f", length, "HTTP/1.1 200 ok"),
-       {"Non successful http status in: /d/f"}},
+       Response("/dav/my%20folder/f", length, "HTTP/1.1 200 ok"),
+       {"Non successful http status in: /dav/my%20folder/f"}},
       {"multi-status",
-       Response("/d/f", length, "HTTP/1.1 207 Multi-Status"),
-       {"Non successful http status in: /d/f"}},
+       Response("/dav/my%20folder/f", length, "HTTP/1.1 207 Multi-Status"),
+       {"Non successful http status in: /dav/my%20folder/f"}},
       {"forbidden",
-       Response("/d/f", length, "HTTP/1.1 403 Forbidden"),
-       {"Non successful http status in: /d/f"}},
-      {"dot dot", Response("/d/..", length), {"Failed to get item name from href: /d/.."}},
+       Response("/dav/my%20folder/f", length, "HTTP/1.1 403 Forbidden"),
+       {"Non successful http status in: /dav/my%20folder/f"}},
+      {"dot dot",
+       Response("/dav/my%20folder/..", length),
+       {"Failed to get item name from href: /dav/my%20folder/.."}},
       {"slash once decoded",
-       Response("/d/a%2Fb", length),
-       {"Failed to get item name from href: /d/a%2Fb"}},
+       Response("/dav/my%20folder/a%2Fb", length),
+       {"Failed to get item name from href: /dav/my%20folder/a%2Fb"}},
       {"zero byte once decoded",
-       Response("/d/a%00b", length),
-       {"Failed to get item name from href: /d/a%00b"}},
-      {"folder of only slashes after the listed one",
-       FolderEntry("///"),
-       {"Failed to get item name from href: ///"}},
-      {"file with an empty href", Response("", length), {"Failed to get item name from href: "}},
+       Response("/dav/my%20folder/a%00b", length),
+       {"Failed to get item name from href: /dav/my%20folder/a%00b"}},
   };
   for (const Case& test : cases) {
     SCOPED_TRACE(test.name);
