@@ -1,5 +1,6 @@
 #include "services/RemoteFileSystemGoogle.h"
 
+#include <cerrno>
 #include <cstdlib>
 
 #include "core/Clock.h"
@@ -28,10 +29,15 @@ std::string Text(const utils::json::json_tree& json, const char* dotted_path) {
   return child ? child->data() : std::string();
 }
 
+// A whole decimal number of Drive's JSON text; anything else, or a number out of range, is 0.
 std::uint64_t Number(const std::string& text) {
+  if (text.empty() || text[0] == '-') {
+    return 0;
+  }
+  errno = 0;
   char* end = nullptr;
   unsigned long long value = std::strtoull(text.c_str(), &end, 10);
-  return text.empty() || *end != '\0' ? 0 : value;
+  return *end != '\0' || errno != 0 ? 0 : value;
 }
 
 // A value inside single quotes of Drive's query language.
@@ -78,16 +84,20 @@ RemoteFileSystemGoogle::RemoteFileSystemGoogle(
 RemoteFileSystemGoogle::~RemoteFileSystemGoogle() = default;
 
 void RemoteFileSystemGoogle::Start() {
-  if (std::shared_ptr<URLProcessor> http = Client()) {
-    http->Start();
+  for (const std::shared_ptr<URLProcessor>& http : {Client(), FeedClient()}) {
+    if (http) {
+      http->Start();
+    }
   }
   RemoteFileSystem::Start();
   WakeChanges();
 }
 
 void RemoteFileSystemGoogle::Stop() {
-  if (std::shared_ptr<URLProcessor> http = Client()) {
-    http->Stop();
+  for (const std::shared_ptr<URLProcessor>& http : {Client(), FeedClient()}) {
+    if (http) {
+      http->Stop();
+    }
   }
   RemoteFileSystem::Stop();
   WakeChanges();
@@ -96,6 +106,11 @@ void RemoteFileSystemGoogle::Stop() {
 std::shared_ptr<URLProcessor> RemoteFileSystemGoogle::Client() const {
   std::lock_guard<std::mutex> lock(http_mutex_);
   return http_;
+}
+
+std::shared_ptr<URLProcessor> RemoteFileSystemGoogle::FeedClient() const {
+  std::lock_guard<std::mutex> lock(http_mutex_);
+  return feed_http_;
 }
 
 std::shared_ptr<RemoteFileIds> RemoteFileSystemGoogle::SharedIds() const {
@@ -170,10 +185,23 @@ bool RemoteFileSystemGoogle::OpenClient() {
   if (Client()) {
     return true;
   }
+  // The feed polls on its own thread while items are changed on another: each has its client.
+  std::shared_ptr<URLProcessor> http = MakeClient();
+  std::shared_ptr<URLProcessor> feed_http = http ? MakeClient() : nullptr;
+  if (!feed_http) {
+    return false;
+  }
+  std::lock_guard<std::mutex> lock(http_mutex_);
+  http_ = std::move(http);
+  feed_http_ = std::move(feed_http);
+  return true;
+}
+
+std::shared_ptr<URLProcessor> RemoteFileSystemGoogle::MakeClient() {
   std::shared_ptr<URLProcessor> http = url_factory_ ? url_factory_->Create() : nullptr;
   if (!http || !http->Open(nullptr)) {
     LOG_ERROR << "Failed open.";
-    return false;
+    return nullptr;
   }
   // Drive sends compressed answers only to user agents that say they take them.
   http->SetUserAgent(http->GetUserAgent() + " (gzip)");
@@ -181,19 +209,21 @@ bool RemoteFileSystemGoogle::OpenClient() {
   if (IsStopped()) {
     http->Stop();
   }
-  std::lock_guard<std::mutex> lock(http_mutex_);
-  http_ = std::move(http);
-  return true;
+  return http;
 }
 
 FileSystem::Result RemoteFileSystemGoogle::Close() {
   std::shared_ptr<URLProcessor> http;
+  std::shared_ptr<URLProcessor> feed_http;
   {
     std::lock_guard<std::mutex> lock(http_mutex_);
     http.swap(http_);
+    feed_http.swap(feed_http_);
   }
-  if (http) {
-    http->Close();
+  for (const std::shared_ptr<URLProcessor>& client : {http, feed_http}) {
+    if (client) {
+      client->Close();
+    }
   }
   return SUCCEEDED;
 }
@@ -209,10 +239,11 @@ FileSystem::Result RemoteFileSystemGoogle::CheckConnection() {
 
 // --- sizes ---------------------------------------------------------------------------------
 
-FileSystem::Result RemoteFileSystemGoogle::ReadAbout(bool with_shared_data, Quota* quota) {
+FileSystem::Result RemoteFileSystemGoogle::ReadAbout(bool with_shared_data, Quota* quota,
+                                                     const std::shared_ptr<URLProcessor>& http) {
   RadarsLogger::instance().SendMetric("ggl_about_get_called", "1", 1);
   utils::json::json_tree json;
-  Result result = SendRequest("/about", "storageQuota, maxUploadSize", &json);
+  Result result = SendRequest("/about", "storageQuota, maxUploadSize", &json, http);
   if (result != SUCCEEDED) {
     return result;
   }
@@ -670,10 +701,10 @@ FileSystem::Result RemoteFileSystemGoogle::GetChanges(std::queue<Change>* change
 FileSystem::Result RemoteFileSystemGoogle::FetchChanges(std::vector<Change>* changes) {
   // 1. The page.
   utils::json::json_tree json;
+  std::shared_ptr<URLProcessor> http = FeedClient();
   Result result = SendRequest(google::WithQuery("/changes", {{"pageToken", page_token_}}),
-                              kChangesFields, &json);
+                              kChangesFields, &json, http);
   if (result != SUCCEEDED) {
-    std::shared_ptr<URLProcessor> http = Client();
     if (http && http->GetResponseCode() == 400 && Text(json, "error.message") == "Invalid Value") {
       LOG_ERROR << utils::json::ToString(json, false);
       LOG_ERROR << "Seems like invalid page token, requesting a new tree.";
@@ -799,7 +830,7 @@ void RemoteFileSystemGoogle::CheckSizes(std::queue<Change>* changes) {
     return;
   }
   Quota quota;
-  if (ReadAbout(shared_items_enabled_, &quota) != SUCCEEDED) {
+  if (ReadAbout(shared_items_enabled_, &quota, FeedClient()) != SUCCEEDED) {
     return;
   }
   last_size_check_time_ms_ = now;

@@ -150,14 +150,17 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
   };
 
   std::shared_ptr<URLProcessor> Client() const;
+  std::shared_ptr<URLProcessor> FeedClient() const;
   bool OpenClient();
+  std::shared_ptr<URLProcessor> MakeClient();
   bool IsRooted() const { return !GetRemoteRootPath().empty(); }
   Result GetTree(FolderNode* root, std::uint64_t* free, std::uint64_t* total,
                  tsl::htrie_set<char>* shared_paths, bool shared_items_enabled);
   // The ids from the drive's root down to the mounted root; only the drive's root when the whole
   // drive is mounted.
   Result FindRootChain(std::vector<std::string>* chain);
-  Result ReadAbout(bool with_shared_data, Quota* quota);
+  Result ReadAbout(bool with_shared_data, Quota* quota,
+                   const std::shared_ptr<URLProcessor>& http = nullptr);
   // Every page of every folder batch into `constructor`.
   Result ListTree(TreeConstructor& constructor, const std::shared_ptr<RemoteFileIds>& ids,
                   FolderNode* root, std::vector<std::string>* shared_ids);
@@ -220,6 +223,7 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
   GoogleResourceKeys resource_keys_;
   mutable std::mutex http_mutex_;
   std::shared_ptr<URLProcessor> http_;
+  std::shared_ptr<URLProcessor> feed_http_;
   std::shared_ptr<URLProcessorFactory> url_factory_;
 
   std::string page_token_;
