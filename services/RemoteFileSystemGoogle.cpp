@@ -361,6 +361,10 @@ FileSystem::Result RemoteFileSystemGoogle::GetTree(FolderNode* root, std::uint64
   }
   // 5. The new tree takes over.
   last_tree_time_ms_ = utils::GetClock().NowMs();
+  {
+    std::lock_guard<std::mutex> lock(changes_mutex_);
+    last_disk_activity_time_ms_ = last_tree_time_ms_;
+  }
   tree_valid_ = true;
   page_token_ = token;
   SharedDocs()->Swap(*docs);
