@@ -189,8 +189,8 @@ TEST_P(ContractTest, TheTreeEqualsTheAccountItemByItem) {
 }
 
 TEST_P(ContractTest, UploadsLandByteExactWithTheServicesHashEqualToOurs) {
-  if (!target_->ServesItemOperations())
-    GTEST_SKIP() << GetParam() << " only lists the account so far";
+  if (!target_->ServesItemOperations() || !target_->ServesTransfers())
+    GTEST_SKIP() << GetParam() << " reads and writes no file content so far";
   const std::vector<std::pair<std::string, std::string>> files = {
       {"empty", ""}, {"one", "x"}, {"five MiB and one", test::RandomBytes((5 << 20) + 1, 2)}};
   for (const auto& [name, content] : files) {
@@ -215,8 +215,8 @@ TEST_P(ContractTest, UploadsLandByteExactWithTheServicesHashEqualToOurs) {
 }
 
 TEST_P(ContractTest, OverwriteHonoursItsControl) {
-  if (!target_->ServesItemOperations())
-    GTEST_SKIP() << GetParam() << " only lists the account so far";
+  if (!target_->ServesItemOperations() || !target_->ServesTransfers())
+    GTEST_SKIP() << GetParam() << " reads and writes no file content so far";
   target_->PutFile("f", "first");
   RemoteItem current = Tree()["f"];
   FileSystem::OverwriteControl right(current.hash);
@@ -231,8 +231,8 @@ TEST_P(ContractTest, OverwriteHonoursItsControl) {
 }
 
 TEST_P(ContractTest, RangedAndWholeReadsAreByteExact) {
-  if (!target_->ServesItemOperations())
-    GTEST_SKIP() << GetParam() << " only lists the account so far";
+  if (!target_->ServesItemOperations() || !target_->ServesTransfers())
+    GTEST_SKIP() << GetParam() << " reads and writes no file content so far";
   const std::string content = test::RandomBytes(300000, 3);
   target_->PutFile("r.bin", content);
   RemoteItem item = Tree()["r.bin"];
@@ -320,8 +320,8 @@ TEST_P(ContractTest, HostileNamesInAnAnswerStayOutside) {
 }
 
 TEST_P(ContractTest, StopFromAnotherThreadEndsAReadAndAnUploadAtOnce) {
-  if (!target_->ServesItemOperations())
-    GTEST_SKIP() << GetParam() << " only lists the account so far";
+  if (!target_->ServesItemOperations() || !target_->ServesTransfers())
+    GTEST_SKIP() << GetParam() << " reads and writes no file content so far";
   // A read: the next block after the Stop answers STOPPED, and Start makes the adapter usable.
   const std::string content = test::RandomBytes(4 << 20, 4);
   target_->PutFile("big", content);
