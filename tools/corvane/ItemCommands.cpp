@@ -165,8 +165,12 @@ int RunLink(Context& context) {
   if (!PathArgument(context, 0, &path)) {
     return BadPath(context, 0);
   }
+  // An adapter that names items by id knows them once its tree is in.
   std::string link;
-  FileSystem::Result result = context.fs->GetPublicLink(path, false, &link);
+  FileSystem::Result result = context.tree->Prepare();
+  if (result == FileSystem::SUCCEEDED) {
+    result = context.fs->GetPublicLink(path, false, &link);
+  }
   if (result != FileSystem::SUCCEEDED) {
     return Report(context, result, "link: " + path);
   }
@@ -182,7 +186,11 @@ int RunUnlink(Context& context) {
   if (!PathArgument(context, 0, &path)) {
     return BadPath(context, 0);
   }
-  return Report(context, context.fs->ClosePublicLink(path), "unlink: " + path);
+  FileSystem::Result result = context.tree->Prepare();
+  if (result == FileSystem::SUCCEEDED) {
+    result = context.fs->ClosePublicLink(path);
+  }
+  return Report(context, result, "unlink: " + path);
 }
 
 }  // namespace corvane
