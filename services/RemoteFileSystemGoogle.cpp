@@ -725,7 +725,6 @@ FileSystem::Result RemoteFileSystemGoogle::FetchChanges(std::vector<Change>* cha
     return FAILED;
   }
   // 2. Where the feed goes on.
-  changes_seen_ = true;
   std::string next = Text(json, "nextPageToken");
   page_token_ = next.empty() ? Text(json, "newStartPageToken") : next;
   if (page_token_.empty()) {
@@ -874,7 +873,6 @@ FileSystem::Result RemoteFileSystemGoogle::PrepareAfterTreeDeserialized() {
 
 bool RemoteFileSystemGoogle::ApplyRemoteChange(const Change& change, FolderNode* root,
                                                std::uint64_t* free, std::uint64_t* total) {
-  changes_seen_ = false;
   switch (change.type) {
     case Change::FILE_CREATE:
     case Change::FILE_MODIFY:

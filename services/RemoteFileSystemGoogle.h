@@ -247,5 +247,4 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
   std::int64_t last_disk_activity_time_ms_ = 0;  // guarded by changes_mutex_
   std::atomic<bool> inactive_mode_{false};
   std::atomic<bool> wake_changes_{false};
-  std::atomic<bool> changes_seen_{false};
 };

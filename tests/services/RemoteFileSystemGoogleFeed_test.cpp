@@ -5,6 +5,7 @@
 #include <random>
 #include <set>
 #include <string>
+#include <unordered_set>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -200,6 +201,31 @@ TEST(GoogleFeedTest, RefusedTokenRenewsTheTreeOtherRequestFailuresDoNot) {
     feed.drive.clock.Advance(2'000);
     EXPECT_EQ(feed.drive.fs->ShouldRenewTree(), c.renews);
   }
+}
+
+TEST(GoogleFeedTest, ChangeAboveTheMountedRootRenewsTheTree) {
+  GoogleFeed feed("a/b");
+  emulators::CloudAccount& account = feed.drive.account();
+  Item a = MakeFolder(account, account.RootId(), "a");
+  Item b = MakeFolder(account, a.id, "b");
+  feed.Load();
+  // Inside the root: applied.
+  MakeFolder(account, b.id, "inside");
+  feed.PollUntilIdle();
+  EXPECT_EQ(ChangeLines(feed.changes), Lines{"FOLDER_CREATE inside"});
+  // Above it: no path can be trusted any more.
+  account.Rename(a.id, "a2", nullptr);
+  LoggerWrapper::Capture log;
+  EXPECT_EQ(feed.Poll(), FileSystem::FAILED);
+  EXPECT_TRUE(log.Contains("A folder above the remote root changed"));
+  feed.drive.clock.Advance(101'000);
+  EXPECT_TRUE(feed.drive.fs->ShouldRenewTree());
+  // A restored tree finds the folders above the root again, or fails where they moved away.
+  EXPECT_EQ(feed.drive.fs->PrepareAfterTreeDeserialized(), FileSystem::FAILED);
+  account.Rename(a.id, "a", nullptr);
+  EXPECT_EQ(feed.drive.fs->PrepareAfterTreeDeserialized(), FileSystem::SUCCEEDED);
+  EXPECT_EQ(feed.drive.fs->RootAncestors(),
+            (std::unordered_set<std::string>{account.RootId(), a.id, b.id}));
 }
 
 TEST(GoogleFeedTest, AnswerWithoutTokenRenewsAndAppliesNothing) {

@@ -16,6 +16,7 @@
 namespace test {
 
 struct GoogleFeed {
+  explicit GoogleFeed(const std::string& remote_root = std::string()) : drive(remote_root) {}
   // The whole drive into `root`; asserts that it came.
   void Load();
   // One GetChanges, every change it gives applied in order; `changes` holds them, and
