@@ -576,12 +576,19 @@ bool RemoteFileSystemGoogle::QueueChildFolders(const std::vector<std::string>& t
 void RemoteFileSystemGoogle::ReportTreeFailure(const TreeError& error, const char* what,
                                                const char* metric) {
   LOG_ERROR << what << error.reason << " \"" << error.path << "\"";
-  RadarsLogger::instance().SendMetric("google_tree_error", std::to_string(error.reason), 1);
-  {
-    std::lock_guard<std::mutex> lock(tree_error_mutex_);
-    tree_error_ = error;
-  }
+  KeepTreeError(error, "google_tree_error");
   RadarsLogger::instance().SendMetric(metric, "1", 1);
+}
+
+void RemoteFileSystemGoogle::ReportChangesFailure(const TreeError& error, const char* what) {
+  LOG_ERROR << what << error.reason << " \"" << error.path << "\"";
+  KeepTreeError(error, "google_changes_tree_error");
+}
+
+void RemoteFileSystemGoogle::KeepTreeError(const TreeError& error, const char* metric) {
+  RadarsLogger::instance().SendMetric(metric, std::to_string(error.reason), 1);
+  std::lock_guard<std::mutex> lock(tree_error_mutex_);
+  tree_error_ = error;
 }
 
 TreeError RemoteFileSystemGoogle::GetTreeError() const {
@@ -760,8 +767,7 @@ bool RemoteFileSystemGoogle::ReadChangesPage(const utils::json::json_tree& entri
       continue;
     }
     if (!constructor.AddItem(*file, nullptr)) {
-      ReportTreeFailure(constructor.Error(), "Failed adding change. Tree error ",
-                        "google_changes_tree_error");
+      ReportChangesFailure(constructor.Error(), "Failed adding change. Tree error ");
       return false;
     }
     // 2. A folder above the mounted root changed: no path can be trusted.
@@ -782,8 +788,7 @@ bool RemoteFileSystemGoogle::ReadChangesPage(const utils::json::json_tree& entri
     resource_keys_.Record(id, Text(*file, "resourceKey"));
   }
   if (!constructor.FinishAdoption()) {
-    ReportTreeFailure(constructor.Error(), "Failed adopting changes. Tree error ",
-                      "google_changes_tree_error");
+    ReportChangesFailure(constructor.Error(), "Failed adopting changes. Tree error ");
     return false;
   }
   return true;
@@ -1043,11 +1048,7 @@ bool RemoteFileSystemGoogle::NameCollision(const Change& change, FolderNode* par
   } else {
     error.reason = TreeError::kUnknown;
   }
-  RadarsLogger::instance().SendMetric("google_changes_tree_error", std::to_string(error.reason), 1);
-  {
-    std::lock_guard<std::mutex> lock(tree_error_mutex_);
-    tree_error_ = error;
-  }
+  KeepTreeError(error, "google_changes_tree_error");
   FailedApply();
   return false;
 }

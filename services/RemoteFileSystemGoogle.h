@@ -174,6 +174,9 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
   bool QueueChildFolders(const std::vector<std::string>& taken, const RemoteFileIds& ids,
                          FolderNode* root, std::deque<std::string>* queue);
   void ReportTreeFailure(const TreeError& error, const char* what, const char* metric);
+  void ReportChangesFailure(const TreeError& error, const char* what);
+  // The error for the user's message, and its metric with the reason as value.
+  void KeepTreeError(const TreeError& error, const char* metric);
   Result GetStartPageToken(std::string* token);
   Result NotServedYet(const char* operation);
 
