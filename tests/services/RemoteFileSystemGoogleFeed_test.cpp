@@ -203,6 +203,31 @@ TEST(GoogleFeedTest, RefusedTokenRenewsTheTreeOtherRequestFailuresDoNot) {
   }
 }
 
+TEST(GoogleFeedTest, QuotaIsAskedAtMostEveryTwoMinutesAndSetsTheSizes) {
+  GoogleFeed feed;
+  emulators::CloudAccount& account = feed.drive.account();
+  feed.Load();
+  int asked = feed.drive.CountRequests("/drive/v3/about");
+  MakeFile(account, account.RootId(), "big", std::string(1000, 'x'));
+  feed.drive.clock.Advance(100'000);
+  ASSERT_EQ(feed.Poll(), FileSystem::SUCCEEDED);
+  EXPECT_EQ(ChangeLines(feed.changes), Lines{"FILE_CREATE big"});
+  EXPECT_EQ(feed.drive.CountRequests("/drive/v3/about"), asked);
+  // 1. Two minutes on, the used space has grown.
+  feed.drive.clock.Advance(21'000);
+  ASSERT_EQ(feed.Poll(), FileSystem::SUCCEEDED);
+  EXPECT_EQ(ChangeLines(feed.changes), Lines{"FREE_SIZE_SET "});
+  EXPECT_EQ(feed.free, account.TotalSpace() - account.UsedSpace());
+  // 2. A new total sets both.
+  account.SetTotalSpace(20ull << 30);
+  feed.drive.clock.Advance(121'000);
+  ASSERT_EQ(feed.Poll(), FileSystem::SUCCEEDED);
+  EXPECT_EQ(ChangeLines(feed.changes), (Lines{"TOTAL_SIZE_SET ", "FREE_SIZE_SET "}));
+  EXPECT_EQ(feed.total, 20ull << 30);
+  EXPECT_EQ(feed.free, (20ull << 30) - account.UsedSpace());
+  EXPECT_EQ(feed.drive.CountRequests("/drive/v3/about"), asked + 2);
+}
+
 TEST(GoogleFeedTest, ChangeAboveTheMountedRootRenewsTheTree) {
   GoogleFeed feed("a/b");
   emulators::CloudAccount& account = feed.drive.account();
