@@ -5,6 +5,7 @@
 #include <QJsonObject>
 
 #include <functional>
+#include <queue>
 #include <string>
 #include <vector>
 
@@ -198,6 +199,34 @@ TEST_F(GoogleItemsTest, RefusalsSendNothing) {
   }
   EXPECT_TRUE(fs().IsItemInMountedDir(shared + "/gift.txt"));
   EXPECT_FALSE(fs().IsItemInMountedDir("Docs/readme.txt"));
+}
+
+TEST_F(GoogleItemsTest, AfterStopEveryOperationAnswersStoppedAndSendsNothing) {
+  FolderNode holder;
+  FileNode* file = holder.CreateFileW("f", 1, SomeHash(), 0);
+  std::string link;
+  std::queue<FileSystem::Change> changes;
+  const std::vector<std::pair<const char*, std::function<FileSystem::Result()>>> operations = {
+      {"mkdir", [&] { return fs().CreateFolderImpl(kNone, "Docs/x"); }},
+      {"rm", [&] { return fs().DeleteFileImpl(kNone, "Docs/readme.txt", 14, 0); }},
+      {"rmdir",
+       [&] {
+         return fs().DeleteFolderImpl(holder, FileSystem::Revision::RevisionNone(), "Photos");
+       }},
+      {"mv", [&] { return fs().MoveFileImpl(*file, kNone, "Docs/readme.txt", kNone, "r.txt"); }},
+      {"link", [&] { return fs().GetPublicLink("Docs/readme.txt", false, &link); }},
+      {"unlink", [&] { return fs().ClosePublicLink("Docs/readme.txt"); }},
+      {"changes", [&] { return fs().GetChanges(&changes); }},
+  };
+  fs().Stop();
+  std::size_t before = RequestCount();
+  for (const auto& [name, operation] : operations) {
+    EXPECT_EQ(operation(), FileSystem::STOPPED) << name;
+  }
+  EXPECT_EQ(RequestCount(), before);
+  // Start makes the adapter usable again.
+  fs().Start();
+  EXPECT_EQ(fs().CreateFolderImpl(kNone, "Docs/x"), FileSystem::SUCCEEDED);
 }
 
 TEST_F(GoogleItemsTest, ServerFailuresMapToTheirResults) {
