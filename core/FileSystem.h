@@ -173,6 +173,8 @@ class FileSystem::Change {
   // Services that name items by id carry the item's id and its drive with the change.
   std::string id;
   std::string drive_id;
+  // The item may not be changed from this side (someone else's, or Google's emulated folder).
+  bool readonly = false;
 };
 
 class FileSystem::Revision {

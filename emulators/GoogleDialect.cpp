@@ -1,5 +1,6 @@
 #include "emulators/GoogleDialect.h"
 
+#include <QDateTime>
 #include <QJsonArray>
 #include <QJsonDocument>
 
@@ -169,9 +170,10 @@ QJsonValue ApplyMask(const QJsonValue& value, const FieldMask& mask) {
 
 // 3. The "q" subset.
 struct Condition {
-  std::string field;  // "parents", "owners", "trashed", "name", "mimeType"
+  std::string field;  // "parents", "owners", "trashed", "sharedWithMe", "name", "mimeType"
   std::string op;     // "in", "=", "!=", "contains"
   std::string value;
+  bool negated = false;  // "not" before it
 };
 
 struct Query {
@@ -230,6 +232,7 @@ class QueryParser {
       return ParseOr(out) && TakeChar(')');
     }
     Condition condition;
+    condition.negated = TakeWord("not");
     if (Peek() == '\'') {
       // 'value' in parents | owners
       if (!TakeString(&condition.value) || !TakeWord("in"))
@@ -240,7 +243,7 @@ class QueryParser {
         return false;
     } else {
       condition.field = TakeIdentifier();
-      if (condition.field == "trashed") {
+      if (condition.field == "trashed" || condition.field == "sharedWithMe") {
         if (!TakeChar('='))
           return false;
         condition.op = "=";
@@ -322,7 +325,9 @@ class QueryParser {
   std::size_t position_ = 0;
 };
 
-bool Holds(const CloudAccount& account, const Item& item, const Condition& condition) {
+bool HoldsPlain(const CloudAccount& account, const Item& item, const Condition& condition) {
+  if (condition.field == "sharedWithMe")
+    return item.shared_with_me == (condition.value == "true");
   if (condition.field == "parents") {
     return std::find(item.parents.begin(), item.parents.end(), condition.value) !=
            item.parents.end();
@@ -335,6 +340,10 @@ bool Holds(const CloudAccount& account, const Item& item, const Condition& condi
   if (condition.op == "contains")
     return text.find(condition.value) != std::string::npos;
   return (text == condition.value) == (condition.op == "=");
+}
+
+bool Holds(const CloudAccount& account, const Item& item, const Condition& condition) {
+  return HoldsPlain(account, item, condition) != condition.negated;
 }
 
 bool Matches(const CloudAccount& account, const Item& item, const Query& query) {
@@ -417,6 +426,40 @@ std::size_t PageSize(const std::string& text, std::size_t cap) {
   return std::min(size, std::max<std::size_t>(cap, 1));
 }
 
+bool CanEdit(const Item& item) {
+  return !item.shared_with_me || HasProperty(item, "google.canEdit");
+}
+
+// A request body of JSON; Drive reads a boolean given as the text "true" too.
+bool ParseBody(const std::string& body, QJsonObject* object) {
+  QJsonParseError error;
+  QJsonDocument document = QJsonDocument::fromJson(QByteArray::fromStdString(body), &error);
+  if (error.error != QJsonParseError::NoError || !document.isObject())
+    return false;
+  *object = document.object();
+  return true;
+}
+
+std::optional<bool> BoolValue(const QJsonValue& value) {
+  if (value.isBool())
+    return value.toBool();
+  if (value.isString() && (value.toString() == "true" || value.toString() == "false"))
+    return value.toString() == "true";
+  return std::nullopt;
+}
+
+std::vector<std::string> SplitIds(const std::string& list) {
+  std::vector<std::string> ids;
+  std::size_t start = 0;
+  while (start < list.size()) {
+    std::size_t comma = std::min(list.find(',', start), list.size());
+    if (comma > start)
+      ids.push_back(list.substr(start, comma - start));
+    start = comma + 1;
+  }
+  return ids;
+}
+
 // Drive's ids are opaque; these sort in the order the items were made.
 std::string DriveId(std::uint64_t n, ItemKind) {
   char text[32];
@@ -468,6 +511,18 @@ void GoogleDialect::Install(Router& router) {
                 [this, &router](const HttpRequest&) { return StartPageToken(router); });
   router.Handle("GET", base + "/changes", [this, &router](const HttpRequest& request) {
     return ListChanges(router, request);
+  });
+  router.Handle("POST", base + "/files", [this, &router](const HttpRequest& request) {
+    return CreateFile(router, request);
+  });
+  for (const char* verb : {"PATCH", "POST", "DELETE"}) {
+    router.Handle(
+        verb, base + "/files/",
+        [this, &router](const HttpRequest& request) { return UpdateFile(router, request); },
+        RouteOptions{Match::kPrefix});
+  }
+  router.Handle("GET", "/drive/v2/files", [this, &router](const HttpRequest& request) {
+    return ListRecentFiles(router, request);
   });
   router.Handle(
       "POST", kDemoPath,
@@ -623,6 +678,180 @@ HttpResponse GoogleDialect::ListChanges(Router& router, const HttpRequest& reque
   return Partial(*this, request, list,
                  "kind,nextPageToken,newStartPageToken,changes(kind,changeType,time,removed,fileId,"
                  "file(kind,id,name,mimeType))");
+}
+
+HttpResponse GoogleDialect::CreateFile(Router& router, const HttpRequest& request) const {
+  CloudAccount& account = router.account();
+  // 1. What is asked: a folder, or a file without bytes.
+  QJsonObject body;
+  if (!ParseBody(request.body, &body))
+    return Error(400, "parseError");
+  std::string name = body.value("name").toString().toStdString();
+  QJsonArray parents = body.value("parents").toArray();
+  if (parents.size() > 1)
+    return InvalidParameter(*this, "parents");
+  std::string parent =
+      parents.isEmpty() ? account.RootId() : parents.at(0).toString().toStdString();
+  std::optional<Item> holder = account.Find(parent);
+  if (!holder || !holder->IsFolder() || account.IsInTrash(parent) ||
+      (parent != account.RootId() && !Visible(*holder, account.RootId()))) {
+    return Error(404, "notFound");
+  }
+  if (!CanEdit(*holder))
+    return Error(403, "insufficientFilePermissions");
+  // 2. The item.
+  Item made;
+  AccountError error = body.value("mimeType").toString() == kFolderMime
+                           ? account.CreateFolder(parent, name, &made)
+                           : account.CreateFile(parent, name, std::string(), 0, &made);
+  if (error != AccountError::kNone)
+    return InvalidParameter(*this, "name");
+  return Partial(*this, request, FileResource(account, router.BaseUrl(), made),
+                 "kind,id,name,mimeType");
+}
+
+HttpResponse GoogleDialect::UpdateFile(Router& router, const HttpRequest& request) const {
+  CloudAccount& account = router.account();
+  // 1. "ID", "ID/permissions" or "ID/permissions/PERMISSION".
+  std::vector<std::string> parts;
+  std::string rest = request.path.substr(std::string(kBase).size() + 7);
+  for (std::size_t start = 0; start <= rest.size();) {
+    std::size_t slash = std::min(rest.find('/', start), rest.size());
+    parts.push_back(PercentDecode(rest.substr(start, slash - start)));
+    start = slash + 1;
+  }
+  std::optional<Item> item = account.Find(parts[0]);
+  if (!item || !Visible(*item, account.RootId()))
+    return Error(404, "notFound");
+  if (parts.size() == 2 && parts[1] == "permissions" && request.verb == "POST")
+    return CreatePermission(router, item->id, request);
+  if (parts.size() == 3 && parts[1] == "permissions" && request.verb == "DELETE")
+    return DeletePermission(router, item->id, parts[2]);
+  if (parts.size() != 1 || request.verb != "PATCH")
+    return Error(404, "notFound");
+  if (!CanEdit(*item))
+    return Error(403, "insufficientFilePermissions");
+  // 2. The metadata of the body.
+  QJsonObject body;
+  if (!request.body.empty() && !ParseBody(request.body, &body))
+    return Error(400, "parseError");
+  std::optional<bool> trashed;
+  if (body.contains("trashed")) {
+    trashed = BoolValue(body.value("trashed"));
+    if (!trashed)
+      return InvalidParameter(*this, "trashed");
+  }
+  std::string name = body.contains("name") ? body.value("name").toString().toStdString() : "";
+  // 3. The parents of the query.
+  std::vector<std::string> added = SplitIds(QueryParam(request.query, "addParents"));
+  std::vector<std::string> removed = SplitIds(QueryParam(request.query, "removeParents"));
+  std::vector<std::string> parents;
+  for (const std::string& parent : item->parents) {
+    if (std::find(removed.begin(), removed.end(), parent) == removed.end())
+      parents.push_back(parent);
+  }
+  for (const std::string& parent : added) {
+    std::optional<Item> holder = account.Find(parent);
+    if (!holder || !holder->IsFolder())
+      return Error(404, "notFound");
+    parents.push_back(parent);
+  }
+  if (parents.size() > 1)
+    return Error(403, "cannotAddParent");
+  // 4. The changes, each in the journal.
+  AccountError error = AccountError::kNone;
+  if (!added.empty() || !removed.empty()) {
+    error = account.Move(item->id, parents, name, nullptr);
+  } else if (!name.empty()) {
+    error = account.Rename(item->id, name, nullptr);
+  }
+  if (error == AccountError::kNone && trashed && *trashed != item->trashed) {
+    error = *trashed ? account.Trash(item->id, nullptr) : account.Restore(item->id, nullptr);
+  }
+  std::string modified = body.value("modifiedTime").toString().toStdString();
+  if (error == AccountError::kNone && !modified.empty()) {
+    QDateTime time = QDateTime::fromString(QString::fromStdString(modified), Qt::ISODateWithMs);
+    if (!time.isValid())
+      return InvalidParameter(*this, "modifiedTime");
+    error = account.SetModified(item->id, time.toMSecsSinceEpoch(), nullptr);
+  }
+  if (error == AccountError::kCycle)
+    return Error(403, "cannotMoveFolderIntoItself");
+  if (error != AccountError::kNone)
+    return InvalidParameter(*this, "name");
+  return Partial(*this, request, FileResource(account, router.BaseUrl(), *account.Find(item->id)),
+                 "kind,id,name,mimeType");
+}
+
+HttpResponse GoogleDialect::CreatePermission(Router& router, const std::string& id,
+                                             const HttpRequest& request) const {
+  CloudAccount& account = router.account();
+  QJsonObject body;
+  if (!ParseBody(request.body, &body))
+    return Error(400, "parseError");
+  std::string type = body.value("type").toString().toStdString();
+  std::string role = body.value("role").toString().toStdString();
+  if (type != "anyone" || (role != "reader" && role != "commenter" && role != "writer"))
+    return InvalidParameter(*this, "permission.type");
+  if (!CanEdit(*account.Find(id)))
+    return Error(403, "insufficientFilePermissions");
+  account.SetPublicLink(id, router.BaseUrl() + "/file/d/" + id + "/view?usp=sharing", nullptr);
+  return JsonResponse(200, QJsonObject{{"kind", "drive#permission"},
+                                       {"id", "anyoneWithLink"},
+                                       {"type", Text(type)},
+                                       {"role", Text(role)},
+                                       {"allowFileDiscovery", false}});
+}
+
+HttpResponse GoogleDialect::DeletePermission(Router& router, const std::string& id,
+                                             const std::string& permission) const {
+  CloudAccount& account = router.account();
+  std::optional<Item> item = account.Find(id);
+  if (permission != "anyoneWithLink" || item->public_link.empty())
+    return Error(404, "notFound");
+  if (!CanEdit(*item))
+    return Error(403, "insufficientFilePermissions");
+  account.SetPublicLink(id, std::string(), nullptr);
+  return HttpResponse::Status(204);
+}
+
+HttpResponse GoogleDialect::ListRecentFiles(Router& router, const HttpRequest& request) const {
+  const CloudAccount& account = router.account();
+  // 1. The v2 parameters: "maxResults" up to 1000, "orderBy" of the recency key.
+  std::string order = QueryParam(request.query, "orderBy");
+  if (!order.empty() && order != "recency" && order != "recency desc")
+    return InvalidParameter(*this, "orderBy");
+  std::string max_text = QueryParam(request.query, "maxResults");
+  std::size_t max_results = max_text.empty() ? 100 : std::strtoull(max_text.c_str(), nullptr, 10);
+  if (max_results == 0 || max_results > kLargestPageSize)
+    return InvalidParameter(*this, "maxResults");
+  // 2. Every visible item, newest first when asked so.
+  std::vector<Item> items;
+  for (Item& item : account.AllItems()) {
+    if (Visible(item, account.RootId()))
+      items.push_back(std::move(item));
+  }
+  bool newest_first = order == "recency desc";
+  std::stable_sort(items.begin(), items.end(), [newest_first](const Item& a, const Item& b) {
+    return newest_first ? a.modified_ms > b.modified_ms : a.modified_ms < b.modified_ms;
+  });
+  // 3. The v2 file resources.
+  QJsonArray out;
+  for (std::size_t i = 0; i < items.size() && i < max_results; ++i) {
+    const Item& item = items[i];
+    QJsonObject file{{"kind", "drive#file"},
+                     {"id", Text(item.id)},
+                     {"title", Text(item.name)},
+                     {"mimeType", Text(MimeType(item))},
+                     {"modifiedDate", Text(IsoTime(item.modified_ms))},
+                     {"labels", QJsonObject{{"trashed", account.IsInTrash(item.id)}}}};
+    if (!item.IsFolder() && !IsGoogleDocument(item)) {
+      file.insert("fileSize", Number(item.size));
+      file.insert("thumbnailLink", Text(router.BaseUrl() + "/thumbnail?id=" + item.id));
+    }
+    out.append(file);
+  }
+  return JsonResponse(200, QJsonObject{{"kind", "drive#fileList"}, {"items", out}});
 }
 
 void GoogleDialect::SeedDemoDrive(CloudAccount& account) {

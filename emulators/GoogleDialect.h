@@ -8,12 +8,16 @@
 //   emulators::GoogleDialect::SeedDemoDrive(emulator->account());
 //
 // Served: files.list (the "q" forms below, "fields", "pageSize", "pageToken", "orderBy=folder"),
-// files.get (with the "root" alias), about.get (whose "fields" is required),
+// files.get (with the "root" alias), files.create of folders and empty files, files.update
+// (PATCH: "name", "trashed", "modifiedTime", "addParents"/"removeParents"), permissions.create of
+// the "anyone" kind and its permissions.delete ("anyoneWithLink"), the v2 files.list of recent
+// files ("maxResults", "orderBy=recency desc"), about.get (whose "fields" is required),
 // changes.getStartPageToken and changes.list (entries coalesced per file, "removed" entries for
 // files deleted for good). Failures carry Drive's error body:
 // {"error":{"errors":[{"domain","reason","message"}], "code":N,"message":...}}.
 //
-// "q" understands `'ID' in parents`, `'me' in owners`, `trashed = true|false`, `name = '..'`,
+// "q" understands `'ID' in parents`, `'me' in owners`, `trashed = true|false`,
+// `sharedWithMe = true|false`, any of them after "not", `name = '..'`,
 // `name contains '..'`, `mimeType = | != | contains '..'`, joined by "and", "or" and parentheses.
 //
 // What an account item has no member for is read from its properties: "google.mimeType" makes a
@@ -61,6 +65,14 @@ class GoogleDialect : public Dialect {
   HttpResponse About(Router& router, const HttpRequest& request) const;
   HttpResponse StartPageToken(Router& router) const;
   HttpResponse ListChanges(Router& router, const HttpRequest& request) const;
+  HttpResponse CreateFile(Router& router, const HttpRequest& request) const;
+  // PATCH of "/files/ID", POST of "/files/ID/permissions", DELETE of "/files/ID/permissions/P".
+  HttpResponse UpdateFile(Router& router, const HttpRequest& request) const;
+  HttpResponse CreatePermission(Router& router, const std::string& id,
+                                const HttpRequest& request) const;
+  HttpResponse DeletePermission(Router& router, const std::string& id,
+                                const std::string& permission) const;
+  HttpResponse ListRecentFiles(Router& router, const HttpRequest& request) const;
 
   std::atomic<std::size_t> max_page_size_{1000};
   std::atomic<bool> empty_pages_{false};

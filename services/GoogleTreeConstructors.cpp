@@ -8,6 +8,7 @@
 #include "core/RadarsLogger.h"
 #include "core/TimeUtils.h"
 #include "services/GoogleDocs.h"
+#include "services/GoogleSelfMadeChanges.h"
 #include "services/RemoteFileIds.h"
 #include "services/RemoteGoogleUtils.h"
 
@@ -515,4 +516,343 @@ void TreeConstructor::LogTotals() const {
 std::string TreeConstructor::PathOf(const FolderNode* folder) const {
   std::string path = folder->CollectPath();
   return path.empty() ? path : path + "/";
+}
+
+// --- the change feed -----------------------------------------------------------------------
+
+namespace {
+
+std::string JoinPath(const std::string& parent, const std::string& name) {
+  return parent.empty() ? name : parent + "/" + name;
+}
+
+}  // namespace
+
+ChangesConstructor::ChangesConstructor(std::shared_ptr<RemoteFileIds> ids,
+                                       bool shared_items_enabled, std::string external_folder_name,
+                                       const RemoteNameMapper* name_mapper, GoogleDocs* docs,
+                                       GoogleSelfMadeChanges* expected, std::string root_id,
+                                       std::vector<FileSystem::Change>* changes_out)
+    : ConstructorBase(std::move(ids), shared_items_enabled, std::move(external_folder_name),
+                      name_mapper, docs),
+      expected_(expected),
+      root_id_(std::move(root_id)),
+      changes_out_(changes_out) {}
+
+std::string ChangesConstructor::StartPath(const std::string& id, const std::string& name) const {
+  if (!ids_->HasMappedName(id)) {
+    return name;
+  }
+  std::string mapped = ids_->MappedGetMappedName(id);
+  LOG_INFO << "[DEBUG] Using mapped name for change: \"" << mapped << "\" instead of \"" << name
+           << "\" (" << id << ").";
+  return mapped;
+}
+
+bool ChangesConstructor::AddFile(const std::string& id, std::string name,
+                                 const std::string& parent_id, std::uint64_t size,
+                                 std::int64_t mtime, const HashGoogle& hash, std::int64_t version,
+                                 bool trashed, bool external, bool readonly) {
+  using Change = FileSystem::Change;
+  Change change(Change::FILE_CREATE, StartPath(id, name));
+  // 1. The echo of the adapter's own work.
+  if (trashed && expected_->TakeTrashing(id)) {
+    LOG_INFO << "Skipping self-made trashing: \"" << change.path << "\" (" << id << ").";
+    return true;
+  }
+  if (expected_->TakeUpload({id, hash, size, version, parent_id, name})) {
+    LOG_INFO << "Skipping self-made file upload: \"" << name << "\" (" << id
+             << "); ver=" << version;
+    return true;
+  }
+  // 2. Its parent.
+  std::string parent = parent_id;
+  if (parent.empty()) {
+    if (!external) {
+      LOG_INFO << "Skipping non-external file without parent in changes: \"" << name << "\" (" << id
+               << ").";
+      return true;
+    }
+    parent = kExternalItemsFolderId;
+  }
+  change.id = id;
+  change.size = size;
+  change.time = static_cast<std::uint64_t>(std::max<std::int64_t>(mtime, 0));
+  change.hash = SomeHash(hash);
+  change.readonly = readonly;
+  // 3. What happened to it.
+  const bool known = ids_->HasFile(id);
+  if (trashed) {
+    if (!known) {
+      LOG_INFO << "Skipping trashing for non-existing file: \"" << name << "\" (" << id << ").";
+      return true;
+    }
+    return RemoveKnownFile(id, &change);
+  }
+  const std::string old_name = known ? ids_->GetNameById(id) : std::string();
+  if (known && !DetectMove(id, name, parent, true, &change)) {
+    return false;
+  }
+  // 4. Where it is now; a parent not known yet parks the change.
+  std::optional<std::string> parent_path = ids_->GetPathById(parent);
+  if (!parent_path) {
+    parked_changes_.push_back({name, id, parent, std::move(change)});
+    return true;
+  }
+  if (change.type == Change::FILE_MODIFY) {
+    change.path = JoinPath(*parent_path, change.path);
+    LOG_INFO << "[DEBUG] Detected file modify: \"" << change.path << "\" (" << id << ").";
+    Emit(std::move(change));
+    return true;
+  }
+  std::string local_name;
+  if (!PlaceUnderParent(id, name, *parent_path, parent, &change, &local_name)) {
+    return false;
+  }
+  // 5. The id tree follows.
+  if (change.type == Change::FILE_RENAME) {
+    if (!ids_->MoveFileW(id, old_name, parent, local_name)) {
+      LOG_FATAL << "Failed moving file id.";
+      SetError(TreeError::kUnknown, change.old_path, true);
+      return false;
+    }
+  } else {
+    if (ids_->IsTrashed(id)) {
+      LOG_INFO << "Detected restoring from trash: " << change.path << "; size=" << size;
+      Change restored(Change::USED_SIZE_DECREASE, change.path);
+      restored.size = size;
+      Emit(std::move(restored));
+      ids_->RemoveTrashed(id);
+    }
+    if (!ids_->AddFileId(id, local_name, parent)) {
+      LOG_FATAL << "Failed to add file id.";
+      SetError(TreeError::kUnknown, change.path, true);
+      return false;
+    }
+  }
+  Emit(std::move(change));
+  return true;
+}
+
+bool ChangesConstructor::AddFolder(const std::string& id, std::string name,
+                                   const std::string& parent_id, bool trashed, bool external,
+                                   bool readonly) {
+  using Change = FileSystem::Change;
+  if (id == root_id_) {
+    LOG_INFO << "Skipping root root folder change.";
+    return true;
+  }
+  Change change(Change::FOLDER_CREATE, StartPath(id, name));
+  // 1. The echo of the adapter's own work.
+  if (trashed && expected_->TakeTrashing(id)) {
+    LOG_INFO << "Skipping self-made trashing: \"" << change.path << "\" (" << id << ").";
+    return true;
+  }
+  if (expected_->TakeFolder(id)) {
+    LOG_INFO << "Skipping self-made folder creation: " << name << "; " << id;
+    return true;
+  }
+  // 2. Its parent.
+  std::string parent = parent_id;
+  if (parent.empty()) {
+    if (!external) {
+      LOG_INFO << "Skipping non-external folder without parent in changes: " << name << "; " << id;
+      return true;
+    }
+    parent = kExternalItemsFolderId;
+  }
+  change.id = id;
+  change.readonly = readonly;
+  // 3. What happened to it. A folder being made by the adapter right now may show up here before
+  // its request has answered.
+  const bool known = ids_->HasFolder(id);
+  if (trashed) {
+    if (!known) {
+      LOG_INFO << "Skipping trashing for non-existing folder: " << name << "; " << id;
+      return true;
+    }
+    return RemoveKnownFolder(id, &change);
+  }
+  if (!known && expected_->ClaimFolderInFlight(parent, name, id)) {
+    LOG_INFO << "Skipping self-made folder creation: " << name << "; " << id;
+    return true;
+  }
+  const std::string old_name = known ? ids_->GetNameById(id) : std::string();
+  if (known && !DetectMove(id, name, parent, false, &change)) {
+    return false;
+  }
+  // 4. Where it is now.
+  std::optional<std::string> parent_path = ids_->GetPathById(parent);
+  if (!parent_path) {
+    parked_changes_.push_back({name, id, parent, std::move(change)});
+    return true;
+  }
+  if (change.type == Change::FOLDER_UPDATE) {
+    change.path = JoinPath(*parent_path, change.path);
+    Emit(std::move(change));
+    return true;
+  }
+  std::string local_name;
+  if (!PlaceUnderParent(id, name, *parent_path, parent, &change, &local_name)) {
+    return false;
+  }
+  // 5. The id tree follows.
+  bool done = change.type == Change::FOLDER_RENAME
+                  ? ids_->MoveFolder(id, old_name, parent, local_name)
+                  : ids_->AddFolderId(id, local_name, parent);
+  if (!done) {
+    LOG_FATAL << (change.type == Change::FOLDER_RENAME ? "Failed moving folder."
+                                                       : "Failed to add folder.");
+    SetError(TreeError::kUnknown, change.path, false);
+    return false;
+  }
+  Emit(std::move(change));
+  return true;
+}
+
+bool ChangesConstructor::RemoveKnownFile(const std::string& id, FileSystem::Change* change) {
+  std::optional<std::string> path = ids_->GetPathById(id);
+  std::string local_name = ids_->GetNameById(id);
+  change->type = FileSystem::Change::FILE_DELETE;
+  change->path = path ? *path : local_name;
+  bool mapped = ids_->HasMappedName(id);
+  if (!ids_->RemoveFile(local_name, id)) {
+    LOG_FATAL << "Failed to remove file.";
+    SetError(TreeError::kUnknown, change->path, true);
+    return false;
+  }
+  if (mapped) {
+    ids_->RemoveMappingInfo(id);
+  }
+  ids_->AddTrashed(id);
+  LOG_INFO << "[DEBUG] Detected removed file \"" << change->path << "\" (" << id << ").";
+  Emit(std::move(*change));
+  return true;
+}
+
+bool ChangesConstructor::RemoveKnownFolder(const std::string& id, FileSystem::Change* change) {
+  std::optional<std::string> path = ids_->GetPathById(id);
+  std::string local_name = ids_->GetNameById(id);
+  change->type = FileSystem::Change::FOLDER_DELETE;
+  change->path = path ? *path : local_name;
+  // The feed's own entries for everything below are expected, and dropped when they come: the
+  // folder's deletion took them all.
+  bool removed = false;
+  expected_->Locked([&](GoogleSelfMadeChanges::Records& records) {
+    std::vector<std::string> below;
+    ids_->VisitSubtree(id, [&below, &id](const std::string& child) {
+      if (child != id) {
+        below.push_back(child);
+      }
+    });
+    for (const std::string& child : below) {
+      records.expected_trashings.insert(child);
+      if (ids_->HasMappedName(child)) {
+        ids_->RemoveMappingInfo(child);
+      }
+    }
+    removed = ids_->RemoveFolder(local_name, id);
+  });
+  if (!removed) {
+    LOG_FATAL << "Failed to remove folder id.";
+    SetError(TreeError::kUnknown, change->path, false);
+    return false;
+  }
+  if (ids_->HasMappedName(id) && !ids_->RemoveMappingInfo(id)) {
+    LOG_FATAL << "Failed to remove mapping info.";
+    return false;
+  }
+  Emit(std::move(*change));
+  return true;
+}
+
+bool ChangesConstructor::DetectMove(const std::string& id, const std::string& name,
+                                    const std::string& parent_id, bool is_file,
+                                    FileSystem::Change* change) {
+  using Change = FileSystem::Change;
+  // 1. The name the server gave it last, and its parent then.
+  const bool mapped = ids_->HasMappedName(id);
+  std::string remote_name = mapped ? ids_->MappedGetOriginalName(id) : ids_->GetNameById(id);
+  std::string old_parent = ids_->GetParentId(id);
+  const bool renamed = remote_name != name;
+  const bool moved = old_parent != parent_id;
+  if (!renamed && !moved) {
+    change->type = is_file ? Change::FILE_MODIFY : Change::FOLDER_UPDATE;
+    return true;
+  }
+  const char* what = is_file ? "file" : "folder";
+  if (renamed) {
+    LOG_INFO << "[DEBUG] Detected " << what << " renaming from \"" << remote_name << "\" to \""
+             << name << "\" (" << id << ").";
+  }
+  if (moved) {
+    LOG_INFO << "[DEBUG] Detected " << what << " moving from \"" << old_parent << "\" to \""
+             << parent_id << "\" (" << id << ").";
+  }
+  // 2. A rename or a move: the new name stands, the old path is kept for the change.
+  change->type = is_file ? Change::FILE_RENAME : Change::FOLDER_RENAME;
+  change->path = name;
+  if (mapped && !ids_->RemoveMappingInfo(id)) {
+    LOG_FATAL << "Failed to remove mapping info, id=" << id << ".";
+    return false;
+  }
+  std::optional<std::string> old_path = ids_->GetPathById(id);
+  if (!old_path) {
+    LOG_FATAL << "Failed to get old item path \"" << name << "\" (" << id << ").";
+    SetError(TreeError::kUnknown, name, is_file);
+    return false;
+  }
+  change->old_path = *old_path;
+  return true;
+}
+
+bool ChangesConstructor::PlaceUnderParent(const std::string& id, const std::string& name,
+                                          const std::string& parent_path,
+                                          const std::string& parent_id, FileSystem::Change* change,
+                                          std::string* local_name) {
+  *local_name = name;
+  if (ids_->ParentHasFile(parent_id, name) || ids_->ParentHasFolder(parent_id, name)) {
+    *local_name = ChooseUniqueName(parent_id, name);
+    if (!ids_->AddMappingInfo(id, name, *local_name)) {
+      LOG_FATAL << "Failed to add mapping info.";
+      SetError(TreeError::kUnknown, JoinPath(parent_path, name), change->IsFileChange());
+      return false;
+    }
+  }
+  change->path = JoinPath(parent_path, *local_name);
+  return true;
+}
+
+void ChangesConstructor::Emit(FileSystem::Change change) {
+  has_changes_ = true;
+  auto inside = [this](const std::string& path) {
+    return path.compare(0, external_folder_name_.size(), external_folder_name_) == 0;
+  };
+  if (inside(change.path) || (!change.old_path.empty() && inside(change.old_path))) {
+    AddExternalItemsFolder();
+  }
+  changes_out_->push_back(std::move(change));
+}
+
+bool ChangesConstructor::FinishAdoption() {
+  if (parked_changes_.empty()) {
+    return true;
+  }
+  for (const ParkedChange& parked : parked_changes_) {
+    const bool is_file = parked.change.IsFileChange();
+    const std::string local_name = ids_->GetNameById(parked.id);
+    if (is_file && ids_->HasFile(parked.id) && !ids_->RemoveNotLinkedFile(local_name, parked.id)) {
+      LOG_FATAL << "Failed to remove parentless file id.";
+      return false;
+    }
+    if (!is_file && ids_->HasFolder(parked.id) &&
+        !ids_->RemoveNotLinkedFolder(local_name, parked.id)) {
+      LOG_FATAL << "Failed to remove parentless folder id.";
+      return false;
+    }
+    LOG_WARNING << parked.name << "  " << parked.id << " ; parent_id=" << parked.parent_id;
+  }
+  LOG_WARNING << "Some parentless items exist while reading changes.";
+  parked_changes_.clear();
+  return true;
 }

@@ -22,12 +22,16 @@
 #include <string>
 #include <unordered_map>
 
+#include <vector>
+
+#include "core/FileSystem.h"
 #include "core/Json.h"
 #include "core/Nodes.h"
 #include "core/RemoteNameMapper.h"
 #include "core/SomeHash.h"
 
 class GoogleDocs;
+class GoogleSelfMadeChanges;
 class RemoteFileIds;
 
 // Why a tree could not be built; GetLastErrorDescription words it for the user.
@@ -140,4 +144,60 @@ class TreeConstructor : public ConstructorBase {
   std::uint64_t folders_count_ = 0;
   std::uint64_t files_count_ = 0;
   std::uint64_t trashed_count_ = 0;
+};
+
+// Turns the items of one page of the change feed into FileSystem::Change values, keeping the id
+// tree current and dropping the echoes of the adapter's own work.
+//
+//   ChangesConstructor constructor(ids, false, "Доступные мне", mapper, &docs, &expected, root_id,
+//                                  &changes);
+//   for (each entry of "changes") if (!constructor.AddItem(entry.file, nullptr)) fail(...);
+//   constructor.FinishAdoption();
+class ChangesConstructor : public ConstructorBase {
+ public:
+  ChangesConstructor(std::shared_ptr<RemoteFileIds> ids, bool shared_items_enabled,
+                     std::string external_folder_name, const RemoteNameMapper* name_mapper,
+                     GoogleDocs* docs, GoogleSelfMadeChanges* expected, std::string root_id,
+                     std::vector<FileSystem::Change>* changes_out);
+
+  // Changes whose parent never came in this page are dropped: a later change of the item
+  // brings it.
+  bool FinishAdoption() override;
+  bool HasChanges() const { return has_changes_; }
+
+ protected:
+  bool AddFile(const std::string& id, std::string name, const std::string& parent_id,
+               std::uint64_t size, std::int64_t mtime, const HashGoogle& hash, std::int64_t version,
+               bool trashed, bool external, bool readonly) override;
+  bool AddFolder(const std::string& id, std::string name, const std::string& parent_id,
+                 bool trashed, bool external, bool readonly) override;
+
+ private:
+  struct ParkedChange {
+    std::string name;
+    std::string id;
+    std::string parent_id;
+    FileSystem::Change change;
+  };
+
+  // The path of the change as the id tree knows the item: its mapped name if it has one.
+  std::string StartPath(const std::string& id, const std::string& name) const;
+  bool RemoveKnownFile(const std::string& id, FileSystem::Change* change);
+  bool RemoveKnownFolder(const std::string& id, FileSystem::Change* change);
+  // A rename or a move: the old path, and the mapping of the old name gone. `what` is "file" or
+  // "folder" for the log.
+  bool DetectMove(const std::string& id, const std::string& name, const std::string& parent_id,
+                  bool is_file, FileSystem::Change* change);
+  // Below the parent's path, under a free name for a new or moved item; `*local_name` receives
+  // the name the item has here.
+  bool PlaceUnderParent(const std::string& id, const std::string& name,
+                        const std::string& parent_path, const std::string& parent_id,
+                        FileSystem::Change* change, std::string* local_name);
+  void Emit(FileSystem::Change change);
+
+  GoogleSelfMadeChanges* expected_;
+  const std::string root_id_;
+  std::vector<FileSystem::Change>* changes_out_;
+  std::list<ParkedChange> parked_changes_;
+  bool has_changes_ = false;
 };

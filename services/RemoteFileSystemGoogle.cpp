@@ -1,10 +1,14 @@
 #include "services/RemoteFileSystemGoogle.h"
 
+#include <cerrno>
 #include <cstdlib>
 
 #include "core/Clock.h"
+#include "core/Endpoints.h"
+#include "core/JsonWriter.h"
 #include "core/LoggerWrapper.h"
 #include "core/RadarsLogger.h"
+#include "core/TimeUtils.h"
 #include "core/UnicodeLower.h"
 #include "services/GoogleDocs.h"
 #include "services/RemoteFileIds.h"
@@ -25,10 +29,15 @@ std::string Text(const utils::json::json_tree& json, const char* dotted_path) {
   return child ? child->data() : std::string();
 }
 
+// A whole decimal number of Drive's JSON text; anything else, or a number out of range, is 0.
 std::uint64_t Number(const std::string& text) {
+  if (text.empty() || text[0] == '-') {
+    return 0;
+  }
+  errno = 0;
   char* end = nullptr;
   unsigned long long value = std::strtoull(text.c_str(), &end, 10);
-  return text.empty() || *end != '\0' ? 0 : value;
+  return *end != '\0' || errno != 0 ? 0 : value;
 }
 
 // A value inside single quotes of Drive's query language.
@@ -75,22 +84,33 @@ RemoteFileSystemGoogle::RemoteFileSystemGoogle(
 RemoteFileSystemGoogle::~RemoteFileSystemGoogle() = default;
 
 void RemoteFileSystemGoogle::Start() {
-  if (std::shared_ptr<URLProcessor> http = Client()) {
-    http->Start();
+  for (const std::shared_ptr<URLProcessor>& http : {Client(), FeedClient()}) {
+    if (http) {
+      http->Start();
+    }
   }
   RemoteFileSystem::Start();
+  WakeChanges();
 }
 
 void RemoteFileSystemGoogle::Stop() {
-  if (std::shared_ptr<URLProcessor> http = Client()) {
-    http->Stop();
+  for (const std::shared_ptr<URLProcessor>& http : {Client(), FeedClient()}) {
+    if (http) {
+      http->Stop();
+    }
   }
   RemoteFileSystem::Stop();
+  WakeChanges();
 }
 
 std::shared_ptr<URLProcessor> RemoteFileSystemGoogle::Client() const {
   std::lock_guard<std::mutex> lock(http_mutex_);
   return http_;
+}
+
+std::shared_ptr<URLProcessor> RemoteFileSystemGoogle::FeedClient() const {
+  std::lock_guard<std::mutex> lock(http_mutex_);
+  return feed_http_;
 }
 
 std::shared_ptr<RemoteFileIds> RemoteFileSystemGoogle::SharedIds() const {
@@ -106,7 +126,8 @@ std::shared_ptr<GoogleDocs> RemoteFileSystemGoogle::SharedDocs() const {
 FileSystem::Result RemoteFileSystemGoogle::SendRequest(const std::string& path,
                                                        const std::string& fields,
                                                        utils::json::json_tree* json_out,
-                                                       const std::shared_ptr<URLProcessor>& http) {
+                                                       const std::shared_ptr<URLProcessor>& http,
+                                                       const char* api_base) {
   // 1. The client.
   std::shared_ptr<URLProcessor> client = http ? http : Client();
   if (!client) {
@@ -119,7 +140,8 @@ FileSystem::Result RemoteFileSystemGoogle::SendRequest(const std::string& path,
   // 2. The request.
   URLProcessorResult url_result = URLProcessorResult::OK;
   bool rate_limited = false;
-  Result result = GoogleRequest(path, fields, client.get(), json_out, &url_result, &rate_limited);
+  Result result =
+      GoogleRequest(path, fields, client.get(), json_out, &url_result, &rate_limited, api_base);
   SetFailReason(url_result, client->GetResponseCode());
   if (!rate_limited) {
     rate_limiter_.OnGoodRequest();
@@ -163,10 +185,23 @@ bool RemoteFileSystemGoogle::OpenClient() {
   if (Client()) {
     return true;
   }
+  // The feed polls on its own thread while items are changed on another: each has its client.
+  std::shared_ptr<URLProcessor> http = MakeClient();
+  std::shared_ptr<URLProcessor> feed_http = http ? MakeClient() : nullptr;
+  if (!feed_http) {
+    return false;
+  }
+  std::lock_guard<std::mutex> lock(http_mutex_);
+  http_ = std::move(http);
+  feed_http_ = std::move(feed_http);
+  return true;
+}
+
+std::shared_ptr<URLProcessor> RemoteFileSystemGoogle::MakeClient() {
   std::shared_ptr<URLProcessor> http = url_factory_ ? url_factory_->Create() : nullptr;
   if (!http || !http->Open(nullptr)) {
     LOG_ERROR << "Failed open.";
-    return false;
+    return nullptr;
   }
   // Drive sends compressed answers only to user agents that say they take them.
   http->SetUserAgent(http->GetUserAgent() + " (gzip)");
@@ -174,19 +209,21 @@ bool RemoteFileSystemGoogle::OpenClient() {
   if (IsStopped()) {
     http->Stop();
   }
-  std::lock_guard<std::mutex> lock(http_mutex_);
-  http_ = std::move(http);
-  return true;
+  return http;
 }
 
 FileSystem::Result RemoteFileSystemGoogle::Close() {
   std::shared_ptr<URLProcessor> http;
+  std::shared_ptr<URLProcessor> feed_http;
   {
     std::lock_guard<std::mutex> lock(http_mutex_);
     http.swap(http_);
+    feed_http.swap(feed_http_);
   }
-  if (http) {
-    http->Close();
+  for (const std::shared_ptr<URLProcessor>& client : {http, feed_http}) {
+    if (client) {
+      client->Close();
+    }
   }
   return SUCCEEDED;
 }
@@ -202,10 +239,11 @@ FileSystem::Result RemoteFileSystemGoogle::CheckConnection() {
 
 // --- sizes ---------------------------------------------------------------------------------
 
-FileSystem::Result RemoteFileSystemGoogle::ReadAbout(bool with_shared_data, Quota* quota) {
+FileSystem::Result RemoteFileSystemGoogle::ReadAbout(bool with_shared_data, Quota* quota,
+                                                     const std::shared_ptr<URLProcessor>& http) {
   RadarsLogger::instance().SendMetric("ggl_about_get_called", "1", 1);
   utils::json::json_tree json;
-  Result result = SendRequest("/about", "storageQuota, maxUploadSize", &json);
+  Result result = SendRequest("/about", "storageQuota, maxUploadSize", &json, http);
   if (result != SUCCEEDED) {
     return result;
   }
@@ -323,6 +361,10 @@ FileSystem::Result RemoteFileSystemGoogle::GetTree(FolderNode* root, std::uint64
   }
   // 5. The new tree takes over.
   last_tree_time_ms_ = utils::GetClock().NowMs();
+  {
+    std::lock_guard<std::mutex> lock(changes_mutex_);
+    last_disk_activity_time_ms_ = last_tree_time_ms_;
+  }
   tree_valid_ = true;
   page_token_ = token;
   SharedDocs()->Swap(*docs);
@@ -534,12 +576,19 @@ bool RemoteFileSystemGoogle::QueueChildFolders(const std::vector<std::string>& t
 void RemoteFileSystemGoogle::ReportTreeFailure(const TreeError& error, const char* what,
                                                const char* metric) {
   LOG_ERROR << what << error.reason << " \"" << error.path << "\"";
-  RadarsLogger::instance().SendMetric("google_tree_error", std::to_string(error.reason), 1);
-  {
-    std::lock_guard<std::mutex> lock(tree_error_mutex_);
-    tree_error_ = error;
-  }
+  KeepTreeError(error, "google_tree_error");
   RadarsLogger::instance().SendMetric(metric, "1", 1);
+}
+
+void RemoteFileSystemGoogle::ReportChangesFailure(const TreeError& error, const char* what) {
+  LOG_ERROR << what << error.reason << " \"" << error.path << "\"";
+  KeepTreeError(error, "google_changes_tree_error");
+}
+
+void RemoteFileSystemGoogle::KeepTreeError(const TreeError& error, const char* metric) {
+  RadarsLogger::instance().SendMetric(metric, std::to_string(error.reason), 1);
+  std::lock_guard<std::mutex> lock(tree_error_mutex_);
+  tree_error_ = error;
 }
 
 TreeError RemoteFileSystemGoogle::GetTreeError() const {
@@ -575,24 +624,6 @@ FileSystem::Result RemoteFileSystemGoogle::NotServedYet(const char* operation) {
   return NOT_SUPPORTED;
 }
 
-FileSystem::Result RemoteFileSystemGoogle::GetChanges(std::queue<Change>*) {
-  return NotServedYet("GetChanges");
-}
-
-bool RemoteFileSystemGoogle::ApplyRemoteChange(const Change&, FolderNode*, std::uint64_t*,
-                                               std::uint64_t*) {
-  NotServedYet("ApplyRemoteChange");
-  return false;
-}
-
-FileSystem::Result RemoteFileSystemGoogle::GetPublicLink(const std::string&, bool, std::string*) {
-  return NotServedYet("GetPublicLink");
-}
-
-FileSystem::Result RemoteFileSystemGoogle::ClosePublicLink(const std::string&) {
-  return NotServedYet("ClosePublicLink");
-}
-
 FileSystem::Result RemoteFileSystemGoogle::WriteFile(const std::uint8_t*, std::uint32_t) {
   return NotServedYet("WriteFile");
 }
@@ -603,22 +634,6 @@ FileSystem::Result RemoteFileSystemGoogle::CloseFile(FileProperties*) {
 
 FileSystem::Result RemoteFileSystemGoogle::InterruptFile() {
   return NotServedYet("InterruptFile");
-}
-
-FileSystem::Result RemoteFileSystemGoogle::CreateFolderImpl(const OverwriteControl&,
-                                                            const std::string&) {
-  return NotServedYet("CreateFolderImpl");
-}
-
-FileSystem::Result RemoteFileSystemGoogle::DeleteFileImpl(const OverwriteControl&,
-                                                          const std::string&, std::uint64_t,
-                                                          std::uint64_t) {
-  return NotServedYet("DeleteFileImpl");
-}
-
-FileSystem::Result RemoteFileSystemGoogle::DeleteFolderImpl(const FolderNode&, const Revision&,
-                                                            const std::string&) {
-  return NotServedYet("DeleteFolderImpl");
 }
 
 FileSystem::Result RemoteFileSystemGoogle::OpenForCreate(const OverwriteControl&,
@@ -645,16 +660,932 @@ FileSystem::Result RemoteFileSystemGoogle::ReadFile(std::uint8_t*, std::uint32_t
   return NotServedYet("ReadFile");
 }
 
-FileSystem::Result RemoteFileSystemGoogle::MoveFileImpl(const FileNode&, const OverwriteControl&,
-                                                        const std::string&, const OverwriteControl&,
-                                                        const std::string&) {
-  return NotServedYet("MoveFileImpl");
+// --- the change feed -----------------------------------------------------------------------
+
+namespace {
+
+constexpr const char* kChangesFields =
+    "changes(file(id, name, parents, modifiedTime, md5Checksum, size, mimeType, trashed, version, "
+    "capabilities/canEdit, ownedByMe, webViewLink, shared, resourceKey)), newStartPageToken, "
+    "nextPageToken";
+constexpr std::int64_t kNoTokenPauseMs = 500;
+constexpr std::int64_t kFailedPollPauseMs = 1000;
+
+// The free space moves by the sizes of the changes; it never wraps below zero.
+std::uint64_t Less(std::uint64_t value, std::uint64_t by) {
+  return value > by ? value - by : 0;
+}
+
+}  // namespace
+
+FileSystem::Result RemoteFileSystemGoogle::GetChanges(std::queue<Change>* changes) {
+  // 1. The client, and a feed to follow.
+  if (!OpenClient()) {
+    LOG_ERROR << "Failed opening URLProcessor.";
+    return FAILED;
+  }
+  if (page_token_.empty()) {
+    if (WaitForStop(kNoTokenPauseMs)) {
+      return STOPPED;
+    }
+    LOG_INFO << "No changes since token is not initialized.";
+    return SUCCEEDED;
+  }
+  // 2. One page of it.
+  std::vector<Change> found;
+  Result result = FetchChanges(&found);
+  if (result != SUCCEEDED) {
+    LOG_ERROR << "Failed getting changes: " << result;
+    if (result == STOPPED || WaitForStop(kFailedPollPauseMs)) {
+      return STOPPED;
+    }
+    return result;
+  }
+  for (Change& change : found) {
+    changes->push(std::move(change));
+  }
+  // 3. The quota, now and then.
+  CheckSizes(changes);
+  return IsStopped() ? STOPPED : SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemGoogle::FetchChanges(std::vector<Change>* changes) {
+  // 1. The page.
+  utils::json::json_tree json;
+  std::shared_ptr<URLProcessor> http = FeedClient();
+  Result result = SendRequest(google::WithQuery("/changes", {{"pageToken", page_token_}}),
+                              kChangesFields, &json, http);
+  if (result != SUCCEEDED) {
+    if (http && http->GetResponseCode() == 400 && Text(json, "error.message") == "Invalid Value") {
+      LOG_ERROR << utils::json::ToString(json, false);
+      LOG_ERROR << "Seems like invalid page token, requesting a new tree.";
+      need_new_tree_ = true;
+    } else {
+      LOG_ERROR << "Failed geting changes: " << result;
+    }
+    return result;
+  }
+  auto entries = utils::json::Member(json, "changes");
+  if (entries && !entries->data().empty()) {
+    LOG_ERROR << utils::json::ToString(json, false);
+    LOG_ERROR << "Invalid list of changes in response.";
+    return FAILED;
+  }
+  // 2. Where the feed goes on.
+  std::string next = Text(json, "nextPageToken");
+  page_token_ = next.empty() ? Text(json, "newStartPageToken") : next;
+  if (page_token_.empty()) {
+    LOG_ERROR << utils::json::ToString(json, false);
+    LOG_ERROR << "No next page token. Downloading new remote tree.";
+    need_new_tree_ = true;
+    return SUCCEEDED;
+  }
+  // 3. Its changes, or a pause when there are none.
+  if (!entries || entries->empty()) {
+    WaitIdle();
+    return IsStopped() ? STOPPED : SUCCEEDED;
+  }
+  if (!ReadChangesPage(*entries, changes)) {
+    need_new_tree_ = true;
+    return FAILED;
+  }
+  return SUCCEEDED;
+}
+
+bool RemoteFileSystemGoogle::ReadChangesPage(const utils::json::json_tree& entries,
+                                             std::vector<Change>* changes) {
+  std::shared_ptr<RemoteFileIds> ids = SharedIds();
+  ChangesConstructor constructor(ids, shared_items_enabled_, kExternalItemsFolderName, this,
+                                 SharedDocs().get(), &expected_, ids->GetRootId(), changes);
+  for (const auto& entry : entries) {
+    // 1. The item; an entry without one (an item deleted for good) says nothing to the tree:
+    // a deletion reaches it as the item's trashing.
+    auto file = utils::json::Member(entry.second, "file");
+    if (!file) {
+      LOG_INFO << utils::json::ToString(entry.second, false);
+      LOG_INFO << "Invalid change without a file entry.";
+      continue;
+    }
+    if (!constructor.AddItem(*file, nullptr)) {
+      ReportChangesFailure(constructor.Error(), "Failed adding change. Tree error ");
+      return false;
+    }
+    // 2. A folder above the mounted root changed: no path can be trusted.
+    std::string id = Text(*file, "id");
+    if (IsRooted() && root_ancestors_.count(id)) {
+      LOG_WARNING << "A folder above the remote root changed; id=" << id << ".";
+      constructor.FinishAdoption();
+      return false;
+    }
+    // 3. Its public link, and its resource key.
+    std::optional<std::string> path = ids->GetPathById(id);
+    if (path && !path->empty()) {
+      Change link(Change::PUBLIC_LINK, *path);
+      link.id = id;
+      link.size = Text(*file, "shared") == "true" ? 1 : 0;
+      changes->push_back(std::move(link));
+    }
+    resource_keys_.Record(id, Text(*file, "resourceKey"));
+  }
+  if (!constructor.FinishAdoption()) {
+    ReportChangesFailure(constructor.Error(), "Failed adopting changes. Tree error ");
+    return false;
+  }
+  return true;
+}
+
+void RemoteFileSystemGoogle::WaitIdle() {
+  LOG_INFO << "No changes.";
+  std::unique_lock<std::mutex> lock(changes_mutex_);
+  // 1. The pace: slow once the disk has been left alone.
+  std::int64_t wait = kActivePollMs;
+  if (utils::GetClock().NowMs() - last_disk_activity_time_ms_ > kInactiveAfterMs) {
+    inactive_mode_ = true;
+    LOG_INFO << "Switched to getting changes in INACTIVE mode.";
+    wait = kInactivePollMs;
+  } else {
+    inactive_mode_ = false;
+  }
+  // 2. The pause, which disk activity, a wake-up or Stop ends.
+  const bool was_inactive = inactive_mode_;
+  utils::GetClock().WaitFor(changes_condition_, lock, wait, [this, was_inactive] {
+    return IsStopped() || wake_changes_ || (was_inactive && !inactive_mode_);
+  });
+  wake_changes_ = false;
+  if (was_inactive && !inactive_mode_) {
+    LOG_INFO << "Switched to getting changes in ACTIVE mode.";
+  }
+}
+
+void RemoteFileSystemGoogle::WakeChanges() {
+  wake_changes_ = true;
+  std::lock_guard<std::mutex> lock(changes_mutex_);
+  changes_condition_.notify_all();
+}
+
+void RemoteFileSystemGoogle::OnDiskActivity() {
+  std::lock_guard<std::mutex> lock(changes_mutex_);
+  last_disk_activity_time_ms_ = utils::GetClock().NowMs();
+  if (inactive_mode_) {
+    inactive_mode_ = false;
+    changes_condition_.notify_all();
+  }
+}
+
+void RemoteFileSystemGoogle::CheckSizes(std::queue<Change>* changes) {
+  std::int64_t now = utils::GetClock().NowMs();
+  if (now - last_size_check_time_ms_ <= kSizeCheckEveryMs) {
+    return;
+  }
+  Quota quota;
+  if (ReadAbout(shared_items_enabled_, &quota, FeedClient()) != SUCCEEDED) {
+    return;
+  }
+  last_size_check_time_ms_ = now;
+  const bool total_changed = quota.total != total_size_;
+  if (total_changed) {
+    total_size_ = quota.total;
+    Change total(Change::TOTAL_SIZE_SET, std::string());
+    total.size = quota.total;
+    changes->push(total);
+  }
+  if (total_changed || quota.used != used_size_) {
+    used_size_ = quota.used;
+    Change free(Change::FREE_SIZE_SET, std::string());
+    free.size = Less(quota.total, quota.used);
+    changes->push(free);
+  }
+}
+
+FileSystem::Result RemoteFileSystemGoogle::PrepareAfterTreeDeserialized() {
+  if (!OpenClient()) {
+    return FATAL;
+  }
+  std::vector<std::string> chain;
+  Result result = FindRootChain(&chain);
+  if (result != SUCCEEDED) {
+    LOG_ERROR << "Failed to get parent folder, result: " << result;
+    return result;
+  }
+  root_ancestors_.clear();
+  if (IsRooted()) {
+    root_ancestors_.insert(chain.begin(), chain.end());
+  }
+  return SUCCEEDED;
+}
+
+// --- applying a change ---------------------------------------------------------------------
+
+bool RemoteFileSystemGoogle::ApplyRemoteChange(const Change& change, FolderNode* root,
+                                               std::uint64_t* free, std::uint64_t* total) {
+  switch (change.type) {
+    case Change::FILE_CREATE:
+    case Change::FILE_MODIFY:
+    case Change::FILE_DELETE:
+    case Change::FILE_RENAME:
+      return ApplyFileChange(change, root, free);
+    case Change::FOLDER_CREATE:
+    case Change::FOLDER_DELETE:
+    case Change::FOLDER_RENAME:
+    case Change::FOLDER_UPDATE:
+      return ApplyFolderChange(change, root);
+    case Change::FREE_SIZE_SET:
+      *free = change.size;
+      return true;
+    case Change::TOTAL_SIZE_SET:
+      *total = change.size;
+      return true;
+    case Change::USED_SIZE_DECREASE:
+      *free += change.size;
+      return true;
+    case Change::USED_SIZE_INCREASE:
+      *free = Less(*free, change.size);
+      return true;
+    case Change::PUBLIC_LINK:
+      // The link marks are the core's; the tree has nothing to change.
+      return true;
+    default:
+      LOG_ERROR << "Unsupported change type for Google: " << Change::TypeName(change.type);
+      return false;
+  }
+}
+
+bool RemoteFileSystemGoogle::ApplyFileChange(const Change& change, FolderNode* root,
+                                             std::uint64_t* free) {
+  auto [parent, name_view] = root->TraversePath(change.path);
+  const std::string name(name_view);
+  // 1. A move or rename: from the old place to the new one.
+  if (change.type == Change::FILE_RENAME) {
+    auto [old_parent, old_name] = root->TraversePath(change.old_path);
+    if (!old_parent) {
+      LOG_ERROR << "No old parent directory: " << change.old_path;
+      return FailedApply();
+    }
+    if (!parent) {
+      LOG_ERROR << "No new parent directory: " << change.path;
+      return FailedApply();
+    }
+    if (!old_parent->HasFile(old_name)) {
+      LOG_ERROR << "No such file.";
+      return FailedApply();
+    }
+    return FolderNode::MoveFileW(old_parent, old_name, parent, name) ||
+           NameCollision(change, parent, name);
+  }
+  if (change.type == Change::FILE_DELETE) {
+    if (!parent) {
+      LOG_ERROR << "Deleting item in non existent folder.";
+      return FailedApply();
+    }
+    if (!parent->HasFile(name)) {
+      LOG_ERROR << "No such file to delete.";
+      return FailedApply();
+    }
+    if (!parent->DeleteFileW(name)) {
+      LOG_ERROR << "Failed deleting file.";
+      return FailedApply();
+    }
+    parent->SetChanged(true);
+    return true;
+  }
+  // 2. A new file, or new content.
+  if (!parent) {
+    LOG_ERROR << "No parent directory: " << change.path;
+    return FailedApply();
+  }
+  FileNode* file = parent->GetFile(name);
+  if (!file) {
+    file = parent->CreateFileW(name, change.size, change.hash, change.time, 0, change.readonly);
+    if (!file) {
+      return NameCollision(change, parent, name);
+    }
+    file->SetChanged(true);
+    *free = Less(*free, change.size);
+    return true;
+  }
+  if (file->size == change.size && file->hash == change.hash &&
+      file->IsReadonly() == change.readonly) {
+    return true;
+  }
+  // The quota check of the feed puts the free space right; this is its estimate till then.
+  *free = Less(*free + change.size, file->size);
+  file->SetSize(change.size, false);
+  file->SetHash(change.hash);
+  file->SetTime(change.time);
+  file->SetReadonly(change.readonly);
+  file->SetChanged(true);
+  return true;
+}
+
+bool RemoteFileSystemGoogle::ApplyFolderChange(const Change& change, FolderNode* root) {
+  if (change.type == Change::FOLDER_CREATE && change.path.empty()) {
+    return true;
+  }
+  auto [parent, name_view] = root->TraversePath(change.path);
+  const std::string name(name_view);
+  switch (change.type) {
+    case Change::FOLDER_CREATE: {
+      if (!parent) {
+        LOG_ERROR << "No parent directory: " << change.path;
+        return FailedApply();
+      }
+      FolderNode* folder = parent->CreateFolder(name, change.time);
+      if (!folder) {
+        return NameCollision(change, parent, name);
+      }
+      folder->SetChanged(true);
+      if (change.readonly) {
+        folder->SetReadonly(change.path == kExternalItemsFolderName ? FolderNode::kReadonlyLocked
+                                                                    : FolderNode::kReadonly);
+      }
+      return true;
+    }
+    case Change::FOLDER_DELETE:
+      if (!parent || !parent->HasFolder(name)) {
+        LOG_ERROR << "No such folder to delete.";
+        return FailedApply();
+      }
+      parent->DeleteFolder(name);
+      parent->SetChanged(true);
+      return true;
+    case Change::FOLDER_RENAME: {
+      auto [old_parent, old_name] = root->TraversePath(change.old_path);
+      if (!old_parent || !old_parent->HasFolder(old_name) || !parent) {
+        LOG_ERROR << "No such folder.";
+        return FailedApply();
+      }
+      if (FolderNode::MoveFolder(old_parent, old_name, parent, name)) {
+        return true;
+      }
+      LOG_ERROR << "Failed to move folder.";
+      return NameCollision(change, parent, name);
+    }
+    default: {  // FOLDER_UPDATE
+      if (!parent) {
+        LOG_ERROR << "Update for non existent folder.";
+        return FailedApply();
+      }
+      FolderNode* folder = parent->GetFolder(name);
+      if (!folder) {
+        LOG_ERROR << "No such folder to update.";
+        return FailedApply();
+      }
+      folder->SetReadonly(change.readonly ? FolderNode::kReadonly : FolderNode::kWritable);
+      folder->SetChanged(true);
+      return true;
+    }
+  }
+}
+
+bool RemoteFileSystemGoogle::NameCollision(const Change& change, FolderNode* parent,
+                                           const std::string& name) {
+  TreeError error;
+  error.path = change.path;
+  error.is_file = change.IsFileChange();
+  if (parent->HasChild(name)) {
+    bool shared = IsInsideExternalFolder(change.path);
+    error.reason = shared ? TreeError::kSharedDuplicate : TreeError::kDuplicate;
+  } else {
+    error.reason = TreeError::kUnknown;
+  }
+  KeepTreeError(error, "google_changes_tree_error");
+  FailedApply();
+  return false;
+}
+
+bool RemoteFileSystemGoogle::FailedApply() {
+  RadarsLogger::instance().SendMetric("failed_google_apply_changes", "1", 1);
+  need_new_tree_ = true;
+  return true;
+}
+
+// --- items ---------------------------------------------------------------------------------
+
+namespace {
+
+// The folder part and the name of a canonical path.
+std::pair<std::string, std::string> SplitPath(const std::string& path) {
+  std::size_t slash = path.rfind('/');
+  if (slash == std::string::npos) {
+    return {std::string(), path};
+  }
+  return {path.substr(0, slash), path.substr(slash + 1)};
+}
+
+}  // namespace
+
+FileSystem::Result RemoteFileSystemGoogle::WriteRequest(
+    const std::string& verb, const std::string& path, const std::string& body,
+    const std::vector<std::string>& ids_for_keys, utils::json::json_tree* json) {
+  // 1. The client.
+  std::shared_ptr<URLProcessor> http = Client();
+  if (!http) {
+    LOG_FATAL << "Not initialized.";
+    return FATAL;
+  }
+  if (IsStopped()) {
+    LOG_INFO << "Stopped.";
+    return STOPPED;
+  }
+  // 2. The request, with the resource keys of the items it names.
+  URLProcessor::Request request;
+  request.verb = verb;
+  request.url = DispatcherUrl::FromString(Endpoints::Get(Endpoints::kGoogleDrive) +
+                                          google::kDriveApiBase + path);
+  request.body = body;
+  if (!body.empty()) {
+    request.content_type = "application/json";
+  }
+  std::string keys = resource_keys_.BuildHeader(ids_for_keys);
+  if (!keys.empty()) {
+    request.headers.push_back(keys);
+  }
+  utils::json::json_tree scratch;
+  std::string error;
+  bool parsed = http->Send(request) &&
+                utils::json::ReadAndParse(http->GetInputStream(), json ? json : &scratch, &error);
+  URLProcessorResult result = http->Finish();
+  SetFailReason(result, http->GetResponseCode());
+  // 3. The verdict; an answer that should carry JSON must.
+  if (result == URLProcessorResult::STOPPED) {
+    LOG_INFO << "Stopped.";
+    return STOPPED;
+  }
+  Result mapped = MapFailure(http.get(), result);
+  if (mapped == SUCCEEDED && json && !parsed) {
+    LOG_ERROR << "Failed to read response. " << error;
+    return FAILED;
+  }
+  return mapped;
+}
+
+FileSystem::Result RemoteFileSystemGoogle::MapFailure(URLProcessor* http,
+                                                      URLProcessorResult url_result) {
+  Result result = MapGoogleFailure(http, url_result);
+  if (result == CONFLICT) {
+    if (restored_from_file_) {
+      need_new_tree_ = true;
+    }
+    WakeChanges();
+  }
+  return result;
+}
+
+std::string RemoteFileSystemGoogle::FileId(const std::string& path) {
+  std::string id = SharedIds()->GetFileIdByPath(path);
+  if (id.empty() && restored_from_file_) {
+    need_new_tree_ = true;
+  }
+  return id;
+}
+
+std::string RemoteFileSystemGoogle::FolderId(const std::string& path) {
+  std::string id = SharedIds()->GetFolderIdByPath(path);
+  if (id.empty() && restored_from_file_) {
+    need_new_tree_ = true;
+  }
+  return id;
+}
+
+bool RemoteFileSystemGoogle::IsItemInMountedDir(const std::string& path) {
+  return IsInsideExternalFolder(path);
+}
+
+FileSystem::Result RemoteFileSystemGoogle::CreateFolderImpl(const OverwriteControl&,
+                                                            const std::string& path) {
+  LOG_INFO << "Creating folder \"" << path;
+  // 1. Where it goes: not among other people's items, not over an item of the tree.
+  if (IsInsideExternalFolder(path)) {
+    LOG_ERROR << "Permission denied creating shared folder.";
+    return ACCESS_DENIED;
+  }
+  auto [parent_path, name] = SplitPath(path);
+  std::string parent_id = FolderId(parent_path);
+  if (parent_id.empty()) {
+    LOG_ERROR << "Parent not found by path: " << path;
+    return ITEM_MISSED;
+  }
+  std::shared_ptr<RemoteFileIds> ids = SharedIds();
+  if (!ids->GetFileIdByPath(path).empty()) {
+    LOG_ERROR << "There is already file with same path: " << path;
+    return CONFLICT;
+  }
+  if (!ids->GetFolderIdByPath(path).empty()) {
+    LOG_ERROR << "There is already folder with same path: " << path;
+    return CONFLICT;
+  }
+  // 2. The request. The feed may meet the new folder before its answer comes: the creation is
+  // announced first, so that the feed takes it for the echo it is, and no lock is held meanwhile.
+  std::string remote_name = name;
+  MapNameToRemote(&remote_name);
+  utils::json::Writer body;
+  body.BeginObject()
+      .Key("name")
+      .String(remote_name)
+      .Key("mimeType")
+      .String(google::kFolderMimeType)
+      .Key("parents")
+      .BeginArray()
+      .String(parent_id)
+      .EndArray()
+      .EndObject();
+  expected_.BeginFolderCreation(parent_id, name);
+  utils::json::json_tree json;
+  Result result = WriteRequest("POST", "/files", body.Text(), {}, &json);
+  // 3. The id into the tree.
+  std::string id = result == SUCCEEDED ? Text(json, "id") : std::string();
+  if (result == SUCCEEDED && id.empty()) {
+    LOG_ERROR << "No id in response.";
+    result = FAILED;
+  }
+  if (result == SUCCEEDED && !ids->AddFolderId(id, name, parent_id)) {
+    LOG_ERROR << "Failed to add folder.";
+    result = FAILED;
+  }
+  expected_.EndFolderCreation(parent_id, name, result == SUCCEEDED ? id : std::string());
+  if (result != SUCCEEDED && result != STOPPED) {
+    std::shared_ptr<URLProcessor> http = Client();
+    LOG_ERROR << "Failed creating folder; http response code: "
+              << (http ? http->GetResponseCode() : 0) << "; result " << result << ".";
+  }
+  return result;
+}
+
+FileSystem::Result RemoteFileSystemGoogle::TrashItem(const std::string& id) {
+  utils::json::Writer body;
+  body.BeginObject().Key("trashed").Bool(true).EndObject();
+  Result result = WriteRequest("PATCH", "/files/" + id, body.Text(), {id}, nullptr);
+  if (result != SUCCEEDED && result != STOPPED) {
+    LOG_ERROR << "Patch request failed.";
+    if (!resource_keys_.BuildHeader({id}).empty()) {
+      RadarsLogger::instance().SendMetric("ggl_delete_failed_resource_key", "1", 1);
+    }
+  }
+  return result;
+}
+
+FileSystem::Result RemoteFileSystemGoogle::DeleteFileImpl(const OverwriteControl&,
+                                                          const std::string& path, std::uint64_t,
+                                                          std::uint64_t) {
+  LOG_INFO << "Deleting file \"" << path;
+  // 1. The item.
+  if (!IsRelativeCanonicalPath(path)) {
+    LOG_ERROR << "Invalid path.";
+    return FAILED;
+  }
+  std::string id = FileId(path);
+  if (id.empty()) {
+    LOG_ERROR << "Failed to get id by path.";
+    return ITEM_MISSED;
+  }
+  // 2. To the trash; its echo is expected from now on, so that the feed drops it whenever it
+  // comes.
+  expected_.ExpectTrashing(id);
+  Result result = TrashItem(id);
+  if (result != SUCCEEDED) {
+    expected_.TakeTrashing(id);
+    LOG_ERROR << "Deleting item failed: " << result << ".";
+    return result;
+  }
+  // 3. Out of the id tree.
+  std::shared_ptr<RemoteFileIds> ids = SharedIds();
+  if (!ids->RemoveFile(ids->GetNameById(id), id)) {
+    LOG_ERROR << "Failed to remove file \"" << path << "\" (" << id << "). Possible conflict.";
+  }
+  ids->AddTrashed(id);
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemGoogle::DeleteFolderImpl(const FolderNode&, const Revision&,
+                                                            const std::string& path) {
+  LOG_INFO << "Deleting folder \"" << path;
+  // 1. The item.
+  if (path == kExternalItemsFolderName) {
+    LOG_ERROR << "Permission denied deleting emulated external items folder.";
+    return ACCESS_DENIED;
+  }
+  std::string id = FolderId(path);
+  if (id.empty() || path.empty()) {
+    LOG_ERROR << "Failed to get id by path.";
+    return ITEM_MISSED;
+  }
+  // 2. To the trash.
+  expected_.ExpectTrashing(id);
+  Result result = TrashItem(id);
+  if (result != SUCCEEDED) {
+    expected_.TakeTrashing(id);
+    LOG_ERROR << "Deleting item failed: " << result << ".";
+    return result;
+  }
+  // 3. Everything below goes with it: the feed's entries for them are echoes too.
+  std::shared_ptr<RemoteFileIds> ids = SharedIds();
+  bool removed = false;
+  expected_.Locked([&](GoogleSelfMadeChanges::Records& records) {
+    ids->VisitSubtree(id, [&records, &id](const std::string& child) {
+      if (child != id) {
+        records.expected_trashings.insert(child);
+      }
+    });
+    removed = ids->RemoveFolder(ids->GetNameById(id), id);
+  });
+  if (!removed) {
+    LOG_ERROR << "Failed to remote folder from ids tree. Maybe conflict.";
+  }
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemGoogle::ResolveRelocation(bool is_folder,
+                                                             const std::string& from,
+                                                             const std::string& to,
+                                                             Relocation* relocation) {
+  // 1. The item.
+  relocation->id = is_folder ? FolderId(from) : FileId(from);
+  if (relocation->id.empty() || from.empty()) {
+    LOG_ERROR << (is_folder ? "Failed to find folder id for: " : "Failed to find id for: ") << from
+              << ".";
+    return ITEM_MISSED;
+  }
+  // 2. Both parents; other people's items stay where they are.
+  auto [old_parent, old_name] = SplitPath(from);
+  auto [new_parent, new_name] = SplitPath(to);
+  relocation->old_name = old_name;
+  relocation->new_name = new_name;
+  relocation->new_parent_id = FolderId(new_parent);
+  if (relocation->new_parent_id.empty()) {
+    LOG_ERROR << "Failed to find new parent id for: " << to << ".";
+    return ITEM_MISSED;
+  }
+  relocation->old_parent_id = FolderId(old_parent);
+  if (relocation->old_parent_id.empty()) {
+    LOG_ERROR << "Failed to find old parent id for: " << from << ".";
+    return ITEM_MISSED;
+  }
+  if (IsInsideExternalFolder(from) || IsInsideExternalFolder(to)) {
+    LOG_ERROR << "Permission denied moving to emulated shared folder.";
+    return ACCESS_DENIED;
+  }
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemGoogle::PatchItem(const Relocation& relocation,
+                                                     std::int64_t* version) {
+  // 1. The name only when it changes, the parents only when they do.
+  utils::json::Writer body;
+  body.BeginObject();
+  if (relocation.new_name != relocation.old_name) {
+    std::string remote_name = relocation.new_name;
+    MapNameToRemote(&remote_name);
+    body.Key("name").String(remote_name);
+  }
+  body.EndObject();
+  google::QueryParams params;
+  if (relocation.new_parent_id != relocation.old_parent_id) {
+    params = {{"removeParents", relocation.old_parent_id},
+              {"addParents", relocation.new_parent_id}};
+  }
+  params.emplace_back("fields", "id, version");
+  // 2. The request.
+  utils::json::json_tree json;
+  Result result = WriteRequest("PATCH", google::WithQuery("/files/" + relocation.id, params),
+                               body.Text(), {relocation.id}, &json);
+  if (result != SUCCEEDED) {
+    if (result != STOPPED) {
+      LOG_ERROR << "Patch request failed: " << result << ".";
+      if (!resource_keys_.BuildHeader({relocation.id}).empty()) {
+        RadarsLogger::instance().SendMetric("ggl_rename_failed_resource_key", "1", 1);
+      }
+    }
+    return result;
+  }
+  // 3. The same item, at its new version.
+  std::string id = Text(json, "id");
+  if (id.empty()) {
+    LOG_ERROR << "Invalid response.";
+    return FAILED;
+  }
+  if (id != relocation.id) {
+    LOG_ERROR << "File id has changed with update request: " << relocation.id << "    " << id;
+    return FAILED;
+  }
+  *version = static_cast<std::int64_t>(Number(Text(json, "version")));
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemGoogle::MoveFileImpl(const FileNode& file,
+                                                        const OverwriteControl&,
+                                                        const std::string& from,
+                                                        const OverwriteControl&,
+                                                        const std::string& to) {
+  LOG_INFO << "Moving file \"" << from << "\" to \"" << to;
+  if (from == to) {
+    LOG_INFO << "Moving to same path.";
+    return SUCCEEDED;
+  }
+  // 1. The request.
+  Relocation relocation;
+  Result result = ResolveRelocation(false, from, to, &relocation);
+  std::int64_t version = 0;
+  if (result == SUCCEEDED) {
+    result = PatchItem(relocation, &version);
+  }
+  if (result != SUCCEEDED) {
+    LOG_ERROR << "Failed moving: " << result;
+    return result;
+  }
+  // 2. The id tree, and the echo to come.
+  std::shared_ptr<RemoteFileIds> ids = SharedIds();
+  if (!ids->MoveFileW(relocation.id, ids->GetNameById(relocation.id), relocation.new_parent_id,
+                      relocation.new_name)) {
+    LOG_ERROR << "Failed to rename file.";
+  }
+  HashGoogle hash =
+      file.hash.GetType() == SomeHash::GOOGLE ? file.hash.GetHashGoogle() : HashGoogle();
+  expected_.ExpectUpload({relocation.id, hash, file.size, version, relocation.new_parent_id, to});
+  return SUCCEEDED;
 }
 
 FileSystem::Result RemoteFileSystemGoogle::MoveFolderImpl(const FolderNode&,
                                                           const OverwriteControl&,
-                                                          const std::string&,
+                                                          const std::string& from,
                                                           const OverwriteControl&,
-                                                          const std::string&) {
-  return NotServedYet("MoveFolderImpl");
+                                                          const std::string& to) {
+  LOG_INFO << "Moving folder \"" << from << "\" to \"" << to;
+  if (from == to) {
+    LOG_INFO << "Moving to same path.";
+    return SUCCEEDED;
+  }
+  // 1. The request; the emulated folder itself stays too.
+  Relocation relocation;
+  Result result = ResolveRelocation(true, from, to, &relocation);
+  if (result == SUCCEEDED && relocation.id == ConstructorBase::kExternalItemsFolderId) {
+    LOG_ERROR << "Permission denied moving to emulated shared folder.";
+    result = ACCESS_DENIED;
+  }
+  std::int64_t version = 0;
+  if (result == SUCCEEDED) {
+    result = PatchItem(relocation, &version);
+  }
+  if (result != SUCCEEDED) {
+    LOG_ERROR << "Failed moving: " << result;
+    return result;
+  }
+  // 2. The id tree, and the echo to come.
+  std::shared_ptr<RemoteFileIds> ids = SharedIds();
+  if (!ids->MoveFolder(relocation.id, ids->GetNameById(relocation.id), relocation.new_parent_id,
+                       relocation.new_name)) {
+    LOG_ERROR << "Failed to move folder.";
+  }
+  expected_.ExpectFolder(relocation.id);
+  return SUCCEEDED;
+}
+
+// --- public links --------------------------------------------------------------------------
+
+FileSystem::Result RemoteFileSystemGoogle::GetPublicLink(const std::string& path, bool,
+                                                         std::string* link) {
+  LOG_INFO << "Getting public link for '" << path;
+  // 1. The item.
+  if (path.empty()) {
+    LOG_ERROR << "Empty path.";
+    return FAILED;
+  }
+  std::string id = FileId(path);
+  if (id.empty()) {
+    id = FolderId(path);
+  }
+  if (id.empty()) {
+    LOG_ERROR << "Failed to find " << path;
+    return ITEM_MISSED;
+  }
+  // 2. Anyone with the link may read it.
+  utils::json::Writer body;
+  body.BeginObject().Key("role").String("reader").Key("type").String("anyone").EndObject();
+  utils::json::json_tree json;
+  Result result = WriteRequest("POST", "/files/" + id + "/permissions", body.Text(), {id}, &json);
+  if (result != SUCCEEDED) {
+    if (result != STOPPED) {
+      LOG_ERROR << "Failed request: " << result;
+    }
+    return result;
+  }
+  // 3. The link of the item's page.
+  result = SendRequest("/files/" + id, "webViewLink", &json);
+  if (result != SUCCEEDED) {
+    LOG_ERROR << "Failed to get file resource link.";
+    return result;
+  }
+  *link = Text(json, "webViewLink");
+  if (link->empty()) {
+    LOG_ERROR << "No web view link in response.";
+    return FAILED;
+  }
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemGoogle::ClosePublicLink(const std::string& path) {
+  LOG_INFO << "Closing public link for '" << path;
+  if (path.empty()) {
+    LOG_ERROR << "Empty path.";
+    return FAILED;
+  }
+  std::string id = FileId(path);
+  if (id.empty()) {
+    id = FolderId(path);
+  }
+  if (id.empty()) {
+    LOG_ERROR << "Failed to find \"" << path;
+    return ITEM_MISSED;
+  }
+  Result result =
+      WriteRequest("DELETE", "/files/" + id + "/permissions/anyoneWithLink", "", {id}, nullptr);
+  if (result == SUCCEEDED) {
+    LOG_INFO << "Public link for \"" << path << "\" is closed.";
+  } else if (result != STOPPED) {
+    std::shared_ptr<URLProcessor> http = Client();
+    LOG_ERROR << "Failed to delete public link permission for \"" << path << "\" with code "
+              << (http ? http->GetResponseCode() : 0);
+  }
+  return result;
+}
+
+// --- sizes and recent files ----------------------------------------------------------------
+
+FileSystem::Result RemoteFileSystemGoogle::SumSizes(const std::string& query,
+                                                    const std::string& fields, const char* order,
+                                                    std::uint64_t* sum) {
+  *sum = 0;
+  std::string token;
+  do {
+    google::QueryParams params{{"fields", fields}};
+    if (!token.empty()) {
+      params.emplace_back("pageToken", token);
+    }
+    params.insert(params.end(), {{"q", query}, {"pageSize", "999"}});
+    if (order) {
+      params.emplace_back("orderBy", order);
+    }
+    params.emplace_back("prettyPrint", "false");
+    utils::json::json_tree json;
+    Result result = SendRequest(google::WithQuery("/files", params), "", &json);
+    if (result != SUCCEEDED) {
+      return result;
+    }
+    if (auto files = utils::json::Member(json, "files")) {
+      for (const auto& file : *files) {
+        *sum += Number(Text(file.second, "size"));
+      }
+    }
+    token = Text(json, "nextPageToken");
+  } while (!token.empty());
+  return SUCCEEDED;
+}
+
+std::uint64_t RemoteFileSystemGoogle::GetMountedDirSize() {
+  std::uint64_t sum = 0;
+  SumSizes("trashed=false and (not 'me' in owners or sharedWithMe=true)",
+           "files(name,size),nextPageToken", "folder", &sum);
+  return sum;
+}
+
+std::uint64_t RemoteFileSystemGoogle::GetTrashedFilesSize() {
+  std::uint64_t sum = 0;
+  SumSizes("trashed=true", "files(size),nextPageToken", nullptr, &sum);
+  return sum;
+}
+
+utils::ValueOrError<std::vector<RemoteFileSystem::FileInfo>, FileSystem::Result>
+RemoteFileSystemGoogle::GetLastFiles(int count) {
+  // 1. The newest first, from the v2 API.
+  utils::json::json_tree json;
+  std::string path = google::WithQuery(
+      "/files", {{"maxResults", std::to_string(count)}, {"orderBy", "recency desc"}});
+  Result result = SendRequest(path, "", &json, nullptr, google::kDriveApiV2Base);
+  if (result != SUCCEEDED) {
+    LOG_ERROR << "Failed GetLastFiles request from api";
+    return result;
+  }
+  // 2. The files among them.
+  std::vector<FileInfo> files;
+  auto items = utils::json::Member(json, "items");
+  if (!items) {
+    return files;
+  }
+  for (const auto& entry : *items) {
+    const utils::json::json_tree& item = entry.second;
+    if (Text(item, "mimeType") == google::kFolderMimeType ||
+        Text(item, "labels.trashed") == "true") {
+      continue;
+    }
+    FileInfo info;
+    info.id = Text(item, "id");
+    info.name = Text(item, "title");
+    std::string date = Text(item, "modifiedDate");
+    std::int64_t seconds = 0;
+    if (utils::TryParseISODateTime(date.substr(0, date.find('.')), &seconds)) {
+      info.time = static_cast<std::uint64_t>(std::max<std::int64_t>(seconds, 0));
+    }
+    info.size = Number(Text(item, "fileSize"));
+    files.push_back(std::move(info));
+  }
+  return files;
 }

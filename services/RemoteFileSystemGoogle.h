@@ -16,6 +16,7 @@
 #include <QString>
 
 #include <atomic>
+#include <condition_variable>
 #include <cstdint>
 #include <deque>
 #include <memory>
@@ -29,7 +30,9 @@
 #include "core/URLProcessor.h"
 #include "services/GoogleRateLimiter.h"
 #include "services/GoogleResourceKeys.h"
+#include "services/GoogleSelfMadeChanges.h"
 #include "services/GoogleTreeConstructors.h"
+#include "services/RemoteGoogleUtils.h"
 
 class GoogleDocs;
 class RemoteFileIds;
@@ -44,11 +47,19 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
     std::uint64_t offset = 0;
   };
 
+  using ExpectedRemoteChangeUpload = ::ExpectedRemoteChangeUpload;
+
   // The name of the emulated folder of items shared with the account.
   static const std::string kExternalItemsFolderName;
   // A new tree no sooner than this after the last one, however the feed was lost.
   static constexpr std::int64_t kRenewTreeAfterMs = 100'000;
   static constexpr unsigned kParentsPerListing = 16;
+  // The feed's pace: polled this often while the user works with the disk...
+  static constexpr std::int64_t kActivePollMs = 4'000;
+  // ...and this often once the disk has been left alone this long.
+  static constexpr std::int64_t kInactivePollMs = 1'200'000;
+  static constexpr std::int64_t kInactiveAfterMs = 120'000;
+  static constexpr std::int64_t kSizeCheckEveryMs = 120'000;
 
   RemoteFileSystemGoogle(std::shared_ptr<RemoteFileSystemSharedData> shared_data,
                          const std::string& remote_root_path);
@@ -61,7 +72,8 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
   // A JSON GET of the Drive API under the rate limiter; `http` null uses the adapter's client.
   Result SendRequest(const std::string& path, const std::string& fields,
                      utils::json::json_tree* json_out,
-                     const std::shared_ptr<URLProcessor>& http = nullptr);
+                     const std::shared_ptr<URLProcessor>& http = nullptr,
+                     const char* api_base = google::kDriveApiBase);
   void SetMinRateLimitValueSec(unsigned int seconds) override;
   const GoogleRateLimiter& RateLimiter() const { return rate_limiter_; }
   const GoogleResourceKeys& ResourceKeys() const { return resource_keys_; }
@@ -80,20 +92,38 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
   TreeError GetTreeError() const;
   const std::unordered_set<std::string>& RootAncestors() const { return root_ancestors_; }
 
-  // Not served by this adapter yet: each answers NOT_SUPPORTED with a log line, without a request.
+  // --- the change feed ----------------------------------------------------------------------
   Result GetChanges(std::queue<Change>* changes) override;
   bool ApplyRemoteChange(const Change& change, FolderNode* root, std::uint64_t* free,
                          std::uint64_t* total) override;
-  Result GetPublicLink(const std::string& path, bool flag, std::string* link) override;
-  Result ClosePublicLink(const std::string& path) override;
-  Result WriteFile(const std::uint8_t* data, std::uint32_t size) override;
-  Result CloseFile(FileProperties* props) override;
-  Result InterruptFile() override;
+  void OnDiskActivity() override;
+  Result PrepareAfterTreeDeserialized() override;
+  bool IsInactive() const { return inactive_mode_; }
+  GoogleSelfMadeChanges& SelfMadeChanges() { return expected_; }
+
+  // --- items --------------------------------------------------------------------------------
   Result CreateFolderImpl(const OverwriteControl& control, const std::string& path) override;
   Result DeleteFileImpl(const OverwriteControl& control, const std::string& path,
                         std::uint64_t size, std::uint64_t time) override;
   Result DeleteFolderImpl(const FolderNode& folder, const Revision& revision,
                           const std::string& path) override;
+  Result MoveFileImpl(const FileNode& file, const OverwriteControl& from_control,
+                      const std::string& from, const OverwriteControl& to_control,
+                      const std::string& to) override;
+  Result MoveFolderImpl(const FolderNode& folder, const OverwriteControl& from_control,
+                        const std::string& from, const OverwriteControl& to_control,
+                        const std::string& to) override;
+  Result GetPublicLink(const std::string& path, bool flag, std::string* link) override;
+  Result ClosePublicLink(const std::string& path) override;
+  std::uint64_t GetMountedDirSize() override;
+  std::uint64_t GetTrashedFilesSize() override;
+  bool IsItemInMountedDir(const std::string& path) override;
+  utils::ValueOrError<std::vector<FileInfo>, Result> GetLastFiles(int count) override;
+
+  // Not served by this adapter yet: each answers NOT_SUPPORTED with a log line, without a request.
+  Result WriteFile(const std::uint8_t* data, std::uint32_t size) override;
+  Result CloseFile(FileProperties* props) override;
+  Result InterruptFile() override;
   Result OpenForCreate(const OverwriteControl& control, const std::string& path,
                        const SomeHash& hash, std::uint64_t size, std::uint64_t time,
                        std::uint64_t* resume_offset, bool flag) override;
@@ -103,12 +133,6 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
                         const SomeHash& hash, std::uint64_t size, std::uint64_t time,
                         std::uint64_t* resume_offset) override;
   Result ReadFile(std::uint8_t* buffer, std::uint32_t size, std::uint32_t* done) override;
-  Result MoveFileImpl(const FileNode& file, const OverwriteControl& from_control,
-                      const std::string& from, const OverwriteControl& to_control,
-                      const std::string& to) override;
-  Result MoveFolderImpl(const FolderNode& folder, const OverwriteControl& from_control,
-                        const std::string& from, const OverwriteControl& to_control,
-                        const std::string& to) override;
 
   // --- capabilities -------------------------------------------------------------------------
   std::uint64_t GetMaxFileSize() override { return max_upload_size_; }
@@ -126,14 +150,17 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
   };
 
   std::shared_ptr<URLProcessor> Client() const;
+  std::shared_ptr<URLProcessor> FeedClient() const;
   bool OpenClient();
+  std::shared_ptr<URLProcessor> MakeClient();
   bool IsRooted() const { return !GetRemoteRootPath().empty(); }
   Result GetTree(FolderNode* root, std::uint64_t* free, std::uint64_t* total,
                  tsl::htrie_set<char>* shared_paths, bool shared_items_enabled);
   // The ids from the drive's root down to the mounted root; only the drive's root when the whole
   // drive is mounted.
   Result FindRootChain(std::vector<std::string>* chain);
-  Result ReadAbout(bool with_shared_data, Quota* quota);
+  Result ReadAbout(bool with_shared_data, Quota* quota,
+                   const std::shared_ptr<URLProcessor>& http = nullptr);
   // Every page of every folder batch into `constructor`.
   Result ListTree(TreeConstructor& constructor, const std::shared_ptr<RemoteFileIds>& ids,
                   FolderNode* root, std::vector<std::string>* shared_ids);
@@ -147,8 +174,50 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
   bool QueueChildFolders(const std::vector<std::string>& taken, const RemoteFileIds& ids,
                          FolderNode* root, std::deque<std::string>* queue);
   void ReportTreeFailure(const TreeError& error, const char* what, const char* metric);
+  void ReportChangesFailure(const TreeError& error, const char* what);
+  // The error for the user's message, and its metric with the reason as value.
+  void KeepTreeError(const TreeError& error, const char* metric);
   Result GetStartPageToken(std::string* token);
   Result NotServedYet(const char* operation);
+
+  // The feed.
+  Result FetchChanges(std::vector<Change>* changes);
+  // False when the page can't be applied; the failure is reported and the tree renewed.
+  bool ReadChangesPage(const utils::json::json_tree& entries, std::vector<Change>* changes);
+  void WaitIdle();
+  void WakeChanges();
+  bool WaitForChanges(std::int64_t ms, const std::function<bool()>& done);
+  void CheckSizes(std::queue<Change>* changes);
+  bool ApplyFileChange(const Change& change, FolderNode* root, std::uint64_t* free);
+  bool ApplyFolderChange(const Change& change, FolderNode* root);
+  // A name taken in the tree: the reason is kept for the user's message, and the apply failed.
+  bool NameCollision(const Change& change, FolderNode* parent, const std::string& name);
+  bool FailedApply();
+
+  // Items.
+  // A request that changes the drive: `expected` is the status of success (204 for a DELETE).
+  // `json` null: the answer carries nothing to read (a 204).
+  Result WriteRequest(const std::string& verb, const std::string& path, const std::string& body,
+                      const std::vector<std::string>& ids_for_keys, utils::json::json_tree* json);
+  // MapGoogleFailure, and a CONFLICT wakes the feed: the tree is behind the server.
+  Result MapFailure(URLProcessor* http, URLProcessorResult url_result);
+  // An id of the tree, or empty (and a restored tree is renewed).
+  std::string FileId(const std::string& path);
+  std::string FolderId(const std::string& path);
+  Result TrashItem(const std::string& id);
+  // A move or rename of an item: its id and both places, resolved in the id tree.
+  struct Relocation {
+    std::string id;
+    std::string old_parent_id;
+    std::string new_parent_id;
+    std::string old_name;
+    std::string new_name;
+  };
+  Result ResolveRelocation(bool is_folder, const std::string& from, const std::string& to,
+                           Relocation* relocation);
+  Result PatchItem(const Relocation& relocation, std::int64_t* version);
+  Result SumSizes(const std::string& query, const std::string& fields, const char* order,
+                  std::uint64_t* sum);
 
   std::shared_ptr<RemoteFileIds> SharedIds() const;
   std::shared_ptr<GoogleDocs> SharedDocs() const;
@@ -157,6 +226,7 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
   GoogleResourceKeys resource_keys_;
   mutable std::mutex http_mutex_;
   std::shared_ptr<URLProcessor> http_;
+  std::shared_ptr<URLProcessor> feed_http_;
   std::shared_ptr<URLProcessorFactory> url_factory_;
 
   std::string page_token_;
@@ -173,4 +243,11 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
   unsigned requests_count_ = 0;
   mutable std::mutex tree_error_mutex_;
   TreeError tree_error_;
+
+  GoogleSelfMadeChanges expected_;
+  std::mutex changes_mutex_;
+  std::condition_variable changes_condition_;
+  std::int64_t last_disk_activity_time_ms_ = 0;  // guarded by changes_mutex_
+  std::atomic<bool> inactive_mode_{false};
+  std::atomic<bool> wake_changes_{false};
 };

@@ -62,7 +62,8 @@ bool IsSuccess(URLProcessorResult result) {
 
 FileSystem::Result GoogleRequest(const std::string& path, const std::string& fields,
                                  URLProcessor* http, utils::json::json_tree* json_out,
-                                 URLProcessorResult* result_out, bool* rate_limited_out) {
+                                 URLProcessorResult* result_out, bool* rate_limited_out,
+                                 const char* api_base) {
   *rate_limited_out = false;
   // 1. The client and the URL.
   if (!http) {
@@ -70,8 +71,8 @@ FileSystem::Result GoogleRequest(const std::string& path, const std::string& fie
     *result_out = URLProcessorResult::NETWORK_FAILED;
     return FileSystem::FATAL;
   }
-  DispatcherUrl url = DispatcherUrl::FromString(Endpoints::Get(Endpoints::kGoogleDrive) +
-                                                google::kDriveApiBase + path);
+  DispatcherUrl url =
+      DispatcherUrl::FromString(Endpoints::Get(Endpoints::kGoogleDrive) + api_base + path);
   if (!fields.empty()) {
     url.AppendParam("fields", fields, DispatcherUrl::ValueEncodingMode::kQueryValue);
   }

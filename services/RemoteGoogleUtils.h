@@ -21,6 +21,8 @@ namespace google {
 
 constexpr const char* kDriveApiBase = "/drive/v3";
 constexpr const char* kUploadApiBase = "/upload/drive/v3";
+// Recent files are listed by the v2 API only.
+constexpr const char* kDriveApiV2Base = "/drive/v2";
 constexpr const char* kFolderMimeType = "application/vnd.google-apps.folder";
 constexpr const char* kGoogleAppsMimePrefix = "application/vnd.google-apps.";
 
@@ -38,10 +40,11 @@ HashGoogle HashOfBytes(const std::string& bytes);
 
 // A GET of the Drive API at `path` (which starts with "/" and may carry a query), with "fields"
 // added when not empty. `*rate_limited_out` tells a rate limit of Drive, which is FAILED here:
-// the caller waits and tries again.
+// the caller waits and tries again. `api_base` is the v3 API's unless given.
 FileSystem::Result GoogleRequest(const std::string& path, const std::string& fields,
                                  URLProcessor* http, utils::json::json_tree* json_out,
-                                 URLProcessorResult* result_out, bool* rate_limited_out);
+                                 URLProcessorResult* result_out, bool* rate_limited_out,
+                                 const char* api_base = google::kDriveApiBase);
 
 // The Result of a request that is not a JSON read (PATCH, DELETE, upload steps), logged.
 FileSystem::Result MapGoogleFailure(URLProcessor* http, URLProcessorResult url_result);

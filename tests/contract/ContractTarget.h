@@ -71,6 +71,8 @@ class ContractTarget {
   virtual bool MovesByRename() const { return false; }
   // Whether the adapter reads, writes and changes items yet, or only lists the account.
   virtual bool ServesItemOperations() const { return true; }
+  // Whether it reads and writes the content of files yet, besides changing items.
+  virtual bool ServesTransfers() const { return true; }
 
  protected:
   // The account's factory, made through the library's entry.

@@ -85,6 +85,8 @@ TEST_F(GoogleDialectTest, QueryFormsSelectTheirFiles) {
       {"mimeType != 'application/vnd.google-apps.folder' and 'me' in owners",
        file_.id + "," + other_.id},
       {"name contains 'b.'", other_.id},
+      {"not 'me' in owners or sharedWithMe=true", ""},
+      {"not name contains 'a'", other_.id},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.q);
@@ -148,6 +150,52 @@ TEST_F(GoogleDialectTest, ChangeListCoalescesAndReportsRemovals) {
   QJsonObject refused = Get("/changes?pageToken=garbage", &status);
   EXPECT_EQ(status, 400);
   EXPECT_EQ(refused.value("error").toObject().value("message").toString(), "Invalid Value");
+}
+
+TEST_F(GoogleDialectTest, WritesAnswerAsDrivesReferenceSays) {
+  struct Case {
+    const char* name;
+    const char* verb;
+    std::string path;
+    std::string body;
+    long status;
+    const char* reason;  // of the error body; empty for success
+  };
+  const std::string files = "/drive/v3/files";
+  const std::string root = emulator_->account().RootId();
+  const Case cases[] = {
+      {"folder into a missing parent", "POST", files,
+       R"({"name":"x","mimeType":"application/vnd.google-apps.folder","parents":["nope"]})", 404,
+       "notFound"},
+      {"body that is no JSON", "POST", files, "{", 400, "parseError"},
+      {"trashed of another type", "PATCH", files + "/" + file_.id, R"({"trashed":"maybe"})", 400,
+       "invalid"},
+      {"a file as the new parent", "PATCH",
+       files + "/" + file_.id + "?addParents=" + other_.id + "&removeParents=" + folder_.id, "{}",
+       404, "notFound"},
+      {"a folder into itself", "PATCH",
+       files + "/" + folder_.id + "?addParents=" + folder_.id + "&removeParents=" + root, "{}", 403,
+       "cannotMoveFolderIntoItself"},
+      {"a link withdrawn that was never given", "DELETE",
+       files + "/" + file_.id + "/permissions/anyoneWithLink", "", 404, "notFound"},
+      {"a permission of a kind not served", "POST", files + "/" + file_.id + "/permissions",
+       R"({"role":"owner","type":"user"})", 400, "invalid"},
+      {"trashed as text", "PATCH", files + "/" + other_.id, R"({"trashed":"true"})", 200, ""},
+      {"v2 listing in another order", "GET", "/drive/v2/files?orderBy=title", "", 400, "invalid"},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.name);
+    test::Answer answer = test::Fetch(c.verb, emulator_->BaseUrl() + c.path, "Bearer t", c.body);
+    EXPECT_EQ(answer.status, c.status) << answer.body;
+    QJsonObject error = QJsonDocument::fromJson(QByteArray::fromStdString(answer.body))
+                            .object()
+                            .value("error")
+                            .toObject();
+    EXPECT_EQ(error.value("errors").toArray().at(0).toObject().value("reason").toString(),
+              QString(c.reason));
+  }
+  EXPECT_TRUE(emulator_->account().IsInTrash(other_.id));
+  EXPECT_FALSE(emulator_->account().IsInTrash(file_.id));
 }
 
 }  // namespace

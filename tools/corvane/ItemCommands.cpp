@@ -61,6 +61,12 @@ FileSystem::Result MoveFile(RemoteFileSystem& fs, const FileNode& node, const It
   return fs.MoveFileImpl(node, control, from, FileSystem::OverwriteControl(), to);
 }
 
+// An adapter with a feed finds the item of a link in the id tree its tree fills; one without
+// serves links, or refuses them, without a tree.
+FileSystem::Result PrepareForLink(Context& context) {
+  return context.fs->SupportsChangesListening() ? context.tree->Prepare() : FileSystem::SUCCEEDED;
+}
+
 }  // namespace
 
 int RunMkdir(Context& context) {
@@ -166,7 +172,10 @@ int RunLink(Context& context) {
     return BadPath(context, 0);
   }
   std::string link;
-  FileSystem::Result result = context.fs->GetPublicLink(path, false, &link);
+  FileSystem::Result result = PrepareForLink(context);
+  if (result == FileSystem::SUCCEEDED) {
+    result = context.fs->GetPublicLink(path, false, &link);
+  }
   if (result != FileSystem::SUCCEEDED) {
     return Report(context, result, "link: " + path);
   }
@@ -182,8 +191,7 @@ int RunUnlink(Context& context) {
   if (!PathArgument(context, 0, &path)) {
     return BadPath(context, 0);
   }
-  // An adapter that names items by id finds the item in the tree it loaded.
-  FileSystem::Result result = context.tree->Prepare();
+  FileSystem::Result result = PrepareForLink(context);
   if (result == FileSystem::SUCCEEDED) {
     result = context.fs->ClosePublicLink(path);
   }
