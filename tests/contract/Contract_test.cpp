@@ -181,7 +181,7 @@ TEST_P(ContractTest, TheTreeEqualsTheAccountItemByItem) {
     const RemoteItem& got = tree[path];
     EXPECT_EQ(got.folder, want.folder) << path;
     EXPECT_EQ(got.size, want.size) << path;
-    if (!want.folder) {
+    if (!want.folder && target_->TreeHasFileTimes()) {
       EXPECT_EQ(got.time, want.time) << path;
     }
     if (!want.hash.IsEmpty()) {
@@ -429,9 +429,6 @@ TEST_P(ContractTest, TheFeedBringsForeignChangesAndDropsItsOwnEchoes) {
   if (fs_->SupportsSelfChangeFiltering()) {
     EXPECT_EQ(root.GetFile("mine.bin"), nullptr);
     EXPECT_EQ(root.GetFolder("my folder"), nullptr);
-  }
-  if (!changesItems) {
-    GTEST_SKIP() << GetParam() << " makes no changes of its own yet; the foreign one arrived";
   }
 }
 
