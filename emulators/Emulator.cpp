@@ -226,6 +226,20 @@ void Emulator::InstallControl() {
     }
     return ControlAnswer(error == "none" ? std::string() : error);
   });
+  server_->Handle("GET", base + "requests", [this, base](const HttpRequest&) {
+    QJsonArray served;
+    for (const HttpRequest& request : server_->Requests()) {
+      if (request.path.compare(0, base.size(), base) != 0) {
+        served.append(QJsonObject{{"verb", QString::fromStdString(request.verb)},
+                                  {"path", QString::fromStdString(request.path)},
+                                  {"query", QString::fromStdString(request.query)}});
+      }
+    }
+    HttpResponse response = HttpResponse::Status(
+        200, QJsonDocument(served).toJson(QJsonDocument::Compact).toStdString());
+    response.headers = {{"Content-Type", "application/json"}};
+    return response;
+  });
   server_->Handle("GET", base + "dump", [this](const HttpRequest&) {
     HttpResponse response = HttpResponse::Status(200, DumpAccount(*account_));
     response.headers = {{"Content-Type", "application/json"}};
