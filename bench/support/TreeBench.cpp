@@ -59,6 +59,20 @@ void SeedFolder(const std::filesystem::path& root, const TreeShape& shape) {
   }
 }
 
+void ForEachPath(const TreeShape& shape,
+                 const std::function<void(const std::string& path, bool folder)>& visit) {
+  for (int t = 0; t < shape.top_folders; ++t) {
+    const std::string top = TopName(t);
+    visit(top, true);
+    for (int s = 0; s < shape.sub_folders; ++s) {
+      const std::string sub = top + "/" + SubName(s);
+      visit(sub, true);
+      for (int f = 0; f < shape.files_per_folder; ++f)
+        visit(sub + "/" + FileName(f), false);
+    }
+  }
+}
+
 std::size_t CountItems(const FolderNode& root) {
   std::size_t count = 0;
   for (auto it = root.FilesBegin(); it != root.FilesEnd(); ++it)

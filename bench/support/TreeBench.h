@@ -13,6 +13,7 @@
 #include <cstddef>
 #include <filesystem>
 #include <functional>
+#include <string>
 
 #include "core/FileSystem.h"
 #include "core/Nodes.h"
@@ -35,6 +36,10 @@ struct TreeShape {
 void SeedAccount(emulators::CloudAccount* account, const TreeShape& shape);
 // The shape below `root` on the local disk, of empty files.
 void SeedFolder(const std::filesystem::path& root, const TreeShape& shape);
+
+// Every item of the shape as its path ("Top 0/Sub 1/IMG_2.jpg"), each folder before its contents.
+void ForEachPath(const TreeShape& shape,
+                 const std::function<void(const std::string& path, bool folder)>& visit);
 
 // Files and folders below `root`, itself not counted.
 std::size_t CountItems(const FolderNode& root);
