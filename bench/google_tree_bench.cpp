@@ -11,11 +11,9 @@
 // are the adapters' own.
 #include <benchmark/benchmark.h>
 
-#include "support/DavServer.h"
 #include "support/EmulatedAccount.h"
 #include "support/Measure.h"
 #include "support/TreeBench.h"
-#include "support/WebDavTesting.h"
 
 namespace {
 
@@ -35,18 +33,7 @@ void BM_GoogleFullTree(benchmark::State& state) {
 BENCHMARK(BM_GoogleFullTree)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 void BM_WebDavWalkOnApache(benchmark::State& state) {
-  const bench::TreeShape shape = bench::TreeShape::Default();
-  test::DavServer apache(test::DavServerKind::kApache);
-  if (!apache.Start()) {
-    state.SkipWithError(("apache2 did not start: " + apache.Error()).c_str());
-    return;
-  }
-  bench::SeedFolder(apache.Root(), shape);
-  std::unique_ptr<RemoteFileSystemWebDAV> fs = test::OpenWebDav(apache.BaseUrl());
-  bench::MeasureListing(state, shape, [&fs](FolderNode* root) {
-    std::uint64_t free = 0, total = 0;
-    return fs->GetFullTree(root, &free, &total, nullptr);
-  });
+  bench::MeasureWebDavWalkOnApache(state, bench::TreeShape::Default());
 }
 BENCHMARK(BM_WebDavWalkOnApache)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
 

@@ -15,11 +15,9 @@
 
 #include "core/InputStream.h"
 #include "services/YandexBinarySnapshot.h"
-#include "support/DavServer.h"
 #include "support/Measure.h"
 #include "support/PassThroughNameMapper.h"
 #include "support/TreeBench.h"
-#include "support/WebDavTesting.h"
 #include "support/YandexTesting.h"
 
 namespace {
@@ -62,18 +60,7 @@ void BM_YandexBinarySnapshot(benchmark::State& state) {
 BENCHMARK(BM_YandexBinarySnapshot)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
 
 void BM_WebDavWalkOnApache(benchmark::State& state) {
-  const bench::TreeShape shape = MillionItems();
-  test::DavServer apache(test::DavServerKind::kApache);
-  if (!apache.Start()) {
-    state.SkipWithError(("apache2 did not start: " + apache.Error()).c_str());
-    return;
-  }
-  bench::SeedFolder(apache.Root(), shape);
-  std::unique_ptr<RemoteFileSystemWebDAV> fs = test::OpenWebDav(apache.BaseUrl());
-  bench::MeasureListing(state, shape, [&fs](FolderNode* root) {
-    std::uint64_t free = 0, total = 0;
-    return fs->GetFullTree(root, &free, &total, nullptr);
-  });
+  bench::MeasureWebDavWalkOnApache(state, MillionItems());
 }
 BENCHMARK(BM_WebDavWalkOnApache)->Iterations(1)->UseRealTime()->Unit(benchmark::kMillisecond);
 

@@ -5,7 +5,9 @@
 #include <fstream>
 #include <string>
 
+#include "support/DavServer.h"
 #include "support/Measure.h"
+#include "support/WebDavTesting.h"
 
 namespace bench {
 
@@ -105,6 +107,20 @@ void MeasureListing(benchmark::State& state, const TreeShape& shape, const ListT
     state.counters["cpu_us_per_item"] = reading.cpu_seconds * 1e6 / items;
     state.counters["peak_bytes_per_item"] = reading.peak_growth_bytes / items;
   }
+}
+
+void MeasureWebDavWalkOnApache(benchmark::State& state, const TreeShape& shape) {
+  test::DavServer apache(test::DavServerKind::kApache);
+  if (!apache.Start()) {
+    state.SkipWithError(("apache2 did not start: " + apache.Error()).c_str());
+    return;
+  }
+  SeedFolder(apache.Root(), shape);
+  std::unique_ptr<RemoteFileSystemWebDAV> fs = test::OpenWebDav(apache.BaseUrl());
+  MeasureListing(state, shape, [&fs](FolderNode* root) {
+    std::uint64_t free = 0, total = 0;
+    return fs->GetFullTree(root, &free, &total, nullptr);
+  });
 }
 
 }  // namespace bench

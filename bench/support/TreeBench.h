@@ -50,4 +50,8 @@ std::size_t CountItems(const FolderNode& root);
 using ListTree = std::function<FileSystem::Result(FolderNode* root)>;
 void MeasureListing(benchmark::State& state, const TreeShape& shape, const ListTree& list);
 
+// The WebDAV adapter's walk of the shape, seeded as empty files on Apache 2.4 mod_dav_fs started
+// for it, measured as MeasureListing does.
+void MeasureWebDavWalkOnApache(benchmark::State& state, const TreeShape& shape);
+
 }  // namespace bench
