@@ -12,6 +12,7 @@
 #include <chrono>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <set>
 #include <sstream>
 #include <thread>
@@ -20,6 +21,7 @@
 #include <gtest/gtest.h>
 
 #include "core/FileSystem.h"
+#include "support/EmulatorProcess.h"
 #include "support/Fetch.h"
 #include "support/Processes.h"
 
@@ -51,42 +53,15 @@ class CorvaneBoxTest : public ::testing::Test {
     test::WriteAll(seed_ / "a.txt", "alpha");
     test::WriteAll(seed_ / "docs" / "b.bin", test::RandomBytes(3000, 7));
     test::WriteAll(seed_ / "docs" / "deep" / "c", "");
-    fs::create_directories(temp_.path() / "serve");
-    fs::create_directories(temp_.path() / "run");
-    emulator_ = test::StartProcess(
-        {CORVANE_TOOL_PATH, "emulate", "box", "--port", "0", "--seed", seed_.string()},
-        temp_.path() / "serve");
-    std::vector<std::string> printed = WaitForReady(temp_.path() / "serve" / "stdout");
-    ASSERT_GE(printed.size(), 3u) << test::ReadAll(temp_.path() / "serve" / "stderr");
-    std::istringstream words(printed[0]);
-    for (std::string word; words >> word;)
-      options_.push_back(word);
-    control_ = printed[1].substr(printed[1].find("http"));
+    emulator_ =
+        std::make_unique<test::EmulatorProcess>(CORVANE_TOOL_PATH, "box", seed_, temp_.path());
+    ASSERT_TRUE(emulator_->Ready()) << emulator_->Error();
+    control_ = emulator_->Control();
   }
 
-  void TearDown() override {
-    if (emulator_ > 0) {
-      ::kill(emulator_, SIGINT);
-      EXPECT_EQ(test::WaitProcess(emulator_, temp_.path() / "serve").status, 0);
-    }
-  }
+  void TearDown() override { EXPECT_EQ(emulator_->Stop(), 0); }
 
-  static std::vector<std::string> WaitForReady(const fs::path& out) {
-    for (int i = 0; i < 200; ++i) {
-      std::vector<std::string> lines = test::Lines(test::ReadAll(out));
-      if (!lines.empty() && lines.back() == "ready")
-        return lines;
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return {};
-  }
-
-  test::Outcome Tool(std::vector<std::string> words) {
-    std::vector<std::string> argv = {CORVANE_TOOL_PATH};
-    argv.insert(argv.end(), options_.begin(), options_.end());
-    argv.insert(argv.end(), words.begin(), words.end());
-    return test::RunProcess(argv, temp_.path() / "run");
-  }
+  test::Outcome Tool(const std::vector<std::string>& words) { return emulator_->Run(words); }
 
   // Where the tool's local files are: the tool runs in the test's own folder.
   std::string Local(const std::string& name) const {
@@ -131,8 +106,7 @@ class CorvaneBoxTest : public ::testing::Test {
 
   test::TempDir temp_;
   fs::path seed_;
-  pid_t emulator_ = -1;
-  std::vector<std::string> options_;
+  std::unique_ptr<test::EmulatorProcess> emulator_;
   std::string control_;
 };
 

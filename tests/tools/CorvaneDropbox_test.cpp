@@ -11,6 +11,7 @@
 #include <chrono>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <sstream>
 #include <thread>
 
@@ -18,6 +19,7 @@
 
 #include "core/FileSystem.h"
 #include "emulators/Emulator.h"
+#include "support/EmulatorProcess.h"
 #include "support/Fetch.h"
 #include "support/Processes.h"
 
@@ -30,33 +32,14 @@ class CorvaneDropboxTest : public ::testing::Test {
   void SetUp() override {
     for (const auto& [path, content] : kSeed)
       test::WriteAll(temp_.path() / "seed" / path, content);
-    fs::create_directories(temp_.path() / "serve");
-    fs::create_directories(temp_.path() / "run");
-    emulator_ = test::StartProcess({CORVANE_TOOL_PATH, "emulate", "dropbox", "--port", "0",
-                                    "--seed", (temp_.path() / "seed").string()},
-                                   temp_.path() / "serve");
-    std::vector<std::string> printed;
-    for (int i = 0; i < 200 && (printed.empty() || printed.back() != "ready"); ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-      printed = test::Lines(test::ReadAll(temp_.path() / "serve" / "stdout"));
-    }
-    ASSERT_GE(printed.size(), 2u) << test::ReadAll(temp_.path() / "serve" / "stderr");
-    std::istringstream words(printed[0]);
-    for (std::string word; words >> word;)
-      options_.push_back(word);
-    control_ = printed[1].substr(printed[1].find("http"));
+    emulator_ = std::make_unique<test::EmulatorProcess>(CORVANE_TOOL_PATH, "dropbox",
+                                                        temp_.path() / "seed", temp_.path());
+    ASSERT_TRUE(emulator_->Ready()) << emulator_->Error();
+    control_ = emulator_->Control();
   }
-  void TearDown() override {
-    kill(emulator_, SIGINT);
-    test::WaitProcess(emulator_, temp_.path() / "serve");
-  }
+  void TearDown() override { EXPECT_EQ(emulator_->Stop(), 0); }
 
-  test::Outcome Run(std::vector<std::string> words) {
-    std::vector<std::string> argv = {CORVANE_TOOL_PATH};
-    argv.insert(argv.end(), options_.begin(), options_.end());
-    argv.insert(argv.end(), words.begin(), words.end());
-    return test::RunProcess(argv, temp_.path() / "run");
-  }
+  test::Outcome Run(const std::vector<std::string>& words) { return emulator_->Run(words); }
 
   // Name -> size (-1 for a folder) of every item of the emulator's account but its root.
   std::map<std::string, std::int64_t> Account() {
@@ -76,8 +59,7 @@ class CorvaneDropboxTest : public ::testing::Test {
   const std::map<std::string, std::string> kSeed = {
       {"a.txt", "alpha"}, {"Docs/b.bin", test::RandomBytes(3000, 7)}, {"Docs/ü c", ""}};
   test::TempDir temp_;
-  pid_t emulator_ = -1;
-  std::vector<std::string> options_;
+  std::unique_ptr<test::EmulatorProcess> emulator_;
   std::string control_;
 };
 
@@ -161,10 +143,8 @@ TEST_F(CorvaneDropboxTest, PutOfASessionSizedFilePrintsTheServersHash) {
 }
 
 TEST_F(CorvaneDropboxTest, ChangesPrintsAFileAnotherProcessAdds) {
-  std::vector<std::string> argv = {CORVANE_TOOL_PATH};
-  argv.insert(argv.end(), options_.begin(), options_.end());
-  argv.insert(argv.end(), {"changes", "--for", "3"});
-  pid_t changes = test::StartProcess(argv, temp_.path() / "run");
+  pid_t changes =
+      test::StartProcess(emulator_->Argv({"changes", "--for", "3"}), temp_.path() / "run");
   // The change comes once the tool follows the feed.
   for (int i = 0;
        i < 100 && test::ReadAll(temp_.path() / "run" / "stderr").find("following the feed") ==
@@ -180,9 +160,10 @@ TEST_F(CorvaneDropboxTest, ChangesPrintsAFileAnotherProcessAdds) {
 }
 
 TEST_F(CorvaneDropboxTest, TheRejectedTokenExitsWithAuthInvalid) {
-  ASSERT_EQ(options_[2], "--token");
-  options_[3] = emulators::Emulator::kRejectedToken;
-  test::Outcome refused = Run({"tree"});
+  std::vector<std::string> argv = emulator_->Argv({"tree"});
+  ASSERT_EQ(argv[3], "--token");
+  argv[4] = emulators::Emulator::kRejectedToken;
+  test::Outcome refused = test::RunProcess(argv, emulator_->RunDir());
   EXPECT_EQ(refused.status, 10 + FileSystem::AUTH_INVALID);
   EXPECT_NE(refused.err.find("AUTH_INVALID"), std::string::npos) << refused.err;
 }

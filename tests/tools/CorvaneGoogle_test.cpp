@@ -9,11 +9,13 @@
 
 #include <chrono>
 #include <filesystem>
+#include <memory>
 #include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
 
+#include "support/EmulatorProcess.h"
 #include "support/Fetch.h"
 #include "support/Processes.h"
 
@@ -27,46 +29,17 @@ class CorvaneGoogleTest : public ::testing::Test {
   void SetUp() override {
     test::WriteAll(temp_.path() / "seed" / "docs" / "a.txt", "alpha");
     fs::create_directories(temp_.path() / "seed" / "photos");
-    fs::create_directories(temp_.path() / "serve");
-    fs::create_directories(temp_.path() / "run");
-    emulator_ = test::StartProcess({CORVANE_TOOL_PATH, "emulate", "google", "--port", "0", "--seed",
-                                    (temp_.path() / "seed").string()},
-                                   temp_.path() / "serve");
-    std::vector<std::string> printed = WaitForLines(temp_.path() / "serve/stdout", "ready");
-    ASSERT_GE(printed.size(), 2u) << test::ReadAll(temp_.path() / "serve" / "stderr");
-    std::istringstream words(printed[0]);
-    for (std::string word; words >> word;) {
-      options_.push_back(word);
-    }
-    control_ = printed[1].substr(printed[1].find("http"));  // ends in "/_emulator/"
+    emulator_ = std::make_unique<test::EmulatorProcess>(CORVANE_TOOL_PATH, "google",
+                                                        temp_.path() / "seed", temp_.path());
+    ASSERT_TRUE(emulator_->Ready()) << emulator_->Error();
+    control_ = emulator_->Control();
   }
-  void TearDown() override {
-    ::kill(emulator_, SIGINT);
-    EXPECT_EQ(test::WaitProcess(emulator_, temp_.path() / "serve").status, 0);
-  }
+  void TearDown() override { EXPECT_EQ(emulator_->Stop(), 0); }
 
-  // The lines of a file once one of them contains `text`; empty when that takes over 10 s.
-  static std::vector<std::string> WaitForLines(const fs::path& file, const std::string& text) {
-    for (int i = 0; i < 200; ++i) {
-      std::vector<std::string> lines = test::Lines(test::ReadAll(file));
-      for (const std::string& line : lines) {
-        if (line.find(text) != std::string::npos) {
-          return lines;
-        }
-      }
-      std::this_thread::sleep_for(milliseconds(50));
-    }
-    return {};
-  }
   std::vector<std::string> Argv(const std::vector<std::string>& words) {
-    std::vector<std::string> argv = {CORVANE_TOOL_PATH};
-    argv.insert(argv.end(), options_.begin(), options_.end());
-    argv.insert(argv.end(), words.begin(), words.end());
-    return argv;
+    return emulator_->Argv(words);
   }
-  test::Outcome Run(const std::vector<std::string>& words) {
-    return test::RunProcess(Argv(words), temp_.path() / "run");
-  }
+  test::Outcome Run(const std::vector<std::string>& words) { return emulator_->Run(words); }
   // The account's item of this name as the emulator dumps it; empty when there is none.
   QJsonObject Item(const std::string& name) {
     QJsonObject dump = QJsonDocument::fromJson(QByteArray::fromStdString(
@@ -81,8 +54,7 @@ class CorvaneGoogleTest : public ::testing::Test {
   }
 
   test::TempDir temp_;
-  pid_t emulator_ = 0;
-  std::vector<std::string> options_;
+  std::unique_ptr<test::EmulatorProcess> emulator_;
   std::string control_;
 };
 
@@ -109,11 +81,11 @@ TEST_F(CorvaneGoogleTest, EachItemCommandChangesTheAccountAsAsked) {
 
 TEST_F(CorvaneGoogleTest, ChangesPrintsAFolderMadeMeanwhileAndEndsAtOnceOnCtrlC) {
   pid_t changes = test::StartProcess(Argv({"changes", "--for", "30"}), temp_.path() / "run");
-  ASSERT_FALSE(WaitForLines(temp_.path() / "run/stderr", "following the feed").empty());
+  ASSERT_FALSE(test::WaitForLines(temp_.path() / "run/stderr", "following the feed").empty());
   test::Answer made =
       test::Fetch("POST", control_ + "change", "", R"({"op":"mkdir","path":"docs/late"})");
   ASSERT_LT(made.status, 300) << made.body;
-  EXPECT_FALSE(WaitForLines(temp_.path() / "run/stdout", "docs/late").empty())
+  EXPECT_FALSE(test::WaitForLines(temp_.path() / "run/stdout", "docs/late").empty())
       << test::ReadAll(temp_.path() / "run/stderr");
   // The feed is in its pause now; Ctrl-C ends it.
   std::this_thread::sleep_for(milliseconds(300));

@@ -12,12 +12,14 @@
 #include <chrono>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
 
 #include "core/FileSystem.h"
+#include "support/EmulatorProcess.h"
 #include "support/Fetch.h"
 #include "support/Processes.h"
 
@@ -70,37 +72,17 @@ class CorvaneHuaweiTest : public ::testing::Test {
   void SetUp() override {
     test::WriteAll(temp_.path() / "seed" / "a.txt", "alpha");
     test::WriteAll(temp_.path() / "seed" / "docs" / "b.bin", test::RandomBytes(3000, 5));
-    fs::create_directories(temp_.path() / "serve");
-    fs::create_directories(temp_.path() / "run");
-    emulator_ = test::StartProcess({CORVANE_TOOL_PATH, "emulate", "huawei", "--port", "0", "--seed",
-                                    (temp_.path() / "seed").string()},
-                                   temp_.path() / "serve");
-    for (int i = 0; i < 200 && !Ready(); ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-    }
-    std::vector<std::string> lines = test::Lines(test::ReadAll(temp_.path() / "serve" / "stdout"));
-    ASSERT_GE(lines.size(), 3u) << test::ReadAll(temp_.path() / "serve" / "stderr");
-    std::istringstream words(lines[0]);
-    for (std::string word; words >> word;) {
-      options_.push_back(word);
-    }
-    control_ = lines[1].substr(lines[1].find("http"));
+    emulator_ = std::make_unique<test::EmulatorProcess>(CORVANE_TOOL_PATH, "huawei",
+                                                        temp_.path() / "seed", temp_.path());
+    ASSERT_TRUE(emulator_->Ready()) << emulator_->Error();
+    control_ = emulator_->Control();
   }
-  void TearDown() override {
-    ::kill(emulator_, SIGINT);
-    test::WaitProcess(emulator_, temp_.path() / "serve");
-  }
+  void TearDown() override { EXPECT_EQ(emulator_->Stop(), 0); }
 
-  bool Ready() const {
-    std::vector<std::string> lines = test::Lines(test::ReadAll(temp_.path() / "serve" / "stdout"));
-    return !lines.empty() && lines.back() == "ready";
-  }
   std::vector<std::string> Argv(const std::vector<std::string>& words) const {
-    std::vector<std::string> argv = {CORVANE_TOOL_PATH};
-    argv.insert(argv.end(), options_.begin(), options_.end());
-    argv.insert(argv.end(), {"--log", (temp_.path() / "run" / "corvane.log").string()});
-    argv.insert(argv.end(), words.begin(), words.end());
-    return argv;
+    std::vector<std::string> logged = {"--log", (temp_.path() / "run" / "corvane.log").string()};
+    logged.insert(logged.end(), words.begin(), words.end());
+    return emulator_->Argv(logged);
   }
   test::Outcome Run(const std::vector<std::string>& words) {
     return test::RunProcess(Argv(words), temp_.path() / "run");
@@ -111,8 +93,7 @@ class CorvaneHuaweiTest : public ::testing::Test {
   }
 
   test::TempDir temp_;
-  pid_t emulator_ = 0;
-  std::vector<std::string> options_;
+  std::unique_ptr<test::EmulatorProcess> emulator_;
   std::string control_;
 };
 

@@ -10,12 +10,14 @@
 #include <chrono>
 #include <filesystem>
 #include <map>
+#include <memory>
 #include <sstream>
 #include <thread>
 
 #include <gtest/gtest.h>
 
 #include "core/FileSystem.h"
+#include "support/EmulatorProcess.h"
 #include "support/Fetch.h"
 #include "support/Processes.h"
 
@@ -28,41 +30,17 @@ class CorvaneOneDriveTest : public ::testing::Test {
   void SetUp() override {
     test::WriteAll(temp_.path() / "seed" / "a.txt", "alpha");
     test::WriteAll(temp_.path() / "seed" / "docs" / "b.bin", test::RandomBytes(3000, 7));
-    fs::create_directories(temp_.path() / "serve");
-    fs::create_directories(temp_.path() / "run");
-    emulator_ = test::StartProcess({CORVANE_TOOL_PATH, "emulate", "onedrive", "--port", "0",
-                                    "--seed", (temp_.path() / "seed").string()},
-                                   temp_.path() / "serve");
-    std::vector<std::string> printed = WaitForReady();
-    ASSERT_GE(printed.size(), 2u) << test::ReadAll(temp_.path() / "serve" / "stderr");
-    std::istringstream words(printed[0]);
-    for (std::string word; words >> word;)
-      options_.push_back(word);
-    control_ = printed[1].substr(printed[1].find("http"));  // ends in "/_emulator/"
+    emulator_ = std::make_unique<test::EmulatorProcess>(CORVANE_TOOL_PATH, "onedrive",
+                                                        temp_.path() / "seed", temp_.path());
+    ASSERT_TRUE(emulator_->Ready()) << emulator_->Error();
+    control_ = emulator_->Control();
   }
-  void TearDown() override {
-    ::kill(emulator_, SIGINT);
-    EXPECT_EQ(test::WaitProcess(emulator_, temp_.path() / "serve").status, 0);
-  }
+  void TearDown() override { EXPECT_EQ(emulator_->Stop(), 0); }
 
-  std::vector<std::string> WaitForReady() {
-    for (int i = 0; i < 200; ++i) {
-      std::vector<std::string> lines = test::Lines(test::ReadAll(temp_.path() / "serve/stdout"));
-      if (!lines.empty() && lines.back() == "ready")
-        return lines;
-      std::this_thread::sleep_for(std::chrono::milliseconds(50));
-    }
-    return {};
-  }
   std::vector<std::string> Argv(const std::vector<std::string>& words) {
-    std::vector<std::string> argv = {CORVANE_TOOL_PATH};
-    argv.insert(argv.end(), options_.begin(), options_.end());
-    argv.insert(argv.end(), words.begin(), words.end());
-    return argv;
+    return emulator_->Argv(words);
   }
-  test::Outcome Run(const std::vector<std::string>& words) {
-    return test::RunProcess(Argv(words), temp_.path() / "run");
-  }
+  test::Outcome Run(const std::vector<std::string>& words) { return emulator_->Run(words); }
   // The account as the emulator holds it: path -> item (trashed ones left out).
   std::map<std::string, QJsonObject> Dump() {
     QJsonObject dump = QJsonDocument::fromJson(QByteArray::fromStdString(
@@ -92,8 +70,7 @@ class CorvaneOneDriveTest : public ::testing::Test {
   std::string Local(const std::string& name) { return (temp_.path() / "run" / name).string(); }
 
   test::TempDir temp_;
-  pid_t emulator_ = 0;
-  std::vector<std::string> options_;
+  std::unique_ptr<test::EmulatorProcess> emulator_;
   std::string control_;
 };
 
