@@ -1224,6 +1224,17 @@ FileSystem::Result RemoteFileSystemGoogle::TrashItem(const std::string& id) {
   return result;
 }
 
+FileSystem::Result RemoteFileSystemGoogle::TrashWithEcho(const std::string& id) {
+  // The echo is expected before the request, so that the feed drops it whenever it comes.
+  expected_.ExpectTrashing(id);
+  const Result result = TrashItem(id);
+  if (result != SUCCEEDED) {
+    expected_.TakeTrashing(id);
+    LOG_ERROR << "Deleting item failed: " << result << ".";
+  }
+  return result;
+}
+
 FileSystem::Result RemoteFileSystemGoogle::DeleteFileImpl(const OverwriteControl&,
                                                           const std::string& path, std::uint64_t,
                                                           std::uint64_t) {
@@ -1238,14 +1249,9 @@ FileSystem::Result RemoteFileSystemGoogle::DeleteFileImpl(const OverwriteControl
     LOG_ERROR << "Failed to get id by path.";
     return ITEM_MISSED;
   }
-  // 2. To the trash; its echo is expected from now on, so that the feed drops it whenever it
-  // comes.
-  expected_.ExpectTrashing(id);
-  Result result = TrashItem(id);
-  if (result != SUCCEEDED) {
-    expected_.TakeTrashing(id);
-    LOG_ERROR << "Deleting item failed: " << result << ".";
-    return result;
+  // 2. To the trash.
+  if (const Result trashed = TrashWithEcho(id); trashed != SUCCEEDED) {
+    return trashed;
   }
   // 3. Out of the id tree.
   std::shared_ptr<RemoteFileIds> ids = SharedIds();
@@ -1270,12 +1276,8 @@ FileSystem::Result RemoteFileSystemGoogle::DeleteFolderImpl(const FolderNode&, c
     return ITEM_MISSED;
   }
   // 2. To the trash.
-  expected_.ExpectTrashing(id);
-  Result result = TrashItem(id);
-  if (result != SUCCEEDED) {
-    expected_.TakeTrashing(id);
-    LOG_ERROR << "Deleting item failed: " << result << ".";
-    return result;
+  if (const Result trashed = TrashWithEcho(id); trashed != SUCCEEDED) {
+    return trashed;
   }
   // 3. Everything below goes with it: the feed's entries for them are echoes too.
   std::shared_ptr<RemoteFileIds> ids = SharedIds();

@@ -205,6 +205,8 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
   std::string FileId(const std::string& path);
   std::string FolderId(const std::string& path);
   Result TrashItem(const std::string& id);
+  // TrashItem with its echo expected by the feed, taken back when the request fails.
+  Result TrashWithEcho(const std::string& id);
   // A move or rename of an item: its id and both places, resolved in the id tree.
   struct Relocation {
     std::string id;
