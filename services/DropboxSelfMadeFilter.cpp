@@ -17,7 +17,8 @@ HashDropbox DropboxHashOf(const SomeHash& hash) {
 
 }  // namespace
 
-std::size_t ExpectedUploadHash::operator()(const ExpectedRemoteChangeUpload& record) const {
+std::size_t dropbox::ExpectedUploadHash::operator()(
+    const dropbox::ExpectedRemoteChangeUpload& record) const {
   std::size_t seed = std::hash<std::uint64_t>()(record.size);
   auto mix = [&seed](std::size_t value) { seed ^= value + 0x9e3779b9 + (seed << 6) + (seed >> 2); };
   if (record.size != 0) {
@@ -27,14 +28,14 @@ std::size_t ExpectedUploadHash::operator()(const ExpectedRemoteChangeUpload& rec
   return seed;
 }
 
-bool ExpectedUploadEqual::operator()(const ExpectedRemoteChangeUpload& a,
-                                     const ExpectedRemoteChangeUpload& b) const {
+bool dropbox::ExpectedUploadEqual::operator()(const dropbox::ExpectedRemoteChangeUpload& a,
+                                              const dropbox::ExpectedRemoteChangeUpload& b) const {
   return a.size == b.size && (a.size == 0 || a.hash == b.hash) && a.path == b.path;
 }
 
 void DropboxSelfMadeFilter::ExpectUpload(const std::string& path, const HashDropbox& hash,
                                          std::uint64_t size) {
-  uploads_.Expect(ExpectedRemoteChangeUpload{hash, size, ToLower(path)});
+  uploads_.Expect(dropbox::ExpectedRemoteChangeUpload{hash, size, ToLower(path)});
 }
 
 void DropboxSelfMadeFilter::ExpectFolder(const std::string& path) {
@@ -87,7 +88,7 @@ bool DropboxSelfMadeFilter::IsSelfMadeChange(const FileSystem::Change& change) {
   switch (change.type) {
     case FileSystem::Change::FILE_CREATE:
       return uploads_.Take(
-          ExpectedRemoteChangeUpload{DropboxHashOf(change.hash), change.size, path});
+          dropbox::ExpectedRemoteChangeUpload{DropboxHashOf(change.hash), change.size, path});
     case FileSystem::Change::FOLDER_CREATE:
       return folders_.Take(path);
     case FileSystem::Change::FILE_OR_FOLDER_DELETE:

@@ -20,6 +20,8 @@
 class FileNode;
 class FolderNode;
 
+namespace dropbox {
+
 struct ExpectedRemoteChangeUpload {
   HashDropbox hash;
   std::uint64_t size = 0;
@@ -33,6 +35,8 @@ struct ExpectedUploadHash {
 struct ExpectedUploadEqual {
   bool operator()(const ExpectedRemoteChangeUpload& a, const ExpectedRemoteChangeUpload& b) const;
 };
+
+}  // namespace dropbox
 
 class DropboxSelfMadeFilter {
  public:
@@ -51,7 +55,9 @@ class DropboxSelfMadeFilter {
  private:
   void ExpectTreeCreated(const FolderNode& folder, const std::string& path);
 
-  SelfMadeChanges<ExpectedRemoteChangeUpload, ExpectedUploadHash, ExpectedUploadEqual> uploads_;
+  SelfMadeChanges<dropbox::ExpectedRemoteChangeUpload, dropbox::ExpectedUploadHash,
+                  dropbox::ExpectedUploadEqual>
+      uploads_;
   SelfMadeChanges<std::string> folders_;
   SelfMadeChanges<std::string> deletes_;
 };

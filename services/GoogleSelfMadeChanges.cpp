@@ -1,22 +1,23 @@
 #include "services/GoogleSelfMadeChanges.h"
 
-std::size_t ExpectedRemoteChangeUpload::Hash::operator()(
-    const ExpectedRemoteChangeUpload& record) const {
+std::size_t google::ExpectedRemoteChangeUpload::Hash::operator()(
+    const google::ExpectedRemoteChangeUpload& record) const {
   return std::hash<std::string>()(record.id) ^
          (std::hash<std::int64_t>()(record.version) * 1099511628211ull);
 }
 
-bool ExpectedRemoteChangeUpload::Equal::operator()(const ExpectedRemoteChangeUpload& a,
-                                                   const ExpectedRemoteChangeUpload& b) const {
+bool google::ExpectedRemoteChangeUpload::Equal::operator()(
+    const google::ExpectedRemoteChangeUpload& a,
+    const google::ExpectedRemoteChangeUpload& b) const {
   return a.id == b.id && a.version == b.version;
 }
 
-void GoogleSelfMadeChanges::ExpectUpload(ExpectedRemoteChangeUpload record) {
+void GoogleSelfMadeChanges::ExpectUpload(google::ExpectedRemoteChangeUpload record) {
   std::lock_guard<std::mutex> lock(mutex_);
   records_.expected_uploads.insert(std::move(record));
 }
 
-bool GoogleSelfMadeChanges::TakeUpload(const ExpectedRemoteChangeUpload& record) {
+bool GoogleSelfMadeChanges::TakeUpload(const google::ExpectedRemoteChangeUpload& record) {
   std::lock_guard<std::mutex> lock(mutex_);
   return records_.expected_uploads.erase(record) > 0;
 }

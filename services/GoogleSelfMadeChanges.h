@@ -20,6 +20,8 @@
 
 #include "core/SomeHash.h"
 
+namespace google {
+
 // An upload, rename or move done by the adapter. The echo of it carries the same id and the
 // version the server answered with; Drive raises the version with every change of the item, so
 // the pair names this one change.
@@ -39,11 +41,13 @@ struct ExpectedRemoteChangeUpload {
   };
 };
 
+}  // namespace google
+
 class GoogleSelfMadeChanges {
  public:
   struct Records {
-    std::unordered_set<ExpectedRemoteChangeUpload, ExpectedRemoteChangeUpload::Hash,
-                       ExpectedRemoteChangeUpload::Equal>
+    std::unordered_set<google::ExpectedRemoteChangeUpload, google::ExpectedRemoteChangeUpload::Hash,
+                       google::ExpectedRemoteChangeUpload::Equal>
         expected_uploads;
     std::unordered_set<std::string> expected_trashings;
     std::unordered_set<std::string> expected_folders;
@@ -52,8 +56,8 @@ class GoogleSelfMadeChanges {
     std::map<std::pair<std::string, std::string>, std::string> folders_in_flight;
   };
 
-  void ExpectUpload(ExpectedRemoteChangeUpload record);
-  bool TakeUpload(const ExpectedRemoteChangeUpload& record);
+  void ExpectUpload(google::ExpectedRemoteChangeUpload record);
+  bool TakeUpload(const google::ExpectedRemoteChangeUpload& record);
   void ExpectTrashing(const std::string& id);
   bool TakeTrashing(const std::string& id);
   void ExpectFolder(const std::string& id);

@@ -47,7 +47,7 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
     std::uint64_t offset = 0;
   };
 
-  using ExpectedRemoteChangeUpload = ::ExpectedRemoteChangeUpload;
+  using ExpectedRemoteChangeUpload = google::ExpectedRemoteChangeUpload;
 
   // The name of the emulated folder of items shared with the account.
   static const std::string kExternalItemsFolderName;

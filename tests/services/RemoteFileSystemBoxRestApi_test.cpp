@@ -469,8 +469,12 @@ TEST(RemoteFileSystemBoxRestApi, InterruptedSessionsResumeInAnotherAdapter) {
          emulators::FaultRule slow = session_put(2);
          slow.fault.delay_ms = 400;
          box.emulator->faults().Add(slow);
-         std::thread stopper([&fs] {
-           std::this_thread::sleep_for(std::chrono::milliseconds(150));
+         // The Stop comes while the service holds its answer to part 2, whatever the load.
+         std::thread stopper([&fs, &box] {
+           for (int i = 0; i < 1000 && box.Count("PUT", "/upload/2.0/files/upload_sessions/") < 2;
+                ++i) {
+             std::this_thread::sleep_for(std::chrono::milliseconds(10));
+           }
            fs.Stop();
          });
          EXPECT_EQ(Upload(fs, "f", data), FS::STOPPED);
