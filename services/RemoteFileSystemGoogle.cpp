@@ -1373,6 +1373,23 @@ FileSystem::Result RemoteFileSystemGoogle::PatchItem(const Relocation& relocatio
   return SUCCEEDED;
 }
 
+FileSystem::Result RemoteFileSystemGoogle::Relocate(bool folder, const std::string& from,
+                                                    const std::string& to, Relocation* relocation,
+                                                    std::int64_t* version) {
+  Result result = ResolveRelocation(folder, from, to, relocation);
+  if (result == SUCCEEDED && folder && relocation->id == ConstructorBase::kExternalItemsFolderId) {
+    LOG_ERROR << "Permission denied moving to emulated shared folder.";
+    result = ACCESS_DENIED;
+  }
+  if (result == SUCCEEDED) {
+    result = PatchItem(*relocation, version);
+  }
+  if (result != SUCCEEDED) {
+    LOG_ERROR << "Failed moving: " << result;
+  }
+  return result;
+}
+
 FileSystem::Result RemoteFileSystemGoogle::MoveFileImpl(const FileNode& file,
                                                         const OverwriteControl&,
                                                         const std::string& from,
@@ -1385,13 +1402,8 @@ FileSystem::Result RemoteFileSystemGoogle::MoveFileImpl(const FileNode& file,
   }
   // 1. The request.
   Relocation relocation;
-  Result result = ResolveRelocation(false, from, to, &relocation);
   std::int64_t version = 0;
-  if (result == SUCCEEDED) {
-    result = PatchItem(relocation, &version);
-  }
-  if (result != SUCCEEDED) {
-    LOG_ERROR << "Failed moving: " << result;
+  if (const Result result = Relocate(false, from, to, &relocation, &version); result != SUCCEEDED) {
     return result;
   }
   // 2. The id tree, and the echo to come.
@@ -1418,17 +1430,8 @@ FileSystem::Result RemoteFileSystemGoogle::MoveFolderImpl(const FolderNode&,
   }
   // 1. The request; the emulated folder itself stays too.
   Relocation relocation;
-  Result result = ResolveRelocation(true, from, to, &relocation);
-  if (result == SUCCEEDED && relocation.id == ConstructorBase::kExternalItemsFolderId) {
-    LOG_ERROR << "Permission denied moving to emulated shared folder.";
-    result = ACCESS_DENIED;
-  }
   std::int64_t version = 0;
-  if (result == SUCCEEDED) {
-    result = PatchItem(relocation, &version);
-  }
-  if (result != SUCCEEDED) {
-    LOG_ERROR << "Failed moving: " << result;
+  if (const Result result = Relocate(true, from, to, &relocation, &version); result != SUCCEEDED) {
     return result;
   }
   // 2. The id tree, and the echo to come.

@@ -218,6 +218,9 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
   Result ResolveRelocation(bool is_folder, const std::string& from, const std::string& to,
                            Relocation* relocation);
   Result PatchItem(const Relocation& relocation, std::int64_t* version);
+  // Resolve and PATCH, the emulated shared folder itself refused; a failure is logged.
+  Result Relocate(bool folder, const std::string& from, const std::string& to,
+                  Relocation* relocation, std::int64_t* version);
   Result SumSizes(const std::string& query, const std::string& fields, const char* order,
                   std::uint64_t* sum);
 

@@ -415,20 +415,15 @@ std::string RemoteFileSystemWebDAVBase::GetPropfindBody() {
   return std::string();
 }
 
-FileSystem::Result RemoteFileSystemWebDAVBase::GetFullTree(FolderNode* root, std::uint64_t* free,
-                                                           std::uint64_t* total,
-                                                           tsl::htrie_set<char>*) {
+FileSystem::Result RemoteFileSystemWebDAVBase::BeginTree(FolderNode* root, std::uint64_t* free,
+                                                         std::uint64_t* total) {
   // 1. Start from nothing.
-  if (!HasClient()) {
-    return FATAL;
-  }
   serverLacksFeatures_ = false;
   root->Clear();
   snapshot_progress_.expected_bytes = 0;
   snapshot_progress_.seen_bytes = 0;
   LOG_INFO << "Requesting disk snapshot...";
-
-  // 2. The quota first: it tells how far the walk has come.
+  // 2. The quota.
   std::uint64_t cloudTotal = 0;
   std::uint64_t cloudUsed = 0;
   const Result sizeResult = GetCloudSize(&cloudTotal, &cloudUsed);
@@ -440,6 +435,20 @@ FileSystem::Result RemoteFileSystemWebDAVBase::GetFullTree(FolderNode* root, std
   // A server may report a use and no total: nothing is known to be free.
   *free = cloudTotal > cloudUsed ? cloudTotal - cloudUsed : 0;
   *total = cloudTotal;
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemWebDAVBase::GetFullTree(FolderNode* root, std::uint64_t* free,
+                                                           std::uint64_t* total,
+                                                           tsl::htrie_set<char>*) {
+  // 1. Start from nothing, the quota first: it tells how far the walk has come.
+  if (!HasClient()) {
+    return FATAL;
+  }
+  const Result begun = BeginTree(root, free, total);
+  if (begun != SUCCEEDED) {
+    return begun;
+  }
 
   // 3. The walk, where Stop() can reach it.
   auxil::MultithreadedTreeDownloader downloader(

@@ -119,6 +119,9 @@ class RemoteFileSystemWebDAVBase : public RemoteFileSystemNoChangesSupport {
   Result CheckFileSlotIdle() const;
   // The URL text of the running or last request.
   std::string CurrentUrl() const;
+  // The start of every tree download: a cleared tree and progress, then the quota, which sets
+  // `*free` (never below 0), `*total` and the bytes the progress expects.
+  Result BeginTree(FolderNode* root, std::uint64_t* free, std::uint64_t* total);
   // Sends the PROPFIND of one folder level on `processor` and leaves the answer unread.
   Result ListFolderDepth1(const std::string& path, URLProcessor* processor);
 

@@ -225,27 +225,14 @@ FileSystem::Result RemoteFileSystemYandex::CheckConnection() {
 FileSystem::Result RemoteFileSystemYandex::GetFullTree(FolderNode* root, std::uint64_t* free,
                                                        std::uint64_t* total,
                                                        tsl::htrie_set<char>* serviceItems) {
-  // 1. Start from nothing.
+  // 1. Start from nothing; the quota brings the revision a mounted folder's feed starts from.
   serviceItems->clear();
-  serverLacksFeatures_ = false;
-  root->Clear();
-  snapshot_progress_.expected_bytes = 0;
-  snapshot_progress_.seen_bytes = 0;
-  LOG_INFO << "Requesting disk snapshot...";
-
-  // 2. The quota first, and with it the revision a mounted folder's feed starts from.
-  std::uint64_t cloudTotal = 0;
-  std::uint64_t cloudUsed = 0;
-  const Result sizeResult = GetCloudSize(&cloudTotal, &cloudUsed);
-  if (sizeResult != SUCCEEDED) {
-    LOG_WARNING << "Failed to get cloud size: " << sizeResult;
-    return sizeResult;
+  const Result begun = BeginTree(root, free, total);
+  if (begun != SUCCEEDED) {
+    return begun;
   }
-  *free = Subtract(cloudTotal, cloudUsed);
-  *total = cloudTotal;
-  snapshot_progress_.expected_bytes = cloudUsed;
 
-  // 3. The snapshot.
+  // 2. The snapshot.
   return LoadTreeWithRetries(root, free, total, serviceItems);
 }
 
