@@ -257,7 +257,11 @@ TEST(RemoteFileSystemBoxConcurrency, TreeKeepsFourInFlightAndGivesThePoolBack) {
       EXPECT_EQ(watched.MaxInFlight(), 4);
     }
     EXPECT_LE(watched.MaxInFlight(), 4);
-    EXPECT_LT(took, std::chrono::seconds(1) + std::chrono::milliseconds(100));
+    // Parallelism is told by the requests in flight above; the clock only bounds a Stop, which
+    // must end the download within a second however loaded the machine is.
+    if (end == End::kStop) {
+      EXPECT_LT(took, std::chrono::seconds(1) + std::chrono::milliseconds(100));
+    }
     EXPECT_EQ(QThreadPool::globalInstance()->maxThreadCount(), 7);
   }
 }
