@@ -222,7 +222,8 @@ class OneDriveDialect::GraphService {
   HttpResponse Snapshot(const HttpRequest& request, const std::string& scope, std::uint64_t seq,
                         std::size_t offset);
   HttpResponse Changes(const HttpRequest& request, const std::string& scope, std::uint64_t seq);
-  std::vector<Item> ScopeItems(const std::string& scope, std::uint64_t seq);
+  // Shared, not copied: a page of 200 must not cost a copy of the whole listing.
+  std::shared_ptr<const std::vector<Item>> ScopeItems(const std::string& scope, std::uint64_t seq);
   bool InScope(const Item& item, const std::string& scope) const;
   HttpResponse DeltaPage(const HttpRequest& request, const std::string& scope, QJsonArray value,
                          const std::string& token, bool last);
@@ -539,8 +540,8 @@ bool OneDriveDialect::GraphService::InScope(const Item& item, const std::string&
   return item.id == scope || SharedFolderOf(item) == scope;
 }
 
-std::vector<Item> OneDriveDialect::GraphService::ScopeItems(const std::string& scope,
-                                                            std::uint64_t seq) {
+std::shared_ptr<const std::vector<Item>> OneDriveDialect::GraphService::ScopeItems(
+    const std::string& scope, std::uint64_t seq) {
   std::lock_guard<std::mutex> lock(mutex_);
   auto key = std::make_pair(scope, seq);
   auto it = snapshots_.find(key);
@@ -556,7 +557,7 @@ std::vector<Item> OneDriveDialect::GraphService::ScopeItems(const std::string& s
     snapshots_.clear();
     it = snapshots_.emplace(key, items).first;
   }
-  return *it->second;
+  return it->second;
 }
 
 HttpResponse OneDriveDialect::GraphService::Delta(const HttpRequest& request,
@@ -595,11 +596,11 @@ HttpResponse OneDriveDialect::GraphService::Snapshot(const HttpRequest& request,
   if (HasQueryParam(request.query, "$top"))
     top = std::max<std::size_t>(
         1, std::strtoull(QueryParam(request.query, "$top").c_str(), nullptr, 10));
-  std::vector<Item> items = ScopeItems(scope, seq);
+  std::shared_ptr<const std::vector<Item>> items = ScopeItems(scope, seq);
   QJsonArray value;
-  for (std::size_t i = offset; i < items.size() && i < offset + top; ++i)
-    value.append(ItemJson(items[i], false));
-  bool last = offset + top >= items.size();
+  for (std::size_t i = offset; i < items->size() && i < offset + top; ++i)
+    value.append(ItemJson((*items)[i], false));
+  bool last = offset + top >= items->size();
   std::string token = last ? "D" + std::to_string(seq)
                            : "S" + std::to_string(seq) + "." + std::to_string(offset + top);
   return DeltaPage(request, scope, value, token, last);
