@@ -1389,9 +1389,38 @@ FileSystem::Result RemoteFileSystemYandex::OpenUpload(const OverwriteControl& co
     return idle;
   }
   if (mode_ == kRestMode) {
+    const Result current = CheckCurrentContent(path, control);
+    if (current != SUCCEEDED) {
+      return NoteOperationResult(current);
+    }
     return OpenUploadByLink(path, hash, size, overwrite, resumeOffset);
   }
   return OpenUploadOverWebDav(control, path, hash, size, resumeOffset);
+}
+
+FileSystem::Result RemoteFileSystemYandex::CheckCurrentContent(const std::string& path,
+                                                               const OverwriteControl& control) {
+  // An upload link replaces whatever stands at the path: the content the caller means to
+  // replace is looked at first, so that a tree behind the server doesn't lose a foreign change.
+  const HashYandex expected = control.hash.GetHashYandex();
+  if (expected.IsZero()) {
+    return SUCCEEDED;
+  }
+  URLProcessor::Request request;
+  request.url = RequestResourceUrl(path, std::string());
+  request.url.AppendParam("fields", "md5,sha256", DispatcherUrl::ValueEncodingMode::kQueryValue);
+  utils::json::json_tree json;
+  const URLProcessor::Result result = SendRest(request, &json);
+  if (result != URLProcessor::Result::OK) {
+    return GetResultFromYandexHttpCode(result, urlProcessor_->GetResponseCode());
+  }
+  const HashYandex current = yandex_items::ReadHash(json, "md5", "sha256");
+  if (current != expected) {
+    LOG_WARNING << "Precondition failed: " << Quoted(path) << " is " << current.ToHexString()
+                << ", not " << expected.ToHexString();
+    return CONFLICT;
+  }
+  return SUCCEEDED;
 }
 
 void RemoteFileSystemYandex::BeginUploadState(UploadRoad road, const std::string& path,

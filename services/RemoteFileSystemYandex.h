@@ -210,6 +210,8 @@ class RemoteFileSystemYandex : public RemoteFileSystemWebDAVBase {
   enum class UploadRoad { kKnownContent, kLink, kWebDav };
   Result OpenUpload(const OverwriteControl& control, const std::string& path, const SomeHash& hash,
                     std::uint64_t size, bool overwrite, std::uint64_t* resumeOffset);
+  // CONFLICT when the file at `path` no longer has the content `control` names.
+  Result CheckCurrentContent(const std::string& path, const OverwriteControl& control);
   Result OpenUploadByLink(const std::string& path, const SomeHash& hash, std::uint64_t size,
                           bool overwrite, std::uint64_t* resumeOffset);
   Result OpenUploadOverWebDav(const OverwriteControl& control, const std::string& path,

@@ -163,7 +163,10 @@ TEST_F(YandexFilesTest, UploadByLinkSendsTheBodyOnceAndKnownContentNotAtAll) {
   EXPECT_TRUE(log.Contains("Content already exists: "));
   ASSERT_TRUE(Find("b.txt"));
 
-  // 3. A rewrite says so.
+  // 3. A rewrite says so, after a look at the content it replaces.
+  const SomeHash stale = HashOf("not what is there");
+  EXPECT_EQ(Put("a.txt", "new bytes", HashOf("new bytes"), &stale).opened, Result::CONFLICT);
+  EXPECT_EQ(Requests("PUT", "/v1/disk/resources/upload").size(), 2u);
   const Upload rewritten = Put("a.txt", "new bytes", HashOf("new bytes"), &hash);
   EXPECT_EQ(rewritten.closed, Result::SUCCEEDED);
   asked = Requests("PUT", "/v1/disk/resources/upload");
