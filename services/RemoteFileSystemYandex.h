@@ -11,6 +11,17 @@
 // A mounted folder takes the feed's revision from the disk's own answer, read before its tree:
 // changes made while the tree loads come again through the feed, which is harmless.
 //
+// Content moves in REST mode by the links of the resources API; the upload link is asked with
+// both digests and the size, so that the disk takes content it holds already without its bytes.
+// In WebDAV mode (and for every ".jpg" and ".jpeg" read, which the WebDAV host would alter) it
+// goes over the WebDAV host, where the head of an upload carries the digests and is answered
+// before the body: 201, the content is known; 100, send it. A read is checked by its etag at the
+// first block and, whole, by both digests at the last; an upload by both digests before its last
+// block leaves.
+//
+//   yandex.OpenForCreate(control, "docs/a.txt", hash, size, time, &resumeOffset, false);
+//   // WriteFile from resumeOffset on (nothing when it is the size), then CloseFile(&props)
+//
 // Every file operation's result passes NoteOperationResult: conflicts that keep coming while the
 // feed says nothing mean the tree is behind, and ShouldRenewTree asks for a new one.
 #pragma once
