@@ -179,6 +179,8 @@ HttpResponse Emulator::Serve(const Handler& handler, bool needs_auth, const Http
     DropField(fault->drop_field, &response);
   response.delay_ms = fault->delay_ms;
   response.cut_after = fault->cut_after;
+  if (fault->flip_byte < response.body.size())
+    response.body[fault->flip_byte] = static_cast<char>(~response.body[fault->flip_byte]);
   response.reset = fault->reset;
   response.trickle_bytes = fault->trickle_bytes;
   response.trickle_interval_ms = fault->trickle_interval_ms;

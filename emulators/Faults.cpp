@@ -120,6 +120,7 @@ bool FaultBook::Add(const std::string& json, std::string* error) {
   fault.retry_after_s = object.value("retry_after").toInt(-1);
   fault.delay_ms = object.value("delay_ms").toInt(0);
   fault.cut_after = NumberOr(object, "cut_after", UINT64_MAX);
+  fault.flip_byte = NumberOr(object, "flip_byte", UINT64_MAX);
   fault.reset = object.value("reset").toBool(false);
   fault.trickle_bytes = static_cast<std::size_t>(NumberOr(object, "trickle_bytes", 0));
   fault.trickle_interval_ms = object.value("trickle_interval_ms").toInt(0);

@@ -11,7 +11,7 @@
 //
 // A process gives the same rule as JSON on the control path (POST /_emulator/faults):
 //   {"verb":"GET","path":"/drive/v3/files","nth":2,"times":3,"status":429,"retry_after":7}
-// with the other keys named as the members below ("delay_ms", "cut_after", "reset",
+// with the other keys named as the members below ("delay_ms", "cut_after", "flip_byte", "reset",
 // "trickle_bytes", "trickle_interval_ms", "drop_field", "persist_limit", "expire_sessions",
 // "error") and a foreign change as "change": {"op":"rename","path":"a/b","to":"c"}.
 #pragma once
@@ -45,6 +45,7 @@ struct Fault {
   int retry_after_s = -1;  // adds "Retry-After"
   int delay_ms = 0;        // before the head
   std::uint64_t cut_after = UINT64_MAX;  // the body ends (FIN) after this many bytes
+  std::uint64_t flip_byte = UINT64_MAX;  // this byte of the body goes out with its bits inverted
   bool reset = false;  // a TCP reset instead of the answer, or after cut_after bytes
   std::size_t trickle_bytes = 0;
   int trickle_interval_ms = 0;

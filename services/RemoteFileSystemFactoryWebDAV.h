@@ -12,4 +12,6 @@ class RemoteFileSystemFactoryWebDAV : public RemoteFileSystemFactory {
   explicit RemoteFileSystemFactoryWebDAV(const std::string& remoteRootPath);
 
   RemoteFileSystem* Create() override;
+  std::shared_ptr<BackupMetainfoRemoteReader> CreateMetainfoReader(
+      std::shared_ptr<URLProcessorFactory> factory) override;
 };

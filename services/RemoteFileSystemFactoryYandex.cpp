@@ -1,5 +1,7 @@
 #include "services/RemoteFileSystemFactoryYandex.h"
 
+#include "services/BackupMetainfoRemoteReaderYandex.h"
+#include "services/BackupMetainfoRemoteWriterYandex.h"
 #include "services/RemoteFileSystemYandex.h"
 
 RemoteFileSystemFactoryYandex::RemoteFileSystemFactoryYandex(const std::string& remoteRootPath)
@@ -9,4 +11,16 @@ RemoteFileSystemFactoryYandex::RemoteFileSystemFactoryYandex(const std::string& 
 
 RemoteFileSystem* RemoteFileSystemFactoryYandex::Create() {
   return new RemoteFileSystemYandex(shared_data_, remote_root_path_);
+}
+
+std::shared_ptr<BackupMetainfoRemoteWriter> RemoteFileSystemFactoryYandex::CreateMetainfoWriter(
+    std::shared_ptr<URLProcessorFactory> factory, const std::string& local_path,
+    const std::string& remote_path) {
+  return std::make_shared<BackupMetainfoRemoteWriterYandex>(shared_data_, std::move(factory),
+                                                            local_path, remote_path);
+}
+
+std::shared_ptr<BackupMetainfoRemoteReader> RemoteFileSystemFactoryYandex::CreateMetainfoReader(
+    std::shared_ptr<URLProcessorFactory> factory) {
+  return std::make_shared<BackupMetainfoRemoteReaderYandex>(shared_data_, std::move(factory));
 }

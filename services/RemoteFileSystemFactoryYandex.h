@@ -2,6 +2,7 @@
 // they share a plain record (the disk's paths are its identity: no id tree to share).
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "core/RemoteFileSystemFactory.h"
@@ -11,4 +12,9 @@ class RemoteFileSystemFactoryYandex : public RemoteFileSystemFactory {
   explicit RemoteFileSystemFactoryYandex(const std::string& remoteRootPath);
 
   RemoteFileSystem* Create() override;
+  std::shared_ptr<BackupMetainfoRemoteWriter> CreateMetainfoWriter(
+      std::shared_ptr<URLProcessorFactory> factory, const std::string& local_path,
+      const std::string& remote_path) override;
+  std::shared_ptr<BackupMetainfoRemoteReader> CreateMetainfoReader(
+      std::shared_ptr<URLProcessorFactory> factory) override;
 };

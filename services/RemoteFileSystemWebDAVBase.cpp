@@ -523,7 +523,7 @@ FileSystem::Result RemoteFileSystemWebDAVBase::OpenForRead(const std::string& pa
                                                            std::uint64_t offset,
                                                            std::uint64_t limit, std::uint64_t size,
                                                            const SomeHash&) {
-  // 1. The request, with a range unless the whole file is asked for.
+  // 1. The request.
   LOG_INFO << "Reading remote file " << Quoted(path) << ".";
   if (!CheckPath(path)) {
     return FATAL;
@@ -533,6 +533,13 @@ FileSystem::Result RemoteFileSystemWebDAVBase::OpenForRead(const std::string& pa
   }
   URLProcessor::Request request;
   request.url = MakeFileUrl(path);
+  return OpenRead(std::move(request), offset, limit, size);
+}
+
+FileSystem::Result RemoteFileSystemWebDAVBase::OpenRead(URLProcessor::Request request,
+                                                        std::uint64_t offset, std::uint64_t limit,
+                                                        std::uint64_t size) {
+  // 1. A range unless the whole file is asked for.
   const bool wholeFile = offset == 0 && limit == size;
   if (offset < limit && limit != 0 && !wholeFile) {
     request.range = URLProcessor::Range{offset, limit - 1};

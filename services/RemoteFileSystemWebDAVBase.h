@@ -122,6 +122,10 @@ class RemoteFileSystemWebDAVBase : public RemoteFileSystemNoChangesSupport {
   // The start of every tree download: a cleared tree and progress, then the quota, which sets
   // `*free` (never below 0), `*total` and the bytes the progress expects.
   Result BeginTree(FolderNode* root, std::uint64_t* free, std::uint64_t* total);
+  // Sends a read of `request`'s URL, ranged as OpenForRead's arguments ask, and opens the file
+  // slot for it when the answer's head is a good one.
+  Result OpenRead(URLProcessor::Request request, std::uint64_t offset, std::uint64_t limit,
+                  std::uint64_t size);
   // Sends the PROPFIND of one folder level on `processor` and leaves the answer unread.
   Result ListFolderDepth1(const std::string& path, URLProcessor* processor);
 

@@ -11,6 +11,17 @@
 // A mounted folder takes the feed's revision from the disk's own answer, read before its tree:
 // changes made while the tree loads come again through the feed, which is harmless.
 //
+// Content moves in REST mode by the links of the resources API; the upload link is asked with
+// both digests and the size, so that the disk takes content it holds already without its bytes.
+// In WebDAV mode (and for every ".jpg" and ".jpeg" read, which the WebDAV host would alter) it
+// goes over the WebDAV host, where the head of an upload carries the digests and is answered
+// before the body: 201, the content is known; 100, send it. A read is checked by its etag at the
+// first block and, whole, by both digests at the last; an upload by both digests before its last
+// block leaves.
+//
+//   yandex.OpenForCreate(control, "docs/a.txt", hash, size, time, &resumeOffset, false);
+//   // WriteFile from resumeOffset on (nothing when it is the size), then CloseFile(&props)
+//
 // Every file operation's result passes NoteOperationResult: conflicts that keep coming while the
 // feed says nothing mean the tree is behind, and ShouldRenewTree asks for a new one.
 #pragma once
@@ -24,6 +35,7 @@
 #include <string>
 #include <vector>
 
+#include "core/HashCalculators.h"
 #include "core/Json.h"
 #include "services/RemoteFileSystemWebDAVBase.h"
 #include "services/YandexItems.h"
@@ -51,6 +63,10 @@ class RemoteFileSystemYandex : public RemoteFileSystemWebDAVBase {
   static constexpr std::uint64_t kMinMaxFileSize = 1048576;
   // A deltas page of this many items or more is no page.
   static constexpr std::size_t kMaxDeltaItems = 16777216;
+  // An operation is asked after 600 ms, then half as long again each time, at most every 2 s.
+  static constexpr std::int64_t kFirstOperationPollMs = 600;
+  static constexpr std::int64_t kMaxOperationPollMs = 2000;
+  static constexpr std::uint64_t kListingPageLimit = 1024;
 
   RemoteFileSystemYandex(std::shared_ptr<RemoteFileSystemSharedData> sharedData,
                          const std::string& remoteRootPath);
@@ -75,12 +91,42 @@ class RemoteFileSystemYandex : public RemoteFileSystemWebDAVBase {
   // A confirmed upload, whose echo in the feed is to be dropped.
   void AddSelfUploadedFile(const std::string& path, const SelfUploadedFile& file);
 
-  // --- files: reads go through the WebDAV family; uploads and deletes come later -------------
+  // --- files -------------------------------------------------------------------------------
+  // In REST mode content moves by links of the resources API; otherwise over WebDAV, with both
+  // digests in the head so that the server can take known content without its bytes.
+  void SetMode(Mode mode) { mode_ = mode; }
+  Result CreateFolderImpl(const OverwriteControl& control, const std::string& path) override;
   Result DeleteFileImpl(const OverwriteControl& control, const std::string& path,
                         std::uint64_t size, std::uint64_t time) override;
+  Result DeleteFolderImpl(const FolderNode& folder, const Revision& revision,
+                          const std::string& path) override;
+  Result MoveFileImpl(const FileNode& file, const OverwriteControl& fromControl,
+                      const std::string& from, const OverwriteControl& toControl,
+                      const std::string& to) override;
+  Result MoveFolderImpl(const FolderNode& folder, const OverwriteControl& fromControl,
+                        const std::string& from, const OverwriteControl& toControl,
+                        const std::string& to) override;
+  Result OpenForCreate(const OverwriteControl& control, const std::string& path,
+                       const SomeHash& hash, std::uint64_t size, std::uint64_t time,
+                       std::uint64_t* resumeOffset, bool flag) override;
   Result OpenForRewrite(const OverwriteControl& control, const std::string& path,
                         const SomeHash& hash, std::uint64_t size, std::uint64_t time,
                         std::uint64_t* resumeOffset) override;
+  Result OpenForRead(const std::string& path, std::uint64_t offset, std::uint64_t limit,
+                     std::uint64_t size, const SomeHash& hash) override;
+  Result ReadFile(std::uint8_t* buffer, std::uint32_t size, std::uint32_t* done) override;
+  Result WriteFile(const std::uint8_t* data, std::uint32_t size) override;
+  Result GetPublicLink(const std::string& path, bool flag, std::string* link) override;
+  Result ClosePublicLink(const std::string& path) override;
+  Result GetFolderListing(const std::string& path, FolderListing* listing) override;
+
+  // The resources API's URL of `path`, with "/" and `action` when one is given.
+  DispatcherUrl RequestResourceUrl(const std::string& path, const std::string& action);
+  // The answer of a REST call as a result; a rate limit waits first.
+  Result GetResultFromYandexHttpCode(URLProcessor::Result result, int code);
+  // Follows the operation an asynchronous answer links to until it ends.
+  Result WaitForOperation(const utils::json::json_tree& response);
+  Result PollOperation(const std::string& href);
 
   // --- fixed answers ------------------------------------------------------------------------
   CloudServiceId GetServiceId() override { return CloudServiceId::YANDEX; }
@@ -98,6 +144,7 @@ class RemoteFileSystemYandex : public RemoteFileSystemWebDAVBase {
   DispatcherUrl MakeRequestUrl(const std::string& path, bool asFolder) override;
 
  protected:
+  Result FinishWrite(SomeHash* hashOut) override;
   // An etag (the MD5) and its sha256, as the WebDAV listing joins them.
   SomeHash MakeHashFromServerValue(const std::string& value) override;
   std::string GetPropfindBody() override;
@@ -125,7 +172,18 @@ class RemoteFileSystemYandex : public RemoteFileSystemWebDAVBase {
   URLProcessor::Result GetJson(URLProcessor* processor, const DispatcherUrl& url,
                                utils::json::json_tree* json);
   Result RequestDiskInfo(URLProcessor* processor, DiskInfo* info);
-  Result GetResultFromYandexHttpCode(URLProcessor::Result result, int code);
+  // A REST request on the adapter's processor; `*json` gets the answer's body when it is JSON.
+  URLProcessor::Result SendRest(const URLProcessor::Request& request, utils::json::json_tree* json);
+  // A change of an item: its answer mapped, an operation followed, the conflict rule fed.
+  Result ChangeItem(const URLProcessor::Request& request);
+  // `word` and the path logged, then `verb` on the resource of `path` with `headers`.
+  Result ChangeResource(const char* word, const char* verb, const std::string& path,
+                        std::vector<std::string> headers);
+  Result GetWebDavCloudSize(std::uint64_t* total, std::uint64_t* used);
+  // "disk:/" and the remote form of `path` below the mounted folder.
+  std::string DiskPath(const std::string& path);
+  Result MoveItem(const std::string& from, const std::string& to, bool overwrite);
+  Result PublishOverWebDav(const std::string& path, std::string* link);
 
   // --- tree ---------------------------------------------------------------------------------
   Result LoadTreeWithRetries(FolderNode* root, std::uint64_t* free, std::uint64_t* total,
@@ -159,6 +217,31 @@ class RemoteFileSystemYandex : public RemoteFileSystemWebDAVBase {
   bool ApplyFileChange(const Change& change, FolderNode* root, std::uint64_t* free);
   bool ApplyDelete(const Change& change, FolderNode* root, std::uint64_t* free);
 
+  // --- transfers ----------------------------------------------------------------------------
+  enum class UploadRoad { kKnownContent, kLink, kWebDav };
+  Result OpenUpload(const OverwriteControl& control, const std::string& path, const SomeHash& hash,
+                    std::uint64_t size, bool overwrite, std::uint64_t* resumeOffset);
+  // CONFLICT when the file at `path` no longer has the content `control` names.
+  Result CheckCurrentContent(const std::string& path, const OverwriteControl& control);
+  Result OpenUploadByLink(const std::string& path, const SomeHash& hash, std::uint64_t size,
+                          bool overwrite, std::uint64_t* resumeOffset);
+  Result OpenUploadOverWebDav(const OverwriteControl& control, const std::string& path,
+                              const SomeHash& hash, std::uint64_t size,
+                              std::uint64_t* resumeOffset);
+  // The code of the head of a WebDAV upload as a result; SUCCEEDED to go on.
+  Result UploadHeadResult(int code, const std::string& condition, const std::string& path,
+                          const SomeHash& hash, std::uint64_t size, std::uint64_t* resumeOffset);
+  // The state of an upload the server has taken: `bytesDone` bytes of it are there.
+  void BeginUploadState(UploadRoad road, const std::string& path, const SomeHash& hash,
+                        std::uint64_t size, std::uint64_t bytesDone);
+  Result FinishUploadByLink();
+  // Ends the upload short of its length; `result` unless the ending was stopped.
+  Result AbandonUpload(Result result);
+  Result OpenReadByLink(const std::string& path, std::uint64_t offset, std::uint64_t limit,
+                        std::uint64_t size);
+  // The content read isn't the one asked for: the transfer ends.
+  Result RefuseRead(const std::string& expected, const std::string& got);
+
   yandex_items::Mount Mount() const;
 
   std::uint32_t mode_ = kRestMode;
@@ -179,4 +262,17 @@ class RemoteFileSystemYandex : public RemoteFileSystemWebDAVBase {
   std::shared_ptr<URLProcessor> feedProcessor_;
 
   YandexSelfUploads selfUploadedFiles_;
+
+  // The open read or upload.
+  HashYandex expectedHash_;
+  std::uint64_t expectedSize_ = 0;
+  std::uint64_t bytesDone_ = 0;
+  bool checkHashOnFirstRead_ = false;
+  bool hashingUpload_ = false;
+  bool hashingRead_ = false;
+  HashYandex writtenHash_;
+  HashCalculatorYandex hashCalculator_;
+  UploadRoad uploadRoad_ = UploadRoad::kWebDav;
+  std::optional<std::string> operationLink_;
+  std::string uploadPath_;
 };

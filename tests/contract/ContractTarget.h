@@ -73,6 +73,9 @@ class ContractTarget {
   virtual bool ServesItemOperations() const { return true; }
   // Whether it reads and writes the content of files yet, besides changing items.
   virtual bool ServesTransfers() const { return true; }
+  // Whether a self-filtering feed drops the echo of a folder the adapter made, or (Yandex) only
+  // those of its uploads; an echoed folder is one the core's tree holds already.
+  virtual bool FiltersOwnFolderEchoes() const { return true; }
   // Whether the tree of a mounted folder carries each file's own time (a snapshot may give
   // every file the time it was taken).
   virtual bool TreeHasFileTimes() const { return true; }

@@ -187,6 +187,11 @@ TEST_F(EmulatorTest, TransportFaultsBendTheAnswer) {
   Answer reset = Fetch("GET", base_ + "/up/a.txt", "");
   EXPECT_EQ(reset.status, 0);
   EXPECT_NE(reset.code, CURLE_OK);
+  // A flipped byte, and one past the end that leaves the body alone.
+  add(R"({"path":"/up/","flip_byte":1})");
+  EXPECT_EQ(Fetch("GET", base_ + "/up/a.txt", "").body, std::string("0") + char(~'1') + "23456789");
+  add(R"({"path":"/up/","flip_byte":10})");
+  EXPECT_EQ(Fetch("GET", base_ + "/up/a.txt", "").body, "0123456789");
   // A trickled body still arrives whole.
   add(R"({"path":"/up/","trickle_bytes":4,"trickle_interval_ms":1})");
   EXPECT_EQ(Fetch("GET", base_ + "/up/a.txt", "").body, "0123456789");

@@ -1,6 +1,6 @@
 // Stop() from another thread while a Yandex adapter is on the wire or waiting: the binary snapshot
-// in the middle of its body, the waits between attempts and pages, and the delta feed. Each ends
-// with STOPPED, at once.
+// in the middle of its body, the waits between attempts and pages, the delta feed, and the polls
+// of an operation that goes on. Each ends with STOPPED, at once.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -164,6 +164,26 @@ TEST_F(YandexStopTest, StopWhileTheFeedWaitsForAHash) {
   EXPECT_EQ(fs->GetChanges(&changes), Result::STOPPED);
   EXPECT_EQ(clock.Waits(), std::vector<std::int64_t>{1000});
   EXPECT_FALSE(fs->ShouldRenewTree());
+}
+
+TEST_F(YandexStopTest, StopWhileAnOperationIsPolled) {
+  const std::string link = server_.BaseUrl() + "/op";
+  server_.Handle("DELETE", "/v1/disk/resources", [link](const HttpRequest&) {
+    return Answer(202, R"({"href":")" + link + R"(","method":"GET","templated":false})");
+  });
+  server_.Handle("GET", "/op",
+                 [](const HttpRequest&) { return Answer(200, R"({"status":"in-progress"})"); });
+  auto fs = test::OpenYandex("", &factory_);
+  ASSERT_NE(fs, nullptr);
+  // The waits between polls pass at once: the operation is asked again and again until the stop.
+  utils::ManualClock clock;
+  utils::ScopedClock scoped(&clock);
+  FolderNode folder;
+  EXPECT_EQ(
+      StopWhile(
+          fs.get(), [&] { return fs->DeleteFolderImpl(folder, FileSystem::Revision(), "big"); },
+          [&] { return Asked("/op"); }),
+      Result::STOPPED);
 }
 
 }  // namespace

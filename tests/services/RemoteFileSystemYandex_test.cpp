@@ -252,38 +252,6 @@ TEST_F(YandexTest, DiskAnswerGivesSizesAndTheFileLimitWithOAuth) {
   EXPECT_TRUE(log.Contains("Invalid disk info: "));
 }
 
-TEST_F(YandexTest, RestCodesMapToResults) {
-  struct Case {
-    int status;
-    Result result;
-    const char* word;
-  };
-  const Case cases[] = {
-      {401, Result::AUTH_INVALID, "Authorization failed (401)."},
-      {403, Result::ACCESS_DENIED, "Forbidden (403)."},
-      {404, Result::CONFLICT, "Not found (404)."},
-      {409, Result::CONFLICT, "Received 409=path_already_exists."},
-      {423, Result::CONFLICT, "Resource blocked."},
-      {429, Result::FAILED, "Received rate limit."},
-      {507, Result::NO_SPACE, "No free space."},
-      {500, Result::FAILED, "Failed with HTTP code 500"},
-  };
-  for (const Case& c : cases) {
-    server_.Handle("GET", "/v1/disk", [&c](const HttpRequest&) {
-      return Json(R"({"error":"E","description":"d"})", c.status);
-    });
-    auto fs = Make();
-    LoggerWrapper::Capture log;
-    const std::size_t before = clock_.Waits().size();
-    EXPECT_EQ(fs->CheckConnection(), c.result) << c.status;
-    EXPECT_TRUE(log.Contains(c.word)) << c.status;
-    // Only a rate limit waits, two seconds on the stop condition.
-    const std::vector<std::int64_t> expected =
-        c.status == 429 ? std::vector<std::int64_t>{2000} : std::vector<std::int64_t>{};
-    EXPECT_EQ(WaitsSince(before), expected) << c.status;
-  }
-}
-
 // --- the binary snapshot of a mounted folder ------------------------------------------------
 
 const char kMount[] = "Docs Ж";
