@@ -537,8 +537,8 @@ TEST(RemoteFileSystemBoxRestApi, InterruptedSessionsResumeInAnotherAdapter) {
 TEST(RemoteFileSystemBoxRestApi, StoredSessionsThatCantResumeTakeTheRoadOfANewOne) {
   const std::uint64_t size = 3 * (8ull << 20);
   const std::string data = Bytes(size, 'e');
-  enum Kind { kExpiredOnServer, kExpiredByTime, kOtherHash, kEmptyParts };
-  for (Kind kind : {kExpiredOnServer, kExpiredByTime, kOtherHash, kEmptyParts}) {
+  enum Kind { kExpiredOnServer, kExpiredByTime, kOtherHash, kOtherSize, kEmptyParts };
+  for (Kind kind : {kExpiredOnServer, kExpiredByTime, kOtherHash, kOtherSize, kEmptyParts}) {
     SCOPED_TRACE(kind);
     test::BoxAccount box;
     box.account().SetKeepContentLimit(0);
@@ -553,7 +553,9 @@ TEST(RemoteFileSystemBoxRestApi, StoredSessionsThatCantResumeTakeTheRoadOfANewOn
     utils::ScopedClock scoped(&clock);
     if (kind == kExpiredOnServer)
       box.account().ExpireUploads();
-    std::string upload = kind == kOtherHash ? Bytes(size, 'z') : data;
+    std::string upload = kind == kOtherHash   ? Bytes(size, 'z')
+                         : kind == kOtherSize ? data + "tail"
+                                              : data;
     LoggerWrapper::Capture log;
     std::uint64_t resumed_at = 7;
     ASSERT_EQ(Upload(*box.Open(), "f", upload, nullptr, UINT64_MAX, &resumed_at), FS::SUCCEEDED);
@@ -561,8 +563,9 @@ TEST(RemoteFileSystemBoxRestApi, StoredSessionsThatCantResumeTakeTheRoadOfANewOn
     EXPECT_EQ(box.account().FindByPath("f")->digests.sha1, BoxHashOf(upload).GetHashBox().sha1);
     const char* line = kind == kExpiredOnServer ? "can't be resumed"
                        : kind == kExpiredByTime ? "expired."
-                       : kind == kOtherHash     ? "changed between uploads"
-                                                : "Empty parts list, upload from the beggining.";
+                       : kind == kOtherHash || kind == kOtherSize
+                           ? "changed between uploads"
+                           : "Empty parts list, upload from the beggining.";
     EXPECT_TRUE(log.Contains(line));
   }
 }
@@ -643,6 +646,14 @@ TEST(RemoteFileSystemBoxRestApi, BadAnswersAreLoggedAndSkippedNeverACrash) {
     box.emulator->faults().Add(rule);
     EXPECT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), result);
   }
+  // A 200 without a body is no listing.
+  box.emulator->faults().Clear();
+  box.emulator->server().Handle(
+      "GET", "/2.0/folders/" + d + "/items",
+      [](const emulators::HttpRequest&) { return emulators::HttpResponse::Status(200); });
+  LoggerWrapper::Capture empty_log;
+  EXPECT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), FS::FAILED);
+  EXPECT_TRUE(empty_log.Contains("Failed parse answer: "));
   // A session answer without part_size fails the open.
   box.emulator->faults().Clear();
   emulators::FaultRule no_part_size;
