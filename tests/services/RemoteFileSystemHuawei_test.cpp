@@ -7,6 +7,7 @@
 
 #include <chrono>
 #include <queue>
+#include <set>
 #include <thread>
 
 #include "core/Cookie.h"
@@ -275,6 +276,32 @@ TEST_F(HuaweiTest, FeedFollowsForeignChangesAndItsCursor) {
   auto requests = emulator_->server().Requests();
   EXPECT_EQ(emulators::QueryParam(requests.back().query, "cursor"),
             "c" + std::to_string(account().Sequence() - 1));
+}
+
+TEST_F(HuaweiTest, FeedGoesOnFromNextCursorThenFromNewStartCursor) {
+  // 1. More changes than one page holds.
+  const std::string docs = Folder(account().RootId(), "docs");
+  FolderNode root;
+  ASSERT_EQ(Tree(&root), FS::SUCCEEDED);
+  constexpr std::size_t kChanges = emulators::HuaweiDialect::kPageSize + 50;
+  for (std::size_t i = 0; i < kChanges; ++i) {
+    File(docs, "n" + std::to_string(i), "x");
+  }
+  // 2. A full page, the rest from where it ended, then nothing new: each change once.
+  std::set<std::string> seen;
+  std::vector<std::size_t> pages;
+  for (int call = 0; call < 3; ++call) {
+    std::queue<FS::Change> changes;
+    ASSERT_EQ(fs_->GetChanges(&changes), FS::SUCCEEDED);
+    pages.push_back(changes.size());
+    for (; !changes.empty(); changes.pop()) {
+      EXPECT_EQ(changes.front().type, FS::Change::FILE_CREATE);
+      EXPECT_TRUE(seen.insert(changes.front().path).second) << changes.front().path;
+    }
+  }
+  EXPECT_EQ(pages, (std::vector<std::size_t>{emulators::HuaweiDialect::kPageSize, 50, 0}));
+  EXPECT_EQ(seen.size(), kChanges);
+  EXPECT_FALSE(ids().GetFileIdByPath("docs/n149").empty());
 }
 
 TEST_F(HuaweiTest, FeedRefusesAPageWithoutCursorAndExpiredCursor) {
