@@ -6,13 +6,16 @@
 #include <chrono>
 #include <functional>
 #include <thread>
+#include <typeinfo>
 
 #include "core/Clock.h"
 #include "core/HashCalculators.h"
 #include "core/LoggerWrapper.h"
 #include "emulators/Faults.h"
+#include "services/BackupMetainfoRemoteReaderBox.h"
 #include "services/BoxTesting.h"
 #include "services/RemoteBoxUtils.h"
+#include "services/RemoteFileSystemFactoryBox.h"
 #include "support/HeapUsage.h"
 
 namespace {
@@ -87,9 +90,17 @@ TEST(RemoteFileSystemBoxRestApi, EntryMakesTheRestClassWithItsCapabilities) {
   EXPECT_EQ(fs->GetPublicLink("a", false, &link), FS::FAILED);
   EXPECT_EQ(fs->ClosePublicLink("a"), FS::FAILED);
   EXPECT_TRUE(box.emulator->server().Requests().empty());
-  // Two adapters of one factory share the record.
-  auto other = box.Open();
-  EXPECT_EQ(box.factory->GetSharedData(), box.factory->GetSharedData());
+  // The factory's row: its record, the reader of Box's metainfo, and no writer.
+  EXPECT_EQ(typeid(*box.factory), typeid(RemoteFileSystemFactoryBox));
+  EXPECT_NE(std::dynamic_pointer_cast<rest_api::RemoteFileSystemBoxSharedData>(
+                box.factory->GetSharedData()),
+            nullptr);
+  auto reader = box.factory->CreateMetainfoReader(box.url_factory);
+  EXPECT_NE(std::dynamic_pointer_cast<BackupMetainfoRemoteReaderBox>(reader), nullptr);
+  EXPECT_EQ(box.factory->CreateMetainfoWriter(box.url_factory, "C:/a", "Backups/a"), nullptr);
+  // Another factory of the same id shares nothing.
+  std::unique_ptr<RemoteFileSystemFactory> other(H6BA54F7D00(CloudServiceId::BOX, ""));
+  EXPECT_NE(other->GetSharedData(), box.factory->GetSharedData());
 }
 
 TEST(RemoteFileSystemBoxRestApi, ThreeLevelTreeEqualsTheAccountAndRestoresThePool) {

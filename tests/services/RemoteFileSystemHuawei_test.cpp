@@ -9,6 +9,7 @@
 #include <queue>
 #include <set>
 #include <thread>
+#include <typeinfo>
 
 #include "core/Cookie.h"
 #include "core/CurlURLProcessorFactory.h"
@@ -23,6 +24,7 @@
 #include "services/BackupMetainfoRemoteReaderHuawei.h"
 #include "services/BackupMetainfoRemoteWriterHuawei.h"
 #include "services/RemoteFSFactoryConstructor.h"
+#include "services/RemoteFileSystemFactoryHuawei.h"
 #include "services/RemoteFileSystemHuaweiSharedData.h"
 #include "services/RemoteHuaweiUtils.h"
 #include "support/HeapUsage.h"
@@ -128,6 +130,16 @@ TEST_F(HuaweiTest, CapabilitiesAndLinksWithoutRequests) {
   EXPECT_EQ(fs_->GetPublicLink("a", false, &link), FS::FAILED);
   EXPECT_EQ(fs_->ClosePublicLink("a"), FS::FAILED);
   EXPECT_TRUE(emulator_->server().Requests().empty());
+  // The factory's row: its record, and Huawei's metainfo reader and writer.
+  EXPECT_EQ(typeid(*factory_), typeid(RemoteFileSystemFactoryHuawei));
+  EXPECT_NE(std::dynamic_pointer_cast<RemoteFileSystemHuaweiSharedData>(factory_->GetSharedData()),
+            nullptr);
+  EXPECT_NE(std::dynamic_pointer_cast<BackupMetainfoRemoteReaderHuawei>(
+                factory_->CreateMetainfoReader(http_)),
+            nullptr);
+  EXPECT_NE(std::dynamic_pointer_cast<BackupMetainfoRemoteWriterHuawei>(
+                factory_->CreateMetainfoWriter(http_, "/home/me", "Backups/me")),
+            nullptr);
 }
 
 TEST_F(HuaweiTest, TreeEqualsTheAccountWhateverTheListingOrder) {
