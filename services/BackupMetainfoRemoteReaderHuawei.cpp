@@ -37,19 +37,24 @@ std::vector<BackupMetainfoRecord> BackupMetainfoRemoteReaderHuawei::ReadAll() {
   // 2. Each folder below it that describes a backup.
   const std::string query = huawei::QuoteLiteral(top) + " in parentFolder and mimeType='" +
                             huawei::kFolderMime + "' and recycled=false";
-  requester_->ListAll(query, "*", [&](const utils::json::json_tree& folder) {
-    if (CheckStopped()) {
-      return false;
-    }
-    BackupMetainfoRecord record;
-    record.cloud_path = folder.get("properties.cloudPath", "");
-    record.local_path = folder.get("properties.localPath", "");
-    record.last_update_time =
-        std::strtoll(folder.get("properties.lastUpdateTime", "0").c_str(), nullptr, 10);
-    if (!record.cloud_path.empty()) {
-      records.push_back(std::move(record));
-    }
-    return true;
-  });
+  const FileSystem::Result listed =
+      requester_->ListAll(query, "*", [&](const utils::json::json_tree& folder) {
+        if (CheckStopped()) {
+          return false;
+        }
+        BackupMetainfoRecord record;
+        record.cloud_path = folder.get("properties.cloudPath", "");
+        record.local_path = folder.get("properties.localPath", "");
+        record.last_update_time =
+            std::strtoll(folder.get("properties.lastUpdateTime", "0").c_str(), nullptr, 10);
+        if (!record.cloud_path.empty()) {
+          records.push_back(std::move(record));
+        }
+        return true;
+      });
+  // 3. A walk cut short still answers what it found.
+  if (listed != FileSystem::SUCCEEDED && !CheckStopped()) {
+    LOG_WARNING << "Backup descriptions read in part: " << listed;
+  }
   return records;
 }

@@ -63,7 +63,9 @@ bool ParseBoxItem(const utils::json::json_tree& entry, BoxItem* item, std::strin
   item->time = ParseBoxTime(Scalar(entry, "content_modified_at"));
   if (!item->folder) {
     item->sha1 = Scalar(entry, "sha1");
-    if (!ParseBoxNumber(Scalar(entry, "size"), &item->size)) {
+    // Box answers only the fields asked for, and a lookup by name asks for no size.
+    const bool sized = static_cast<bool>(utils::json::Child(entry, "size"));
+    if (sized && !ParseBoxNumber(Scalar(entry, "size"), &item->size)) {
       *problem = "Invalid size of file " + item->id + ": " +
                  utils::SafePrintBinary(Scalar(entry, "size").substr(0, 64));
       return false;

@@ -104,8 +104,10 @@ TEST(BackupMetainfoRemoteReaderBox, StopDuringTheWalkKeepsWhatWasFound) {
   slow.fault.delay_ms = 400;
   box.emulator->faults().Add(slow);
   auto reader = box.factory->CreateMetainfoReader(box.url_factory);
-  std::thread stopper([&reader] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+  // The Stop waits for that request to reach the service, however loaded the machine is.
+  std::thread stopper([&reader, &box] {
+    for (int i = 0; i < 500 && box.Count("GET", "/2.0/folders/") < 4; ++i)
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
     reader->Stop();
   });
   LoggerWrapper::Capture log;

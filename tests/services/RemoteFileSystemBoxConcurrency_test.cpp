@@ -10,8 +10,10 @@
 #include <algorithm>
 #include <atomic>
 #include <chrono>
+#include <condition_variable>
 #include <cstdio>
 #include <map>
+#include <mutex>
 #include <thread>
 #include <vector>
 
@@ -59,8 +61,9 @@ FS::Result Upload(RemoteFileSystem& fs, const std::string& path, const std::stri
   return result == FS::SUCCEEDED ? fs.CloseFile(&props) : result;
 }
 
-// Box's dialect with every handler counted while it runs, each held a little so that requests
-// sent together meet on the server.
+// Box's dialect with every handler counted while it runs. When gathering, a listing of a folder
+// below the root is held until four are in at once (or two seconds passed), so that requests sent
+// together meet on the server whatever the load.
 class InFlightDialect : public emulators::Dialect, private emulators::Router {
  public:
   InFlightDialect() : box_(emulators::MakeBoxDialect()) {}
@@ -77,7 +80,10 @@ class InFlightDialect : public emulators::Dialect, private emulators::Router {
     box_->Install(*this);
   }
   int MaxInFlight() const { return max_.load(); }
-  void Reset() { max_ = 0; }
+  void Reset(bool gather) {
+    max_ = 0;
+    gather_ = gather;
+  }
 
  private:
   void Handle(const std::string& verb, const std::string& path, emulators::Handler handler,
@@ -85,10 +91,15 @@ class InFlightDialect : public emulators::Dialect, private emulators::Router {
     router_->Handle(
         verb, path,
         [this, handler = std::move(handler)](const emulators::HttpRequest& request) {
-          int now = ++in_flight_;
+          const int now = ++in_flight_;
           for (int seen = max_.load(); now > seen && !max_.compare_exchange_weak(seen, now);) {
           }
-          std::this_thread::sleep_for(std::chrono::milliseconds(15));
+          if (gather_ && request.path.rfind("/2.0/folders/0/", 0) != 0 &&
+              request.path.rfind("/2.0/folders/", 0) == 0) {
+            std::unique_lock<std::mutex> lock(mutex_);
+            met_.notify_all();
+            met_.wait_for(lock, std::chrono::seconds(2), [this] { return in_flight_ >= 4; });
+          }
           emulators::HttpResponse response = handler(request);
           --in_flight_;
           return response;
@@ -102,6 +113,9 @@ class InFlightDialect : public emulators::Dialect, private emulators::Router {
   emulators::Router* router_ = nullptr;
   std::atomic<int> in_flight_{0};
   std::atomic<int> max_{0};
+  std::atomic<bool> gather_{false};
+  std::mutex mutex_;
+  std::condition_variable met_;
 };
 
 struct SentPart {
@@ -228,7 +242,7 @@ TEST(RemoteFileSystemBoxConcurrency, TreeKeepsFourInFlightAndGivesThePoolBack) {
       box.emulator->faults().Add(slow);
     }
     QThreadPool::globalInstance()->setMaxThreadCount(7);
-    watched.Reset();
+    watched.Reset(end == End::kSuccess);
 
     // 2. The download, stopped from another thread in the last case.
     auto fs = box.Open();

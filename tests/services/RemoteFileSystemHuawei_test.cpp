@@ -5,7 +5,11 @@
 
 #include <gtest/gtest.h>
 
+#include <chrono>
 #include <queue>
+#include <set>
+#include <thread>
+#include <typeinfo>
 
 #include "core/Cookie.h"
 #include "core/CurlURLProcessorFactory.h"
@@ -20,6 +24,7 @@
 #include "services/BackupMetainfoRemoteReaderHuawei.h"
 #include "services/BackupMetainfoRemoteWriterHuawei.h"
 #include "services/RemoteFSFactoryConstructor.h"
+#include "services/RemoteFileSystemFactoryHuawei.h"
 #include "services/RemoteFileSystemHuaweiSharedData.h"
 #include "services/RemoteHuaweiUtils.h"
 #include "support/HeapUsage.h"
@@ -125,6 +130,16 @@ TEST_F(HuaweiTest, CapabilitiesAndLinksWithoutRequests) {
   EXPECT_EQ(fs_->GetPublicLink("a", false, &link), FS::FAILED);
   EXPECT_EQ(fs_->ClosePublicLink("a"), FS::FAILED);
   EXPECT_TRUE(emulator_->server().Requests().empty());
+  // The factory's row: its record, and Huawei's metainfo reader and writer.
+  EXPECT_EQ(typeid(*factory_), typeid(RemoteFileSystemFactoryHuawei));
+  EXPECT_NE(std::dynamic_pointer_cast<RemoteFileSystemHuaweiSharedData>(factory_->GetSharedData()),
+            nullptr);
+  EXPECT_NE(std::dynamic_pointer_cast<BackupMetainfoRemoteReaderHuawei>(
+                factory_->CreateMetainfoReader(http_)),
+            nullptr);
+  EXPECT_NE(std::dynamic_pointer_cast<BackupMetainfoRemoteWriterHuawei>(
+                factory_->CreateMetainfoWriter(http_, "/home/me", "Backups/me")),
+            nullptr);
 }
 
 TEST_F(HuaweiTest, TreeEqualsTheAccountWhateverTheListingOrder) {
@@ -172,28 +187,64 @@ TEST_F(HuaweiTest, TreeEqualsTheAccountWhateverTheListingOrder) {
                                        "GET /drive/v1/changes/getStartCursor"};
   EXPECT_EQ(Paths(), expected);
   auto requests = emulator_->server().Requests();
-  EXPECT_NE(requests[2].query.find("orderBy=createdTime"), std::string::npos);
-  EXPECT_NE(emulators::QueryParam(requests[5].query, "cursor"), "");
+  const std::string folder_query = "mimeType='" + std::string(huawei::kFolderMime) + "'";
+  const std::string file_query = "mimeType!='" + std::string(huawei::kFolderMime) + "'";
+  // One page of folders, then three of files, each page after the first by its cursor.
+  for (std::size_t i = 2; i <= 5; ++i) {
+    const std::string query = emulators::QueryParam(requests[i].query, "queryParam");
+    EXPECT_EQ(emulators::QueryParam(requests[i].query, "orderBy"), "createdTime") << i;
+    EXPECT_NE(query.find(i == 2 ? folder_query : file_query), std::string::npos) << i << query;
+    EXPECT_NE(query.find("recycled=false"), std::string::npos) << i << ": " << query;
+    EXPECT_EQ(emulators::QueryParam(requests[i].query, "cursor").empty(), i <= 3) << i;
+  }
 }
 
 TEST_F(HuaweiTest, RemoteRootSkipsRecycledTwinAndNamesAMissingComponent) {
-  std::string twin = Folder(account().RootId(), "Back'ups & #1");
-  account().Trash(twin, nullptr);
-  std::string real = Folder(account().RootId(), "Back'ups & #1");
-  File(real, "in.txt", "x");
-  Folder(Folder(account().RootId(), "Other"), "Back'ups & #1");
-  root_path_ = "Back'ups & #1";
-  factory_.reset(H6BA54F7D00(CloudServiceId::HUAWEI, root_path_));
-  fs_ = Make();
-  FolderNode root;
-  ASSERT_EQ(Tree(&root), FS::SUCCEEDED);
-  EXPECT_NE(root.GetFile("in.txt"), nullptr);
-  EXPECT_EQ(ids().GetRootId(), real);
+  // 1. Names that the query language or the URL would take apart, each under a top folder with a
+  // recycled twin of the same name before it and a live one elsewhere.
+  // (Names are local ones: what Windows can't hold, such as '?' or '\\', is mapped first.)
+  const std::string names[] = {"Back'ups & #1", "Sauvegardes d'\xc3\xa9t\xc3\xa9",
+                               "\xe5\xa4\x87\xe4\xbb\xbd 100%+=;", "it''s"};
+  for (const std::string& name : names) {
+    SCOPED_TRACE(name);
+    const std::string top = Folder(account().RootId(), "Top " + name);
+    account().Trash(Folder(top, name), nullptr);
+    const std::string real = Folder(top, name);
+    File(real, "in.txt", "x");
+    Folder(Folder(account().RootId(), "Other " + name), name);
+    root_path_ = "Top " + name + "/" + name;
+    factory_.reset(H6BA54F7D00(CloudServiceId::HUAWEI, root_path_));
+    fs_ = Make();
+    emulator_->server().ClearRequests();
+    FolderNode root;
+    ASSERT_EQ(Tree(&root), FS::SUCCEEDED);
+    EXPECT_NE(root.GetFile("in.txt"), nullptr);
+    EXPECT_EQ(ids().GetRootId(), real);
+    // 2. On the wire: the name is one quoted literal of the query with its apostrophes escaped,
+    // and the whole query one percent-encoded URL value.
+    std::string escaped;
+    for (char c : name) {
+      escaped += c == '\'' ? std::string("\\'") : std::string(1, c);
+    }
+    bool asked = false;
+    for (const auto& request : emulator_->server().Requests()) {
+      const std::string query = emulators::QueryParam(request.query, "queryParam");
+      if (query.find(" in parentFolder") == std::string::npos ||
+          query.find("fileName=") == std::string::npos) {
+        continue;
+      }
+      asked = asked || query.find("fileName='" + escaped + "' and") == 0;
+      EXPECT_EQ(request.query.find_first_of("# '\x80\xc3\xe5"), std::string::npos) << request.query;
+    }
+    EXPECT_TRUE(asked);
+  }
 
+  // 3. A component that isn't there gives its line.
   root_path_ = "Nowhere";
   factory_.reset(H6BA54F7D00(CloudServiceId::HUAWEI, root_path_));
   fs_ = Make();
   LoggerWrapper::Capture log;
+  FolderNode root;
   EXPECT_EQ(Tree(&root), FS::ITEM_MISSED);
   EXPECT_TRUE(log.Contains("No \"Nowhere\" dir in cloud."));
 }
@@ -237,6 +288,32 @@ TEST_F(HuaweiTest, FeedFollowsForeignChangesAndItsCursor) {
   auto requests = emulator_->server().Requests();
   EXPECT_EQ(emulators::QueryParam(requests.back().query, "cursor"),
             "c" + std::to_string(account().Sequence() - 1));
+}
+
+TEST_F(HuaweiTest, FeedGoesOnFromNextCursorThenFromNewStartCursor) {
+  // 1. More changes than one page holds.
+  const std::string docs = Folder(account().RootId(), "docs");
+  FolderNode root;
+  ASSERT_EQ(Tree(&root), FS::SUCCEEDED);
+  constexpr std::size_t kChanges = emulators::HuaweiDialect::kPageSize + 50;
+  for (std::size_t i = 0; i < kChanges; ++i) {
+    File(docs, "n" + std::to_string(i), "x");
+  }
+  // 2. A full page, the rest from where it ended, then nothing new: each change once.
+  std::set<std::string> seen;
+  std::vector<std::size_t> pages;
+  for (int call = 0; call < 3; ++call) {
+    std::queue<FS::Change> changes;
+    ASSERT_EQ(fs_->GetChanges(&changes), FS::SUCCEEDED);
+    pages.push_back(changes.size());
+    for (; !changes.empty(); changes.pop()) {
+      EXPECT_EQ(changes.front().type, FS::Change::FILE_CREATE);
+      EXPECT_TRUE(seen.insert(changes.front().path).second) << changes.front().path;
+    }
+  }
+  EXPECT_EQ(pages, (std::vector<std::size_t>{emulators::HuaweiDialect::kPageSize, 50, 0}));
+  EXPECT_EQ(seen.size(), kChanges);
+  EXPECT_FALSE(ids().GetFileIdByPath("docs/n149").empty());
 }
 
 TEST_F(HuaweiTest, FeedRefusesAPageWithoutCursorAndExpiredCursor) {
@@ -443,6 +520,46 @@ TEST_F(HuaweiTest, ALargeUploadHoldsAtMostOneSlice) {
             emulators::ContentHasher::Of(data).sha256);
 }
 
+TEST_F(HuaweiTest, SliceSizeIsTheServersElseTheDefault) {
+  constexpr std::uint64_t kDefault = HuaweiUpload::kDefaultSliceSize;
+  struct Row {
+    const char* name;
+    std::uint64_t named;  // by the session's answer; 0: left out
+    std::uint64_t used;
+  } rows[] = {{"named", 1 << 20, 1 << 20},
+              {"left out", 0, kDefault},
+              {"unusable", HuaweiUpload::kMaxSliceSize + 1, kDefault}};
+  Folder(account().RootId(), "docs");
+  FolderNode root;
+  ASSERT_EQ(Tree(&root), FS::SUCCEEDED);
+  const std::string data = test::RandomBytes(kDefault + 5000, 12);
+  for (const Row& row : rows) {
+    SCOPED_TRACE(row.name);
+    dialect().SetSliceSize(row.named);
+    emulator_->faults().Clear();
+    if (row.named == 0) {
+      emulators::FaultRule rule;
+      rule.verb = "POST";
+      rule.fault.drop_field = "sliceSize";
+      emulator_->faults().Add(rule);
+    }
+    emulator_->server().ClearRequests();
+    FS::FileProperties props;
+    ASSERT_EQ(Upload(fs_.get(), "docs/" + std::string(row.name), data, &props), FS::SUCCEEDED);
+    std::vector<std::uint64_t> slices;
+    for (const auto& request : emulator_->server().Requests()) {
+      if (request.verb == "PUT") {
+        slices.push_back(request.body_size);
+      }
+    }
+    ASSERT_EQ(slices.size(), (data.size() + row.used - 1) / row.used);
+    EXPECT_EQ(slices.front(), row.used);
+    EXPECT_EQ(slices.back(), data.size() - (slices.size() - 1) * row.used);
+    EXPECT_EQ(account().FindByPath("docs/" + std::string(row.name))->digests.sha256,
+              emulators::ContentHasher::Of(data).sha256);
+  }
+}
+
 TEST_F(HuaweiTest, UploadFaults) {
   Folder(account().RootId(), "docs");
   FolderNode root;
@@ -522,18 +639,29 @@ TEST(HuaweiCodeMap, EveryRow) {
   } rows[] = {
       {400, "21004004", FS::CONFLICT},
       {400, "21004009", FS::CONFLICT},
+      {400, "21004906", FS::CONFLICT},
       {400, "21004008", FS::NAME_TOO_LONG},
+      {400, "21004006", FS::BADNAM},
+      {400, "21004007", FS::BADNAM},
       {400, "21004002", FS::FAILED},
+      {400, "", FS::FAILED},
       {401, "21004011", FS::AUTH_INVALID},
+      {401, "", FS::AUTH_INVALID},
+      {402, "", FS::ACCESS_DENIED},
       {403, "21004039", FS::NO_SPACE},
+      {403, "21004037", FS::FAILED},
       {403, "21004035", FS::FORBIDDEN},
       {404, "", FS::ITEM_MISSED},
       {409, "", FS::CONFLICT},
+      {410, "", FS::CONFLICT},
+      {412, "", FS::CONFLICT},
       {413, "", FS::TOO_LARGE},
       {429, "21004290", FS::FAILED},
       {451, "", FS::BLOCKED},
       {500, "", FS::FAILED},
+      {502, "", FS::FAILED},
       {503, "", FS::FAILED},
+      {504, "", FS::FAILED},
       {418, "", FS::FAILED},
   };
   for (const Row& row : rows) {
@@ -639,8 +767,67 @@ TEST_F(HuaweiTest, MetainfoRecordPerBackup) {
   EXPECT_EQ(records[0].last_update_time, 1700000000);
   writer->Stop();
   EXPECT_EQ(writer->Update(1, 1), FS::STOPPED);
-  auto inert = factory_->CreateMetainfoReader(nullptr);
-  EXPECT_TRUE(inert->ReadAll().empty());
+}
+
+TEST_F(HuaweiTest, MetainfoInertAndStopRules) {
+  // 1. Objects whose client could not open answer at once and ask nothing.
+  class NoClientFactory : public URLProcessorFactory {
+   public:
+    std::shared_ptr<URLProcessor> Create() override { return nullptr; }
+  };
+  const std::string remote = RemoteFileSystem::kRemoteBackupRootFolder + "/laptop";
+  for (std::shared_ptr<URLProcessorFactory> inert :
+       {std::shared_ptr<URLProcessorFactory>(),
+        std::shared_ptr<URLProcessorFactory>(std::make_shared<NoClientFactory>())}) {
+    auto writer = factory_->CreateMetainfoWriter(inert, "/home/me", remote);
+    EXPECT_EQ(writer->Create(), FS::FAILED);
+    EXPECT_EQ(writer->Update(1, 1), FS::FAILED);
+    EXPECT_TRUE(factory_->CreateMetainfoReader(inert)->ReadAll().empty());
+  }
+  EXPECT_TRUE(emulator_->server().Requests().empty());
+
+  // 2. Backups past one page of the listing, whose second page is slow to come.
+  const std::string backups = Folder(account().RootId(), RemoteFileSystem::kRemoteBackupRootFolder);
+  constexpr std::size_t kBackups = emulators::HuaweiDialect::kPageSize + 20;
+  for (std::size_t i = 0; i < kBackups; ++i) {
+    const std::string id = Folder(backups, "pc" + std::to_string(i));
+    account().SetProperty(id, "cloudPath", remote + std::to_string(i), nullptr);
+    account().SetProperty(id, "localPath", "/home/" + std::to_string(i), nullptr);
+  }
+  emulators::FaultRule slow;
+  slow.path_prefix = "/drive/v1/files";
+  slow.nth = 4;  // the drive's root, the backups' folder, the first page, then this
+  slow.fault.delay_ms = 20000;
+  emulator_->faults().Add(slow);
+
+  // 3. Stop once that page is asked for: the first page's records, within a second.
+  auto reader = factory_->CreateMetainfoReader(http_);
+  std::thread stopper([&] {
+    for (int i = 0; i < 500 && emulator_->server().Requests().size() < 4; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    }
+    reader->Stop();
+  });
+  LoggerWrapper::Capture log;
+  const auto started = std::chrono::steady_clock::now();
+  const std::vector<BackupMetainfoRecord> records = reader->ReadAll();
+  stopper.join();
+  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2));
+  EXPECT_EQ(records.size(), emulators::HuaweiDialect::kPageSize);
+  EXPECT_TRUE(log.Contains("MetainfoReader is stopped."));
+  EXPECT_TRUE(reader->ReadAll().empty());
+
+  // 4. Started again, it reads them all; a stopped writer changes nothing.
+  emulator_->faults().Clear();
+  reader->Start();
+  EXPECT_EQ(reader->ReadAll().size(), kBackups);
+  auto writer = factory_->CreateMetainfoWriter(http_, "/home/me", remote + "0");
+  writer->Stop();
+  emulator_->server().ClearRequests();
+  EXPECT_EQ(writer->Create(), FS::STOPPED);
+  EXPECT_EQ(writer->Update(5, 5), FS::STOPPED);
+  EXPECT_TRUE(emulator_->server().Requests().empty());
+  EXPECT_TRUE(log.Contains("MetainfoWriter is stopped."));
 }
 
 }  // namespace
