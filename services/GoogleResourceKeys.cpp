@@ -1,6 +1,17 @@
 #include "services/GoogleResourceKeys.h"
 
+#include <istream>
+#include <ostream>
+
+#include "core/LoggerWrapper.h"
 #include "core/RadarsLogger.h"
+
+namespace {
+
+// The stop flag is looked at this often while a section is written or read.
+constexpr std::size_t kStopCheckEvery = 20;
+
+}  // namespace
 
 void GoogleResourceKeys::Record(const std::string& id, const std::string& key) {
   if (key.empty()) {
@@ -24,4 +35,55 @@ std::string GoogleResourceKeys::BuildHeader(const std::vector<std::string>& ids)
     }
   }
   return list.empty() ? std::string() : std::string(kHeaderName) + ": " + list;
+}
+
+void GoogleResourceKeys::Swap(GoogleResourceKeys& other) {
+  if (&other == this) {
+    return;
+  }
+  QWriteLocker mine(&lock_);
+  QWriteLocker theirs(&other.lock_);
+  keys_.swap(other.keys_);
+}
+
+std::size_t GoogleResourceKeys::Count() const {
+  QReadLocker locker(&lock_);
+  return keys_.size();
+}
+
+bool GoogleResourceKeys::Serialize(const std::atomic<bool>* stop, std::ostream& out) const {
+  QReadLocker locker(&lock_);
+  std::size_t written = 0;
+  for (const auto& [id, key] : keys_) {
+    if (written++ % kStopCheckEvery == 0 && stop && *stop) {
+      LOG_ERROR << "Time is over while serializing items with resource keys.";
+      return false;
+    }
+    out << id << '\n' << key << '\n';
+  }
+  return static_cast<bool>(out);
+}
+
+bool GoogleResourceKeys::Deserialize(const std::atomic<bool>* stop, std::istream& in,
+                                     const std::string& end_marker, GoogleResourceKeys* keys) {
+  std::string id;
+  std::string key;
+  for (std::size_t entries = 0;; ++entries) {
+    if (entries % kStopCheckEvery == 0 && stop && *stop) {
+      return false;
+    }
+    if (!std::getline(in, id)) {
+      return false;
+    }
+    if (id == end_marker) {
+      return true;
+    }
+    if (!std::getline(in, key)) {
+      return false;
+    }
+    if (!id.empty() && !key.empty()) {
+      QWriteLocker locker(&keys->lock_);
+      keys->keys_[id] = key;
+    }
+  }
 }
