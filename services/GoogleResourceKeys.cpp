@@ -1,10 +1,7 @@
 #include "services/GoogleResourceKeys.h"
 
-#include <istream>
-#include <ostream>
-
-#include "core/LoggerWrapper.h"
 #include "core/RadarsLogger.h"
+#include "services/GoogleStateSections.h"
 
 namespace {
 
@@ -53,37 +50,18 @@ std::size_t GoogleResourceKeys::Count() const {
 
 bool GoogleResourceKeys::Serialize(const std::atomic<bool>* stop, std::ostream& out) const {
   QReadLocker locker(&lock_);
-  std::size_t written = 0;
-  for (const auto& [id, key] : keys_) {
-    if (written++ % kStopCheckEvery == 0 && stop && *stop) {
-      LOG_ERROR << "Time is over while serializing items with resource keys.";
-      return false;
-    }
-    out << id << '\n' << key << '\n';
-  }
-  return static_cast<bool>(out);
+  return GoogleStateSections::WritePairs(stop, keys_, kStopCheckEvery,
+                                         "Time is over while serializing items with resource keys.",
+                                         out);
 }
 
 bool GoogleResourceKeys::Deserialize(const std::atomic<bool>* stop, std::istream& in,
                                      const std::string& end_marker, GoogleResourceKeys* keys) {
-  std::string id;
-  std::string key;
-  for (std::size_t entries = 0;; ++entries) {
-    if (entries % kStopCheckEvery == 0 && stop && *stop) {
-      return false;
-    }
-    if (!std::getline(in, id)) {
-      return false;
-    }
-    if (id == end_marker) {
-      return true;
-    }
-    if (!std::getline(in, key)) {
-      return false;
-    }
-    if (!id.empty() && !key.empty()) {
-      QWriteLocker locker(&keys->lock_);
-      keys->keys_[id] = key;
-    }
-  }
+  QWriteLocker locker(&keys->lock_);
+  return GoogleStateSections::ReadPairs(stop, in, end_marker, nullptr,
+                                        [keys](std::string&& id, std::string&& key) {
+                                          if (!id.empty() && !key.empty()) {
+                                            keys->keys_[std::move(id)] = std::move(key);
+                                          }
+                                        });
 }

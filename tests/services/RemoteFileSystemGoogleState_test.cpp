@@ -271,8 +271,11 @@ TEST_F(GoogleStateTest, StopRaisedRefusesBothWays) {
   LoggerWrapper::Capture log;
   EXPECT_FALSE(Restore(state_, &stop));
   EXPECT_TRUE(log.Contains("Too long time, deserialization interrupted."));
+  RadarsLogger::Capture metrics;
   std::ostringstream out;
   EXPECT_FALSE(drive_.fs->Serialize(&stop, public_links_, out));
+  EXPECT_EQ(metrics.Count("tree_file_ids_save_failed"), 1u);
+  EXPECT_TRUE(log.Contains("Failed to serialize id tree."));
 }
 
 TEST_F(GoogleStateTest, OlderFileWithoutDigestLinesIsRead) {
