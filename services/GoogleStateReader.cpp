@@ -4,6 +4,7 @@
 
 #include "core/LoggerWrapper.h"
 #include "core/RadarsLogger.h"
+#include "services/Fnv1aHash.h"
 #include "services/GoogleDocs.h"
 #include "services/GoogleResourceKeys.h"
 #include "services/GoogleStateWriter.h"
@@ -80,7 +81,7 @@ bool GoogleStateReader::ReadToken(std::stringstream& in) {
     LOG_ERROR << "Invalid token check \"" << line << "\".";
     return WrongToken();
   }
-  if (std::to_string(fnv) != GoogleStateWriter::TokenFnvText(page_token)) {
+  if (fnv != Fnv1aHash()(page_token)) {
     return WrongToken();
   }
   return true;

@@ -20,10 +20,6 @@ constexpr std::size_t kStopCheckEvery = 20;
 
 }  // namespace
 
-std::string GoogleStateWriter::TokenFnvText(const std::string& token) {
-  return std::to_string(Fnv1aHash()(token));
-}
-
 std::string GoogleStateWriter::TokenDigest(const std::string& token) {
   QByteArray digest =
       QCryptographicHash::hash(QByteArray::fromStdString(token), QCryptographicHash::Md5);
@@ -41,7 +37,7 @@ bool GoogleStateWriter::Write(const std::atomic<bool>* stop, const Parts& parts,
   // 2. The token and its checks. A digest holding a newline spreads over several lines, which
   // the reader joins up to the closing tag.
   out << parts.page_token << '\n'
-      << TokenFnvText(parts.page_token) << '\n'
+      << Fnv1aHash()(parts.page_token) << '\n'
       << kHashTag << '\n'
       << TokenDigest(parts.page_token) << '\n'
       << kHashTag << '\n';

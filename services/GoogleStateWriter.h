@@ -38,9 +38,7 @@ class GoogleStateWriter {
   // `stop` was raised; the stream then holds a cut state that no reader takes.
   static bool Write(const std::atomic<bool>* stop, const Parts& parts, std::ostream& out);
 
-  // The token's checks as the file holds them: FNV-1a in decimal, and the raw MD5 digest up to
-  // its first zero byte.
-  static std::string TokenFnvText(const std::string& token);
+  // The token's MD5 as the file holds it: the raw digest up to its first zero byte.
   static std::string TokenDigest(const std::string& token);
 
  private:

@@ -188,6 +188,15 @@ TEST_F(GoogleMetainfoTest, InertOrStoppedReaderAnswersNothing) {
   EXPECT_TRUE(log.Contains("MetainfoReader is stopped."));
   reader->Start();
   EXPECT_EQ(reader->ReadAll().size(), 1u);
+  // Drive refusing the listing: logged, and nothing found.
+  emulators::FaultRule refused;
+  refused.verb = "GET";
+  refused.path_prefix = "/drive/v3/files";
+  refused.fault.status = 500;
+  drive_.emulator->faults().Add(refused);
+  EXPECT_TRUE(reader->ReadAll().empty());
+  EXPECT_TRUE(log.Contains("Can`t get backup meta info."));
+  EXPECT_TRUE(log.Contains("No backups."));
 }
 
 }  // namespace
