@@ -39,9 +39,10 @@ bool AddItem(const std::string& line, FolderNode* root) {
     in >> size >> hash_type >> hex;
   }
   in >> encoded;
+  // The name is a view into the path: the path outlives it.
+  const std::string path = utils::PercentDecoded(encoded);
   std::string_view name;
-  FolderNode* parent =
-      in ? root->TraversePathAndCreateDirs(utils::PercentDecoded(encoded), &name) : nullptr;
+  FolderNode* parent = in ? root->TraversePathAndCreateDirs(path, &name) : nullptr;
   if (!parent || (kind != 'F' && kind != 'D')) {
     return false;
   }
