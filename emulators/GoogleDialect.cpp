@@ -18,6 +18,8 @@ namespace {
 constexpr const char* kBase = "/drive/v3";
 constexpr std::size_t kDefaultPageSize = 100;  // Drive's own default for files.list
 constexpr std::size_t kLargestPageSize = 1000;
+// The account keeps an item's "appProperties" among its properties under this prefix.
+constexpr const char* kAppPropertyPrefix = "google.app.";
 
 bool HasProperty(const Item& item, const char* key) {
   return item.properties.count(key) > 0;
@@ -85,6 +87,14 @@ QJsonObject FileResource(const CloudAccount& account, const std::string& base_ur
   }
   if (HasProperty(item, "google.resourceKey"))
     file.insert("resourceKey", Text(Property(item, "google.resourceKey")));
+  QJsonObject app_properties;
+  const std::string prefix = kAppPropertyPrefix;
+  for (const auto& [key, value] : item.properties) {
+    if (key.compare(0, prefix.size(), prefix) == 0)
+      app_properties.insert(Text(key.substr(prefix.size())), Text(value));
+  }
+  if (!app_properties.isEmpty())
+    file.insert("appProperties", app_properties);
   return file;
 }
 
@@ -170,9 +180,11 @@ QJsonValue ApplyMask(const QJsonValue& value, const FieldMask& mask) {
 
 // 3. The "q" subset.
 struct Condition {
-  std::string field;  // "parents", "owners", "trashed", "sharedWithMe", "name", "mimeType"
-  std::string op;     // "in", "=", "!=", "contains"
+  // "parents", "owners", "trashed", "sharedWithMe", "name", "mimeType", "appProperties"
+  std::string field;
+  std::string op;  // "in", "=", "!=", "contains", "has"
   std::string value;
+  std::string key;       // of "appProperties has { key='..' and value='..' }"
   bool negated = false;  // "not" before it
 };
 
@@ -250,6 +262,10 @@ class QueryParser {
         condition.value = TakeIdentifier();
         if (condition.value != "true" && condition.value != "false")
           return false;
+      } else if (condition.field == "appProperties") {
+        if (!TakeWord("has") || !ParsePropertyMatch(&condition))
+          return false;
+        condition.op = "has";
       } else if (condition.field == "name" || condition.field == "mimeType") {
         if (TakeWord("contains")) {
           condition.op = "contains";
@@ -270,6 +286,12 @@ class QueryParser {
     }
     out->push_back({condition});
     return true;
+  }
+  // "{ key='..' and value='..' }"
+  bool ParsePropertyMatch(Condition* condition) {
+    return TakeChar('{') && TakeWord("key") && TakeChar('=') && TakeString(&condition->key) &&
+           TakeWord("and") && TakeWord("value") && TakeChar('=') && TakeString(&condition->value) &&
+           TakeChar('}');
   }
   char Peek() {
     SkipSpaces();
@@ -329,13 +351,18 @@ bool HoldsPlain(const CloudAccount& account, const Item& item, const Condition& 
   if (condition.field == "sharedWithMe")
     return item.shared_with_me == (condition.value == "true");
   if (condition.field == "parents") {
-    return std::find(item.parents.begin(), item.parents.end(), condition.value) !=
-           item.parents.end();
+    // "root" stands for the drive's root folder wherever an id is taken.
+    const std::string& parent = condition.value == "root" ? account.RootId() : condition.value;
+    return std::find(item.parents.begin(), item.parents.end(), parent) != item.parents.end();
   }
   if (condition.field == "owners")
     return condition.value == "me" && !item.shared_with_me;
   if (condition.field == "trashed")
     return account.IsInTrash(item.id) == (condition.value == "true");
+  if (condition.field == "appProperties") {
+    auto found = item.properties.find(kAppPropertyPrefix + condition.key);
+    return found != item.properties.end() && found->second == condition.value;
+  }
   const std::string text = condition.field == "name" ? item.name : MimeType(item);
   if (condition.op == "contains")
     return text.find(condition.value) != std::string::npos;
@@ -742,6 +769,13 @@ HttpResponse GoogleDialect::UpdateFile(Router& router, const HttpRequest& reques
       return InvalidParameter(*this, "trashed");
   }
   std::string name = body.contains("name") ? body.value("name").toString().toStdString() : "";
+  QJsonValue app_properties = body.value("appProperties");
+  if (!app_properties.isUndefined() && !app_properties.isObject())
+    return InvalidParameter(*this, "appProperties");
+  for (const QJsonValue& value : app_properties.toObject()) {
+    if (!value.isString() && !value.isNull())
+      return InvalidParameter(*this, "appProperties");
+  }
   // 3. The parents of the query.
   std::vector<std::string> added = SplitIds(QueryParam(request.query, "addParents"));
   std::vector<std::string> removed = SplitIds(QueryParam(request.query, "removeParents"));
@@ -774,6 +808,11 @@ HttpResponse GoogleDialect::UpdateFile(Router& router, const HttpRequest& reques
     if (!time.isValid())
       return InvalidParameter(*this, "modifiedTime");
     error = account.SetModified(item->id, time.toMSecsSinceEpoch(), nullptr);
+  }
+  const QJsonObject merged = app_properties.toObject();
+  for (auto it = merged.begin(); error == AccountError::kNone && it != merged.end(); ++it) {
+    error = account.SetProperty(item->id, kAppPropertyPrefix + it.key().toStdString(),
+                                it.value().toString().toStdString(), nullptr);
   }
   if (error == AccountError::kCycle)
     return Error(403, "cannotMoveFolderIntoItself");

@@ -9,7 +9,8 @@
 //
 // Served: files.list (the "q" forms below, "fields", "pageSize", "pageToken", "orderBy=folder"),
 // files.get (with the "root" alias), files.create of folders and empty files, files.update
-// (PATCH: "name", "trashed", "modifiedTime", "addParents"/"removeParents"), permissions.create of
+// (PATCH: "name", "trashed", "modifiedTime", "addParents"/"removeParents", "appProperties" merged
+// key by key, a null value clearing its key), permissions.create of
 // the "anyone" kind and its permissions.delete ("anyoneWithLink"), the v2 files.list of recent
 // files ("maxResults", "orderBy=recency desc"), about.get (whose "fields" is required),
 // changes.getStartPageToken and changes.list (entries coalesced per file, "removed" entries for
@@ -18,12 +19,14 @@
 //
 // "q" understands `'ID' in parents`, `'me' in owners`, `trashed = true|false`,
 // `sharedWithMe = true|false`, any of them after "not", `name = '..'`,
-// `name contains '..'`, `mimeType = | != | contains '..'`, joined by "and", "or" and parentheses.
+// `name contains '..'`, `mimeType = | != | contains '..'`,
+// `appProperties has { key='..' and value='..' }`, joined by "and", "or" and parentheses.
 //
 // What an account item has no member for is read from its properties: "google.mimeType" makes a
 // Google document (no bytes, no size, no MD5), "google.parentless" lists the item without
 // parents, "google.hidden" keeps it out of every answer (someone else's folder not shared with
-// the account), "google.resourceKey" is its resource key, "google.noMd5" leaves out its MD5. An
+// the account), "google.resourceKey" is its resource key, "google.noMd5" leaves out its MD5,
+// "google.app.KEY" is the entry KEY of its "appProperties". An
 // item shared with the account is not owned by it and can't be edited unless "google.canEdit".
 #pragma once
 

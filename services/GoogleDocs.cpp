@@ -5,6 +5,7 @@
 #include <ostream>
 
 #include "core/LoggerWrapper.h"
+#include "services/GoogleStateSections.h"
 
 namespace {
 
@@ -58,36 +59,17 @@ std::size_t GoogleDocs::Count() const {
 
 bool GoogleDocs::Serialize(const std::atomic<bool>* stop, std::ostream& out) const {
   QReadLocker locker(&lock_);
-  for (const auto& [id, link] : docs_) {
-    if (stop && *stop) {
-      LOG_ERROR << "Time for serialize google doc is over.";
-      return false;
-    }
-    out << id << '\n' << link << '\n';
-  }
-  return static_cast<bool>(out);
+  return GoogleStateSections::WritePairs(stop, docs_, 1, "Time for serialize google doc is over.",
+                                         out);
 }
 
 bool GoogleDocs::Deserialize(const std::atomic<bool>* stop, std::istream& in,
                              GoogleDocs* registry) {
-  std::string id;
-  std::string link;
-  for (std::size_t entries = 0;; ++entries) {
-    if (entries % 20 == 0 && stop && *stop) {
-      LOG_ERROR << "Time for deserialization google docs is over.";
-      return false;
-    }
-    if (!std::getline(in, id)) {
-      return false;
-    }
-    if (id == kSectionEnd) {
-      return true;
-    }
-    if (!std::getline(in, link)) {
-      return false;
-    }
-    if (!id.empty() || !link.empty()) {
-      registry->Add(id, link);
-    }
-  }
+  return GoogleStateSections::ReadPairs(stop, in, kSectionEnd,
+                                        "Time for deserialization google docs is over.",
+                                        [registry](std::string&& id, std::string&& link) {
+                                          if (!id.empty() || !link.empty()) {
+                                            registry->Add(id, link);
+                                          }
+                                        });
 }

@@ -11,6 +11,9 @@
 #include "core/TimeUtils.h"
 #include "core/UnicodeLower.h"
 #include "services/GoogleDocs.h"
+#include "services/GoogleErrorDescription.h"
+#include "services/GoogleStateReader.h"
+#include "services/GoogleStateWriter.h"
 #include "services/RemoteFileIds.h"
 #include "services/RemoteFileSystemGoogleSharedData.h"
 #include "services/RemoteGoogleUtils.h"
@@ -79,7 +82,8 @@ bool IsInsideExternalFolder(const std::string& path) {
 
 RemoteFileSystemGoogle::RemoteFileSystemGoogle(
     std::shared_ptr<RemoteFileSystemSharedData> shared_data, const std::string& remote_root_path)
-    : RemoteFileSystemChangesSupport(std::move(shared_data), remote_root_path) {}
+    : RemoteFileSystemChangesSupport(std::move(shared_data), remote_root_path),
+      resource_keys_(*SharedDataAs<RemoteFileSystemGoogleSharedData>()->resource_keys) {}
 
 RemoteFileSystemGoogle::~RemoteFileSystemGoogle() = default;
 
@@ -872,6 +876,55 @@ FileSystem::Result RemoteFileSystemGoogle::PrepareAfterTreeDeserialized() {
     root_ancestors_.insert(chain.begin(), chain.end());
   }
   return SUCCEEDED;
+}
+
+// --- saved state ---------------------------------------------------------------------------
+
+bool RemoteFileSystemGoogle::Serialize(const std::atomic<bool>* stop,
+                                       const tsl::htrie_set<char>& shared_paths,
+                                       std::ostream& out) {
+  std::shared_ptr<RemoteFileIds> ids = SharedIds();
+  if (!ids) {
+    LOG_ERROR << "Id tree not init yet.";
+    return false;
+  }
+  return GoogleStateWriter::Write(
+      stop, {page_token_, *ids, shared_paths, *SharedDocs(), resource_keys_}, out);
+}
+
+bool RemoteFileSystemGoogle::Deserialize(const std::atomic<bool>* stop,
+                                         tsl::htrie_set<char>* shared_paths,
+                                         std::stringstream& in) {
+  // 1. The whole file into stores of its own.
+  GoogleStateReader state;
+  if (!state.Read(stop, in)) {
+    return false;
+  }
+  // 2. They take over together.
+  SharedIds()->Swap(*state.ids);
+  SharedDocs()->Swap(*state.docs);
+  resource_keys_.Swap(*state.resource_keys);
+  if (shared_paths) {
+    shared_paths->swap(state.public_link_paths);
+  }
+  // 3. The feed goes on from the saved token at its next call, the quota read with it.
+  page_token_ = state.page_token;
+  restored_from_file_ = true;
+  need_new_tree_ = false;
+  tree_valid_ = true;
+  const std::int64_t now = utils::GetClock().NowMs();
+  last_tree_time_ms_ = now;
+  last_size_check_time_ms_ = now - kSizeCheckEveryMs - 1;
+  {
+    std::lock_guard<std::mutex> lock(changes_mutex_);
+    last_disk_activity_time_ms_ = now;
+  }
+  inactive_mode_ = false;
+  return true;
+}
+
+QString RemoteFileSystemGoogle::GetLastErrorDescription() {
+  return GoogleErrorDescription::Text(GetTreeError());
 }
 
 // --- applying a change ---------------------------------------------------------------------

@@ -101,6 +101,15 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
   bool IsInactive() const { return inactive_mode_; }
   GoogleSelfMadeChanges& SelfMadeChanges() { return expected_; }
 
+  // --- saved state (GoogleStateWriter, GoogleStateReader) ----------------------------------
+  bool Serialize(const std::atomic<bool>* stop, const tsl::htrie_set<char>& shared_paths,
+                 std::ostream& out) override;
+  // A failure leaves the adapter, the shared stores and `shared_paths` as they were.
+  bool Deserialize(const std::atomic<bool>* stop, tsl::htrie_set<char>* shared_paths,
+                   std::stringstream& in) override;
+  bool NeedSavingStateInFile() override { return true; }
+  QString GetLastErrorDescription() override;
+
   // --- items --------------------------------------------------------------------------------
   Result CreateFolderImpl(const OverwriteControl& control, const std::string& path) override;
   Result DeleteFileImpl(const OverwriteControl& control, const std::string& path,
@@ -228,7 +237,8 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
   std::shared_ptr<GoogleDocs> SharedDocs() const;
 
   GoogleRateLimiter rate_limiter_;
-  GoogleResourceKeys resource_keys_;
+  // The account's, in the shared data: a key learned by one instance serves all.
+  GoogleResourceKeys& resource_keys_;
   mutable std::mutex http_mutex_;
   std::shared_ptr<URLProcessor> http_;
   std::shared_ptr<URLProcessor> feed_http_;

@@ -198,4 +198,42 @@ TEST_F(GoogleDialectTest, WritesAnswerAsDrivesReferenceSays) {
   EXPECT_FALSE(emulator_->account().IsInTrash(file_.id));
 }
 
+TEST_F(GoogleDialectTest, AppPropertiesMergeByKeyAndAreFoundByKeyAndValue) {
+  const std::string url = emulator_->BaseUrl() + "/drive/v3/files/" + folder_.id;
+  auto patch = [&](const std::string& body) {
+    return test::Fetch("PATCH", url + "?fields=appProperties", "Bearer t", body);
+  };
+  // 1. Keys merge into what stands; a null clears its key; anything but text is refused.
+  ASSERT_EQ(patch(R"({"appProperties":{"a":"1","b":"2"}})").status, 200);
+  test::Answer merged = patch(R"({"appProperties":{"a":null,"c":"3"}})");
+  ASSERT_EQ(merged.status, 200);
+  EXPECT_EQ(QJsonDocument::fromJson(QByteArray::fromStdString(merged.body)).object(),
+            (QJsonObject{{"appProperties", QJsonObject{{"b", "2"}, {"c", "3"}}}}));
+  EXPECT_EQ(patch(R"({"appProperties":{"a":5}})").status, 400);
+  EXPECT_EQ(patch(R"({"appProperties":"a"})").status, 400);
+  // 2. A search by key and value, alone or with other terms.
+  struct Case {
+    const char* q;
+    std::string ids;
+  };
+  const Case cases[] = {
+      {"appProperties has { key='b' and value='2' }", folder_.id},
+      {"appProperties has {key='b' and value='3'}", ""},
+      {"appProperties has { key='a' and value='1' }", ""},
+      {"not appProperties has { key='c' and value='3' } and 'root' in parents", other_.id},
+  };
+  for (const Case& c : cases) {
+    SCOPED_TRACE(c.q);
+    long status = 0;
+    QJsonObject list = Get(
+        "/files?q=" + QUrl::toPercentEncoding(c.q).toStdString() + "&fields=files(id)", &status);
+    EXPECT_EQ(status, 200);
+    EXPECT_EQ(Ids(list), c.ids);
+  }
+  long status = 0;
+  Get("/files?q=" + QUrl::toPercentEncoding("appProperties has { key='b' }").toStdString(),
+      &status);
+  EXPECT_EQ(status, 400);
+}
+
 }  // namespace

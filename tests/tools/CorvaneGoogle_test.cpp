@@ -1,17 +1,20 @@
 // The tool against `corvane emulate google` as two processes: the item commands change the
 // account as asked (the emulator's own dump shows it), and `changes` prints a folder that the
-// emulator's control path makes meanwhile, then ends at once on Ctrl-C during its idle pause.
+// emulator's control path makes meanwhile, then ends at once on Ctrl-C during its idle pause;
+// with `--state` a second run follows the feed from the saved state instead of listing.
 #include <signal.h>
 
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <memory>
 #include <sstream>
 #include <thread>
+#include <vector>
 
 #include <gtest/gtest.h>
 
@@ -51,6 +54,24 @@ class CorvaneGoogleTest : public ::testing::Test {
       }
     }
     return QJsonObject();
+  }
+
+  // The Drive requests the emulator has served, as "VERB path".
+  std::vector<std::string> Served() {
+    std::vector<std::string> served;
+    QJsonArray log =
+        QJsonDocument::fromJson(
+            QByteArray::fromStdString(test::Fetch("GET", control_ + "requests", "").body))
+            .array();
+    for (const QJsonValue& request : log) {
+      served.push_back(request["verb"].toString().toStdString() + " " +
+                       request["path"].toString().toStdString());
+    }
+    return served;
+  }
+  static int Count(const std::vector<std::string>& served, std::size_t from,
+                   const std::string& request) {
+    return static_cast<int>(std::count(served.begin() + from, served.end(), request));
   }
 
   test::TempDir temp_;
@@ -94,6 +115,40 @@ TEST_F(CorvaneGoogleTest, ChangesPrintsAFolderMadeMeanwhileAndEndsAtOnceOnCtrlC)
   test::Outcome ended = test::WaitProcess(changes, temp_.path() / "run");
   EXPECT_LT(std::chrono::steady_clock::now() - start, milliseconds(1000));
   EXPECT_EQ(ended.status, 0) << ended.err;
+}
+
+TEST_F(CorvaneGoogleTest, StateLetsTheNextRunFollowTheFeedInsteadOfListing) {
+  const std::string state = (temp_.path() / "google.state").string();
+  const std::string listing = "GET /drive/v3/files";
+  // 1. The first run lists the drive and saves the state.
+  test::Outcome first = Run({"--state", state, "ls", "docs"});
+  ASSERT_EQ(first.status, 0) << first.err;
+  EXPECT_NE(first.out.find("docs/a.txt"), std::string::npos) << first.out;
+  ASSERT_TRUE(fs::exists(state));
+  EXPECT_GE(Count(Served(), 0, listing), 1);
+  // 2. The next run learns a foreign change from the feed alone.
+  ASSERT_EQ(
+      test::Fetch("POST", control_ + "change", "", R"({"op":"mkdir","path":"docs/late"})").status /
+          100,
+      2);
+  std::size_t before = Served().size();
+  test::Outcome second = Run({"--state", state, "ls", "docs"});
+  ASSERT_EQ(second.status, 0) << second.err;
+  EXPECT_NE(second.out.find("docs/late"), std::string::npos) << second.out;
+  std::vector<std::string> served = Served();
+  EXPECT_EQ(Count(served, before, listing), 0);
+  EXPECT_GE(Count(served, before, "GET /drive/v3/changes"), 1);
+  // 3. A damaged state is refused with a line, and the tree listed instead, right.
+  test::WriteAll(state, "corvane-state 1\n0 0 1\nF 0 3 4 00 docs/a.txt\ngarbage\n");
+  before = Served().size();
+  test::Outcome damaged = Run({"--state", state, "ls", "docs"});
+  ASSERT_EQ(damaged.status, 0) << damaged.err;
+  EXPECT_NE(damaged.err.find("loading the whole tree"), std::string::npos) << damaged.err;
+  EXPECT_NE(damaged.out.find("docs/late"), std::string::npos) << damaged.out;
+  EXPECT_GE(Count(Served(), before, listing), 1);
+  // 4. A command that changes the account leaves no state the next run could trust.
+  ASSERT_EQ(Run({"--state", state, "mkdir", "made"}).status, 0);
+  EXPECT_FALSE(fs::exists(state));
 }
 
 }  // namespace

@@ -47,6 +47,7 @@ struct Command {
   std::set<std::string> options;  // the command options it accepts
   bool needs_service;
   CommandFunction run;
+  bool changes_account = false;  // the tree a state file holds would no longer be true
 };
 
 // Null for a name that is no command.

@@ -70,6 +70,7 @@ const std::map<std::string, OptionRule>& Rules() {
       {"log", {true, false, Text(&Options::log_file)}},
       {"json", {false, false, Flag(&Options::json)}},
       {"timeout", {true, false, Number("timeout", &Options::timeout_seconds)}},
+      {"state", {true, false, Text(&Options::state_file)}},
       {"offset", {true, true, Number("offset", &Options::offset)}},
       {"limit", {true, true, Number("limit", &Options::limit)}},
       {"overwrite", {false, true, Flag(&Options::overwrite)}},
@@ -166,6 +167,9 @@ Options (before or after the command):
   --log FILE            append the library's log lines to FILE
   --json                one JSON object a line
   --timeout SECONDS     stop the command when it has run this long (exit 11, STOPPED)
+  --state FILE          for a service that keeps state (google): restore the tree from FILE
+                        and follow the change feed from there instead of listing everything,
+                        and save it back after a command that didn't change the account
 
 Commands:
   tree                          the whole tree, sorted by path, and a summary

@@ -1,7 +1,7 @@
 // Options: the command line of corvane, with the environment's defaults.
 //
 //   corvane [--service NAME] [--root PATH] [--url URL] [--user U] [--password P] [--token T]
-//           [--endpoint NAME=URL]... [--log FILE] [--json] [--timeout SECONDS]
+//           [--endpoint NAME=URL]... [--log FILE] [--json] [--timeout SECONDS] [--state FILE]
 //           COMMAND [ARGS] [command options]
 //
 // Options may stand before or after the command; "--" ends them. Each command accepts only the
@@ -31,6 +31,7 @@ struct Options {
   std::string log_file;
   bool json = false;
   std::optional<std::uint64_t> timeout_seconds;  // the command is stopped when it runs out
+  std::string state_file;  // where an adapter that keeps state keeps it between runs
 
   // Command options; `given` names those that appeared, for the command to vet.
   std::optional<std::uint64_t> offset;

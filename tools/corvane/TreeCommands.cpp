@@ -45,23 +45,17 @@ void IdleWait(Context& context, Clock::duration pause, std::optional<Clock::time
 }  // namespace
 
 int RunTree(Context& context) {
-  RemoteFileSystem& fs = *context.fs;
-  // 1. The quota first, as the core asks it: it is the scale of the progress of the walk.
-  std::uint64_t total = 0;
-  std::uint64_t used = 0;
-  FileSystem::Result result = fs.GetCloudSize(&total, &used);
-  if (result != FileSystem::SUCCEEDED) {
-    return Report(context, result, "tree: GetCloudSize");
-  }
-  // 2. The whole tree.
+  // 1. The whole tree, the quota first, as the core asks it: it is the scale of the progress of
+  // the walk.
   Clock::time_point start = Clock::now();
-  Snapshot snapshot;
-  result = DownloadTree(fs, &snapshot);
+  std::string failed_call;
+  FileSystem::Result result = context.tree->Load(&failed_call);
   if (result != FileSystem::SUCCEEDED) {
-    return Report(context, result, "tree: GetFullTree");
+    return Report(context, result, "tree: " + failed_call);
   }
+  const Snapshot& snapshot = context.tree->snapshot();
   double seconds = std::chrono::duration<double>(Clock::now() - start).count();
-  // 3. The items, straight from the tree, and the summary.
+  // 2. The items, straight from the tree, and the summary.
   std::size_t items = 0;
   std::size_t folders = 0;
   VisitTreeInPathOrder(snapshot.root, [&](const Item& item) {
@@ -107,11 +101,12 @@ int RunChanges(Context& context) {
                   context.options.service + " has no change feed");
   }
   // 2. The tree the changes apply to.
-  Snapshot snapshot;
-  FileSystem::Result result = DownloadTree(fs, &snapshot);
+  std::string failed_call;
+  FileSystem::Result result = context.tree->Load(&failed_call);
   if (result != FileSystem::SUCCEEDED) {
-    return Report(context, result, "changes: GetFullTree");
+    return Report(context, result, "changes: " + failed_call);
   }
+  Snapshot& snapshot = context.tree->snapshot();
   context.err << "changes: following the feed (Ctrl-C ends)" << std::endl;
   // 3. The feed loop, until the time is up or the user ends it. A feed that holds its request
   // open (a long poll) is stopped when the time is up, not only asked again afterwards.
@@ -124,6 +119,20 @@ int RunChanges(Context& context) {
   while (!context.interrupter.Interrupted() && (!deadline || Clock::now() < *deadline)) {
     std::queue<FileSystem::Change> changes;
     result = fs.GetChanges(&changes);
+    // What a stopped call brought is applied still: the feed has gone past it.
+    bool idle = changes.empty();
+    FileSystem::Change failed;
+    const bool json = context.options.json;
+    if (!ApplyChanges(
+            fs, &changes, &snapshot,
+            [&](const FileSystem::Change& change, bool applied) {
+              context.out << FormatChange(change, json) << (applied || json ? "" : "  (skipped)")
+                          << std::endl;
+            },
+            &failed)) {
+      return Report(context, FileSystem::FAILED, "changes: ApplyRemoteChange",
+                    "the feed stopped at " + failed.ToString());
+    }
     if (result == FileSystem::STOPPED &&
         (context.interrupter.Interrupted() || (feedEnd && feedEnd->Expired()))) {
       break;
@@ -137,21 +146,6 @@ int RunChanges(Context& context) {
     }
     if (result != FileSystem::SUCCEEDED) {
       return Report(context, result, "changes: GetChanges");
-    }
-    bool idle = changes.empty();
-    for (; !changes.empty(); changes.pop()) {
-      FileSystem::Change& change = changes.front();
-      bool applied = fs.PrepareRemoteChange(&change);
-      if (applied &&
-          !fs.ApplyRemoteChange(change, &snapshot.root, &snapshot.free, &snapshot.total)) {
-        return Report(context, FileSystem::FAILED, "changes: ApplyRemoteChange",
-                      "the feed stopped at " + change.ToString());
-      }
-      if (!applied) {
-        fs.SkipRemoteChange(change, &snapshot.root);
-      }
-      context.out << FormatChange(change, context.options.json)
-                  << (applied || context.options.json ? "" : "  (skipped)") << std::endl;
     }
     // 4. A feed that lost its thread asks for the tree again.
     if (fs.ShouldRenewTree()) {

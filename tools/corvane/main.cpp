@@ -75,7 +75,7 @@ int main(int argc, char** argv) {
       return corvane::kExitEnvironment;
     }
     context.fs = &session->fs();
-    tree = std::make_unique<corvane::AccountTree>(session->fs());
+    tree = std::make_unique<corvane::AccountTree>(session->fs(), options.state_file, std::cerr);
     context.tree = tree.get();
     context.session = session.get();
     interrupter.Watch(context.fs);
@@ -87,6 +87,9 @@ int main(int argc, char** argv) {
   }
   // 3. The command.
   int status = command->run(context);
+  if (tree) {
+    tree->Finish(command->changes_account, status == 0);
+  }
   deadline.reset();
   interrupter.Watch(nullptr);
   tree.reset();
