@@ -11,7 +11,10 @@
 // files.get (with the "root" alias), files.create of folders and empty files, files.update
 // (PATCH: "name", "trashed", "modifiedTime", "addParents"/"removeParents"), permissions.create of
 // the "anyone" kind and its permissions.delete ("anyoneWithLink"), the v2 files.list of recent
-// files ("maxResults", "orderBy=recency desc"), about.get (whose "fields" is required),
+// files ("maxResults", "orderBy=recency desc"), resumable uploads (a session by POST or PATCH of
+// "/upload/drive/v3/files[/ID]?uploadType=resumable", bytes persisted in steps of 256 KiB, 308
+// with "Range" for what it holds, 404 once it expired), "alt=media" downloads with "Range",
+// about.get (whose "fields" is required),
 // changes.getStartPageToken and changes.list (entries coalesced per file, "removed" entries for
 // files deleted for good). Failures carry Drive's error body:
 // {"error":{"errors":[{"domain","reason","message"}], "code":N,"message":...}}.
@@ -29,7 +32,9 @@
 
 #include <atomic>
 #include <cstddef>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "emulators/Dialect.h"
@@ -73,9 +78,26 @@ class GoogleDialect : public Dialect {
   HttpResponse DeletePermission(Router& router, const std::string& id,
                                 const std::string& permission) const;
   HttpResponse ListRecentFiles(Router& router, const HttpRequest& request) const;
+  // Resumable uploads: the session request (POST of a new file, PATCH of a new version), and the
+  // PUT of its bytes or of a status query.
+  HttpResponse OpenUploadSession(Router& router, const HttpRequest& request,
+                                 const std::string& target_id) const;
+  HttpResponse PutUploadSession(Router& router, const HttpRequest& request) const;
+  HttpResponse UploadProgress(Router& router, const std::string& session) const;
+  HttpResponse FinishedUpload(Router& router, const std::string& session) const;
+  HttpResponse Media(Router& router, const Item& item, const HttpRequest& request) const;
+
+  // What a session keeps beside its bytes: the fields its answer shows, and once it is complete,
+  // its file (a status query of a finished session answers with the file again).
+  struct UploadSession {
+    std::string fields;
+    std::string file_id;
+  };
 
   std::atomic<std::size_t> max_page_size_{1000};
   std::atomic<bool> empty_pages_{false};
+  mutable std::mutex uploads_mutex_;
+  mutable std::map<std::string, UploadSession> uploads_;
 };
 
 std::unique_ptr<Dialect> MakeGoogleDialect();
