@@ -15,7 +15,7 @@ const Command* FindCommand(const std::string& name) {
       {"tree", 0, 0, {}, true, RunTree},
       {"ls", 0, 1, {}, true, RunLs},
       {"get", 2, 2, {"offset", "limit"}, true, RunGet},
-      {"put", 2, 2, {"overwrite"}, true, RunPut},
+      {"put", 2, 2, {"overwrite", "retries"}, true, RunPut},
       {"mkdir", 1, 1, {}, true, RunMkdir},
       {"rm", 1, 1, {}, true, RunRm},
       {"rmdir", 1, 1, {}, true, RunRmdir},
