@@ -54,6 +54,40 @@ QString Number(std::uint64_t value) {
   return QString::number(static_cast<qulonglong>(value));
 }
 
+// The formats Drive exports each kind of document in, as "exportLinks" names them: MIME type and
+// the extension its link asks for.
+const std::vector<std::pair<const char*, const char*>>& ExportFormats(const std::string& mime) {
+  static const std::map<std::string, std::vector<std::pair<const char*, const char*>>> formats = {
+      {"application/vnd.google-apps.document",
+       {{"application/rtf", "rtf"},
+        {"application/vnd.oasis.opendocument.text", "odt"},
+        {"application/pdf", "pdf"},
+        {"application/vnd.openxmlformats-officedocument.wordprocessingml.document", "docx"},
+        {"text/plain", "txt"}}},
+      {"application/vnd.google-apps.spreadsheet",
+       {{"text/csv", "csv"},
+        {"application/pdf", "pdf"},
+        {"application/vnd.openxmlformats-officedocument.spreadsheetml.sheet", "xlsx"}}},
+      {"application/vnd.google-apps.presentation",
+       {{"application/pdf", "pdf"},
+        {"application/vnd.openxmlformats-officedocument.presentationml.presentation", "pptx"}}},
+      {"application/vnd.google-apps.drawing",
+       {{"image/png", "png"}, {"application/pdf", "pdf"}, {"image/jpeg", "jpeg"}}},
+  };
+  static const std::vector<std::pair<const char*, const char*>> none;
+  auto found = formats.find(mime);
+  return found == formats.end() ? none : found->second;
+}
+
+QJsonObject ExportLinks(const std::string& base_url, const Item& item) {
+  QJsonObject links;
+  for (const auto& [mime, extension] : ExportFormats(MimeType(item))) {
+    links.insert(mime, Text(base_url + "/feeds/download/export/Export?id=" + item.id +
+                            "&exportFormat=" + extension));
+  }
+  return links;
+}
+
 // 1. The file resource with every field this emulator knows.
 QJsonObject FileResource(const CloudAccount& account, const std::string& base_url,
                          const Item& item) {
@@ -81,6 +115,13 @@ QJsonObject FileResource(const CloudAccount& account, const std::string& base_ur
       {"shared", !item.public_link.empty()},
       {"webViewLink", Text(link)},
       {"capabilities", QJsonObject{{"canEdit", owned || HasProperty(item, "google.canEdit")}}}};
+  if (IsGoogleDocument(item)) {
+    QJsonObject links = ExportLinks(base_url, item);
+    if (!links.isEmpty())
+      file.insert("exportLinks", links);
+    if (HasProperty(item, "google.size"))
+      file.insert("size", Text(Property(item, "google.size")));
+  }
   if (!item.IsFolder() && !IsGoogleDocument(item)) {
     file.insert("size", Number(item.size));
     if (!HasProperty(item, "google.noMd5"))
@@ -588,6 +629,13 @@ void GoogleDialect::Install(Router& router) {
         [this, &router](const HttpRequest& request) { return UpdateFile(router, request); },
         RouteOptions{Match::kPrefix});
   }
+  for (const char* verb : {"GET", "HEAD"}) {
+    router.Handle(verb, "/feeds/download/export/Export",
+                  [this, &router](const HttpRequest& request) {
+                    return Export(router, QueryParam(request.query, "id"),
+                                  QueryParam(request.query, "exportFormat"));
+                  });
+  }
   const std::string upload = kUploadBase;
   router.Handle("POST", upload + "/files", [this, &router](const HttpRequest& request) {
     return OpenUploadSession(router, request, std::string());
@@ -668,6 +716,19 @@ HttpResponse GoogleDialect::ListFiles(Router& router, const HttpRequest& request
 HttpResponse GoogleDialect::GetFile(Router& router, const HttpRequest& request) const {
   const CloudAccount& account = router.account();
   std::string id = PercentDecode(request.path.substr(std::string(kBase).size() + 7));
+  const std::string export_suffix = "/export";
+  if (id.size() > export_suffix.size() &&
+      id.compare(id.size() - export_suffix.size(), export_suffix.size(), export_suffix) == 0) {
+    id.resize(id.size() - export_suffix.size());
+    std::string mime = QueryParam(request.query, "mimeType");
+    std::optional<Item> item = account.Find(id);
+    for (const auto& [known, extension] :
+         item ? ExportFormats(MimeType(*item)) : ExportFormats(std::string())) {
+      if (mime == known)
+        return Export(router, id, extension);
+    }
+    return InvalidParameter(*this, "mimeType");
+  }
   if (id == "root")
     id = account.RootId();
   std::optional<Item> item = account.Find(id);
@@ -930,6 +991,26 @@ HttpResponse GoogleDialect::ListRecentFiles(Router& router, const HttpRequest& r
     out.append(file);
   }
   return JsonResponse(200, QJsonObject{{"kind", "drive#fileList"}, {"items", out}});
+}
+
+std::string GoogleDialect::ExportedBytes(const std::string& id, const std::string& extension) {
+  std::string line = extension + " export of " + id + "\n";
+  std::string bytes;
+  for (int i = 0; i < 200; ++i)
+    bytes += std::to_string(i) + " " + line;
+  return bytes;
+}
+
+HttpResponse GoogleDialect::Export(Router& router, const std::string& id,
+                                   const std::string& extension) const {
+  std::optional<Item> item = router.account().Find(id);
+  if (!item || !Visible(*item, router.account().RootId()) || !IsGoogleDocument(*item))
+    return Error(404, "notFound");
+  for (const auto& format : ExportFormats(MimeType(*item))) {
+    if (extension == format.second)
+      return HttpResponse::Status(200, ExportedBytes(id, extension));
+  }
+  return InvalidParameter(*this, "exportFormat");
 }
 
 HttpResponse GoogleDialect::Media(Router&, const Item& item, const HttpRequest& request) const {

@@ -14,6 +14,7 @@
 // files ("maxResults", "orderBy=recency desc"), resumable uploads (a session by POST or PATCH of
 // "/upload/drive/v3/files[/ID]?uploadType=resumable", bytes persisted in steps of 256 KiB, 308
 // with "Range" for what it holds, 404 once it expired), "alt=media" downloads with "Range",
+// documents' "exportLinks" (GET and HEAD) and files.export,
 // about.get (whose "fields" is required),
 // changes.getStartPageToken and changes.list (entries coalesced per file, "removed" entries for
 // files deleted for good). Failures carry Drive's error body:
@@ -63,6 +64,9 @@ class GoogleDialect : public Dialect {
   // folder of its name, a file without MD5, items shared with the account, a Google document, a
   // resource key, and names with an apostrophe and non-ASCII letters.
   static void SeedDemoDrive(CloudAccount& account);
+  // What an export of a document in this format ("docx", "pdf"...) answers: a stand-in made from
+  // the id and the format, so that a test knows the bytes to expect.
+  static std::string ExportedBytes(const std::string& id, const std::string& extension);
 
  private:
   HttpResponse ListFiles(Router& router, const HttpRequest& request) const;
@@ -86,6 +90,8 @@ class GoogleDialect : public Dialect {
   HttpResponse UploadProgress(Router& router, const std::string& session) const;
   HttpResponse FinishedUpload(Router& router, const std::string& session) const;
   HttpResponse Media(Router& router, const Item& item, const HttpRequest& request) const;
+  // A document in one of its export formats; GET and HEAD of its export link, or files.export.
+  HttpResponse Export(Router& router, const std::string& id, const std::string& extension) const;
 
   // What a session keeps beside its bytes: the fields its answer shows, and once it is complete,
   // its file (a status query of a finished session answers with the file again).

@@ -1,5 +1,6 @@
 #include "services/RemoteFileSystemFactoryGoogle.h"
 
+#include "services/GoogleDocsReader.h"
 #include "services/RemoteFileSystemGoogle.h"
 #include "services/RemoteFileSystemGoogleSharedData.h"
 
@@ -10,4 +11,10 @@ RemoteFileSystemFactoryGoogle::RemoteFileSystemFactoryGoogle(const std::string& 
 
 RemoteFileSystem* RemoteFileSystemFactoryGoogle::Create() {
   return new RemoteFileSystemGoogle(shared_data_, remote_root_path_);
+}
+
+std::shared_ptr<SpecialDocsTypeRemoteReader>
+RemoteFileSystemFactoryGoogle::CreateSpecialDocsTypeRemoteReader(
+    std::shared_ptr<URLProcessorFactory> factory) {
+  return std::make_shared<GoogleDocsReader>(shared_data_, std::move(factory));
 }

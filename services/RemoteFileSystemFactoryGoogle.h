@@ -2,6 +2,7 @@
 // they meet in one RemoteFileSystemGoogleSharedData.
 #pragma once
 
+#include <memory>
 #include <string>
 
 #include "core/RemoteFileSystemFactory.h"
@@ -11,4 +12,7 @@ class RemoteFileSystemFactoryGoogle : public RemoteFileSystemFactory {
   explicit RemoteFileSystemFactoryGoogle(const std::string& remote_root_path);
 
   RemoteFileSystem* Create() override;
+  // A GoogleDocsReader over this account's shared data.
+  std::shared_ptr<SpecialDocsTypeRemoteReader> CreateSpecialDocsTypeRemoteReader(
+      std::shared_ptr<URLProcessorFactory> factory) override;
 };
