@@ -1,7 +1,8 @@
 // The tool against `corvane emulate google` as two processes: the item commands change the
 // account as asked (the emulator's own dump shows it), `changes` prints a folder that the
 // emulator's control path makes meanwhile, then ends at once on Ctrl-C during its idle pause, a
-// put broken off midway resumes in its retry, and get reads a range.
+// put broken off midway resumes in its retry, get reads a range, and export writes a document's
+// exported bytes.
 #include <signal.h>
 
 #include <QJsonArray>
@@ -17,6 +18,7 @@
 
 #include <gtest/gtest.h>
 
+#include "emulators/GoogleDialect.h"
 #include "support/EmulatorProcess.h"
 #include "support/Fetch.h"
 #include "support/Processes.h"
@@ -132,6 +134,21 @@ TEST_F(CorvaneGoogleTest, APutBrokenOffResumesInItsRetry) {
   test::Outcome part = Run({"get", "docs/a.txt", "-", "--offset", "1", "--limit", "4"});
   ASSERT_EQ(part.status, 0) << part.err;
   EXPECT_EQ(part.out, "lph");
+}
+
+TEST_F(CorvaneGoogleTest, ExportWritesADocumentsExportedBytes) {
+  test::Answer seeded = test::Fetch(
+      "POST", control_.substr(0, control_.find("/_emulator")) + emulators::GoogleDialect::kDemoPath,
+      "");
+  ASSERT_LT(seeded.status, 300) << seeded.body;
+  const fs::path out = temp_.path() / "report.docx";
+  test::Outcome exported = Run({"export", "Docs/Report.url", out.string()});
+  ASSERT_EQ(exported.status, 0) << exported.err;
+  EXPECT_NE(exported.err.find("as docx"), std::string::npos) << exported.err;
+  EXPECT_EQ(test::ReadAll(out), emulators::GoogleDialect::ExportedBytes(
+                                    Item("Report")["id"].toString().toStdString(), "docx"));
+  // A plain file is no document.
+  EXPECT_NE(Run({"export", "docs/a.txt", (temp_.path() / "a.docx").string()}).status, 0);
 }
 
 }  // namespace

@@ -16,6 +16,7 @@ const Command* FindCommand(const std::string& name) {
       {"ls", 0, 1, {}, true, RunLs},
       {"get", 2, 2, {"offset", "limit"}, true, RunGet},
       {"put", 2, 2, {"overwrite", "retries"}, true, RunPut},
+      {"export", 2, 2, {}, true, RunExport},
       {"mkdir", 1, 1, {}, true, RunMkdir},
       {"rm", 1, 1, {}, true, RunRm},
       {"rmdir", 1, 1, {}, true, RunRmdir},

@@ -176,6 +176,8 @@ Commands:
   put LOCAL REMOTE [--overwrite] [--retries N]
                                 upload a file; a failed try is tried again up to N
                                 times, resuming where the service allows it
+  export REMOTE LOCAL           a Google document (its shortcut REMOTE) in an office
+                                format, as the backup side fetches it
   mkdir PATH | rm PATH | rmdir PATH | mv FROM TO
   quota                         total, used and free bytes
   link PATH | unlink PATH       publish or withdraw a public link

@@ -15,8 +15,10 @@
 #include "Command.h"
 #include "Interrupter.h"
 #include "ProgressBar.h"
+#include "ServiceSession.h"
 #include "core/HashCalculators.h"
 #include "core/RemoteFileSystem.h"
+#include "core/SpecialDocsTypeRemoteReader.h"
 
 namespace corvane {
 namespace {
@@ -361,6 +363,53 @@ int RunPut(Context& context) {
     context.out << props.hash.ToDisplayString() << std::endl;
   }
   context.err << "put: " << file.size << " bytes to " << remote << std::endl;
+  return 0;
+}
+
+int RunExport(Context& context) {
+  std::string remote = context.options.args[0];
+  const std::string& local = context.options.args[1];
+  if (!ToCanonicalPath(&remote) || remote.empty()) {
+    return Fail(context, kExitUsage, "export: not a file path: " + context.options.args[0]);
+  }
+  // 1. The tree names the document; the reader learns every document's export link.
+  FileSystem::Result result = context.tree->Prepare();
+  if (result != FileSystem::SUCCEEDED) {
+    return Report(context, result, "export: tree");
+  }
+  std::shared_ptr<SpecialDocsTypeRemoteReader> reader = context.session->DocsReader();
+  if (!reader) {
+    return Fail(context, kExitUsage, "export: the service keeps no documents of its own");
+  }
+  if (!reader->LoadLinks()) {
+    return Report(context, FileSystem::FAILED, "export: LoadLinks");
+  }
+  // 2. The converted copy.
+  LocalTarget target(local);
+  if (!target.Open()) {
+    return Fail(context, kExitEnvironment, "export: cannot write beside " + local);
+  }
+  result = reader->Open(remote);
+  std::uint64_t size = 0;
+  if (result == FileSystem::SUCCEEDED) {
+    result = reader->ReadSizeHeader(&size);
+  }
+  std::vector<std::uint8_t> block(kBlockSize);
+  std::uint64_t received = 0;
+  for (std::uint32_t done = 1; result == FileSystem::SUCCEEDED && done > 0;) {
+    result = reader->Read(block.data(), kBlockSize, &done);
+    target.out().write(reinterpret_cast<const char*>(block.data()), done);
+    received += done;
+  }
+  reader->Close();
+  if (result != FileSystem::SUCCEEDED) {
+    return Report(context, result, "export: " + remote);
+  }
+  if (!target.Commit()) {
+    return Fail(context, kExitEnvironment, "export: writing " + local + " failed");
+  }
+  context.err << "export: " << received << " bytes of " << remote << " as "
+              << reader->GetExtension(remote) << std::endl;
   return 0;
 }
 
