@@ -2090,6 +2090,7 @@ FileSystem::Result RemoteFileSystemGoogle::OpenForRead(const std::string& path,
       content = offset < content.size() ? content.substr(offset, limit - offset) : std::string();
     }
     read_.fake_content = content;
+    read_.fake = true;
     read_.read_size = content.size();
     operation_ = kReading;
     return SUCCEEDED;
@@ -2123,7 +2124,7 @@ FileSystem::Result RemoteFileSystemGoogle::ReadFile(std::uint8_t* buffer, std::u
     return FAILED;
   }
   // 1. A document's text.
-  if (!read_.fake_content.empty() || read_.read_size == 0) {
+  if (read_.fake) {
     std::uint64_t rest = read_.fake_content.size() - read_.read_offset;
     *done = static_cast<std::uint32_t>(std::min<std::uint64_t>(size, rest));
     std::memcpy(buffer, read_.fake_content.data() + read_.read_offset, *done);

@@ -231,6 +231,7 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
     bool size_known = false;
     bool first_chunk = true;
     std::string fake_content;  // a Google document's shortcut text: nothing is downloaded
+    bool fake = false;         // even when the range asked cuts all of the text away
     bool open = false;         // a GET whose body is not all read yet
   };
   std::shared_ptr<URLProcessor> FileClient() const;

@@ -268,50 +268,86 @@ TEST_F(GoogleTransferTest, AnotherTimeIsPatchedAndItsFailureNeverFailsTheUpload)
 }
 
 // Instance A is cut after 700 KiB of which the server kept 512 KiB; instance B of the same account
-// goes on from there. Each variant ends with exactly one correct file.
+// goes on from there. Each variant ends with exactly one correct file and no session left.
 TEST_F(GoogleTransferTest, AnInterruptedUploadResumesInAnotherInstance) {
   const std::string content = Bytes(1 << 20, 4);
   struct Case {
     const char* name;
-    emulators::Fault status_fault;  // on B's status PUT
+    std::uint64_t kept_of_first;  // what the server keeps of A's bytes: 256 KiB steps
+    bool expire;                  // the session is gone when B asks
+    std::string b_content;
     std::uint64_t resumed_at;
-    int resumed_metric;
+    std::size_t resumed_metric;
   };
-  emulators::Fault none;
-  emulators::Fault expired;
-  expired.expire_sessions = true;
-  const Case cases[] = {{"resumed", none, 524288, 1}, {"expired", expired, 0, 0}};
+  const Case cases[] = {
+      {"resumed", 700 * 1024, false, content, 524288, 1},
+      {"nothing kept: 308 without Range", 100 * 1024, false, content, 0, 1},
+      {"expired", 700 * 1024, true, content, 0, 0},
+      {"other content, same size", 700 * 1024, false, Bytes(1 << 20, 9), 0, 0},
+      {"other size", 700 * 1024, false, content.substr(1), 0, 0},
+  };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    const std::string path = std::string("big-") + c.name;
+    const std::string path = std::string("big-") + std::to_string(&c - cases);
     metrics.Clear();
-    // 1. A: the server keeps 512 KiB of the first 700 and the connection breaks.
+    // 1. A: the server keeps a part and the connection breaks.
     emulators::FaultRule cut;
     cut.verb = "PUT";
     cut.path_prefix = "/upload/drive/v3/files";
-    cut.fault.persist_limit = 700 * 1024;
+    cut.fault.persist_limit = c.kept_of_first;
     cut.fault.reset = true;
     drive.emulator->faults().Add(cut);
     EXPECT_NE(Upload(*drive.fs, path, content, Md5(content), nullptr), FileSystem::SUCCEEDED);
     EXPECT_EQ(Shared()->sessions->Count(), 1u);
     // 2. B.
-    if (c.status_fault.expire_sessions) {
+    if (c.expire) {
       emulators::FaultRule rule;
       rule.verb = "PUT";
-      rule.fault = c.status_fault;
+      rule.fault.expire_sessions = true;
       drive.emulator->faults().Add(rule);
     }
     std::unique_ptr<RemoteFileSystem> b = SecondInstance();
     std::uint64_t resumed_at = 1;
     FileSystem::FileProperties props;
-    ASSERT_EQ(Upload(*b, path, content, Md5(content), &props, &resumed_at), FileSystem::SUCCEEDED);
+    ASSERT_EQ(Upload(*b, path, c.b_content, Md5(c.b_content), &props, &resumed_at),
+              FileSystem::SUCCEEDED);
     EXPECT_EQ(resumed_at, c.resumed_at);
-    EXPECT_EQ(metrics.Count("google_upload_resumed"), static_cast<std::size_t>(c.resumed_metric));
-    EXPECT_EQ(props.hash, Md5(content));
-    EXPECT_EQ(Content(path), content);
+    EXPECT_EQ(metrics.Count("google_upload_resumed"), c.resumed_metric);
+    EXPECT_EQ(metrics.Count("google_upload_session_expired"), c.expire ? 1u : 0u);
+    EXPECT_EQ(props.hash, Md5(c.b_content));
+    EXPECT_EQ(Content(path), c.b_content);
     EXPECT_EQ(FilesNamed(path), 1);
     EXPECT_EQ(Shared()->sessions->Count(), 0u);
   }
+}
+
+// The account keeps 100 interrupted uploads: the 101st gives up the one that got least far.
+TEST_F(GoogleTransferTest, TheHundredAndFirstSessionEvictsTheLeastAdvanced) {
+  for (std::uint64_t i = 0; i < 100; ++i) {
+    RemoteFileSystemGoogle::CurrentUpload filler;
+    filler.session_url = "http://127.0.0.1:1/none";
+    filler.expected_hash = Md5("f").GetHashGoogle();
+    filler.size = 1000;
+    filler.offset = 500 + i;
+    Shared()->sessions->Store("filler" + std::to_string(i), filler);
+  }
+  const std::string content = Bytes(1 << 20, 4);
+  emulators::FaultRule cut;
+  cut.verb = "PUT";
+  cut.path_prefix = "/upload/drive/v3/files";
+  cut.fault.persist_limit = 700 * 1024;
+  cut.fault.reset = true;
+  drive.emulator->faults().Add(cut);
+  EXPECT_NE(Upload(*drive.fs, "big", content, Md5(content), nullptr), FileSystem::SUCCEEDED);
+  EXPECT_EQ(metrics.Count("too_many_sessions"), 1u);
+  EXPECT_EQ(Shared()->sessions->Count(), 100u);
+  RemoteFileSystemGoogle::CurrentUpload taken;
+  EXPECT_FALSE(Shared()->sessions->TakeForResume("filler0", Md5("f"), 1000, &taken));
+  std::uint64_t resumed_at = 0;
+  ASSERT_EQ(Upload(*SecondInstance(), "big", content, Md5(content), nullptr, &resumed_at),
+            FileSystem::SUCCEEDED);
+  EXPECT_EQ(resumed_at, 524288u);
+  EXPECT_EQ(Content("big"), content);
 }
 
 TEST_F(GoogleTransferTest, ASessionTheServerFinishedIsTakenWithoutResending) {
@@ -357,6 +393,23 @@ TEST_F(GoogleTransferTest, ReadsAskARangeOnlyForAPart) {
     EXPECT_EQ(emulators::QueryParam(sent[0].query, "alt"), "media");
     EXPECT_EQ(sent[0].Header("Range"), c.range);
   }
+  // A document is its shortcut text, whole or in part, with no request.
+  const std::string link = "https://docs.google.com/document/d/D/edit";
+  emulators::Item doc;
+  drive.account().CreateFile(drive.account().RootId(), "Plan", std::string(), 0, &doc);
+  drive.account().SetProperty(doc.id, "google.mimeType", "application/vnd.google-apps.document",
+                              nullptr);
+  FolderNode again;
+  ASSERT_EQ(drive.GetFullTree(&again), FileSystem::SUCCEEDED);
+  Shared()->docs->Add(doc.id, link);
+  const std::string shortcut = std::string("[InternetShortcut]\nURL=") + link;
+  std::size_t before = RequestCount();
+  for (auto [offset, limit] : {std::pair<std::uint64_t, std::uint64_t>{0, 0}, {5, 12}}) {
+    std::string text;
+    ASSERT_EQ(Read("Plan.url", offset, limit, shortcut.size(), &text), FileSystem::SUCCEEDED);
+    EXPECT_EQ(text, limit ? shortcut.substr(offset, limit - offset) : shortcut);
+  }
+  EXPECT_EQ(RequestCount(), before);
   // A body shorter than its size in the tree fails.
   emulators::FaultRule cut;
   cut.verb = "GET";
