@@ -652,7 +652,7 @@ void GoogleDialect::Install(Router& router) {
     router.Handle(
         "PUT", upload + (match == Match::kExact ? "/files" : "/files/"),
         [this, &router](const HttpRequest& request) { return PutUploadSession(router, request); },
-        RouteOptions{match, BodyMode::kStoreUnlogged, nullptr, false});
+        RouteOptions{match, BodyMode::kStoreBounded, nullptr, false});
   }
   router.Handle("GET", "/drive/v2/files", [this, &router](const HttpRequest& request) {
     return ListRecentFiles(router, request);
@@ -1100,7 +1100,13 @@ HttpResponse GoogleDialect::PutUploadSession(Router& router, const HttpRequest& 
     account.RetargetUpload(session, spec);
     state->spec.total_size = range.total;
   }
-  // 3. The bytes; a piece that starts elsewhere than the session stands is told where it does.
+  // 3. A body too large to keep comes whole from the start, and is taken by its digests.
+  if (!range.query && request.body.size() != request.body_size) {
+    if (range.first != 0 || state->persisted != 0 || request.body_size != state->spec.total_size)
+      return Error(400, "badContentRange");
+    return FinishByDigests(router, session, *state, request.body_digests);
+  }
+  // 4. The bytes; a piece that starts elsewhere than the session stands is told where it does.
   if (!range.query && request.body_size > 0) {
     std::uint64_t persisted = 0;
     AccountError error = account.AppendUpload(session, range.first, request.body, &persisted);
@@ -1112,9 +1118,30 @@ HttpResponse GoogleDialect::PutUploadSession(Router& router, const HttpRequest& 
   }
   if (state->spec.total_size == UINT64_MAX || state->persisted < state->spec.total_size)
     return UploadProgress(router, session);
-  // 4. All of it: the file.
+  // 5. All of it: the file.
   Item made;
   if (account.CommitUpload(session, &made) != AccountError::kNone)
+    return Error(404, "notFound");
+  {
+    std::lock_guard<std::mutex> lock(uploads_mutex_);
+    uploads_[session].file_id = made.id;
+  }
+  return FinishedUpload(router, session);
+}
+
+HttpResponse GoogleDialect::FinishByDigests(Router& router, const std::string& session,
+                                            const UploadState& state,
+                                            const ContentDigests& digests) const {
+  CloudAccount& account = router.account();
+  const UploadSpec& spec = state.spec;
+  Item made;
+  AccountError error = spec.target_id.empty()
+                           ? account.CreateFileByDigests(spec.parent_id, spec.name, spec.total_size,
+                                                         digests, spec.modified_ms, &made)
+                           : account.ReplaceByDigests(spec.target_id, spec.total_size, digests,
+                                                      spec.modified_ms, &made);
+  account.DropUpload(session);
+  if (error != AccountError::kNone)
     return Error(404, "notFound");
   {
     std::lock_guard<std::mutex> lock(uploads_mutex_);

@@ -88,6 +88,8 @@ class GoogleDialect : public Dialect {
                                  const std::string& target_id) const;
   HttpResponse PutUploadSession(Router& router, const HttpRequest& request) const;
   HttpResponse UploadProgress(Router& router, const std::string& session) const;
+  HttpResponse FinishByDigests(Router& router, const std::string& session, const UploadState& state,
+                               const ContentDigests& digests) const;
   HttpResponse FinishedUpload(Router& router, const std::string& session) const;
   HttpResponse Media(Router& router, const Item& item, const HttpRequest& request) const;
   // A document in one of its export formats; GET and HEAD of its export link, or files.export.
