@@ -1588,6 +1588,19 @@ std::string RemoteFileSystemGoogle::FormatTime(std::uint64_t seconds) {
   return text;
 }
 
+FileSystem::Result RemoteFileSystemGoogle::IdleFileSlot(std::shared_ptr<URLProcessor>* http) {
+  *http = FileClient();
+  if (!*http) {
+    LOG_FATAL << "Not initialized.";
+    return FATAL;
+  }
+  if (operation_ != kNone) {
+    LOG_ERROR << "Another file operation is open.";
+    return FAILED;
+  }
+  return SUCCEEDED;
+}
+
 std::shared_ptr<URLProcessor> RemoteFileSystemGoogle::FileClient() const {
   std::lock_guard<std::mutex> lock(http_mutex_);
   return file_http_;
@@ -1653,14 +1666,9 @@ FileSystem::Result RemoteFileSystemGoogle::OpenUpload(const std::string& path,
                                                       std::uint64_t time,
                                                       std::uint64_t* resume_offset) {
   // 1. The slot and the client.
-  std::shared_ptr<URLProcessor> http = FileClient();
-  if (!http) {
-    LOG_FATAL << "Not initialized.";
-    return FATAL;
-  }
-  if (operation_ != kNone) {
-    LOG_ERROR << "Another file operation is open.";
-    return FAILED;
+  std::shared_ptr<URLProcessor> http;
+  if (Result idle = IdleFileSlot(&http); idle != SUCCEEDED) {
+    return idle;
   }
   *resume_offset = 0;
   uploader_ = std::make_unique<google::GoogleUpload>(*http);
@@ -2062,14 +2070,9 @@ FileSystem::Result RemoteFileSystemGoogle::OpenForRead(const std::string& path,
                                                        std::uint64_t size, const SomeHash&) {
   LOG_INFO << "Reading remote file \"" << path << "\".";
   // 1. The file.
-  std::shared_ptr<URLProcessor> http = FileClient();
-  if (!http) {
-    LOG_FATAL << "Not initialized.";
-    return FATAL;
-  }
-  if (operation_ != kNone) {
-    LOG_ERROR << "Another file operation is open.";
-    return FAILED;
+  std::shared_ptr<URLProcessor> http;
+  if (Result idle = IdleFileSlot(&http); idle != SUCCEEDED) {
+    return idle;
   }
   if (!FileSystem::IsRelativeCanonicalPath(path)) {
     LOG_ERROR << "Invalid path.";

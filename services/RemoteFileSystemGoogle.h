@@ -235,6 +235,8 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
     bool open = false;         // a GET whose body is not all read yet
   };
   std::shared_ptr<URLProcessor> FileClient() const;
+  // The content client, when the file slot is free for a new transfer.
+  Result IdleFileSlot(std::shared_ptr<URLProcessor>* http);
   Result OpenUpload(const std::string& path, const std::string& file_id, const SomeHash& hash,
                     std::uint64_t size, std::uint64_t time, std::uint64_t* resume_offset);
   Result RequestUploadSession(const std::string& path, const std::string& url, bool is_update,

@@ -14,12 +14,12 @@
 
 #include "core/Cookie.h"
 #include "core/CurlURLProcessorFactory.h"
-#include "core/HashCalculators.h"
 #include "core/LoggerWrapper.h"
 #include "core/RadarsLogger.h"
 #include "services/GoogleUpload.h"
 #include "services/RemoteFileIds.h"
 #include "services/RemoteFileSystemGoogleSharedData.h"
+#include "services/RemoteGoogleUtils.h"
 #include "support/GoogleDriveFixture.h"
 
 namespace {
@@ -38,11 +38,7 @@ std::string Bytes(std::size_t size, unsigned seed) {
 }
 
 SomeHash Md5(const std::string& content) {
-  HashCalculatorGoogle calculator;
-  calculator.Begin();
-  calculator.Feed(reinterpret_cast<const std::uint8_t*>(content.data()),
-                  static_cast<std::uint32_t>(content.size()));
-  return calculator.Finish();
+  return SomeHash(google::HashOfBytes(content));
 }
 
 class GoogleTransferTest : public ::testing::Test {
