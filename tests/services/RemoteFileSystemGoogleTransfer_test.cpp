@@ -8,6 +8,7 @@
 #include <iostream>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include <gtest/gtest.h>
@@ -414,11 +415,53 @@ TEST_F(GoogleTransferTest, ReadsAskARangeOnlyForAPart) {
   drive.emulator->faults().Add(cut);
   std::string bytes;
   EXPECT_NE(Read("r.bin", 0, 1000, content.size(), &bytes), FileSystem::SUCCEEDED);
+  // Drive's 403 on a download is its rate limit.
+  emulators::FaultRule limited;
+  limited.verb = "GET";
+  limited.path_prefix = "/drive/v3/files/";
+  limited.fault.status = 403;
+  limited.fault.error = "userRateLimitExceeded";
+  drive.emulator->faults().Add(limited);
+  bytes.clear();
+  EXPECT_NE(Read("r.bin", 0, 1000, content.size(), &bytes), FileSystem::SUCCEEDED);
+  EXPECT_EQ(metrics.Count("ggl_read_rate_limit"), 1u);
+  EXPECT_EQ(drive.fs->GetFailReason(), FileSystem::FAIL_REASON_RATE_LIMIT);
+  EXPECT_TRUE(log.Contains("Got 403 when reading, assuming RATE_LIMIT."));
   // A size in the tree other than the server's.
   bytes.clear();
   metrics.Clear();
   EXPECT_EQ(Read("r.bin", 0, 0, 999, &bytes), FileSystem::FAILED);
   EXPECT_EQ(metrics.Count("ggl_read_remote_unexpected_size"), 1u);
+}
+
+// A download the server trickles: a Stop from another thread ends it with STOPPED, and the adapter
+// reads again once started.
+TEST_F(GoogleTransferTest, StopEndsATrickledDownload) {
+  const std::string content = Bytes(100000, 7);
+  drive.account().CreateFile(drive.account().RootId(), "slow.bin", content, 0, nullptr);
+  FolderNode fresh;
+  ASSERT_EQ(drive.GetFullTree(&fresh), FileSystem::SUCCEEDED);
+  emulators::FaultRule slow;
+  slow.verb = "GET";
+  slow.path_prefix = "/drive/v3/files/";
+  slow.fault.trickle_bytes = 100;
+  slow.fault.trickle_interval_ms = 20;
+  drive.emulator->faults().Add(slow);
+  ASSERT_EQ(drive.fs->OpenForRead("slow.bin", 0, content.size(), content.size(), SomeHash()),
+            FileSystem::SUCCEEDED);
+  std::vector<std::uint8_t> block(kBlock);
+  std::uint32_t done = 0;
+  ASSERT_EQ(drive.fs->ReadFile(block.data(), kBlock, &done), FileSystem::SUCCEEDED);
+  std::thread([&] { drive.fs->Stop(); }).join();
+  Result read = FileSystem::SUCCEEDED;
+  for (int i = 0; i < 100 && read == FileSystem::SUCCEEDED; ++i)
+    read = drive.fs->ReadFile(block.data(), kBlock, &done);
+  EXPECT_EQ(read, FileSystem::STOPPED);
+  drive.fs->CloseFile(nullptr);
+  drive.fs->Start();
+  std::string bytes;
+  ASSERT_EQ(Read("seen.txt", 0, 100, 100, &bytes), FileSystem::SUCCEEDED);
+  EXPECT_EQ(bytes, Bytes(100, 1));
 }
 
 }  // namespace
