@@ -1835,7 +1835,11 @@ FileSystem::Result RemoteFileSystemGoogle::WriteFile(const std::uint8_t* data, s
     LOG_ERROR << "No upload is open.";
     return FAILED;
   }
-  // 1. Never past the announced size: nothing goes out.
+  // 1. Never past the announced size: nothing goes out. A session the server had finished
+  // already takes no bytes at all.
+  if (size == 0) {
+    return SUCCEEDED;
+  }
   if (upload_.offset + size > upload_.size) {
     LOG_ERROR << "Write overflow; size=" << upload_.size << ", actual_offset=" << upload_.offset
               << ".";
