@@ -232,9 +232,14 @@ void Emulator::InstallControl() {
     QJsonArray served;
     for (const HttpRequest& request : server_->Requests()) {
       if (request.path.compare(0, base.size(), base) != 0) {
-        served.append(QJsonObject{{"verb", QString::fromStdString(request.verb)},
-                                  {"path", QString::fromStdString(request.path)},
-                                  {"query", QString::fromStdString(request.query)}});
+        QJsonObject entry{{"verb", QString::fromStdString(request.verb)},
+                          {"path", QString::fromStdString(request.path)},
+                          {"query", QString::fromStdString(request.query)},
+                          {"size", static_cast<qint64>(request.body_size)}};
+        // Where an upload piece goes, or a status query, tells a resume from a fresh start.
+        if (request.HasHeader("Content-Range"))
+          entry.insert("content_range", QString::fromStdString(request.Header("Content-Range")));
+        served.append(entry);
       }
     }
     HttpResponse response = HttpResponse::Status(

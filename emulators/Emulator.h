@@ -14,7 +14,8 @@
 //   POST   /_emulator/seed     {"dir": LOCAL_FOLDER, "path": FOLDER_IN_ACCOUNT}
 //   POST   /_emulator/change   a foreign change: {"op":"rename","path":"a/b","to":"c"}
 //   GET    /_emulator/dump     the account as JSON
-//   GET    /_emulator/requests the requests served so far (verb, path, query), oldest first
+//   GET    /_emulator/requests the requests served so far (verb, path, query, body size and
+//                             any "Content-Range"), oldest first
 #pragma once
 
 #include <memory>

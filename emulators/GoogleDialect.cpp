@@ -16,6 +16,9 @@ namespace emulators {
 namespace {
 
 constexpr const char* kBase = "/drive/v3";
+constexpr const char* kUploadBase = "/upload/drive/v3";
+// Drive keeps the bytes of an interrupted upload in steps of this size.
+constexpr std::uint64_t kUploadGranularity = 256 * 1024;
 constexpr std::size_t kDefaultPageSize = 100;  // Drive's own default for files.list
 constexpr std::size_t kLargestPageSize = 1000;
 // The account keeps an item's "appProperties" among its properties under this prefix.
@@ -53,6 +56,40 @@ QString Number(std::uint64_t value) {
   return QString::number(static_cast<qulonglong>(value));
 }
 
+// The formats Drive exports each kind of document in, as "exportLinks" names them: MIME type and
+// the extension its link asks for.
+const std::vector<std::pair<const char*, const char*>>& ExportFormats(const std::string& mime) {
+  static const std::map<std::string, std::vector<std::pair<const char*, const char*>>> formats = {
+      {"application/vnd.google-apps.document",
+       {{"application/rtf", "rtf"},
+        {"application/vnd.oasis.opendocument.text", "odt"},
+        {"application/pdf", "pdf"},
+        {"application/vnd.openxmlformats-officedocument.wordprocessingml.document", "docx"},
+        {"text/plain", "txt"}}},
+      {"application/vnd.google-apps.spreadsheet",
+       {{"text/csv", "csv"},
+        {"application/pdf", "pdf"},
+        {"application/vnd.openxmlformats-officedocument.spreadsheetml.sheet", "xlsx"}}},
+      {"application/vnd.google-apps.presentation",
+       {{"application/pdf", "pdf"},
+        {"application/vnd.openxmlformats-officedocument.presentationml.presentation", "pptx"}}},
+      {"application/vnd.google-apps.drawing",
+       {{"image/png", "png"}, {"application/pdf", "pdf"}, {"image/jpeg", "jpeg"}}},
+  };
+  static const std::vector<std::pair<const char*, const char*>> none;
+  auto found = formats.find(mime);
+  return found == formats.end() ? none : found->second;
+}
+
+QJsonObject ExportLinks(const std::string& base_url, const Item& item) {
+  QJsonObject links;
+  for (const auto& [mime, extension] : ExportFormats(MimeType(item))) {
+    links.insert(mime, Text(base_url + "/feeds/download/export/Export?id=" + item.id +
+                            "&exportFormat=" + extension));
+  }
+  return links;
+}
+
 // 1. The file resource with every field this emulator knows.
 QJsonObject FileResource(const CloudAccount& account, const std::string& base_url,
                          const Item& item) {
@@ -80,6 +117,13 @@ QJsonObject FileResource(const CloudAccount& account, const std::string& base_ur
       {"shared", !item.public_link.empty()},
       {"webViewLink", Text(link)},
       {"capabilities", QJsonObject{{"canEdit", owned || HasProperty(item, "google.canEdit")}}}};
+  if (IsGoogleDocument(item)) {
+    QJsonObject links = ExportLinks(base_url, item);
+    if (!links.isEmpty())
+      file.insert("exportLinks", links);
+    if (HasProperty(item, "google.size"))
+      file.insert("size", Text(Property(item, "google.size")));
+  }
   if (!item.IsFolder() && !IsGoogleDocument(item)) {
     file.insert("size", Number(item.size));
     if (!HasProperty(item, "google.noMd5"))
@@ -487,6 +531,70 @@ std::vector<std::string> SplitIds(const std::string& list) {
   return ids;
 }
 
+// The folder a new item goes to ("parents" holds at most one); the refusal when it can't.
+std::optional<HttpResponse> NewItemParent(const GoogleDialect& dialect, const CloudAccount& account,
+                                          const QJsonObject& body, std::string* parent) {
+  QJsonArray parents = body.value("parents").toArray();
+  if (parents.size() > 1)
+    return InvalidParameter(dialect, "parents");
+  *parent = parents.isEmpty() ? account.RootId() : parents.at(0).toString().toStdString();
+  std::optional<Item> holder = account.Find(*parent);
+  if (!holder || !holder->IsFolder() || account.IsInTrash(*parent) ||
+      (*parent != account.RootId() && !Visible(*holder, account.RootId()))) {
+    return dialect.Error(404, "notFound");
+  }
+  if (!CanEdit(*holder))
+    return dialect.Error(403, "insufficientFilePermissions");
+  return std::nullopt;
+}
+
+// RFC 3339 text of "modifiedTime"; nullopt when it is no time.
+std::optional<std::int64_t> ParseTime(const std::string& text) {
+  QDateTime time = QDateTime::fromString(QString::fromStdString(text), Qt::ISODateWithMs);
+  if (!time.isValid())
+    return std::nullopt;
+  return time.toMSecsSinceEpoch();
+}
+
+// "Content-Range" of an upload PUT: "bytes */TOTAL" or "bytes */*" asks for the status,
+// "bytes FIRST-LAST/TOTAL" carries bytes. A total of "*" is unknown (UINT64_MAX).
+struct UploadRange {
+  bool query = false;
+  std::uint64_t first = 0;
+  std::uint64_t last = 0;
+  std::uint64_t total = UINT64_MAX;
+};
+
+std::optional<UploadRange> ParseUploadRange(const std::string& header) {
+  UploadRange range;
+  if (header.compare(0, 6, "bytes ") != 0)
+    return std::nullopt;
+  std::string spec = header.substr(6);
+  std::size_t slash = spec.find('/');
+  if (slash == std::string::npos)
+    return std::nullopt;
+  std::string span = spec.substr(0, slash);
+  std::string total = spec.substr(slash + 1);
+  char* end = nullptr;
+  if (total != "*") {
+    range.total = std::strtoull(total.c_str(), &end, 10);
+    if (total.empty() || *end != '\0')
+      return std::nullopt;
+  }
+  if (span == "*") {
+    range.query = true;
+    return range;
+  }
+  std::size_t dash = span.find('-');
+  if (dash == std::string::npos)
+    return std::nullopt;
+  range.first = std::strtoull(span.substr(0, dash).c_str(), &end, 10);
+  range.last = std::strtoull(span.substr(dash + 1).c_str(), &end, 10);
+  if (range.last < range.first || (range.total != UINT64_MAX && range.last >= range.total))
+    return std::nullopt;
+  return range;
+}
+
 // Drive's ids are opaque; these sort in the order the items were made.
 std::string DriveId(std::uint64_t n, ItemKind) {
   char text[32];
@@ -547,6 +655,31 @@ void GoogleDialect::Install(Router& router) {
         verb, base + "/files/",
         [this, &router](const HttpRequest& request) { return UpdateFile(router, request); },
         RouteOptions{Match::kPrefix});
+  }
+  for (const char* verb : {"GET", "HEAD"}) {
+    router.Handle(verb, "/feeds/download/export/Export",
+                  [this, &router](const HttpRequest& request) {
+                    return Export(router, QueryParam(request.query, "id"),
+                                  QueryParam(request.query, "exportFormat"));
+                  });
+  }
+  const std::string upload = kUploadBase;
+  router.Handle("POST", upload + "/files", [this, &router](const HttpRequest& request) {
+    return OpenUploadSession(router, request, std::string());
+  });
+  router.Handle(
+      "PATCH", upload + "/files/",
+      [this, &router, upload](const HttpRequest& request) {
+        return OpenUploadSession(router, request,
+                                 PercentDecode(request.path.substr(upload.size() + 7)));
+      },
+      RouteOptions{Match::kPrefix});
+  // A session's URL is reached without the token, as Drive's are.
+  for (Match match : {Match::kExact, Match::kPrefix}) {
+    router.Handle(
+        "PUT", upload + (match == Match::kExact ? "/files" : "/files/"),
+        [this, &router](const HttpRequest& request) { return PutUploadSession(router, request); },
+        RouteOptions{match, BodyMode::kStoreBounded, nullptr, false});
   }
   router.Handle("GET", "/drive/v2/files", [this, &router](const HttpRequest& request) {
     return ListRecentFiles(router, request);
@@ -610,6 +743,19 @@ HttpResponse GoogleDialect::ListFiles(Router& router, const HttpRequest& request
 HttpResponse GoogleDialect::GetFile(Router& router, const HttpRequest& request) const {
   const CloudAccount& account = router.account();
   std::string id = PercentDecode(request.path.substr(std::string(kBase).size() + 7));
+  const std::string export_suffix = "/export";
+  if (id.size() > export_suffix.size() &&
+      id.compare(id.size() - export_suffix.size(), export_suffix.size(), export_suffix) == 0) {
+    id.resize(id.size() - export_suffix.size());
+    std::string mime = QueryParam(request.query, "mimeType");
+    std::optional<Item> item = account.Find(id);
+    for (const auto& [known, extension] :
+         item ? ExportFormats(MimeType(*item)) : ExportFormats(std::string())) {
+      if (mime == known)
+        return Export(router, id, extension);
+    }
+    return InvalidParameter(*this, "mimeType");
+  }
   if (id == "root")
     id = account.RootId();
   std::optional<Item> item = account.Find(id);
@@ -618,6 +764,8 @@ HttpResponse GoogleDialect::GetFile(Router& router, const HttpRequest& request) 
     HttpResponse missing = Error(404, "notFound");
     return missing;
   }
+  if (QueryParam(request.query, "alt") == "media")
+    return Media(router, *item, request);
   QJsonObject file = FileResource(account, router.BaseUrl(), *item);
   if (id == account.RootId()) {
     file.insert("name", "My Drive");
@@ -714,18 +862,9 @@ HttpResponse GoogleDialect::CreateFile(Router& router, const HttpRequest& reques
   if (!ParseBody(request.body, &body))
     return Error(400, "parseError");
   std::string name = body.value("name").toString().toStdString();
-  QJsonArray parents = body.value("parents").toArray();
-  if (parents.size() > 1)
-    return InvalidParameter(*this, "parents");
-  std::string parent =
-      parents.isEmpty() ? account.RootId() : parents.at(0).toString().toStdString();
-  std::optional<Item> holder = account.Find(parent);
-  if (!holder || !holder->IsFolder() || account.IsInTrash(parent) ||
-      (parent != account.RootId() && !Visible(*holder, account.RootId()))) {
-    return Error(404, "notFound");
-  }
-  if (!CanEdit(*holder))
-    return Error(403, "insufficientFilePermissions");
+  std::string parent;
+  if (std::optional<HttpResponse> refused = NewItemParent(*this, account, body, &parent))
+    return *refused;
   // 2. The item.
   Item made;
   AccountError error = body.value("mimeType").toString() == kFolderMime
@@ -804,10 +943,10 @@ HttpResponse GoogleDialect::UpdateFile(Router& router, const HttpRequest& reques
   }
   std::string modified = body.value("modifiedTime").toString().toStdString();
   if (error == AccountError::kNone && !modified.empty()) {
-    QDateTime time = QDateTime::fromString(QString::fromStdString(modified), Qt::ISODateWithMs);
-    if (!time.isValid())
+    std::optional<std::int64_t> time = ParseTime(modified);
+    if (!time)
       return InvalidParameter(*this, "modifiedTime");
-    error = account.SetModified(item->id, time.toMSecsSinceEpoch(), nullptr);
+    error = account.SetModified(item->id, *time, nullptr);
   }
   const QJsonObject merged = app_properties.toObject();
   for (auto it = merged.begin(); error == AccountError::kNone && it != merged.end(); ++it) {
@@ -891,6 +1030,188 @@ HttpResponse GoogleDialect::ListRecentFiles(Router& router, const HttpRequest& r
     out.append(file);
   }
   return JsonResponse(200, QJsonObject{{"kind", "drive#fileList"}, {"items", out}});
+}
+
+std::string GoogleDialect::ExportedBytes(const std::string& id, const std::string& extension) {
+  std::string line = extension + " export of " + id + "\n";
+  std::string bytes;
+  for (int i = 0; i < 200; ++i)
+    bytes += std::to_string(i) + " " + line;
+  return bytes;
+}
+
+HttpResponse GoogleDialect::Export(Router& router, const std::string& id,
+                                   const std::string& extension) const {
+  std::optional<Item> item = router.account().Find(id);
+  if (!item || !Visible(*item, router.account().RootId()) || !IsGoogleDocument(*item))
+    return Error(404, "notFound");
+  for (const auto& format : ExportFormats(MimeType(*item))) {
+    if (extension == format.second)
+      return HttpResponse::Status(200, ExportedBytes(id, extension));
+  }
+  return InvalidParameter(*this, "exportFormat");
+}
+
+HttpResponse GoogleDialect::Media(Router&, const Item& item, const HttpRequest& request) const {
+  if (item.IsFolder() || IsGoogleDocument(item))
+    return Error(403, "fileNotDownloadable");
+  return ContentResponse(item, request.Header("Range"));
+}
+
+HttpResponse GoogleDialect::OpenUploadSession(Router& router, const HttpRequest& request,
+                                              const std::string& target_id) const {
+  CloudAccount& account = router.account();
+  // 1. Only the resumable protocol is served, with the file's metadata in the body.
+  if (QueryParam(request.query, "uploadType") != "resumable")
+    return InvalidParameter(*this, "uploadType");
+  QJsonObject body;
+  if (!request.body.empty() && !ParseBody(request.body, &body))
+    return Error(400, "parseError");
+  UploadSpec spec;
+  spec.granularity = kUploadGranularity;
+  spec.lifetime_ms = 7 * 24 * 3600 * 1000LL;
+  std::string modified = body.value("modifiedTime").toString().toStdString();
+  if (!modified.empty()) {
+    std::optional<std::int64_t> time = ParseTime(modified);
+    if (!time)
+      return InvalidParameter(*this, "modifiedTime");
+    spec.modified_ms = *time;
+  }
+  std::string length = request.Header("X-Upload-Content-Length");
+  if (!length.empty())
+    spec.total_size = std::strtoull(length.c_str(), nullptr, 10);
+  // 2. Where the bytes go: a new file in its folder, or a new version of one.
+  if (target_id.empty()) {
+    spec.name = body.value("name").toString().toStdString();
+    if (std::optional<HttpResponse> refused = NewItemParent(*this, account, body, &spec.parent_id))
+      return *refused;
+  } else {
+    std::optional<Item> item = account.Find(target_id);
+    if (!item || item->IsFolder() || !Visible(*item, account.RootId()))
+      return Error(404, "notFound");
+    if (!CanEdit(*item) || IsGoogleDocument(*item))
+      return Error(403, "insufficientFilePermissions");
+    spec.target_id = target_id;
+  }
+  // 3. The session, named by its URL.
+  std::string session = account.OpenUpload(spec);
+  {
+    std::lock_guard<std::mutex> lock(uploads_mutex_);
+    uploads_[session].fields = QueryParam(request.query, "fields");
+  }
+  HttpResponse response = HttpResponse::Status(200);
+  response.headers.emplace_back("Location", router.BaseUrl() + kUploadBase +
+                                                "/files?uploadType=resumable&upload_id=" + session);
+  return response;
+}
+
+HttpResponse GoogleDialect::PutUploadSession(Router& router, const HttpRequest& request) const {
+  CloudAccount& account = router.account();
+  // 1. The session: finished ones answer with their file, forgotten ones are gone.
+  std::string session = QueryParam(request.query, "upload_id");
+  bool finished = false;
+  {
+    std::lock_guard<std::mutex> lock(uploads_mutex_);
+    auto known = uploads_.find(session);
+    finished = known != uploads_.end() && !known->second.file_id.empty();
+  }
+  if (finished)
+    return FinishedUpload(router, session);
+  std::optional<UploadState> state = account.FindUpload(session);
+  if (!state)
+    return Error(404, "notFound");
+  // 2. What the PUT carries; without "Content-Range" it is the whole file.
+  std::string header = request.Header("Content-Range");
+  UploadRange range;
+  range.total = request.body_size;
+  range.last = request.body_size == 0 ? 0 : request.body_size - 1;
+  if (!header.empty()) {
+    std::optional<UploadRange> parsed = ParseUploadRange(header);
+    if (!parsed || (!parsed->query && parsed->last - parsed->first + 1 != request.body_size))
+      return Error(400, "badContentRange");
+    range = *parsed;
+  }
+  if (range.total != UINT64_MAX && range.total != state->spec.total_size) {
+    if (state->spec.total_size != UINT64_MAX || range.total < state->persisted)
+      return Error(400, "badContentRange");
+    UploadSpec spec = state->spec;
+    spec.total_size = range.total;
+    account.RetargetUpload(session, spec);
+    state->spec.total_size = range.total;
+  }
+  // 3. A body too large to keep comes whole from the start, and is taken by its digests.
+  if (!range.query && request.body.size() != request.body_size) {
+    if (range.first != 0 || state->persisted != 0 || request.body_size != state->spec.total_size)
+      return Error(400, "badContentRange");
+    return FinishByDigests(router, session, *state, request.body_digests);
+  }
+  // 4. The bytes; a piece that starts elsewhere than the session stands is told where it does.
+  if (!range.query && request.body_size > 0) {
+    std::uint64_t persisted = 0;
+    AccountError error = account.AppendUpload(session, range.first, request.body, &persisted);
+    if (error == AccountError::kSizeMismatch)
+      return Error(400, "badContentRange");
+    if (error == AccountError::kSessionMissing)
+      return Error(404, "notFound");
+    state->persisted = persisted;
+  }
+  if (state->spec.total_size == UINT64_MAX || state->persisted < state->spec.total_size)
+    return UploadProgress(router, session);
+  // 5. All of it: the file.
+  Item made;
+  if (account.CommitUpload(session, &made) != AccountError::kNone)
+    return Error(404, "notFound");
+  {
+    std::lock_guard<std::mutex> lock(uploads_mutex_);
+    uploads_[session].file_id = made.id;
+  }
+  return FinishedUpload(router, session);
+}
+
+HttpResponse GoogleDialect::FinishByDigests(Router& router, const std::string& session,
+                                            const UploadState& state,
+                                            const ContentDigests& digests) const {
+  CloudAccount& account = router.account();
+  const UploadSpec& spec = state.spec;
+  Item made;
+  AccountError error = spec.target_id.empty()
+                           ? account.CreateFileByDigests(spec.parent_id, spec.name, spec.total_size,
+                                                         digests, spec.modified_ms, &made)
+                           : account.ReplaceByDigests(spec.target_id, spec.total_size, digests,
+                                                      spec.modified_ms, &made);
+  account.DropUpload(session);
+  if (error != AccountError::kNone)
+    return Error(404, "notFound");
+  {
+    std::lock_guard<std::mutex> lock(uploads_mutex_);
+    uploads_[session].file_id = made.id;
+  }
+  return FinishedUpload(router, session);
+}
+
+HttpResponse GoogleDialect::UploadProgress(Router& router, const std::string& session) const {
+  std::optional<UploadState> state = router.account().FindUpload(session);
+  HttpResponse response = HttpResponse::Status(308);
+  if (state && state->persisted > 0)
+    response.headers.emplace_back("Range", "bytes=0-" + std::to_string(state->persisted - 1));
+  return response;
+}
+
+HttpResponse GoogleDialect::FinishedUpload(Router& router, const std::string& session) const {
+  std::string fields;
+  std::string id;
+  {
+    std::lock_guard<std::mutex> lock(uploads_mutex_);
+    fields = uploads_[session].fields;
+    id = uploads_[session].file_id;
+  }
+  std::optional<Item> item = router.account().Find(id);
+  if (!item)
+    return Error(404, "notFound");
+  HttpRequest answer_of;
+  answer_of.query = fields.empty() ? std::string() : "fields=" + fields;
+  return Partial(*this, answer_of, FileResource(router.account(), router.BaseUrl(), *item),
+                 "kind,id,name,mimeType");
 }
 
 void GoogleDialect::SeedDemoDrive(CloudAccount& account) {

@@ -12,7 +12,11 @@
 // (PATCH: "name", "trashed", "modifiedTime", "addParents"/"removeParents", "appProperties" merged
 // key by key, a null value clearing its key), permissions.create of
 // the "anyone" kind and its permissions.delete ("anyoneWithLink"), the v2 files.list of recent
-// files ("maxResults", "orderBy=recency desc"), about.get (whose "fields" is required),
+// files ("maxResults", "orderBy=recency desc"), resumable uploads (a session by POST or PATCH of
+// "/upload/drive/v3/files[/ID]?uploadType=resumable", bytes persisted in steps of 256 KiB, 308
+// with "Range" for what it holds, 404 once it expired), "alt=media" downloads with "Range",
+// documents' "exportLinks" (GET and HEAD) and files.export,
+// about.get (whose "fields" is required),
 // changes.getStartPageToken and changes.list (entries coalesced per file, "removed" entries for
 // files deleted for good). Failures carry Drive's error body:
 // {"error":{"errors":[{"domain","reason","message"}], "code":N,"message":...}}.
@@ -32,7 +36,9 @@
 
 #include <atomic>
 #include <cstddef>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 
 #include "emulators/Dialect.h"
@@ -61,6 +67,9 @@ class GoogleDialect : public Dialect {
   // folder of its name, a file without MD5, items shared with the account, a Google document, a
   // resource key, and names with an apostrophe and non-ASCII letters.
   static void SeedDemoDrive(CloudAccount& account);
+  // What an export of a document in this format ("docx", "pdf"...) answers: a stand-in made from
+  // the id and the format, so that a test knows the bytes to expect.
+  static std::string ExportedBytes(const std::string& id, const std::string& extension);
 
  private:
   HttpResponse ListFiles(Router& router, const HttpRequest& request) const;
@@ -76,9 +85,30 @@ class GoogleDialect : public Dialect {
   HttpResponse DeletePermission(Router& router, const std::string& id,
                                 const std::string& permission) const;
   HttpResponse ListRecentFiles(Router& router, const HttpRequest& request) const;
+  // Resumable uploads: the session request (POST of a new file, PATCH of a new version), and the
+  // PUT of its bytes or of a status query.
+  HttpResponse OpenUploadSession(Router& router, const HttpRequest& request,
+                                 const std::string& target_id) const;
+  HttpResponse PutUploadSession(Router& router, const HttpRequest& request) const;
+  HttpResponse UploadProgress(Router& router, const std::string& session) const;
+  HttpResponse FinishByDigests(Router& router, const std::string& session, const UploadState& state,
+                               const ContentDigests& digests) const;
+  HttpResponse FinishedUpload(Router& router, const std::string& session) const;
+  HttpResponse Media(Router& router, const Item& item, const HttpRequest& request) const;
+  // A document in one of its export formats; GET and HEAD of its export link, or files.export.
+  HttpResponse Export(Router& router, const std::string& id, const std::string& extension) const;
+
+  // What a session keeps beside its bytes: the fields its answer shows, and once it is complete,
+  // its file (a status query of a finished session answers with the file again).
+  struct UploadSession {
+    std::string fields;
+    std::string file_id;
+  };
 
   std::atomic<std::size_t> max_page_size_{1000};
   std::atomic<bool> empty_pages_{false};
+  mutable std::mutex uploads_mutex_;
+  mutable std::map<std::string, UploadSession> uploads_;
 };
 
 std::unique_ptr<Dialect> MakeGoogleDialect();

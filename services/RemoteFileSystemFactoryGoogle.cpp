@@ -2,6 +2,7 @@
 
 #include "services/BackupMetainfoRemoteReaderGoogle.h"
 #include "services/BackupMetainfoRemoteWriterGoogle.h"
+#include "services/GoogleDocsReader.h"
 #include "services/RemoteFileSystemGoogle.h"
 #include "services/RemoteFileSystemGoogleSharedData.h"
 
@@ -24,4 +25,10 @@ std::shared_ptr<BackupMetainfoRemoteWriter> RemoteFileSystemFactoryGoogle::Creat
 std::shared_ptr<BackupMetainfoRemoteReader> RemoteFileSystemFactoryGoogle::CreateMetainfoReader(
     std::shared_ptr<URLProcessorFactory> factory) {
   return std::make_shared<BackupMetainfoRemoteReaderGoogle>(shared_data_, std::move(factory));
+}
+
+std::shared_ptr<SpecialDocsTypeRemoteReader>
+RemoteFileSystemFactoryGoogle::CreateSpecialDocsTypeRemoteReader(
+    std::shared_ptr<URLProcessorFactory> factory) {
+  return std::make_shared<GoogleDocsReader>(shared_data_, std::move(factory));
 }

@@ -17,4 +17,7 @@ class RemoteFileSystemFactoryGoogle : public RemoteFileSystemFactory {
       const std::string& remote_path) override;
   std::shared_ptr<BackupMetainfoRemoteReader> CreateMetainfoReader(
       std::shared_ptr<URLProcessorFactory> factory) override;
+  // A GoogleDocsReader over this account's shared data.
+  std::shared_ptr<SpecialDocsTypeRemoteReader> CreateSpecialDocsTypeRemoteReader(
+      std::shared_ptr<URLProcessorFactory> factory) override;
 };

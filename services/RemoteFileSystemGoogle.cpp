@@ -2,6 +2,8 @@
 
 #include <cerrno>
 #include <cstdlib>
+#include <cstring>
+#include <ctime>
 
 #include "core/Clock.h"
 #include "core/Endpoints.h"
@@ -88,7 +90,7 @@ RemoteFileSystemGoogle::RemoteFileSystemGoogle(
 RemoteFileSystemGoogle::~RemoteFileSystemGoogle() = default;
 
 void RemoteFileSystemGoogle::Start() {
-  for (const std::shared_ptr<URLProcessor>& http : {Client(), FeedClient()}) {
+  for (const std::shared_ptr<URLProcessor>& http : {Client(), FeedClient(), FileClient()}) {
     if (http) {
       http->Start();
     }
@@ -98,7 +100,7 @@ void RemoteFileSystemGoogle::Start() {
 }
 
 void RemoteFileSystemGoogle::Stop() {
-  for (const std::shared_ptr<URLProcessor>& http : {Client(), FeedClient()}) {
+  for (const std::shared_ptr<URLProcessor>& http : {Client(), FeedClient(), FileClient()}) {
     if (http) {
       http->Stop();
     }
@@ -191,13 +193,18 @@ bool RemoteFileSystemGoogle::OpenClient() {
   }
   // The feed polls on its own thread while items are changed on another: each has its client.
   std::shared_ptr<URLProcessor> http = MakeClient();
+  // File content has a client of its own: a transfer in flight never holds up an item request.
   std::shared_ptr<URLProcessor> feed_http = http ? MakeClient() : nullptr;
-  if (!feed_http) {
+  std::shared_ptr<URLProcessor> file_http = feed_http ? MakeClient() : nullptr;
+  if (!file_http) {
     return false;
   }
+  // Content goes as it is: the sizes of a download are checked against its Content-Length.
+  file_http->SetCompression(false);
   std::lock_guard<std::mutex> lock(http_mutex_);
   http_ = std::move(http);
   feed_http_ = std::move(feed_http);
+  file_http_ = std::move(file_http);
   return true;
 }
 
@@ -219,12 +226,16 @@ std::shared_ptr<URLProcessor> RemoteFileSystemGoogle::MakeClient() {
 FileSystem::Result RemoteFileSystemGoogle::Close() {
   std::shared_ptr<URLProcessor> http;
   std::shared_ptr<URLProcessor> feed_http;
+  std::shared_ptr<URLProcessor> file_http;
   {
     std::lock_guard<std::mutex> lock(http_mutex_);
     http.swap(http_);
     feed_http.swap(feed_http_);
+    file_http.swap(file_http_);
   }
-  for (const std::shared_ptr<URLProcessor>& client : {http, feed_http}) {
+  uploader_.reset();
+  operation_ = kNone;
+  for (const std::shared_ptr<URLProcessor>& client : {http, feed_http, file_http}) {
     if (client) {
       client->Close();
     }
@@ -619,49 +630,6 @@ bool RemoteFileSystemGoogle::ShouldRenewTree() {
   std::int64_t last = last_tree_time_ms_;
   std::int64_t now = utils::GetClock().NowMs();
   return need_new_tree_ && (last == INT64_MIN || now - last >= kRenewTreeAfterMs);
-}
-
-// --- not served yet ------------------------------------------------------------------------
-
-FileSystem::Result RemoteFileSystemGoogle::NotServedYet(const char* operation) {
-  LOG_ERROR << "Not supported by the Google adapter: " << operation;
-  return NOT_SUPPORTED;
-}
-
-FileSystem::Result RemoteFileSystemGoogle::WriteFile(const std::uint8_t*, std::uint32_t) {
-  return NotServedYet("WriteFile");
-}
-
-FileSystem::Result RemoteFileSystemGoogle::CloseFile(FileProperties*) {
-  return NotServedYet("CloseFile");
-}
-
-FileSystem::Result RemoteFileSystemGoogle::InterruptFile() {
-  return NotServedYet("InterruptFile");
-}
-
-FileSystem::Result RemoteFileSystemGoogle::OpenForCreate(const OverwriteControl&,
-                                                         const std::string&, const SomeHash&,
-                                                         std::uint64_t, std::uint64_t,
-                                                         std::uint64_t*, bool) {
-  return NotServedYet("OpenForCreate");
-}
-
-FileSystem::Result RemoteFileSystemGoogle::OpenForRead(const std::string&, std::uint64_t,
-                                                       std::uint64_t, std::uint64_t,
-                                                       const SomeHash&) {
-  return NotServedYet("OpenForRead");
-}
-
-FileSystem::Result RemoteFileSystemGoogle::OpenForRewrite(const OverwriteControl&,
-                                                          const std::string&, const SomeHash&,
-                                                          std::uint64_t, std::uint64_t,
-                                                          std::uint64_t*) {
-  return NotServedYet("OpenForRewrite");
-}
-
-FileSystem::Result RemoteFileSystemGoogle::ReadFile(std::uint8_t*, std::uint32_t, std::uint32_t*) {
-  return NotServedYet("ReadFile");
 }
 
 // --- the change feed -----------------------------------------------------------------------
@@ -1646,4 +1614,681 @@ RemoteFileSystemGoogle::GetLastFiles(int count) {
     files.push_back(std::move(info));
   }
   return files;
+}
+
+// --- file content --------------------------------------------------------------------------
+
+namespace {
+
+constexpr int kMtimeTries = 3;
+constexpr std::int64_t kMtimeRetryMs = 2000;
+constexpr const char* kUploadAnswerFields = "id, md5Checksum, size, version";
+
+const char* HashText(const HashGoogle& hash) {
+  static thread_local std::string text;
+  text = hash.ToHexString();
+  return text.c_str();
+}
+
+}  // namespace
+
+std::string RemoteFileSystemGoogle::FormatTime(std::uint64_t seconds) {
+  std::time_t time = static_cast<std::time_t>(seconds);
+  std::tm parts{};
+  gmtime_r(&time, &parts);
+  char text[32];
+  std::strftime(text, sizeof(text), "%Y-%m-%dT%H:%M:%S.000Z", &parts);
+  return text;
+}
+
+FileSystem::Result RemoteFileSystemGoogle::IdleFileSlot(std::shared_ptr<URLProcessor>* http) {
+  *http = FileClient();
+  if (!*http) {
+    LOG_FATAL << "Not initialized.";
+    return FATAL;
+  }
+  if (operation_ != kNone) {
+    LOG_ERROR << "Another file operation is open.";
+    return FAILED;
+  }
+  return SUCCEEDED;
+}
+
+std::shared_ptr<URLProcessor> RemoteFileSystemGoogle::FileClient() const {
+  std::lock_guard<std::mutex> lock(http_mutex_);
+  return file_http_;
+}
+
+std::shared_ptr<resumable_upload::ResumableSessions<RemoteFileSystemGoogle::CurrentUpload>>
+RemoteFileSystemGoogle::Sessions() const {
+  return SharedDataAs<RemoteFileSystemGoogleSharedData>()->sessions;
+}
+
+FileSystem::Result RemoteFileSystemGoogle::OpenForCreate(const OverwriteControl&,
+                                                         const std::string& path,
+                                                         const SomeHash& hash, std::uint64_t size,
+                                                         std::uint64_t time,
+                                                         std::uint64_t* resume_offset, bool) {
+  LOG_INFO << "Creating file \"" << path << "\", size=" << size;
+  std::shared_ptr<RemoteFileIds> ids = SharedIds();
+  if (!ids->GetFileIdByPath(path).empty() || !ids->GetFolderIdByPath(path).empty()) {
+    LOG_ERROR << "File or folder already exists with such path \"" << path << "\".";
+    if (restored_from_file_) {
+      need_new_tree_ = true;
+    }
+    return CONFLICT;
+  }
+  return OpenUpload(path, std::string(), hash, size, time, resume_offset);
+}
+
+FileSystem::Result RemoteFileSystemGoogle::OpenForRewrite(const OverwriteControl& control,
+                                                          const std::string& path,
+                                                          const SomeHash& hash, std::uint64_t size,
+                                                          std::uint64_t time,
+                                                          std::uint64_t* resume_offset) {
+  LOG_INFO << "Rewriting file \"" << path << "\", size=" << size;
+  std::string id = FileId(path);
+  if (id.empty()) {
+    LOG_ERROR << "No such file \"" << path << "\".";
+    return ITEM_MISSED;
+  }
+  if (SharedDocs()->HasDoc(id, path)) {
+    LOG_ERROR << "Attempt to write google doc.";
+    return ACCESS_DENIED;
+  }
+  // The tree may be behind the server: the content replaced must be the one the caller saw.
+  if (control.hash.GetType() == SomeHash::GOOGLE && !control.hash.IsZero()) {
+    utils::json::json_tree json;
+    Result result = SendRequest(google::WithQuery("/files/" + id, {}), "md5Checksum", &json);
+    if (result != SUCCEEDED) {
+      return result;
+    }
+    HashGoogle remote = google::HashFromHex(Text(json, "md5Checksum"));
+    if (remote != control.hash.GetHashGoogle()) {
+      LOG_WARNING << "File \"" << path << "\" changed on the server: expected "
+                  << control.hash.ToHexString() << ", found " << remote.ToHexString() << ".";
+      return CONFLICT;
+    }
+  }
+  return OpenUpload(path, id, hash, size, time, resume_offset);
+}
+
+FileSystem::Result RemoteFileSystemGoogle::OpenUpload(const std::string& path,
+                                                      const std::string& file_id,
+                                                      const SomeHash& hash, std::uint64_t size,
+                                                      std::uint64_t time,
+                                                      std::uint64_t* resume_offset) {
+  // 1. The slot and the client.
+  std::shared_ptr<URLProcessor> http;
+  if (Result idle = IdleFileSlot(&http); idle != SUCCEEDED) {
+    return idle;
+  }
+  *resume_offset = 0;
+  uploader_ = std::make_unique<google::GoogleUpload>(*http);
+  // 2. A stored session of this content goes on where it stopped.
+  Result result = SUCCEEDED;
+  if (ResumeUpload(path, size, hash, &result, resume_offset)) {
+    return SUCCEEDED;
+  }
+  if (result != SUCCEEDED) {
+    return result;
+  }
+  // 3. A new session.
+  CurrentUpload upload;
+  upload.path = path;
+  upload.size = size;
+  upload.file_id = file_id;
+  upload.mtime = time;
+  upload.expected_hash = hash.GetType() == SomeHash::GOOGLE ? hash.GetHashGoogle() : HashGoogle();
+  std::string url = Endpoints::Get(Endpoints::kGoogleDrive) + google::kUploadApiBase + "/files" +
+                    (file_id.empty() ? std::string() : "/" + file_id);
+  result = RequestUploadSession(path, url, !file_id.empty(), time, &upload);
+  if (result != SUCCEEDED) {
+    LOG_ERROR << "Failed to get upload uri: " << result;
+    return result;
+  }
+  // 4. The body.
+  upload_ = upload;
+  upload_hash_.Begin();
+  upload_digest_.reset();
+  return StartBody(*http);
+}
+
+FileSystem::Result RemoteFileSystemGoogle::RequestUploadSession(const std::string& path,
+                                                                const std::string& url,
+                                                                bool is_update, std::uint64_t mtime,
+                                                                CurrentUpload* upload) {
+  // 1. Where the file goes.
+  if (!FileSystem::IsRelativeCanonicalPath(path)) {
+    LOG_ERROR << "Invalid path.";
+    return FAILED;
+  }
+  auto [parent_path, name] = SplitPath(path);
+  upload->parent_id = FolderId(parent_path);
+  if (upload->parent_id.empty()) {
+    LOG_ERROR << "Failed to find parent folder id for " << name << ".";
+    return ITEM_MISSED;
+  }
+  if (IsInsideExternalFolder(path)) {
+    LOG_ERROR << "Permission denied writing to emulated shared folder.";
+    return ACCESS_DENIED;
+  }
+  // 2. The metadata.
+  utils::json::Writer body;
+  body.BeginObject();
+  if (!is_update) {
+    std::string remote_name = name;
+    MapNameToRemote(&remote_name);
+    body.Key("parents").BeginArray().String(upload->parent_id).EndArray();
+    body.Key("name").String(remote_name);
+  }
+  body.Key("modifiedTime").String(FormatTime(mtime)).EndObject();
+  std::string target =
+      google::WithQuery(url, {{"uploadType", "resumable"}, {"fields", kUploadAnswerFields}});
+  std::string key_header =
+      is_update ? resource_keys_.BuildHeader({upload->file_id}) : std::string();
+  // 3. The session.
+  Result result = uploader_->RequestSession(target, is_update, body.Text(), key_header, upload);
+  SetFailReason(uploader_->LastResult(), uploader_->LastCode());
+  if (result == FAILED) {
+    if (!key_header.empty()) {
+      RadarsLogger::instance().SendMetric("ggl_upload_failed_resource_key", "1", 1);
+    }
+    std::shared_ptr<URLProcessor> http = FileClient();
+    if (IsSuccessResult(uploader_->LastResult())) {
+      return FAILED;
+    }
+    return MapFailure(http.get(), uploader_->LastResult());
+  }
+  upload->path = path;
+  return result;
+}
+
+bool RemoteFileSystemGoogle::ResumeUpload(const std::string& path, std::uint64_t size,
+                                          const SomeHash& hash, Result* result,
+                                          std::uint64_t* offset) {
+  // 1. A stored session of the same content.
+  CurrentUpload upload;
+  if (hash.GetType() != SomeHash::GOOGLE ||
+      !Sessions()->TakeForResume(path, SomeHash(hash.GetHashGoogle()), size, &upload)) {
+    return false;
+  }
+  if (upload.session_url.empty()) {
+    LOG_WARNING << "Upload not resumed: empty session url.";
+    return false;
+  }
+  // 2. How far the server got.
+  std::string answer;
+  google::SessionStatus status = uploader_->QueryStatus(&upload, &answer);
+  SetFailReason(uploader_->LastResult(), uploader_->LastCode());
+  switch (status) {
+    case google::SessionStatus::kResumable:
+      break;
+    case google::SessionStatus::kExpired:
+      LOG_WARNING << "Upload session for file \"" << path << "\" expired.";
+      RadarsLogger::instance().SendMetric("google_upload_session_expired", "1", 1);
+      return false;
+    case google::SessionStatus::kComplete: {
+      // The last attempt's bytes all arrived; only its answer was lost.
+      LOG_INFO << "Upload of \"" << path << "\" completed already.";
+      upload_ = upload;
+      upload_.offset = upload_.sent = upload_.size;
+      upload_.is_resumed = true;
+      operation_ = kWriting;
+      completed_answer_ = answer;
+      *offset = size;
+      return true;
+    }
+    case google::SessionStatus::kFailed: {
+      if (uploader_->LastResult() == URLProcessorResult::STOPPED) {
+        LOG_INFO << "Stopped.";
+        *result = STOPPED;
+      } else if (URLProcessor::IsNetworkError(uploader_->LastResult())) {
+        // The session may still stand: it waits in the store for the next try.
+        Sessions()->Store(path, upload);
+        *result = FAILED;
+      }
+      return false;
+    }
+  }
+  // 3. The rest of the body.
+  upload.sent = upload.started_from = upload.offset;
+  upload.is_resumed = true;
+  upload_ = upload;
+  std::shared_ptr<URLProcessor> http = FileClient();
+  *result = StartBody(*http);
+  if (*result != SUCCEEDED) {
+    return false;
+  }
+  RadarsLogger::instance().SendMetric("google_upload_resumed", "1", 1);
+  LOG_INFO << "Resume upload for file \"" << path << "\" from " << upload_.offset
+           << " offset, size = " << upload_.size << ".";
+  *offset = upload_.offset;
+  return true;
+}
+
+FileSystem::Result RemoteFileSystemGoogle::StartBody(URLProcessor& http) {
+  completed_answer_.clear();
+  if (!uploader_->BeginBody(upload_)) {
+    URLProcessorResult result = http.Finish();
+    SetFailReason(result, http.GetResponseCode());
+    if (result == URLProcessorResult::STOPPED) {
+      LOG_INFO << "Stopped.";
+      return STOPPED;
+    }
+    LOG_ERROR << "Failed to start upload.";
+    return FAILED;
+  }
+  operation_ = kWriting;
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemGoogle::WriteFile(const std::uint8_t* data, std::uint32_t size) {
+  if (operation_ != kWriting) {
+    LOG_ERROR << "No upload is open.";
+    return FAILED;
+  }
+  // 1. Never past the announced size: nothing goes out. A session the server had finished
+  // already takes no bytes at all.
+  if (size == 0) {
+    return SUCCEEDED;
+  }
+  if (upload_.offset + size > upload_.size) {
+    LOG_ERROR << "Write overflow; size=" << upload_.size << ", actual_offset=" << upload_.offset
+              << ".";
+    return FAILED;
+  }
+  if (!upload_.is_resumed) {
+    upload_hash_.Feed(data, size);
+  }
+  upload_.offset += size;
+  upload_.sent += size;
+  // 2. The last block stays here when the content is not what was announced.
+  if (upload_.offset == upload_.size && !upload_.expected_hash.IsZero() && !upload_.is_resumed) {
+    const HashGoogle& got = UploadDigest();
+    if (got != upload_.expected_hash) {
+      LOG_ERROR << "File \"" << upload_.path << "\" has different hashes: expected "
+                << HashText(upload_.expected_hash) << ", got " << got.ToHexString() << ".";
+      std::shared_ptr<URLProcessor> http = FileClient();
+      http->Stop();
+      std::string ignored;
+      URLProcessorResult ended = uploader_->Finish(&ignored);
+      http->Start();
+      if (ended != URLProcessorResult::OK) {
+        LOG_INFO << "Finished but not succeeded but " << ended << ".";
+      }
+      operation_ = kFailed;
+      SetFailReasonValue(FAIL_REASON_HTTP);
+      RadarsLogger::instance().SendMetric("google_invalid_upload_hash", "1", 1);
+      return FAILED;
+    }
+  }
+  // 3. The bytes.
+  if (uploader_->Write(data, size)) {
+    return SUCCEEDED;
+  }
+  upload_.offset -= size;
+  upload_.sent -= size;
+  operation_ = kFailed;
+  std::shared_ptr<URLProcessor> http = FileClient();
+  std::string answer;
+  URLProcessorResult result = uploader_->Finish(&answer);
+  RadarsLogger::instance().SendIfNetworkError(result, "remote_google", http->GetResponseCode(),
+                                              http->GetUrl());
+  SetFailReason(result, http->GetResponseCode());
+  KeepSessionForResume();
+  LOG_INFO << "Finished with result: " << result << ".";
+  if (result == URLProcessorResult::STOPPED) {
+    LOG_INFO << "Stopped.";
+    return STOPPED;
+  }
+  LOG_ERROR << "Writing failed.";
+  return IsSuccessResult(result) ? FAILED : MapFailure(http.get(), result);
+}
+
+const HashGoogle& RemoteFileSystemGoogle::UploadDigest() {
+  if (!upload_digest_) {
+    upload_digest_ = upload_hash_.Finish().GetHashGoogle();
+  }
+  return *upload_digest_;
+}
+
+void RemoteFileSystemGoogle::KeepSessionForResume() {
+  if (!upload_.expected_hash.IsZero() && !upload_.session_url.empty()) {
+    Sessions()->Store(upload_.path, upload_);
+  }
+}
+
+void RemoteFileSystemGoogle::SetFileHashToResumeInterruptedUpload(const SomeHash& hash) {
+  if (operation_ == kWriting && upload_.expected_hash.IsZero() &&
+      hash.GetType() == SomeHash::GOOGLE) {
+    upload_.expected_hash = hash.GetHashGoogle();
+  }
+}
+
+FileSystem::Result RemoteFileSystemGoogle::CloseFile(FileProperties* props) {
+  std::lock_guard<std::mutex> lock(operation_mutex_);
+  int operation = operation_.exchange(kNone);
+  switch (operation) {
+    case kWriting:
+      return FinishUpload(props);
+    case kReading:
+      return EndRead();
+    case kFailed: {
+      std::shared_ptr<URLProcessor> http = FileClient();
+      if (uploader_ && uploader_->BodyOpen()) {
+        std::string ignored;
+        uploader_->Finish(&ignored);
+      } else if (read_.open && http) {
+        http->Finish();
+      }
+      read_ = CurrentRead();
+      return SUCCEEDED;
+    }
+    default:
+      LOG_ERROR << "No file operation is open.";
+      return FATAL;
+  }
+}
+
+FileSystem::Result RemoteFileSystemGoogle::InterruptFile() {
+  LOG_INFO << "File operation interrupted.";
+  std::shared_ptr<URLProcessor> http = FileClient();
+  if (http) {
+    http->Stop();
+  }
+  Result result = operation_ == kNone ? SUCCEEDED : CloseFile(nullptr);
+  if (http) {
+    http->Start();
+  }
+  return result;
+}
+
+FileSystem::Result RemoteFileSystemGoogle::FinishUpload(FileProperties* props) {
+  // 1. The server's answer.
+  std::string answer = completed_answer_;
+  if (answer.empty()) {
+    std::shared_ptr<URLProcessor> http = FileClient();
+    URLProcessorResult result = uploader_->Finish(&answer);
+    RadarsLogger::instance().SendIfNetworkError(result, "remote_google", http->GetResponseCode(),
+                                                http->GetUrl());
+    SetFailReason(result, -1);
+    if (!IsSuccessResult(result)) {
+      LOG_ERROR << "Response: " << answer;
+      if (upload_.offset < upload_.size || URLProcessor::IsNetworkError(result) ||
+          result == URLProcessorResult::STOPPED) {
+        KeepSessionForResume();
+      }
+      if (result == URLProcessorResult::STOPPED) {
+        LOG_INFO << "Stopped.";
+        return STOPPED;
+      }
+      LOG_ERROR << "Not successful finish writing file.";
+      return MapFailure(http.get(), result);
+    }
+  }
+  completed_answer_.clear();
+  if (upload_.offset < upload_.size) {
+    LOG_WARNING << "Partial write.";
+  }
+  return TakeUploadedFile(answer, props);
+}
+
+FileSystem::Result RemoteFileSystemGoogle::TakeUploadedFile(const std::string& answer,
+                                                            FileProperties* props) {
+  // 1. The file as the server has it.
+  utils::json::json_tree json;
+  std::string error;
+  if (!utils::json::Parse(answer, &json, &error)) {
+    LOG_ERROR << "Failed to parse reponse: " << answer;
+    return FAILED;
+  }
+  std::string id = Text(json, "id");
+  std::string md5 = Text(json, "md5Checksum");
+  if (id.empty() || md5.empty()) {
+    LOG_ERROR << "Invalid server response.";
+    return FAILED;
+  }
+  HashGoogle remote = google::HashFromHex(md5);
+  // 2. What was sent is what arrived.
+  if (!upload_.is_resumed) {
+    const HashGoogle& computed = UploadDigest();
+    if (computed != remote) {
+      LOG_ERROR << "Invalid content being uploaded. Expected hash is " << computed.ToHexString()
+                << ". Actual is " << remote.ToHexString() << ".";
+      SetFailReasonValue(FAIL_REASON_HTTP);
+      RadarsLogger::instance().SendMetric("google_invalid_upload_hash", "1", 1);
+      return FAILED;
+    }
+  }
+  std::uint64_t size = Number(Text(json, "size"));
+  std::int64_t version = static_cast<std::int64_t>(Number(Text(json, "version")));
+  if (size != upload_.size) {
+    LOG_ERROR << "Uploaded file size does not match: expected " << upload_.size << " got " << size
+              << ".";
+    return FAILED;
+  }
+  if (!upload_.expected_hash.IsZero() && remote != upload_.expected_hash) {
+    LOG_ERROR << "Uploaded file hash does not match: expected " << HashText(upload_.expected_hash)
+              << " got " << remote.ToHexString() << ".";
+    SetFailReasonValue(FAIL_REASON_HTTP);
+    RadarsLogger::instance().SendMetric("google_invalid_upload_hash", "1", 1);
+    return FAILED;
+  }
+  // 3. The time the caller gives the file, when it is not the one sent with the session.
+  if (props && props->time != 0 && props->time != upload_.mtime &&
+      PatchMtime(id, props->time, &version) != SUCCEEDED) {
+    LOG_WARNING << "Failed to patch mtime for \"" << upload_.path << "\" to " << props->time;
+    RadarsLogger::instance().SendMetric("google_failed_patch_mtime", upload_.path, 1);
+  }
+  // 4. The tree, the echo the feed will bring, the key.
+  if (upload_.file_id.empty() &&
+      !SharedIds()->AddFileId(id, SplitPath(upload_.path).second, upload_.parent_id)) {
+    LOG_ERROR << "Failed to add file id.";
+  }
+  expected_.ExpectUpload(
+      {id, remote, size, version, upload_.parent_id, SplitPath(upload_.path).second});
+  resource_keys_.Record(id, Text(json, "resourceKey"));
+  if (props) {
+    props->hash = size == 0 ? SomeHash(HashGoogle()) : SomeHash(remote);
+    props->size = size;
+  }
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemGoogle::PatchMtime(const std::string& id, std::uint64_t mtime,
+                                                      std::int64_t* version) {
+  utils::json::Writer body;
+  body.BeginObject().Key("modifiedTime").String(FormatTime(mtime)).EndObject();
+  std::string path = google::WithQuery("/files/" + id, {{"fields", "id, version"}});
+  Result result = FAILED;
+  for (int attempt = 1; attempt <= kMtimeTries; ++attempt) {
+    utils::json::json_tree json;
+    result = WriteRequest("PATCH", path, body.Text(), {id}, &json);
+    if (result == SUCCEEDED) {
+      *version = static_cast<std::int64_t>(Number(Text(json, "version")));
+      return SUCCEEDED;
+    }
+    if (result == STOPPED) {
+      return STOPPED;
+    }
+    LOG_WARNING << "Patch request failed: " << result;
+    if (attempt < kMtimeTries && WaitForStop(kMtimeRetryMs)) {
+      LOG_INFO << "Stopped.";
+      return STOPPED;
+    }
+  }
+  LOG_ERROR << "Tries exceeded.";
+  return result;
+}
+
+FileSystem::Result RemoteFileSystemGoogle::OpenForRead(const std::string& path,
+                                                       std::uint64_t offset, std::uint64_t limit,
+                                                       std::uint64_t size, const SomeHash&) {
+  LOG_INFO << "Reading remote file \"" << path << "\".";
+  // 1. The file.
+  std::shared_ptr<URLProcessor> http;
+  if (Result idle = IdleFileSlot(&http); idle != SUCCEEDED) {
+    return idle;
+  }
+  if (!FileSystem::IsRelativeCanonicalPath(path)) {
+    LOG_ERROR << "Invalid path.";
+    return FAILED;
+  }
+  std::string id = FileId(path);
+  if (id.empty()) {
+    LOG_ERROR << "Failed to find file id. No such file.";
+    return ITEM_MISSED;
+  }
+  read_ = CurrentRead();
+  read_id_ = id;
+  // 2. A Google document is its shortcut text, made here.
+  std::shared_ptr<GoogleDocs> docs = SharedDocs();
+  if (docs->HasDoc(id, path)) {
+    std::string content = docs->ShortcutContent(id);
+    if (limit > offset) {
+      content = offset < content.size() ? content.substr(offset, limit - offset) : std::string();
+    }
+    read_.fake_content = content;
+    read_.fake = true;
+    read_.read_size = content.size();
+    operation_ = kReading;
+    return SUCCEEDED;
+  }
+  // 3. A range only for a part of the file.
+  URLProcessor::Request request;
+  request.url =
+      DispatcherUrl::FromString(Endpoints::Get(Endpoints::kGoogleDrive) + google::kDriveApiBase +
+                                google::WithQuery("/files/" + id, {{"alt", "media"}}));
+  bool whole = offset == 0 && (limit == 0 || limit >= size);
+  if (limit > offset && !whole) {
+    request.range = URLProcessor::Range{offset, limit - 1};
+  }
+  read_.read_size = limit > offset && !whole ? limit - offset : size;
+  read_.size_known = read_.read_size != 0 || whole;
+  std::string keys = resource_keys_.BuildHeader({id});
+  if (!keys.empty()) {
+    request.headers.push_back(keys);
+  }
+  read_.open = http->Send(request);
+  operation_ = kReading;
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemGoogle::ReadFile(std::uint8_t* buffer, std::uint32_t size,
+                                                    std::uint32_t* done) {
+  *done = 0;
+  if (operation_ != kReading) {
+    LOG_WARNING << "Connection is closed, can't read anymore.";
+    SetFailReasonValue(FAIL_REASON_NETWORK);
+    return FAILED;
+  }
+  // 1. A document's text.
+  if (read_.fake) {
+    std::uint64_t rest = read_.fake_content.size() - read_.read_offset;
+    *done = static_cast<std::uint32_t>(std::min<std::uint64_t>(size, rest));
+    std::memcpy(buffer, read_.fake_content.data() + read_.read_offset, *done);
+    read_.read_offset += *done;
+    return SUCCEEDED;
+  }
+  std::shared_ptr<URLProcessor> http = FileClient();
+  if (!read_.open) {
+    return FailedRead(*http, std::string());
+  }
+  // 2. The next bytes.
+  StreamResult read = http->GetInputStream()->Read(buffer, size, done);
+  if (read != StreamResult::OK && read != StreamResult::END) {
+    *done = 0;
+    return FailedRead(*http, std::string());
+  }
+  if (URLProcessor::IsNotSuccessHttpCode(http->GetResponseCode())) {
+    std::string body(reinterpret_cast<const char*>(buffer), *done);
+    *done = 0;
+    return FailedRead(*http, body);
+  }
+  // 3. The first bytes tell the size the server sends.
+  if (read_.first_chunk) {
+    read_.first_chunk = false;
+    std::string length =
+        GetValueFromHTTPHeaders(http->GetResponseHeaders(), "Content-Length", true);
+    if (read_.size_known && !length.empty() && Number(length) != read_.read_size) {
+      LOG_ERROR << "Got unexpected file size: " << length << "; expected size is "
+                << read_.read_size;
+      RadarsLogger::instance().SendMetric("ggl_read_remote_unexpected_size", "1", 1);
+      *done = 0;
+      http->Stop();
+      http->Finish();
+      http->Start();
+      read_.open = false;
+      operation_ = kFailed;
+      return FAILED;
+    }
+  }
+  read_.read_offset += *done;
+  if (read == StreamResult::END) {
+    read_.open = false;
+    URLProcessorResult ended = http->Finish();
+    if (!IsSuccessResult(ended)) {
+      return FailedRead(*http, std::string());
+    }
+    if (read_.size_known && read_.read_offset != read_.read_size) {
+      LOG_WARNING << "Stream closed at " << read_.read_offset << " out of " << read_.read_size
+                  << ".";
+      RadarsLogger::instance().SendMetric("ggl_read_remote_unexpected_size", "1", 1);
+      operation_ = kFailed;
+      return FAILED;
+    }
+  }
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemGoogle::FailedRead(URLProcessor& http, const std::string& body) {
+  // 1. How the GET ended.
+  std::string text = body;
+  if (read_.open) {
+    http.GetInputStream()->ReadAllTo(&text, 4096, 64 * 1024);
+    read_.open = false;
+  }
+  URLProcessorResult result = http.Finish();
+  int code = http.GetResponseCode();
+  RadarsLogger::instance().SendIfNetworkError(result, "remote_google", code, http.GetUrl());
+  SetFailReason(result, code);
+  operation_ = kFailed;
+  if (result == URLProcessorResult::STOPPED) {
+    LOG_INFO << "Stopped.";
+    SetFailReasonValue(FAIL_REASON_NONE);
+    return STOPPED;
+  }
+  // 2. What the server said.
+  if (!text.empty()) {
+    LOG_ERROR << "Received body: \n" << text;
+    std::string type = GetValueFromHTTPHeaders(http.GetResponseHeaders(), "Content-Type", true);
+    if (type.find("json") == std::string::npos &&
+        text.find("\"cannotDownloadFile\"") != std::string::npos) {
+      LOG_ERROR << "Assuming access denied, full respone is: \n" << text;
+    }
+  }
+  if (code == 403) {
+    LOG_WARNING << "Got 403 when reading, assuming RATE_LIMIT.";
+    RadarsLogger::instance().SendMetric("ggl_read_rate_limit", "1", 1);
+    SetFailReasonValue(FAIL_REASON_RATE_LIMIT);
+  }
+  if (code == 404 && !resource_keys_.BuildHeader({read_id_}).empty()) {
+    RadarsLogger::instance().SendMetric("ggl_read_failed_resource_key", "1", 1);
+  }
+  LOG_ERROR << "Finish result: " << result << ";   http_code=" << code;
+  Result mapped = MapFailure(&http, result);
+  return mapped == SUCCEEDED ? FAILED : mapped;
+}
+
+FileSystem::Result RemoteFileSystemGoogle::EndRead() {
+  std::shared_ptr<URLProcessor> http = FileClient();
+  if (read_.open && http) {
+    // The caller read what it wanted: the rest of the body is not waited for.
+    http->Stop();
+    http->Finish();
+    http->Start();
+  }
+  read_ = CurrentRead();
+  return SUCCEEDED;
 }

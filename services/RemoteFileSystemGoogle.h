@@ -21,10 +21,12 @@
 #include <deque>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <string>
 #include <unordered_set>
 #include <vector>
 
+#include "core/HashCalculators.h"
 #include "core/Json.h"
 #include "core/RemoteFileSystemChangesSupport.h"
 #include "core/URLProcessor.h"
@@ -32,6 +34,7 @@
 #include "services/GoogleResourceKeys.h"
 #include "services/GoogleSelfMadeChanges.h"
 #include "services/GoogleTreeConstructors.h"
+#include "services/GoogleUpload.h"
 #include "services/RemoteGoogleUtils.h"
 
 class GoogleDocs;
@@ -39,14 +42,7 @@ class RemoteFileIds;
 
 class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
  public:
-  // An interrupted upload, kept in the account's store for the next try.
-  struct CurrentUpload {
-    std::string url;
-    HashGoogle hash;
-    std::uint64_t size = 0;
-    std::uint64_t offset = 0;
-  };
-
+  using CurrentUpload = google::CurrentUpload;
   using ExpectedRemoteChangeUpload = google::ExpectedRemoteChangeUpload;
 
   // The name of the emulated folder of items shared with the account.
@@ -129,19 +125,23 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
   bool IsItemInMountedDir(const std::string& path) override;
   utils::ValueOrError<std::vector<FileInfo>, Result> GetLastFiles(int count) override;
 
-  // Not served by this adapter yet: each answers NOT_SUPPORTED with a log line, without a request.
-  Result WriteFile(const std::uint8_t* data, std::uint32_t size) override;
-  Result CloseFile(FileProperties* props) override;
-  Result InterruptFile() override;
+  // --- file content ------------------------------------------------------------------------
   Result OpenForCreate(const OverwriteControl& control, const std::string& path,
                        const SomeHash& hash, std::uint64_t size, std::uint64_t time,
                        std::uint64_t* resume_offset, bool flag) override;
-  Result OpenForRead(const std::string& path, std::uint64_t offset, std::uint64_t limit,
-                     std::uint64_t size, const SomeHash& hash) override;
   Result OpenForRewrite(const OverwriteControl& control, const std::string& path,
                         const SomeHash& hash, std::uint64_t size, std::uint64_t time,
                         std::uint64_t* resume_offset) override;
+  Result WriteFile(const std::uint8_t* data, std::uint32_t size) override;
+  Result OpenForRead(const std::string& path, std::uint64_t offset, std::uint64_t limit,
+                     std::uint64_t size, const SomeHash& hash) override;
   Result ReadFile(std::uint8_t* buffer, std::uint32_t size, std::uint32_t* done) override;
+  Result CloseFile(FileProperties* props) override;
+  Result InterruptFile() override;
+  void SetFileHashToResumeInterruptedUpload(const SomeHash& hash) override;
+  bool IsReadingFakeContent() override { return !read_.fake_content.empty(); }
+  // RFC 3339 in UTC, as Drive takes "modifiedTime": "2023-11-14T22:13:20.000Z".
+  static std::string FormatTime(std::uint64_t seconds);
 
   // --- capabilities -------------------------------------------------------------------------
   std::uint64_t GetMaxFileSize() override { return max_upload_size_; }
@@ -187,7 +187,6 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
   // The error for the user's message, and its metric with the reason as value.
   void KeepTreeError(const TreeError& error, const char* metric);
   Result GetStartPageToken(std::string* token);
-  Result NotServedYet(const char* operation);
 
   // The feed.
   Result FetchChanges(std::vector<Change>* changes);
@@ -233,6 +232,41 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
   Result SumSizes(const std::string& query, const std::string& fields, const char* order,
                   std::uint64_t* sum);
 
+  // File content.
+  enum Operation { kNone = 0, kFailed = 1, kWriting = 2, kReading = 3 };
+  struct CurrentRead {
+    std::uint64_t read_size = 0;
+    std::uint64_t read_offset = 0;
+    bool size_known = false;
+    bool first_chunk = true;
+    std::string fake_content;  // a Google document's shortcut text: nothing is downloaded
+    bool fake = false;         // even when the range asked cuts all of the text away
+    bool open = false;         // a GET whose body is not all read yet
+  };
+  std::shared_ptr<URLProcessor> FileClient() const;
+  // The content client, when the file slot is free for a new transfer.
+  Result IdleFileSlot(std::shared_ptr<URLProcessor>* http);
+  Result OpenUpload(const std::string& path, const std::string& file_id, const SomeHash& hash,
+                    std::uint64_t size, std::uint64_t time, std::uint64_t* resume_offset);
+  Result RequestUploadSession(const std::string& path, const std::string& url, bool is_update,
+                              std::uint64_t mtime, CurrentUpload* upload);
+  // A stored session of this path and content: true when it took the upload over, with
+  // `*offset` where the caller goes on; `*result` tells a failure of the check.
+  bool ResumeUpload(const std::string& path, std::uint64_t size, const SomeHash& hash,
+                    Result* result, std::uint64_t* offset);
+  Result StartBody(URLProcessor& http);
+  // The streaming PUT ended: the server's answer checked, the file recorded.
+  Result FinishUpload(FileProperties* props);
+  // The answer of a finished session: its file checked against what was sent.
+  Result TakeUploadedFile(const std::string& answer, FileProperties* props);
+  Result PatchMtime(const std::string& id, std::uint64_t mtime, std::int64_t* version);
+  // An upload that stopped short is kept for the next try, when its content is known.
+  void KeepSessionForResume();
+  const HashGoogle& UploadDigest();
+  Result EndRead();
+  Result FailedRead(URLProcessor& http, const std::string& body);
+  std::shared_ptr<resumable_upload::ResumableSessions<CurrentUpload>> Sessions() const;
+
   std::shared_ptr<RemoteFileIds> SharedIds() const;
   std::shared_ptr<GoogleDocs> SharedDocs() const;
 
@@ -258,6 +292,17 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
   unsigned requests_count_ = 0;
   mutable std::mutex tree_error_mutex_;
   TreeError tree_error_;
+
+  std::shared_ptr<URLProcessor> file_http_;  // guarded by http_mutex_
+  std::mutex operation_mutex_;
+  std::atomic<int> operation_{kNone};
+  CurrentUpload upload_;
+  HashCalculatorGoogle upload_hash_;
+  std::optional<HashGoogle> upload_digest_;  // upload_hash_ finished, once the bytes are all in
+  std::unique_ptr<google::GoogleUpload> uploader_;
+  std::string completed_answer_;  // a resumed session the server had finished already
+  CurrentRead read_;
+  std::string read_id_;
 
   GoogleSelfMadeChanges expected_;
   std::mutex changes_mutex_;

@@ -1,5 +1,6 @@
 // The Drive dialect as a client of Drive's reference sees it: partial answers, the "q" subset,
-// paging with empty pages, about's required fields, the change list and Drive's error bodies.
+// paging with empty pages, about's required fields, the change list, Drive's error bodies,
+// resumable uploads and downloads with a range.
 #include "emulators/GoogleDialect.h"
 
 #include <QJsonArray>
@@ -7,10 +8,12 @@
 #include <QJsonObject>
 #include <QUrl>
 
+#include <optional>
 #include <string>
 
 #include <gtest/gtest.h>
 
+#include "core/URLProcessor.h"
 #include "emulators/Emulator.h"
 #include "support/Fetch.h"
 
@@ -234,6 +237,72 @@ TEST_F(GoogleDialectTest, AppPropertiesMergeByKeyAndAreFoundByKeyAndValue) {
   Get("/files?q=" + QUrl::toPercentEncoding("appProperties has { key='b' }").toStdString(),
       &status);
   EXPECT_EQ(status, 400);
+}
+
+// A resumable session as Drive's guide tells it: the Location, 308 with what the server holds in
+// steps of 256 KiB (no Range when nothing), the rest by Content-Range, then the file; a status
+// query of a finished session gives the file again; an expired one is 404.
+TEST_F(GoogleDialectTest, AResumableSessionTakesItsBytesInPieces) {
+  const std::string base = emulator_->BaseUrl();
+  std::string content(600 * 1024, 'z');
+  content[12345] = 'y';
+  test::Answer opened =
+      test::Fetch("POST", base + "/upload/drive/v3/files?uploadType=resumable&fields=id,size",
+                  "Bearer t", R"({"name":"up.bin","parents":[")" + folder_.id + R"("]})",
+                  std::string(), "Content-Type: application/json");
+  ASSERT_EQ(opened.status, 200) << opened.body;
+  std::string location = GetValueFromHTTPHeaders(opened.headers, "Location", true);
+  ASSERT_FALSE(location.empty()) << opened.headers;
+  const std::string total = "/" + std::to_string(content.size());
+  struct Step {
+    const char* what;
+    std::string content_range;
+    std::string body;
+    long status;
+    std::string range;  // of a 308
+  };
+  const Step steps[] = {
+      {"nothing yet", "bytes */" + std::to_string(content.size()), "", 308, ""},
+      {"300 KiB kept as 256", "bytes 0-307199" + total, content.substr(0, 300 * 1024), 308,
+       "bytes=0-262143"},
+      {"a piece from elsewhere", "bytes 307200-614399" + total, content.substr(300 * 1024), 308,
+       "bytes=0-262143"},
+      {"the rest", "bytes 262144-614399" + total, content.substr(262144), 200, ""},
+      {"asked again", "bytes */" + std::to_string(content.size()), "", 200, ""},
+  };
+  emulators::FaultRule keep;
+  keep.verb = "PUT";
+  keep.nth = 2;
+  keep.fault.persist_limit = 300 * 1024;
+  emulator_->faults().Add(keep);
+  for (const Step& step : steps) {
+    SCOPED_TRACE(step.what);
+    test::Answer answer = test::Fetch("PUT", location, "", step.body, std::string(),
+                                      "Content-Range: " + step.content_range);
+    EXPECT_EQ(answer.status, step.status) << answer.body;
+    if (step.status == 308) {
+      EXPECT_EQ(GetValueFromHTTPHeaders(answer.headers, "Range", true), step.range);
+    } else {
+      QJsonObject file = QJsonDocument::fromJson(QByteArray::fromStdString(answer.body)).object();
+      EXPECT_EQ(file.value("size").toString().toStdString(), std::to_string(content.size()));
+    }
+  }
+  std::optional<Item> made = emulator_->account().FindByPath("Jane's/up.bin");
+  ASSERT_TRUE(made && made->content);
+  EXPECT_EQ(*made->content, content);
+  // Ranged media of it.
+  test::Answer part = test::Fetch("GET", base + "/drive/v3/files/" + made->id + "?alt=media",
+                                  "Bearer t", "", "bytes=12340-12349");
+  EXPECT_EQ(part.status, 206);
+  EXPECT_EQ(part.body, content.substr(12340, 10));
+  // Another session, forgotten by the server.
+  opened = test::Fetch("POST", base + "/upload/drive/v3/files?uploadType=resumable", "Bearer t",
+                       R"({"name":"gone.bin"})", std::string(), "Content-Type: application/json");
+  ASSERT_EQ(opened.status, 200);
+  emulator_->account().ExpireUploads();
+  std::string gone = GetValueFromHTTPHeaders(opened.headers, "Location", true);
+  EXPECT_EQ(test::Fetch("PUT", gone, "", "", std::string(), "Content-Range: bytes */5").status,
+            404);
 }
 
 }  // namespace

@@ -1,7 +1,9 @@
 // The tool against `corvane emulate google` as two processes: the item commands change the
-// account as asked (the emulator's own dump shows it), and `changes` prints a folder that the
-// emulator's control path makes meanwhile, then ends at once on Ctrl-C during its idle pause;
-// with `--state` a second run follows the feed from the saved state instead of listing.
+// account as asked (the emulator's own dump shows it), `changes` prints a folder that the
+// emulator's control path makes meanwhile, then ends at once on Ctrl-C during its idle pause, a
+// put broken off midway resumes in its retry, get reads a range, export writes a document's
+// exported bytes, and with `--state` a second run follows the feed from the saved state instead
+// of listing.
 #include <signal.h>
 
 #include <QJsonArray>
@@ -18,6 +20,7 @@
 
 #include <gtest/gtest.h>
 
+#include "emulators/GoogleDialect.h"
 #include "support/EmulatorProcess.h"
 #include "support/Fetch.h"
 #include "support/Processes.h"
@@ -149,6 +152,57 @@ TEST_F(CorvaneGoogleTest, StateLetsTheNextRunFollowTheFeedInsteadOfListing) {
   // 4. A command that changes the account leaves no state the next run could trust.
   ASSERT_EQ(Run({"--state", state, "mkdir", "made"}).status, 0);
   EXPECT_FALSE(fs::exists(state));
+}
+
+// The connection breaks after the server kept 8 MiB of 20; the retry in the same process asks
+// the session how far it got and sends only the rest.
+TEST_F(CorvaneGoogleTest, APutBrokenOffResumesInItsRetry) {
+  std::string content(20 << 20, '\0');
+  for (std::size_t i = 0; i < content.size(); ++i)
+    content[i] = static_cast<char>((i * 7 + (i >> 13)) & 0xff);
+  test::WriteAll(temp_.path() / "big.bin", content);
+  test::Answer fault = test::Fetch(
+      "POST", control_ + "faults", "",
+      R"({"verb":"PUT","path":"/upload/drive/v3/files","persist_limit":8388608,"reset":true})");
+  ASSERT_LT(fault.status, 300) << fault.body;
+  test::Outcome put =
+      Run({"put", (temp_.path() / "big.bin").string(), "docs/big.bin", "--retries", "2"});
+  ASSERT_EQ(put.status, 0) << put.err;
+  EXPECT_NE(put.err.find("put: resuming at byte 8388608"), std::string::npos) << put.err;
+  // The log: the body, the status query, the rest from 8 MiB on.
+  QJsonArray requests =
+      QJsonDocument::fromJson(
+          QByteArray::fromStdString(test::Fetch("GET", control_ + "requests", "").body))
+          .array();
+  std::vector<std::string> puts;
+  for (const QJsonValue& request : requests) {
+    if (request["verb"].toString() == "PUT")
+      puts.push_back(request["content_range"].toString().toStdString() + " " +
+                     std::to_string(request["size"].toInt()));
+  }
+  EXPECT_EQ(puts, (std::vector<std::string>{" 20971520", "bytes */20971520 0",
+                                            "bytes 8388608-20971519/20971520 12582912"}));
+  test::Outcome got = Run({"get", "docs/big.bin", (temp_.path() / "back.bin").string()});
+  ASSERT_EQ(got.status, 0) << got.err;
+  EXPECT_TRUE(test::ReadAll(temp_.path() / "back.bin") == content);
+  test::Outcome part = Run({"get", "docs/a.txt", "-", "--offset", "1", "--limit", "4"});
+  ASSERT_EQ(part.status, 0) << part.err;
+  EXPECT_EQ(part.out, "lph");
+}
+
+TEST_F(CorvaneGoogleTest, ExportWritesADocumentsExportedBytes) {
+  test::Answer seeded = test::Fetch(
+      "POST", control_.substr(0, control_.find("/_emulator")) + emulators::GoogleDialect::kDemoPath,
+      "");
+  ASSERT_LT(seeded.status, 300) << seeded.body;
+  const fs::path out = temp_.path() / "report.docx";
+  test::Outcome exported = Run({"export", "Docs/Report.url", out.string()});
+  ASSERT_EQ(exported.status, 0) << exported.err;
+  EXPECT_NE(exported.err.find("as docx"), std::string::npos) << exported.err;
+  EXPECT_EQ(test::ReadAll(out), emulators::GoogleDialect::ExportedBytes(
+                                    Item("Report")["id"].toString().toStdString(), "docx"));
+  // A plain file is no document.
+  EXPECT_NE(Run({"export", "docs/a.txt", (temp_.path() / "a.docx").string()}).status, 0);
 }
 
 }  // namespace

@@ -74,6 +74,7 @@ int RunLs(Context& context);
 int RunChanges(Context& context);
 int RunGet(Context& context);
 int RunPut(Context& context);
+int RunExport(Context& context);
 int RunMkdir(Context& context);
 int RunRm(Context& context);
 int RunRmdir(Context& context);

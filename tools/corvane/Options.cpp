@@ -74,6 +74,7 @@ const std::map<std::string, OptionRule>& Rules() {
       {"offset", {true, true, Number("offset", &Options::offset)}},
       {"limit", {true, true, Number("limit", &Options::limit)}},
       {"overwrite", {false, true, Flag(&Options::overwrite)}},
+      {"retries", {true, true, Number("retries", &Options::retries)}},
       {"for", {true, true, Number("for", &Options::for_seconds)}},
       {"type", {true, true, Text(&Options::hash_type)}},
       {"port", {true, true, Number("port", &Options::port)}},
@@ -176,7 +177,11 @@ Commands:
   ls PATH                       one folder
   get REMOTE LOCAL [--offset N] [--limit N]   read a file (LOCAL "-" is stdout;
                                 the limit is the end offset, exclusive)
-  put LOCAL REMOTE [--overwrite]              upload a file
+  put LOCAL REMOTE [--overwrite] [--retries N]
+                                upload a file; a failed try is tried again up to N
+                                times, resuming where the service allows it
+  export REMOTE LOCAL           a Google document (its shortcut REMOTE) in an office
+                                format, as the backup side fetches it
   mkdir PATH | rm PATH | rmdir PATH | mv FROM TO
   quota                         total, used and free bytes
   link PATH | unlink PATH       publish or withdraw a public link

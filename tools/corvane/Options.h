@@ -37,6 +37,7 @@ struct Options {
   std::optional<std::uint64_t> offset;
   std::optional<std::uint64_t> limit;
   bool overwrite = false;
+  std::optional<std::uint64_t> retries;  // a failed put opens again, resuming what was kept
   std::optional<std::uint64_t> for_seconds;
   std::string hash_type;
   std::optional<std::uint64_t> port;

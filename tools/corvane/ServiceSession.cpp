@@ -11,6 +11,7 @@
 #include "core/Endpoints.h"
 #include "core/RemoteFileSystem.h"
 #include "core/RemoteFileSystemFactory.h"
+#include "core/SpecialDocsTypeRemoteReader.h"
 
 namespace corvane {
 namespace {
@@ -155,6 +156,10 @@ ServiceSession::~ServiceSession() {
   if (library_) {
     dlclose(library_);
   }
+}
+
+std::shared_ptr<SpecialDocsTypeRemoteReader> ServiceSession::DocsReader() const {
+  return factory_->CreateSpecialDocsTypeRemoteReader(transport_);
 }
 
 }  // namespace corvane

@@ -18,6 +18,7 @@
 
 class RemoteFileSystem;
 class RemoteFileSystemFactory;
+class SpecialDocsTypeRemoteReader;
 
 namespace corvane {
 
@@ -33,6 +34,8 @@ class ServiceSession {
   ServiceSession& operator=(const ServiceSession&) = delete;
 
   RemoteFileSystem& fs() { return *fs_; }
+  // The account's reader of documents that exist only on the server; null where there are none.
+  std::shared_ptr<SpecialDocsTypeRemoteReader> DocsReader() const;
   // True when a request of the adapter got no answer at all (refused, unresolved, timed out
   // before the head): the service is out of reach rather than failing.
   bool ServiceUnreachable() const;

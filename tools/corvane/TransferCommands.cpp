@@ -15,8 +15,10 @@
 #include "Command.h"
 #include "Interrupter.h"
 #include "ProgressBar.h"
+#include "ServiceSession.h"
 #include "core/HashCalculators.h"
 #include "core/RemoteFileSystem.h"
+#include "core/SpecialDocsTypeRemoteReader.h"
 
 namespace corvane {
 namespace {
@@ -252,6 +254,69 @@ int RunGet(Context& context) {
   return 0;
 }
 
+namespace {
+
+// What one try of a put ended with: the Result and the step that gave it.
+struct PutTry {
+  FileSystem::Result result = FileSystem::SUCCEEDED;
+  const char* step = "put";
+  std::string detail;
+};
+
+// Open, the content from where the service stands, close. A failed try leaves the slot
+// abandoned, so that an interrupted upload keeps its session for the next one.
+PutTry TryPut(Context& context, const std::string& local, const std::string& remote,
+              const LocalFile& file, const SomeHash& hash, FileSystem::FileProperties* props) {
+  RemoteFileSystem& fs = *context.fs;
+  // 1. Open, where a service that resumes tells how much it holds already.
+  if (fs.SupportsResumingUpload()) {
+    fs.SetFileHashToResumeInterruptedUpload(hash);
+  }
+  std::uint64_t resume_offset = 0;
+  PutTry outcome;
+  outcome.result = OpenUpload(context, remote, hash, file, &resume_offset);
+  if (outcome.result != FileSystem::SUCCEEDED) {
+    outcome.step = context.options.overwrite ? "put: OpenForRewrite" : "put: OpenForCreate";
+    return outcome;
+  }
+  if (resume_offset > 0) {
+    context.err << "put: resuming at byte " << resume_offset << std::endl;
+  }
+  // 2. The content from the resume offset on.
+  std::ifstream in(local, std::ios::binary);
+  in.seekg(static_cast<std::streamoff>(resume_offset));
+  std::atomic<std::uint64_t> sent{resume_offset};
+  {
+    ProgressBar bar("put", [&sent, &file] { return Fraction(sent, file.size); });
+    std::vector<char> block(kBlockSize);
+    while (sent < file.size) {
+      in.read(block.data(), block.size());
+      auto got = static_cast<std::uint32_t>(in.gcount());
+      if (got == 0) {
+        fs.InterruptFile();
+        return PutTry{FileSystem::FAILED, "put", local + " shrank while being sent"};
+      }
+      outcome.result = fs.WriteFile(reinterpret_cast<const std::uint8_t*>(block.data()), got);
+      if (outcome.result != FileSystem::SUCCEEDED) {
+        if (outcome.result == FileSystem::STOPPED) {
+          fs.Start();
+        }
+        fs.InterruptFile();
+        outcome.step = "put: WriteFile";
+        return outcome;
+      }
+      sent += got;
+    }
+  }
+  // 3. Finish: the server's hash of what it now holds.
+  props->time = file.mtime;
+  outcome.result = fs.CloseFile(props);
+  outcome.step = "put: CloseFile";
+  return outcome;
+}
+
+}  // namespace
+
 int RunPut(Context& context) {
   RemoteFileSystem& fs = *context.fs;
   const std::string& local = context.options.args[0];
@@ -274,46 +339,22 @@ int RunPut(Context& context) {
     }
     hash = calculator->Finish();
   }
-  // 2. Open, where a service that resumes tells how much it holds already.
-  if (fs.SupportsResumingUpload()) {
-    fs.SetFileHashToResumeInterruptedUpload(hash);
-  }
-  std::uint64_t resume_offset = 0;
-  FileSystem::Result result = OpenUpload(context, remote, hash, file, &resume_offset);
-  if (result != FileSystem::SUCCEEDED) {
-    return Report(context, result,
-                  context.options.overwrite ? "put: OpenForRewrite" : "put: OpenForCreate");
-  }
-  if (resume_offset > 0) {
-    context.err << "put: resuming at byte " << resume_offset << std::endl;
-  }
-  // 3. The content from the resume offset on.
-  in.clear();
-  in.seekg(static_cast<std::streamoff>(resume_offset));
-  std::atomic<std::uint64_t> sent{resume_offset};
-  {
-    ProgressBar bar("put", [&sent, &file] { return Fraction(sent, file.size); });
-    std::vector<char> block(kBlockSize);
-    while (sent < file.size) {
-      in.read(block.data(), block.size());
-      auto got = static_cast<std::uint32_t>(in.gcount());
-      if (got == 0) {
-        fs.InterruptFile();
-        return Fail(context, kExitEnvironment, "put: " + local + " shrank while being sent");
-      }
-      result = fs.WriteFile(reinterpret_cast<const std::uint8_t*>(block.data()), got);
-      if (result != FileSystem::SUCCEEDED) {
-        return AbandonTransfer(context, result, "put: WriteFile");
-      }
-      sent += got;
-    }
-  }
-  // 4. Finish: the server's hash of what it now holds.
+  // 2. The tries: a failure that a later try may overcome is tried again, unless stopped.
   FileSystem::FileProperties props;
-  props.time = file.mtime;
-  result = fs.CloseFile(&props);
-  if (result != FileSystem::SUCCEEDED) {
-    return Report(context, result, "put: CloseFile");
+  PutTry outcome;
+  for (std::uint64_t attempt = 0;; ++attempt) {
+    outcome = TryPut(context, local, remote, file, hash, &props);
+    if (outcome.result != FileSystem::FAILED || context.interrupter.Interrupted() ||
+        attempt >= context.options.retries.value_or(0)) {
+      break;
+    }
+    context.err << "put: try " << attempt + 1 << " failed, trying again" << std::endl;
+  }
+  if (outcome.result != FileSystem::SUCCEEDED) {
+    if (context.interrupter.Interrupted()) {
+      outcome.detail = "interrupted";
+    }
+    return Report(context, outcome.result, outcome.step, outcome.detail);
   }
   if (context.options.json) {
     context.out << "{\"path\": " << JsonString(remote) << ", \"size\": " << file.size
@@ -322,6 +363,53 @@ int RunPut(Context& context) {
     context.out << props.hash.ToDisplayString() << std::endl;
   }
   context.err << "put: " << file.size << " bytes to " << remote << std::endl;
+  return 0;
+}
+
+int RunExport(Context& context) {
+  std::string remote = context.options.args[0];
+  const std::string& local = context.options.args[1];
+  if (!ToCanonicalPath(&remote) || remote.empty()) {
+    return Fail(context, kExitUsage, "export: not a file path: " + context.options.args[0]);
+  }
+  // 1. The tree names the document; the reader learns every document's export link.
+  FileSystem::Result result = context.tree->Prepare();
+  if (result != FileSystem::SUCCEEDED) {
+    return Report(context, result, "export: tree");
+  }
+  std::shared_ptr<SpecialDocsTypeRemoteReader> reader = context.session->DocsReader();
+  if (!reader) {
+    return Fail(context, kExitUsage, "export: the service keeps no documents of its own");
+  }
+  if (!reader->LoadLinks()) {
+    return Report(context, FileSystem::FAILED, "export: LoadLinks");
+  }
+  // 2. The converted copy.
+  LocalTarget target(local);
+  if (!target.Open()) {
+    return Fail(context, kExitEnvironment, "export: cannot write beside " + local);
+  }
+  result = reader->Open(remote);
+  std::uint64_t size = 0;
+  if (result == FileSystem::SUCCEEDED) {
+    result = reader->ReadSizeHeader(&size);
+  }
+  std::vector<std::uint8_t> block(kBlockSize);
+  std::uint64_t received = 0;
+  for (std::uint32_t done = 1; result == FileSystem::SUCCEEDED && done > 0;) {
+    result = reader->Read(block.data(), kBlockSize, &done);
+    target.out().write(reinterpret_cast<const char*>(block.data()), done);
+    received += done;
+  }
+  reader->Close();
+  if (result != FileSystem::SUCCEEDED) {
+    return Report(context, result, "export: " + remote);
+  }
+  if (!target.Commit()) {
+    return Fail(context, kExitEnvironment, "export: writing " + local + " failed");
+  }
+  context.err << "export: " << received << " bytes of " << remote << " as "
+              << reader->GetExtension(remote) << std::endl;
   return 0;
 }
 

@@ -12,7 +12,6 @@ class GoogleTarget : public contract::EmulatorTarget {
           return SomeHash(item.size == 0 ? HashGoogle()
                                          : HashGoogle::FromHexString(item.digests.md5));
         }) {}
-  bool ServesTransfers() const override { return false; }
 };
 
 const contract::Registration kGoogle("google", [] { return std::make_unique<GoogleTarget>(); });
