@@ -4,6 +4,7 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <atomic>
 #include <mutex>
 #include <queue>
@@ -553,6 +554,46 @@ TEST_F(WebDavFaultTest, AnUploadWhoseContentIsNotTheAnnouncedOneNeverEnds) {
   }
 }
 
+// The announced hash may come in the hex of any case (a server's own form, upper case for some):
+// the same content is the same whichever case, another content is refused whatever the case.
+TEST_F(WebDavFaultTest, AnUploadsHashIsComparedWhateverTheCaseOfItsHex) {
+  const std::string content(3000, 'c');
+  HashCalculatorInternal calculator;
+  calculator.Begin();
+  calculator.Feed(reinterpret_cast<const std::uint8_t*>(content.data()), 3000);
+  const std::string hex = calculator.Finish().GetHashGenericString();
+  std::string upper = hex;
+  std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
+  std::string mixed = hex;
+  for (std::size_t i = 0; i < mixed.size(); i += 2) {
+    mixed[i] = static_cast<char>(::toupper(mixed[i]));
+  }
+  std::string other = upper;
+  other[0] = other[0] == 'A' ? 'B' : 'A';
+  const std::pair<std::string, Result> cases[] = {
+      {hex, Result::SUCCEEDED},
+      {upper, Result::SUCCEEDED},
+      {mixed, Result::SUCCEEDED},
+      {other, Result::FAILED},
+  };
+  ASSERT_NE(hex, upper);
+  for (const auto& [announced, result] : cases) {
+    SCOPED_TRACE(announced);
+    auto dav = Open();
+    server_.Handle("PUT", "/dav/f", [](const HttpRequest&) {
+      HttpResponse response = HttpResponse::Status(201);
+      response.headers = {{"ETag", "\"w\""}};
+      return response;
+    });
+    std::uint64_t offset = 0;
+    ASSERT_EQ(dav->OpenForCreate({}, "f", SomeHash(announced), 3000, 0, &offset, false),
+              Result::SUCCEEDED);
+    EXPECT_EQ(dav->WriteFile(reinterpret_cast<const std::uint8_t*>(content.data()), 3000), result);
+    FileSystem::FileProperties props;
+    EXPECT_EQ(dav->CloseFile(&props), result);
+  }
+}
+
 // A refusal means the same whenever it comes: after the body, or before it (a large upload asks
 // "Expect: 100-continue" and gets the server's word first), for a new file and for a rewrite.
 TEST_F(WebDavFaultTest, ARefusalOfAnUploadIsMappedByItsCodeWheneverItComes) {
@@ -810,7 +851,8 @@ TEST_F(WebDavFaultTest, AReadIsCheckedAgainstTheEtagOfTheTree) {
     bool agree;
   };
   const Case cases[] = {
-      {"\"abc123\"", "ABC123", true},          {"\"abc123\"", "a", false},
+      {"\"abc123\"", "ABC123", true},          {"\"ABC123\"", "abc123", true},
+      {"\"aBc123\"", "\"AbC123\"", true},      {"\"abc123\"", "a", false},
       {"\"abc123-gzip\"", "\"abc123\"", true}, {"\"abd123\"", "\"abc123\"", false},
       {nullptr, "\"anything\"", true},
   };
