@@ -350,7 +350,7 @@ CurlURLProcessor::Drive CurlURLProcessor::DriveUntil(Ready ready) {
       curl_result_ = CURLE_OPERATION_TIMEDOUT;
       return Drive::kDone;
     }
-    curl_multi_poll(multi_, nullptr, 0, kPollIntervalMs, nullptr);
+    curl_multi_poll(multi_, nullptr, 0, poll_interval_ms_, nullptr);
   }
 }
 

@@ -2,8 +2,8 @@
 //
 // The body of an answer is pulled by InputStream::Read and the body of an upload pushed by
 // OutputStream::Write; between calls the transfer is paused, so at most kMaxBufferedBytes of an
-// answer wait in memory however large the body. Stop() wakes the running call within one poll
-// round (kPollIntervalMs) and the call answers STOPPED.
+// answer wait in memory however large the body. Stop() wakes the running call at once, whatever
+// the poll round, and the call answers STOPPED.
 //
 //   auto http = std::make_shared<CurlURLProcessor>(cookie);
 //   std::string head;
@@ -51,6 +51,10 @@ class CurlURLProcessor : public URLProcessor {
   void SetNoResponseHeadersBuffer() override;
 
   void SetTimeoutSec(int seconds) override;
+  // The longest wait for the socket between two looks at the time-out (kPollIntervalMs unless
+  // set). Stop() and the socket end a wait early, so a test that lengthens it learns whether a
+  // stop really woke the call.
+  void SetPollIntervalMs(int ms) { poll_interval_ms_ = ms; }
   void SetHttpVersion(int setting) override;
   void SetCompression(bool gzip) override;
   void SetUserAgent(const std::string& agent) override;
@@ -106,6 +110,7 @@ class CurlURLProcessor : public URLProcessor {
 
   // Settings.
   int timeout_sec_ = kDefaultTimeoutSec;
+  int poll_interval_ms_ = kPollIntervalMs;
   int http_version_ = kHttpDefault;
   bool gzip_ = false;
   std::string user_agent_;

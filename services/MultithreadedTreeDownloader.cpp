@@ -169,10 +169,14 @@ void MultithreadedTreeDownloader::ListWithRetries(const Query& query,
     }
     const FileSystem::Result result = DownloadDir(query, processor);
     if (result == FileSystem::SUCCEEDED || result == FileSystem::STOPPED) {
-      // Any worker's good answer ends the back-off of all.
+      // Any worker's good answer ends the back-off of all. It is recorded before the folder is
+      // handed on, so that no request for a subfolder of it can meet a back-off that it ended.
       rateLimited_ = false;
       rateLimitReported_ = false;
       lastOkTime_ = NowSec();
+      if (result == FileSystem::SUCCEEDED) {
+        downloaded_.Push(DownloadedDir{query.folder, query.path, FileSystem::SUCCEEDED});
+      }
       return;
     }
     const int code = processor->GetResponseCode();
@@ -226,7 +230,6 @@ FileSystem::Result MultithreadedTreeDownloader::DownloadDir(
         LOG_ERROR << "Failed to parse xml propstat for folder: " << query.path;
         return FileSystem::FATAL;
       }
-      downloaded_.Push(DownloadedDir{query.folder, query.path, FileSystem::SUCCEEDED});
       return FileSystem::SUCCEEDED;
     case URLProcessor::Result::STOPPED:
       LOG_INFO << "Stopped.";

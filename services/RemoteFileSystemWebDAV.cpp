@@ -3,6 +3,8 @@
 #include <QXmlStreamReader>
 
 #include <algorithm>
+#include <future>
+#include <system_error>
 
 #include "core/LoggerWrapper.h"
 #include "core/RadarsLogger.h"
@@ -166,16 +168,42 @@ FileSystem::Result RemoteFileSystemWebDAV::WriteFile(const std::uint8_t* data, s
     return AbandonUpload(FAILED);
   }
   bytesDone_ += size;
-  if (hashingUpload_) {
-    hashCalculator_.Feed(data, size);
+  if (!hashingUpload_) {
+    return RemoteFileSystemWebDAVBase::WriteFile(data, size);
   }
-  if (!expectedHash_.empty() && bytesDone_ == uploadSize_ && hashingUpload_) {
+  // The last block is hashed before it goes: a content other than the announced one never ends.
+  if (bytesDone_ == uploadSize_) {
+    hashCalculator_.Feed(data, size);
     const std::string actual = hashCalculator_.Finish().GetHashGenericString();
     if (ToLower(actual) != ToLower(expectedHash_)) {
       return AbandonInvalidUpload(actual);
     }
+    return RemoteFileSystemWebDAVBase::WriteFile(data, size);
   }
-  return RemoteFileSystemWebDAVBase::WriteFile(data, size);
+  return SendWhileHashing(data, size);
+}
+
+// The hash of a large block is taken on another core while the block is sent, so that an upload
+// runs at the speed of the connection rather than of the hash. A small one is not worth a thread.
+FileSystem::Result RemoteFileSystemWebDAV::SendWhileHashing(const std::uint8_t* data,
+                                                            std::uint32_t size) {
+  std::future<void> hashed;
+  if (size >= kHashAsideFrom) {
+    try {
+      hashed =
+          std::async(std::launch::async, [this, data, size] { hashCalculator_.Feed(data, size); });
+    } catch (const std::system_error& error) {
+      LOG_WARNING << "No thread to hash the upload beside its sending: " << error.what();
+    }
+  }
+  if (!hashed.valid()) {
+    hashCalculator_.Feed(data, size);
+  }
+  const Result sent = RemoteFileSystemWebDAVBase::WriteFile(data, size);
+  if (hashed.valid()) {
+    hashed.wait();
+  }
+  return sent;
 }
 
 FileSystem::Result RemoteFileSystemWebDAV::AbandonInvalidUpload(const std::string& actualHash) {

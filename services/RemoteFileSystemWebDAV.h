@@ -67,12 +67,17 @@ class RemoteFileSystemWebDAV : public RemoteFileSystemWebDAVBase {
   // The If-Match text for the etag a control holds; empty when a weak etag was checked here
   // instead. CONFLICT when the file is no longer that version.
   Result IfMatchFor(const std::string& path, const std::string& control, std::string* ifMatch);
+  // Sends a block that is not the last one and feeds it to the upload's hash meanwhile.
+  Result SendWhileHashing(const std::uint8_t* data, std::uint32_t size);
   // The content written differs from what the caller announced: the upload ends here.
   Result AbandonInvalidUpload(const std::string& actualHash);
   // Ends the upload short of its length; `result` unless the ending was stopped.
   Result AbandonUpload(Result result);
   // The etag of the answer against the tree's; the transfer is ended when they don't agree.
   Result CheckEtagOfRead();
+
+  // Blocks from this size on are hashed beside their sending, smaller ones before it.
+  static constexpr std::uint32_t kHashAsideFrom = 256 * 1024;
 
   bool checkEtagOnFirstRead_ = false;
   bool hashingUpload_ = false;

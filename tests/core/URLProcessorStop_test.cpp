@@ -7,7 +7,10 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <condition_variable>
+#include <functional>
 #include <future>
+#include <mutex>
 #include <thread>
 
 #include "core/CurlURLProcessor.h"
@@ -20,8 +23,31 @@ using emulators::HttpResponse;
 using Result = URLProcessor::Result;
 using Clock = std::chrono::steady_clock;
 
-// Generous against a loaded machine, yet far below any time-out of the processor.
+// A loose bound that holds on a loaded machine. The processor's poll round is made far longer
+// (kIdlePollMs), so that only a Stop() that wakes the call meets it: one that waits for the
+// round to end takes a minute.
 constexpr auto kStopBound = std::chrono::milliseconds(1000);
+constexpr int kIdlePollMs = 60'000;
+
+// Set by the server's handler once the request has arrived: from then on the call waits on an
+// idle connection.
+class Arrival {
+ public:
+  void Signal() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    arrived_ = true;
+    changed_.notify_all();
+  }
+  void Wait() {
+    std::unique_lock<std::mutex> lock(mutex_);
+    changed_.wait(lock, [this] { return arrived_; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  bool arrived_ = false;
+};
 
 // A listener whose accept queue is full, so that a further connect hangs in the handshake.
 class BlackHole {
@@ -59,6 +85,7 @@ class URLProcessorStopTest : public ::testing::Test {
  protected:
   void SetUp() override {
     ASSERT_TRUE(http_.Open(nullptr));
+    http_.SetPollIntervalMs(kIdlePollMs);
     server_.Handle("GET", "/stall",
                    [](const HttpRequest&) { return HttpResponse::Trickling(20000); });
     server_.Handle("GET", "/ok",
@@ -72,13 +99,13 @@ class URLProcessorStopTest : public ::testing::Test {
     return request;
   }
 
-  // Runs `call` on this thread, stops it from another one once it has blocked, and answers how
-  // long the call went on after the stop.
+  // Runs `call` on this thread, stops it from another one once `blocked` returns, and answers
+  // how long the call went on after the stop.
   template <typename Call>
-  Clock::duration StopDuring(Call call) {
+  Clock::duration StopDuring(Call call, const std::function<void()>& blocked) {
     std::promise<Clock::time_point> stopped_at;
     std::thread stopper([&] {
-      std::this_thread::sleep_for(std::chrono::milliseconds(200));
+      blocked();
       stopped_at.set_value(Clock::now());
       http_.Stop();
     });
@@ -86,6 +113,22 @@ class URLProcessorStopTest : public ::testing::Test {
     Clock::time_point returned = Clock::now();
     stopper.join();
     return returned - stopped_at.get_future().get();
+  }
+  template <typename Call>
+  Clock::duration StopOnArrival(Call call) {
+    return StopDuring(call, [this] { arrival_.Wait(); });
+  }
+
+  // One exchange with `server`, so that the next request goes out on a connection already open,
+  // where no timer of the connect is left to wake the call: only the stop can.
+  void OpenIdleConnection(emulators::HttpServer& server) {
+    server.Handle("GET", "/ok", [](const HttpRequest&) { return HttpResponse::Status(200, "ok"); });
+    URLProcessor::Request request;
+    request.url = DispatcherUrl::FromString(server.BaseUrl() + "/ok");
+    std::string body;
+    ASSERT_TRUE(http_.Send(request));
+    EXPECT_EQ(http_.GetInputStream()->ReadAllTo(&body, 4096), StreamResult::END);
+    EXPECT_EQ(http_.Finish(), Result::OK);
   }
 
   void ExpectUsableAfterStart() {
@@ -97,15 +140,30 @@ class URLProcessorStopTest : public ::testing::Test {
     EXPECT_EQ(body, "ok");
   }
 
+  Arrival arrival_;
   emulators::HttpServer server_;
   CurlURLProcessor http_;
 };
 
 TEST_F(URLProcessorStopTest, StopEndsAStalledDownload) {
+  OpenIdleConnection(server_);
   ASSERT_TRUE(http_.Send(Make("GET", "/stall")));
   StreamResult read = StreamResult::OK;
   std::string body;
-  auto late = StopDuring([&] { read = http_.GetInputStream()->ReadAllTo(&body, 4096); });
+  // The stop comes once the first trickle is read, while the next is 20 s away.
+  auto late = StopDuring(
+      [&] {
+        std::uint8_t block[4096];
+        std::uint32_t done = 0;
+        while ((read = http_.GetInputStream()->Read(block, sizeof(block), &done)) ==
+               StreamResult::OK) {
+          body.append(reinterpret_cast<const char*>(block), done);
+          if (body.size() == 10) {
+            arrival_.Signal();
+          }
+        }
+      },
+      [this] { arrival_.Wait(); });
   EXPECT_LT(late, kStopBound);
   EXPECT_EQ(read, StreamResult::STOPPED);
   EXPECT_EQ(body.size(), 10u);
@@ -120,7 +178,8 @@ TEST_F(URLProcessorStopTest, StopEndsAStalledUpload) {
   std::shared_future<void> released = release.get_future().share();
   deaf.Handle(
       "PUT", "/up",
-      [released](const HttpRequest&) {
+      [this, released](const HttpRequest&) {
+        arrival_.Signal();
         released.wait();
         return HttpResponse::Status(201);
       },
@@ -129,10 +188,11 @@ TEST_F(URLProcessorStopTest, StopEndsAStalledUpload) {
   request.verb = "PUT";
   request.url = DispatcherUrl::FromString(deaf.BaseUrl() + "/up");
   request.headers = {"Expect:"};
+  OpenIdleConnection(deaf);
   ASSERT_TRUE(http_.BeginUpload(request, 1ull << 32));
   std::vector<std::uint8_t> block(1 << 20, 1);
   StreamResult written = StreamResult::OK;
-  auto late = StopDuring([&] {
+  auto late = StopOnArrival([&] {
     while (written == StreamResult::OK) {
       written = http_.GetOutputStream()->Write(block.data(), block.size());
     }
@@ -149,18 +209,23 @@ TEST_F(URLProcessorStopTest, StopEndsASlowConnectAndAWaitForTheHead) {
   URLProcessor::Request request;
   request.url = DispatcherUrl::FromString("http://127.0.0.1:" + std::to_string(hole.port()) + "/");
   bool sent = true;
-  auto late = StopDuring([&] { sent = http_.Send(request); });
+  // Nothing tells when the handshake has begun: the stop comes a moment after the call, and is
+  // met either way, before the call or inside the connect.
+  auto late = StopDuring([&] { sent = http_.Send(request); },
+                         [] { std::this_thread::sleep_for(std::chrono::milliseconds(200)); });
   EXPECT_LT(late, kStopBound);
   EXPECT_FALSE(sent);
   EXPECT_EQ(http_.Finish(), Result::STOPPED);
   http_.Start();
 
-  server_.Handle("GET", "/late", [](const HttpRequest&) {
+  server_.Handle("GET", "/late", [this](const HttpRequest&) {
+    arrival_.Signal();
     HttpResponse response = HttpResponse::Status(200);
     response.delay_ms = 20000;
     return response;
   });
-  late = StopDuring([&] { sent = http_.Send(Make("GET", "/late")); });
+  OpenIdleConnection(server_);
+  late = StopOnArrival([&] { sent = http_.Send(Make("GET", "/late")); });
   EXPECT_LT(late, kStopBound);
   EXPECT_FALSE(sent);
   EXPECT_EQ(http_.Finish(), Result::STOPPED);

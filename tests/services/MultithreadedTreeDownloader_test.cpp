@@ -4,7 +4,12 @@
 
 #include <algorithm>
 #include <atomic>
+#include <chrono>
+#include <condition_variable>
+#include <mutex>
+#include <set>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "core/Clock.h"
@@ -255,6 +260,60 @@ TEST_F(MultithreadedTreeDownloaderTest, StopDuringABackOffEndsTheWaitAndTheWalk)
   EXPECT_EQ(clock_.SteadyMs(), before);
   EXPECT_EQ(transport_.RequestCount(DavFolderUrl("")), 1u);
   EXPECT_FALSE(log_.Contains("Got error from download thread: "));
+}
+
+// While one worker backs off a rate limit, the others send nothing: each holds its next request
+// until the first good answer. The workers are driven through the clock's waits: the retries of
+// "b" and "c" come back once "a" is in its back-off, which lasts until both were seen holding.
+TEST_F(MultithreadedTreeDownloaderTest, OneWorkersBackOffHoldsTheOthers) {
+  transport_.SetReplies(DavFolderUrl(""), {{207, "", DavListing("", {"a", "b", "c"}, {})}});
+  transport_.SetReplies(DavFolderUrl("a"),
+                        {{429, "Retry-After: 60\r\n"}, {207, "", DavListing("a", {}, {})}});
+  for (const char* name : {"b", "c"}) {
+    transport_.SetReplies(DavFolderUrl(name), {{500, ""}, {207, "", DavListing(name, {}, {})}});
+  }
+  std::mutex mutex;
+  std::condition_variable changed;
+  bool backingOff = false;
+  std::set<std::thread::id> holders;
+  bool othersHeld = false;
+  std::vector<std::string> sentBeforeTheBackOffEnded;
+  clock_.SetOnWait([&](std::int64_t ms) {
+    std::unique_lock<std::mutex> lock(mutex);
+    if (ms == 3000) {
+      changed.wait(lock, [&] { return backingOff; });
+    } else if (ms == 150) {
+      holders.insert(std::this_thread::get_id());
+      changed.notify_all();
+    } else if (ms == 60'000) {
+      backingOff = true;
+      changed.notify_all();
+      // Only a broken hold lets this guard run out.
+      othersHeld =
+          changed.wait_for(lock, std::chrono::seconds(20), [&] { return holders.size() == 2; });
+      sentBeforeTheBackOffEnded = transport_.Requests();
+    }
+  });
+
+  EXPECT_EQ(Walk(), FileSystem::SUCCEEDED);
+
+  EXPECT_TRUE(othersHeld);
+  for (const char* name : {"b", "c"}) {
+    SCOPED_TRACE(name);
+    const std::string request = "PROPFIND " + DavFolderUrl(name);
+    EXPECT_LE(
+        std::count(sentBeforeTheBackOffEnded.begin(), sentBeforeTheBackOffEnded.end(), request), 1);
+    // The held retry went out after the good answer that ended the back-off.
+    const std::vector<std::string> all = transport_.Requests();
+    const auto aAgain =
+        std::find(std::find(all.begin(), all.end(), "PROPFIND " + DavFolderUrl("a")) + 1, all.end(),
+                  "PROPFIND " + DavFolderUrl("a"));
+    ASSERT_NE(aAgain, all.end());
+    EXPECT_EQ(std::count(all.begin(), all.end(), request), 2);
+    EXPECT_NE(std::find(aAgain, all.end(), request), all.end());
+  }
+  EXPECT_EQ(metrics_.Count("webdav_listing_rate_limit"), 1u);
+  EXPECT_EQ(log_.Count("Got rate limit while downloading dir."), 1u);
 }
 
 TEST(InterThreadQueueTest, BoundsCountAndSizeAndGivesUpAfterTheWait) {

@@ -293,6 +293,55 @@ TEST_F(RemoteFileIdsTest, FailuresLogAndChangeNothing) {
   }
 }
 
+// Every road that puts a folder under another refuses a place inside the folder's own subtree,
+// at any depth: the folder would leave the tree with its whole subtree, paths would climb forever.
+TEST_F(RemoteFileIdsTest, AFolderNeverGoesUnderItsOwnSubtree) {
+  ASSERT_TRUE(ids_.AddFolderId("d4", "Deep", "d2"));
+  ASSERT_TRUE(ids_.AddFolderId("d5", "Deeper", "d4"));
+  ASSERT_TRUE(ids_.AddNotLinkedFolderId("nd"));
+  ASSERT_TRUE(ids_.AddFolderId("n1", "Inner", "nd"));
+  ASSERT_TRUE(ids_.AddFolderId("n2", "Innermost", "n1"));
+  struct Road {
+    const char* name;
+    std::function<bool(const std::string& id, const std::string& under)> put;
+  };
+  const Road roads[] = {
+      {"move",
+       [&](const std::string& id, const std::string& under) {
+         return ids_.MoveFolder(id, id == "d1" ? "Docs" : "Sub", under, "x");
+       }},
+      {"add of a known id",
+       [&](const std::string& id, const std::string& under) {
+         return ids_.AddFolderId(id, "x", under);
+       }},
+  };
+  const char* const subtreeOfD1[] = {"d1", "d2", "d4", "d5"};
+  const auto before = ids_testing::Snapshot(ids_);
+  for (const Road& road : roads) {
+    for (const char* id : {"d1", "d2"}) {
+      for (const char* under : subtreeOfD1) {
+        if (std::string(id) == "d2" && std::string(under) == "d1") {
+          continue;  // d1 is d2's parent, not inside it
+        }
+        SCOPED_TRACE(std::string(road.name) + " " + id + " under " + under);
+        LoggerWrapper::Capture capture;
+        // Accepted, the tree holds a loop that a climb to the root would never leave.
+        ASSERT_FALSE(road.put(id, under));
+        EXPECT_TRUE(capture.Contains(std::string("Can't put ") + id + " under " + under +
+                                     ": it would be inside itself."));
+        EXPECT_EQ(ids_testing::Snapshot(ids_), before);
+        EXPECT_EQ(ids_.GetPathById("d5"), "Docs/Sub/Deep/Deeper");
+      }
+    }
+  }
+  // A not linked folder is linked under its own grandchild.
+  LoggerWrapper::Capture capture;
+  ASSERT_FALSE(ids_.LinkFolderToParent("nd", "x", "n2"));
+  EXPECT_TRUE(capture.Contains("Can't put nd under n2: it would be inside itself."));
+  EXPECT_EQ(ids_testing::Snapshot(ids_), before);
+  EXPECT_EQ(Invariants(3), "");  // nd and its two folders hang outside the tree
+}
+
 TEST_F(RemoteFileIdsTest, NotLinkedRemovalSucceedsWhereTheLinkedFormRefuses) {
   ASSERT_TRUE(ids_.AddNotLinkedFileId("nf"));
   ASSERT_TRUE(ids_.AddNotLinkedFolderId("nd"));

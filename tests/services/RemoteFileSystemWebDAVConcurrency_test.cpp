@@ -39,6 +39,30 @@ int ThreadCount() {
   return count;
 }
 
+// Counts the requests that reached the server's handlers.
+class Arrivals {
+ public:
+  void Signal() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    ++count_;
+    changed_.notify_all();
+  }
+  int Count() {
+    std::lock_guard<std::mutex> lock(mutex_);
+    return count_;
+  }
+  // The limit only ends a test whose request never comes.
+  bool WaitUntil(int count) {
+    std::unique_lock<std::mutex> lock(mutex_);
+    return changed_.wait_for(lock, std::chrono::seconds(20), [&] { return count_ >= count; });
+  }
+
+ private:
+  std::mutex mutex_;
+  std::condition_variable changed_;
+  int count_ = 0;
+};
+
 // A server that answers everything slowly, after the head or in a trickle of body bytes.
 class WebDavStopTest : public testing::Test {
  protected:
@@ -59,11 +83,14 @@ class WebDavStopTest : public testing::Test {
           return response;
         },
         emulators::Match::kPrefix);
-    server_.Handle("GET", "/dav/slow",
-                   [](const HttpRequest&) { return HttpResponse::Trickling(1000); });
+    server_.Handle("GET", "/dav/slow", [this](const HttpRequest&) {
+      arrivals_.Signal();
+      return HttpResponse::Trickling(1000);
+    });
     server_.Handle(
         "PUT", "/dav/up",
-        [](const HttpRequest&) {
+        [this](const HttpRequest&) {
+          arrivals_.Signal();
           HttpResponse response = HttpResponse::Status(201);
           response.delay_ms = 30000;
           return response;
@@ -74,13 +101,13 @@ class WebDavStopTest : public testing::Test {
     ASSERT_NE(dav_, nullptr);
   }
 
-  // Runs `operation` on another thread, stops the adapter after `after`, and answers what the
-  // operation returned and how long after the stop it took.
+  // Runs `operation` on another thread, stops the adapter once the server has its request, and
+  // answers what the operation returned and how long after the stop it took.
   template <typename Operation>
-  std::pair<Result, std::chrono::milliseconds> StopDuring(Operation operation,
-                                                          std::chrono::milliseconds after) {
+  std::pair<Result, std::chrono::milliseconds> StopOnArrival(Operation operation) {
+    const int before = arrivals_.Count();
     auto running = std::async(std::launch::async, operation);
-    std::this_thread::sleep_for(after);
+    EXPECT_TRUE(arrivals_.WaitUntil(before + 1));
     const auto stopAt = std::chrono::steady_clock::now();
     std::thread([this] { dav_->Stop(); }).join();
     const Result result = running.get();
@@ -88,6 +115,7 @@ class WebDavStopTest : public testing::Test {
                         std::chrono::steady_clock::now() - stopAt)};
   }
 
+  Arrivals arrivals_;
   emulators::HttpServer server_;
   std::unique_ptr<RemoteFileSystemWebDAV> dav_;
   int baseline_ = 0;
@@ -124,7 +152,7 @@ TEST_F(WebDavStopTest, StopEndsAReadAndAnUpload) {
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
-    const auto [result, took] = StopDuring(c.operation, std::chrono::milliseconds(300));
+    const auto [result, took] = StopOnArrival(c.operation);
     EXPECT_EQ(result, Result::STOPPED);
     EXPECT_LT(took.count(), 1000);
     dav_->Start();

@@ -75,8 +75,15 @@ TEST(ResumableSessionsTest, RefusalsClearTheSessionAndSayWhy) {
        "Hash of \"p\" changed between uploads, expected " + std::string(32, '1') + ", got " +
            std::string(32, '2') + ", upload not resumed.",
        false},
-      {"other size", SomeHash(Md5('1')), 999,
+      {"one byte smaller", SomeHash(Md5('1')), 999,
        "Size of \"p\" changed between uploads, expected 1000, got 999, upload not resumed.", false},
+      {"one byte larger", SomeHash(Md5('1')), 1001,
+       "Size of \"p\" changed between uploads, expected 1000, got 1001, upload not resumed.",
+       false},
+      {"smaller than what the server holds", SomeHash(Md5('1')), 5,
+       "Size of \"p\" changed between uploads, expected 1000, got 5, upload not resumed.", false},
+      {"empty now", SomeHash(Md5('1')), 0,
+       "Size of \"p\" changed between uploads, expected 1000, got 0, upload not resumed.", false},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);

@@ -633,6 +633,43 @@ TEST_F(CorvaneHostileServerTest, BrokenAnswersFailWithTheirStatusAndLogLine) {
   }
 }
 
+// Every refusal a server can give leaves the tool with its own status, 10 plus the Result, and
+// names the Result on stderr: a script tells a full disk from refused credentials by the status
+// alone. Each refusal comes to a folder's creation and to an upload.
+TEST_F(CorvaneHostileServerTest, EveryRefusalEndsTheToolWithItsOwnStatus) {
+  struct Case {
+    int code;
+    int status;
+    const char* result;
+  };
+  const Case cases[] = {
+      {401, 16, "AUTH_INVALID"},  {403, 27, "ACCESS_DENIED"}, {404, 14, "CONFLICT"},
+      {405, 27, "ACCESS_DENIED"}, {409, 14, "CONFLICT"},      {412, 14, "CONFLICT"},
+      {413, 21, "TOO_LARGE"},     {414, 23, "BADNAM"},        {425, 26, "NO_SPACE"},
+      {507, 26, "NO_SPACE"},
+  };
+  WriteAll(temp_.path() / "small.local", "12345");
+  for (const Case& c : cases) {
+    for (const char* verb : {"MKCOL", "PUT"}) {
+      SCOPED_TRACE(std::to_string(c.code) + " to " + verb);
+      server_.Handle(
+          verb, "/dav/new",
+          [&c](const emulators::HttpRequest&) { return emulators::HttpResponse::Status(c.code); },
+          emulators::Match::kPrefix);
+      const Outcome run = std::string(verb) == "PUT"
+                              ? Tool({"put", (temp_.path() / "small.local").string(), "new.txt"})
+                              : Tool({"mkdir", "new"});
+      // A 405 to MKCOL is the server's word for a folder that exists: what was asked for.
+      if (c.code == 405 && std::string(verb) == "MKCOL") {
+        EXPECT_EQ(run.status, 0) << run.err;
+        continue;
+      }
+      EXPECT_EQ(run.status, c.status) << run.err;
+      EXPECT_THAT(run.err, HasSubstr(std::string(": ") + c.result));
+    }
+  }
+}
+
 TEST_F(CorvaneHostileServerTest, AFailedGetLeavesTheLocalFileAsItWas) {
   auto reset = emulators::HttpResponse::Status(200, "fresh");
   reset.reset = true;
