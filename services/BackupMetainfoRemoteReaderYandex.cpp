@@ -25,6 +25,10 @@ T Number(const utils::xml::xml_tree& prop, const char* name) {
   return value;
 }
 
+constexpr char kNamesBody[] =
+    "<?xml version=\"1.0\" encoding=\"utf-8\" ?>  <propfind xmlns=\"DAV:\">   <prop>    "
+    "<displayname/>    <file_url xmlns=\"urn:yandex:disk:meta\"/>  </prop></propfind>";
+
 }  // namespace
 
 BackupMetainfoRemoteReaderYandex::BackupMetainfoRemoteReaderYandex(
@@ -39,41 +43,75 @@ std::vector<BackupMetainfoRecord> BackupMetainfoRemoteReaderYandex::ReadAll() {
   if (IsInert() || CheckStopped()) {
     return {};
   }
-  URLProcessor::Request request;
-  request.verb = "PROPFIND";
-  request.url =
-      BackupMetainfoRemoteWriterYandex::DiskUrl(RemoteFileSystem::kRemoteBackupRootFolder + "/");
-  request.headers = {"Depth: 1"};
-  request.body = BackupMetainfoRemoteWriterYandex::kPropfindBody;
-  request.content_type = "application/xml";
-  utils::xml::xml_tree tree;
-  const URLProcessor::Result result = dav_propstat::Send(http_.get(), request, &tree);
-  if (result == URLProcessor::Result::STOPPED) {
-    LOG_INFO << "Remote metainfo reader was stopped.";
-    CheckStopped();
-    return {};
-  }
-  if (result != URLProcessor::Result::MULTI_STATUS) {
-    LOG_WARNING << "Get backup metainfo request error, code = " << http_->GetResponseCode();
+  utils::xml::xml_tree described;
+  if (!Propfind(BackupMetainfoRemoteWriterYandex::kPropfindBody, "Get backup metainfo",
+                &described)) {
     return {};
   }
 
-  // 2. One record per cloud path, from the properties found.
+  // 2. One record per backup folder, from the properties found.
+  std::map<std::string, BackupMetainfoRecord> by_href;
+  dav_propstat::ForEachFoundProp(
+      described, [&](const std::string& href, const utils::xml::xml_tree& prop) {
+        const std::string cloudPath = prop.get("cloud_path", std::string());
+        if (cloudPath.empty()) {
+          return;
+        }
+        BackupMetainfoRecord& record = by_href[href];
+        record.cloud_path = cloudPath;
+        record.local_path = prop.get("local_path", record.local_path);
+        record.size = Number<std::uint64_t>(prop, "size");
+        record.last_update_time = Number<std::int64_t>(prop, "last_update_time");
+      });
+
+  // 3. The folders' names as they stand now: dead properties travel with a folder that was
+  // renamed on the disk, so the path the writer stored may be an old one.
+  utils::xml::xml_tree named;
+  if (!by_href.empty() && !CheckStopped() && Propfind(kNamesBody, "Get metainfo", &named)) {
+    dav_propstat::ForEachFoundProp(
+        named, [&](const std::string& href, const utils::xml::xml_tree& prop) {
+          auto record = by_href.find(href);
+          const std::string name = prop.get("displayname", std::string());
+          const std::string current = RemoteFileSystem::kRemoteBackupRootFolder + "/" + name;
+          if (record == by_href.end() || name.empty() || record->second.cloud_path == current) {
+            return;
+          }
+          LOG_INFO << "Backup folder moved since it was described: " << record->second.cloud_path
+                   << " -> " << current;
+          record->second.cloud_path = current;
+        });
+  }
+
+  // 4. One record per cloud path.
   std::map<std::string, BackupMetainfoRecord> records;
-  dav_propstat::ForEachFoundProp(tree, [&](const std::string&, const utils::xml::xml_tree& prop) {
-    const std::string cloudPath = prop.get("cloud_path", std::string());
-    if (cloudPath.empty()) {
-      return;
-    }
-    BackupMetainfoRecord& record = records[cloudPath];
-    record.cloud_path = cloudPath;
-    record.local_path = prop.get("local_path", record.local_path);
-    record.size = Number<std::uint64_t>(prop, "size");
-    record.last_update_time = Number<std::int64_t>(prop, "last_update_time");
-  });
+  for (auto& [href, record] : by_href) {
+    records[record.cloud_path] = std::move(record);
+  }
   std::vector<BackupMetainfoRecord> found;
   for (auto& [path, record] : records) {
     found.push_back(std::move(record));
   }
   return found;
+}
+
+bool BackupMetainfoRemoteReaderYandex::Propfind(const char* body, const char* what,
+                                                utils::xml::xml_tree* tree) {
+  URLProcessor::Request request;
+  request.verb = "PROPFIND";
+  request.url =
+      BackupMetainfoRemoteWriterYandex::DiskUrl(RemoteFileSystem::kRemoteBackupRootFolder + "/");
+  request.headers = {"Depth: 1"};
+  request.body = body;
+  request.content_type = "application/xml";
+  const URLProcessor::Result result = dav_propstat::Send(http_.get(), request, tree);
+  if (result == URLProcessor::Result::STOPPED) {
+    LOG_INFO << "Remote metainfo reader was stopped.";
+    CheckStopped();
+    return false;
+  }
+  if (result != URLProcessor::Result::MULTI_STATUS) {
+    LOG_WARNING << what << " request error, code = " << http_->GetResponseCode();
+    return false;
+  }
+  return true;
 }

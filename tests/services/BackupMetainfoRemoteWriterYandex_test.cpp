@@ -83,7 +83,21 @@ TEST_F(YandexMetainfoTest, WrittenDescriptionsAreReadBackOnePerBackup) {
   EXPECT_EQ(records[1].local_path, "D:\\Docs");
   EXPECT_EQ(records[1].size, 0u);
 
-  // 4. A folder that isn't there.
+  // 4. A described folder renamed on the disk keeps its description under its new path.
+  std::optional<emulators::Item> pc1 = account.FindByPath("Backups/PC 1");
+  ASSERT_TRUE(pc1);
+  ASSERT_EQ(account.Rename(pc1->id, "PC 1 (old)", &made), AccountError::kNone);
+  LoggerWrapper::Capture renamed;
+  records = factory_->CreateMetainfoReader(Http())->ReadAll();
+  ASSERT_EQ(records.size(), 2u);
+  EXPECT_EQ(records[1].cloud_path, "Backups/PC 1 (old)");
+  EXPECT_EQ(records[1].local_path, "D:\\Docs");
+  EXPECT_EQ(records[0].cloud_path, "Backups/PC & <2>");
+  EXPECT_TRUE(
+      renamed.Contains("Backup folder moved since it was described: Backups/PC 1 -> "
+                       "Backups/PC 1 (old)"));
+
+  // 5. A folder that isn't there.
   LoggerWrapper::Capture missing;
   EXPECT_EQ(factory_->CreateMetainfoWriter(Http(), "x", "Backups/gone")->Create(),
             FileSystem::CONFLICT);
