@@ -20,6 +20,7 @@
 #include "core/LoggerWrapper.h"
 #include "core/Nodes.h"
 #include "support/Processes.h"
+#include "support/Transfers.h"
 
 namespace contract {
 
@@ -126,17 +127,9 @@ class ContractTest : public ::testing::TestWithParam<std::string> {
                                      1700000000, &resume, false);
     if (opened != FileSystem::SUCCEEDED)
       return opened;
-    for (std::size_t done = resume; done < content.size();) {
-      std::uint32_t n =
-          static_cast<std::uint32_t>(std::min<std::size_t>(kBlock, content.size() - done));
-      Result written =
-          fs_->WriteFile(reinterpret_cast<const std::uint8_t*>(content.data()) + done, n);
-      if (written != FileSystem::SUCCEEDED) {
-        fs_->CloseFile(nullptr);
-        return written;
-      }
-      done += n;
-    }
+    Result written = test::WriteFrom(*fs_, content, resume, kBlock);
+    if (written != FileSystem::SUCCEEDED)
+      return written;
     // The core always asks for the hash of what it uploaded.
     FileSystem::FileProperties ignored;
     return fs_->CloseFile(props ? props : &ignored);

@@ -23,6 +23,7 @@
 #include "services/RemoteFileSystemFactoryGoogle.h"
 #include "services/RemoteFileSystemGoogleSharedData.h"
 #include "support/GoogleDriveFixture.h"
+#include "support/Processes.h"
 
 namespace {
 
@@ -30,15 +31,6 @@ using test::GoogleDrive;
 
 RemoteFileSystemGoogleSharedData* Record(RemoteFileSystemFactory& factory) {
   return dynamic_cast<RemoteFileSystemGoogleSharedData*>(factory.GetSharedData().get());
-}
-
-std::vector<std::string> Lines(const std::string& text) {
-  std::vector<std::string> lines;
-  std::istringstream in(text);
-  for (std::string line; std::getline(in, line);) {
-    lines.push_back(line);
-  }
-  return lines;
 }
 
 std::string Joined(const std::vector<std::string>& lines, std::size_t count) {
@@ -88,13 +80,13 @@ StateView View(RemoteFileSystemFactory& factory, const tsl::htrie_set<char>& pub
   RemoteFileSystemGoogleSharedData* shared = Record(factory);
   std::ostringstream ids;
   shared->ids->Serialize(nullptr, ids);
-  std::vector<std::string> id_lines = Lines(ids.str());
+  std::vector<std::string> id_lines = test::Lines(ids.str());
   for (std::size_t i = 0; i + 5 < id_lines.size(); i += 6) {
     view.ids.insert(Joined({id_lines.begin() + i, id_lines.begin() + i + 6}, 6));
   }
   std::ostringstream docs;
   shared->docs->Serialize(nullptr, docs);
-  std::vector<std::string> doc_lines = Lines(docs.str());
+  std::vector<std::string> doc_lines = test::Lines(docs.str());
   for (std::size_t i = 0; i + 1 < doc_lines.size(); i += 2) {
     view.docs.insert(doc_lines[i] + " " + doc_lines[i + 1]);
   }
@@ -190,14 +182,14 @@ TEST_F(GoogleStateTest, RestoredAdapterHasTheSameStoresAndFollowsTheFeedWithoutL
   // 3. What it saves now is what it read, with the new file's record.
   std::ostringstream again;
   ASSERT_TRUE(fs->Serialize(nullptr, public_links, again));
-  std::vector<std::string> resaved = Lines(again.str());
-  EXPECT_EQ(resaved.size(), Lines(state_).size() + 6);
+  std::vector<std::string> resaved = test::Lines(again.str());
+  EXPECT_EQ(resaved.size(), test::Lines(state_).size() + 6);
   EXPECT_NE(std::find(resaved.begin(), resaved.end(), "after-restart.txt"), resaved.end());
 }
 
 TEST_F(GoogleStateTest, EveryCutOfTheFileIsRefusedAndTheStateKept) {
   const StateView before = View(*drive_.factory, public_links_, keyed_);
-  const std::vector<std::string> lines = Lines(state_);
+  const std::vector<std::string> lines = test::Lines(state_);
   for (std::size_t count = 0; count < lines.size(); ++count) {
     SCOPED_TRACE("first " + std::to_string(count) + " lines");
     EXPECT_FALSE(Restore(Joined(lines, count)));
@@ -207,7 +199,7 @@ TEST_F(GoogleStateTest, EveryCutOfTheFileIsRefusedAndTheStateKept) {
 }
 
 TEST_F(GoogleStateTest, EachWrongPartIsRefusedWithItsMetricAndTheStateKept) {
-  const std::vector<std::string> lines = Lines(state_);
+  const std::vector<std::string> lines = test::Lines(state_);
   const std::size_t ids_end =
       std::find(lines.begin(), lines.end(), "public_link_ids") - lines.begin();
   auto with_line = [&](std::size_t index, const std::string& value) {
@@ -279,7 +271,7 @@ TEST_F(GoogleStateTest, StopRaisedRefusesBothWays) {
 }
 
 TEST_F(GoogleStateTest, OlderFileWithoutDigestLinesIsRead) {
-  std::vector<std::string> lines = Lines(state_);
+  std::vector<std::string> lines = test::Lines(state_);
   lines.erase(lines.begin() + 2, lines.begin() + 5);
   EXPECT_TRUE(Restore(Joined(lines, lines.size())));
 }
@@ -299,15 +291,15 @@ TEST_F(GoogleStateTest, TokenWhoseDigestHoldsNewlineOrZeroRoundTrips) {
     }
     std::string digest = RawMd5(token);
     digest = digest.substr(0, digest.find('\0'));
-    std::vector<std::string> lines = Lines(state_);
+    std::vector<std::string> lines = test::Lines(state_);
     std::string text = token + "\n" + std::to_string(Fnv1aHash()(token)) + "\nhash_sum\n" + digest +
                        "\nhash_sum\n" + Joined({lines.begin() + 5, lines.end()}, lines.size());
     ASSERT_TRUE(Restore(text));
     std::ostringstream out;
     ASSERT_TRUE(drive_.fs->Serialize(nullptr, public_links_, out));
     EXPECT_EQ(out.str().substr(0, token.size() + 1), token + "\n");
-    std::vector<std::string> saved = Lines(out.str());
-    std::vector<std::string> read = Lines(text);
+    std::vector<std::string> saved = test::Lines(out.str());
+    std::vector<std::string> read = test::Lines(text);
     EXPECT_EQ(std::vector<std::string>(saved.begin(), saved.begin() + 5 + (byte == '\n')),
               std::vector<std::string>(read.begin(), read.begin() + 5 + (byte == '\n')));
   }

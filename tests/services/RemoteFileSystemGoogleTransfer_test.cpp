@@ -22,6 +22,7 @@
 #include "services/RemoteFileSystemGoogleSharedData.h"
 #include "services/RemoteGoogleUtils.h"
 #include "support/GoogleDriveFixture.h"
+#include "support/Transfers.h"
 
 namespace {
 
@@ -68,17 +69,9 @@ class GoogleTransferTest : public ::testing::Test {
       *resumed_at = resume;
     if (opened != FileSystem::SUCCEEDED)
       return opened;
-    for (std::size_t done = resume; done < content.size();) {
-      std::uint32_t n =
-          static_cast<std::uint32_t>(std::min<std::size_t>(kBlock, content.size() - done));
-      Result written =
-          fs.WriteFile(reinterpret_cast<const std::uint8_t*>(content.data()) + done, n);
-      if (written != FileSystem::SUCCEEDED) {
-        fs.CloseFile(nullptr);
-        return written;
-      }
-      done += n;
-    }
+    Result written = test::WriteFrom(fs, content, resume, kBlock);
+    if (written != FileSystem::SUCCEEDED)
+      return written;
     FileSystem::FileProperties ignored(SomeHash(), 0, content.size(), kTime, false);
     return fs.CloseFile(props ? props : &ignored);
   }

@@ -55,6 +55,12 @@ std::vector<std::string> EmulatorProcess::Argv(const std::vector<std::string>& w
   return argv;
 }
 
+std::vector<std::string> EmulatorProcess::LoggedArgv(const std::vector<std::string>& words) const {
+  std::vector<std::string> logged = {"--log", LogFile().string()};
+  logged.insert(logged.end(), words.begin(), words.end());
+  return Argv(logged);
+}
+
 Outcome EmulatorProcess::Run(const std::vector<std::string>& words) const {
   return RunProcess(Argv(words), RunDir());
 }

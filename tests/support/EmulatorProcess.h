@@ -34,6 +34,9 @@ class EmulatorProcess {
   // The tool's arguments: the options that point it at the emulator, then `words`.
   std::vector<std::string> Argv(const std::vector<std::string>& words) const;
   Outcome Run(const std::vector<std::string>& words) const;
+  // As Argv, with the library's log written to LogFile() for the test to read.
+  std::vector<std::string> LoggedArgv(const std::vector<std::string>& words) const;
+  std::filesystem::path LogFile() const { return RunDir() / "corvane.log"; }
   // The control path's URL, ending in "/_emulator/".
   const std::string& Control() const { return control_; }
   // Where the tool runs.

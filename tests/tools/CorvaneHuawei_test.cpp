@@ -80,9 +80,7 @@ class CorvaneHuaweiTest : public ::testing::Test {
   void TearDown() override { EXPECT_EQ(emulator_->Stop(), 0); }
 
   std::vector<std::string> Argv(const std::vector<std::string>& words) const {
-    std::vector<std::string> logged = {"--log", (temp_.path() / "run" / "corvane.log").string()};
-    logged.insert(logged.end(), words.begin(), words.end());
-    return emulator_->Argv(logged);
+    return emulator_->LoggedArgv(words);
   }
   test::Outcome Run(const std::vector<std::string>& words) {
     return test::RunProcess(Argv(words), temp_.path() / "run");
