@@ -157,6 +157,20 @@ TEST_F(YandexMetainfoTest, AnswersThatAreNotWholeLeaveWhatCanBeRead) {
   }
   EXPECT_EQ(server.Requests().back().Header("Depth"), "1");
 
+  // Stopped while the folders' names are asked: the descriptions already read stand.
+  auto stopped = factory_->CreateMetainfoReader(Http());
+  server.Handle("PROPFIND", "/disk/Backups/", [&](const HttpRequest& request) {
+    if (request.body.find("displayname") != std::string::npos) {
+      stopped->Stop();
+    }
+    return HttpResponse::Status(207, head + fill("a", "17", "5") + "</d:multistatus>");
+  });
+  LoggerWrapper::Capture stopLog;
+  const auto kept = stopped->ReadAll();
+  ASSERT_EQ(kept.size(), 1u);
+  EXPECT_EQ(kept[0].cloud_path, "Backups/a");
+  EXPECT_TRUE(stopLog.Contains("Remote metainfo reader was stopped."));
+
   // A client that can't be opened reads nothing and writes nothing.
   const std::size_t before = server.Requests().size();
   auto none = std::make_shared<NoProcessorFactory>();
