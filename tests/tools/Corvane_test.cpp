@@ -390,7 +390,9 @@ TEST(CorvaneInterruptTest, CtrlCDuringAnUploadEndsItCleanly) {
 TEST(CorvaneHashTest, AgreesWithIndependentTools) {
   TempDir temp;
   // Empty, short, and past Dropbox's 4 MiB block and QuickXor's 160-bit ring.
-  const std::vector<std::string> contents = {"", "hello", RandomBytes(4 * 1024 * 1024 + 7, 9)};
+  // Three blocks and a tail of the tool's 4 MiB reads, so that a block read ahead out of turn
+  // shows.
+  const std::vector<std::string> contents = {"", "hello", RandomBytes(12 * 1024 * 1024 + 7, 9)};
   for (std::size_t i = 0; i < contents.size(); ++i) {
     std::string file = (temp.path() / ("content" + std::to_string(i))).string();
     WriteAll(file, contents[i]);
