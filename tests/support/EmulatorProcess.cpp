@@ -6,6 +6,11 @@
 #include <sstream>
 #include <thread>
 
+#include <QByteArray>
+#include <QJsonDocument>
+
+#include "support/Fetch.h"
+
 namespace test {
 
 namespace {
@@ -59,6 +64,16 @@ std::vector<std::string> EmulatorProcess::LoggedArgv(const std::vector<std::stri
   std::vector<std::string> logged = {"--log", LogFile().string()};
   logged.insert(logged.end(), words.begin(), words.end());
   return Argv(logged);
+}
+
+Outcome EmulatorProcess::RunLogged(const std::vector<std::string>& words) const {
+  return RunProcess(LoggedArgv(words), RunDir());
+}
+
+QJsonArray EmulatorProcess::Served() const {
+  return QJsonDocument::fromJson(
+             QByteArray::fromStdString(Fetch("GET", control_ + "requests", "").body))
+      .array();
 }
 
 Outcome EmulatorProcess::Run(const std::vector<std::string>& words) const {

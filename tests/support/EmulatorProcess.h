@@ -14,6 +14,8 @@
 #include <string>
 #include <vector>
 
+#include <QJsonArray>
+
 #include "support/Processes.h"
 
 namespace test {
@@ -37,6 +39,9 @@ class EmulatorProcess {
   // As Argv, with the library's log written to LogFile() for the test to read.
   std::vector<std::string> LoggedArgv(const std::vector<std::string>& words) const;
   std::filesystem::path LogFile() const { return RunDir() / "corvane.log"; }
+  Outcome RunLogged(const std::vector<std::string>& words) const;
+  // The requests the emulator has served, oldest first, as its control path lists them.
+  QJsonArray Served() const;
   // The control path's URL, ending in "/_emulator/".
   const std::string& Control() const { return control_; }
   // Where the tool runs.

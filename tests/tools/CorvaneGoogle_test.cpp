@@ -62,11 +62,7 @@ class CorvaneGoogleTest : public ::testing::Test {
   // The Drive requests the emulator has served, as "VERB path".
   std::vector<std::string> Served() {
     std::vector<std::string> served;
-    QJsonArray log =
-        QJsonDocument::fromJson(
-            QByteArray::fromStdString(test::Fetch("GET", control_ + "requests", "").body))
-            .array();
-    for (const QJsonValue& request : log) {
+    for (const QJsonValue& request : emulator_->Served()) {
       served.push_back(request["verb"].toString().toStdString() + " " +
                        request["path"].toString().toStdString());
     }
@@ -170,12 +166,8 @@ TEST_F(CorvaneGoogleTest, APutBrokenOffResumesInItsRetry) {
   ASSERT_EQ(put.status, 0) << put.err;
   EXPECT_NE(put.err.find("put: resuming at byte 8388608"), std::string::npos) << put.err;
   // The log: the body, the status query, the rest from 8 MiB on.
-  QJsonArray requests =
-      QJsonDocument::fromJson(
-          QByteArray::fromStdString(test::Fetch("GET", control_ + "requests", "").body))
-          .array();
   std::vector<std::string> puts;
-  for (const QJsonValue& request : requests) {
+  for (const QJsonValue& request : emulator_->Served()) {
     if (request["verb"].toString() == "PUT")
       puts.push_back(request["content_range"].toString().toStdString() + " " +
                      std::to_string(request["size"].toInt()));

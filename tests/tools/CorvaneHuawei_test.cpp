@@ -82,9 +82,7 @@ class CorvaneHuaweiTest : public ::testing::Test {
   std::vector<std::string> Argv(const std::vector<std::string>& words) const {
     return emulator_->LoggedArgv(words);
   }
-  test::Outcome Run(const std::vector<std::string>& words) {
-    return test::RunProcess(Argv(words), temp_.path() / "run");
-  }
+  test::Outcome Run(const std::vector<std::string>& words) { return emulator_->RunLogged(words); }
   std::string Local(const std::string& name, const std::string& content) {
     test::WriteAll(temp_.path() / name, content);
     return (temp_.path() / name).string();

@@ -45,12 +45,10 @@ class CorvaneYandexTest : public ::testing::Test {
   }
   void TearDown() override { EXPECT_EQ(emulator_->Stop(), 0); }
 
-  std::vector<std::string> Argv(const std::vector<std::string>& words) {
+  std::vector<std::string> Argv(const std::vector<std::string>& words) const {
     return emulator_->LoggedArgv(words);
   }
-  test::Outcome Run(const std::vector<std::string>& words) {
-    return test::RunProcess(Argv(words), temp_.path() / "run");
-  }
+  test::Outcome Run(const std::vector<std::string>& words) { return emulator_->RunLogged(words); }
   std::string Local(const std::string& name, const std::string& content) {
     test::WriteAll(temp_.path() / name, content);
     return (temp_.path() / name).string();
@@ -64,11 +62,7 @@ class CorvaneYandexTest : public ::testing::Test {
   // The queries of the GETs the emulator served on `path`.
   std::vector<std::string> QueriesOfGets(const std::string& path) {
     std::vector<std::string> queries;
-    const QJsonArray served =
-        QJsonDocument::fromJson(
-            QByteArray::fromStdString(test::Fetch("GET", control_ + "requests", "").body))
-            .array();
-    for (const QJsonValue& request : served) {
+    for (const QJsonValue& request : emulator_->Served()) {
       if (request["verb"].toString() == "GET" && request["path"].toString().toStdString() == path) {
         queries.push_back(request["query"].toString().toStdString());
       }
