@@ -111,6 +111,20 @@ void HashCalculatorDropbox::EndBlock() {
   block_fill_ = 0;
 }
 
+HashBase<32> HashCalculatorDropbox::BlockDigest(const std::uint8_t* data, std::uint32_t size) {
+  detail::Digest digest(detail::Digest::kSha256);
+  digest.Feed(data, size);
+  return FinishInto<32>(&digest);
+}
+
+bool HashCalculatorDropbox::FeedBlockDigest(const HashBase<32>& digest) {
+  if (block_fill_ != 0) {
+    return false;
+  }
+  overall_.Feed(digest.data(), digest.kSize);
+  return true;
+}
+
 SomeHash HashCalculatorDropbox::Finish() {
   // A last, partial block counts; an empty file has no block at all.
   if (block_fill_ > 0)

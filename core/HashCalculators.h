@@ -89,6 +89,11 @@ class HashCalculatorDropbox : public HashCalculator {
   void Feed(const std::uint8_t* data, std::uint32_t size) override;
   SomeHash Finish() override;
 
+  // The blocks are independent: a whole block's digest may be taken on any thread and handed in
+  // at its place in the stream. False, and nothing fed, when the calculator stands inside a block.
+  static HashBase<32> BlockDigest(const std::uint8_t* data, std::uint32_t size);
+  bool FeedBlockDigest(const HashBase<32>& digest);
+
  private:
   void EndBlock();
 

@@ -2,11 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include "support/HashReferences.h"
 #include "support/HashVectors.h"
 
 #include <QByteArray>
 #include <QTemporaryDir>
-#include <cstdio>
 #include <fstream>
 #include <functional>
 #include <random>
@@ -57,19 +57,7 @@ Bytes FromBase64(const std::string& text) {
   return Bytes(bytes.begin(), bytes.end());
 }
 
-// Runs a shell command and answers the first word of its output.
-std::string FirstWordOf(const std::string& command) {
-  FILE* pipe = popen(command.c_str(), "r");
-  EXPECT_NE(pipe, nullptr) << command;
-  if (pipe == nullptr)
-    return std::string();
-  char buffer[256] = {};
-  std::string out = fgets(buffer, sizeof(buffer), pipe) ? buffer : "";
-  EXPECT_EQ(pclose(pipe), 0) << command;
-  return out.substr(0, out.find_first_of(" \n"));
-}
-
-// The digests as the openssl command-line tool computes them from a file.
+// The digests of the content as the tools outside the library compute them from a file.
 class ToolDigests {
  public:
   explicit ToolDigests(const Bytes& data) {
@@ -79,44 +67,16 @@ class ToolDigests {
                static_cast<std::streamsize>(data.size()));
   }
   std::string Of(const std::string& algorithm) const {
-    return FirstWordOf("openssl dgst -" + algorithm + " -r '" + path_ + "'");
+    return test::OpensslDigestOf(path_, algorithm);
   }
-  // Dropbox's composition: the file split in 4 MiB pieces, SHA-256 of the concatenated
-  // binary SHA-256 of each piece.
   std::string Dropbox() const {
-    std::string pieces = dir_.filePath("piece.").toStdString();
-    return FirstWordOf("split -b 4194304 -a 4 '" + path_ + "' '" + pieces + "' && for f in '" +
-                       pieces + "'*; do [ -e \"$f\" ] || continue; " +
-                       "openssl dgst -sha256 -binary \"$f\"; done | openssl dgst -sha256 -r");
+    return test::DropboxHashByOpenssl(path_, dir_.filePath("piece.").toStdString());
   }
 
  private:
   QTemporaryDir dir_;
   std::string path_;
 };
-
-// QuickXorHash bit by bit, as Microsoft describes it: bit j of byte i flips bit (11 * i + j)
-// mod 160 of the ring; the length goes little-endian into the last 8 bytes.
-std::string QuickXorReference(const Bytes& data) {
-  std::uint8_t ring[20] = {};
-  for (std::size_t i = 0; i < data.size(); ++i) {
-    for (std::size_t j = 0; j < 8; ++j) {
-      if (data[i] >> j & 1) {
-        std::size_t bit = (11 * i + j) % 160;
-        ring[bit / 8] ^= static_cast<std::uint8_t>(1u << (bit % 8));
-      }
-    }
-  }
-  std::uint64_t length = data.size();
-  for (int i = 0; i < 8; ++i)
-    ring[12 + i] ^= static_cast<std::uint8_t>(length >> (8 * i));
-  return HashBase<20>([&ring] {
-           std::array<std::uint8_t, 20> bytes;
-           std::copy(std::begin(ring), std::end(ring), bytes.begin());
-           return bytes;
-         }())
-      .ToHexString();
-}
 
 TEST(HashCalculatorsTest, DropboxPublishedVectors) {
   HashCalculatorDropbox calculator;
@@ -158,7 +118,9 @@ TEST(HashCalculatorsTest, EachMatchesAnIndependentImplementationOnRandomContent)
        [](const ToolDigests& tool, const Bytes&) { return tool.Of("sha256"); },
        [](const SomeHash& hash) { return hash.GetHashGenericString(); }},
       {"onedrive", [] { return std::make_unique<HashCalculatorOneDrive>(); },
-       [](const ToolDigests&, const Bytes& data) { return QuickXorReference(data); },
+       [](const ToolDigests&, const Bytes& data) {
+         return test::QuickXorReference(data.data(), data.size());
+       },
        [](const SomeHash& hash) { return hash.GetHashOneDrive().quick_xor.ToHexString(); }},
       {"yandex", [] { return std::make_unique<HashCalculatorYandex>(); },
        [](const ToolDigests& tool, const Bytes&) { return tool.Of("md5") + tool.Of("sha256"); },
@@ -209,6 +171,37 @@ TEST(HashCalculatorsTest, DropboxAndOneDriveCopiesContinueMidStream) {
     ExpectCopyContinues<HashCalculatorDropbox>(split);
     ExpectCopyContinues<HashCalculatorOneDrive>(split);
   }
+}
+
+// Whole blocks hashed apart, in any order, and handed in at their place give the value of the
+// stream; a digest offered inside a block is refused and changes nothing.
+TEST(HashCalculatorsTest, DropboxBlockDigestsTakenApartGiveTheStreamsValue) {
+  for (std::size_t size : {std::size_t{0}, std::size_t{kMiB4}, std::size_t{3 * kMiB4 + 5}}) {
+    Bytes data = RandomBytes(size, 11);
+    HashCalculatorDropbox whole;
+    const SomeHash expected = HashOf(&whole, data);
+
+    const std::size_t blocks = size / kMiB4;
+    std::vector<HashBase<32>> digests(blocks);
+    for (std::size_t i = blocks; i-- > 0;) {
+      digests[i] = HashCalculatorDropbox::BlockDigest(data.data() + i * kMiB4, kMiB4);
+    }
+    HashCalculatorDropbox apart;
+    apart.Begin();
+    for (const HashBase<32>& digest : digests) {
+      EXPECT_TRUE(apart.FeedBlockDigest(digest));
+    }
+    apart.Feed(data.data() + blocks * kMiB4, static_cast<std::uint32_t>(size % kMiB4));
+    EXPECT_EQ(apart.Finish(), expected) << size;
+  }
+
+  Bytes one = {0x42};
+  HashCalculatorDropbox mid;
+  const SomeHash expected = HashOf(&mid, one);
+  mid.Begin();
+  mid.Feed(one.data(), 1);
+  EXPECT_FALSE(mid.FeedBlockDigest(HashCalculatorDropbox::BlockDigest(one.data(), 1)));
+  EXPECT_EQ(mid.Finish(), expected);
 }
 
 TEST(HashCalculatorsTest, MakeHashCalculatorGivesTheKindOfEachType) {
