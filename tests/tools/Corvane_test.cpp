@@ -10,12 +10,14 @@
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
+#include <atomic>
 #include <chrono>
 #include <condition_variable>
 #include <csignal>
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <map>
 #include <mutex>
 #include <random>
@@ -340,6 +342,66 @@ TEST_F(CorvaneDavTest, AccountCommandsAnswerWhatTheServiceCan) {
   Outcome changes = Tool({"changes", "--for", "1"});
   EXPECT_EQ(changes.status, kNotSupported) << changes.err;
   EXPECT_THAT(changes.err, HasSubstr("NOT_SUPPORTED"));
+}
+
+// A file written to while it goes up never ends on the server as a mix of two versions: its last
+// block goes only when the file shows itself untouched since it was measured.
+TEST(CorvanePutTest, AFileChangedWhileItIsSentIsNotCompleted) {
+  struct Case {
+    const char* name;
+    std::function<void(const std::filesystem::path&)> change;
+    int status;
+    int stored;
+  };
+  const std::vector<Case> cases = {
+      {"untouched", [](const std::filesystem::path&) {}, 0, 1},
+      {"appended to",
+       [](const std::filesystem::path& file) {
+         std::ofstream(file, std::ios::binary | std::ios::app) << "more";
+       },
+       kFailed, 0},
+      {"one byte rewritten in place",
+       [](const std::filesystem::path& file) {
+         std::fstream out(file, std::ios::binary | std::ios::in | std::ios::out);
+         out.seekp(1000);
+         out.put('x');
+       },
+       kFailed, 0},
+  };
+  for (const Case& c : cases) {
+    TempDir temp;
+    const std::filesystem::path file = temp.path() / "big.bin";
+    WriteAll(file, RandomBytes(16 << 20, 5));
+    // Made long ago, as files are: a write now shows in its times whatever their resolution.
+    std::filesystem::last_write_time(
+        file, std::filesystem::last_write_time(file) - std::chrono::hours(1));
+    emulators::HttpServer server;
+    std::atomic<int> stored{0};
+    server.Handle(
+        "PUT", "/dav/",
+        [&](const emulators::HttpRequest&) {
+          ++stored;
+          emulators::HttpResponse created = emulators::HttpResponse::Status(201);
+          created.headers.push_back({"ETag", "\"1\""});
+          return created;
+        },
+        emulators::Match::kPrefix, emulators::BodyMode::kHashOnly,
+        [&](const emulators::HttpRequest&) {
+          // Before the server takes any byte of the body, another program writes to the file.
+          c.change(file);
+          return emulators::HttpResponse::Status(0);
+        });
+
+    Outcome run =
+        RunProcess({CORVANE_TOOL_PATH, "--service", "webdav", "--url", server.BaseUrl() + "/dav",
+                    "--user", "u", "put", file.string(), "big.bin"},
+                   temp.path(), {{"CORVANE_PASSWORD", "p"}});
+    EXPECT_EQ(run.status, c.status) << c.name << ": " << run.err;
+    EXPECT_EQ(stored, c.stored) << c.name;
+    if (c.status != 0) {
+      EXPECT_THAT(run.err, HasSubstr("big.bin changed while being sent")) << c.name;
+    }
+  }
 }
 
 // The hash command agrees with the tools a user compares it with.

@@ -51,6 +51,9 @@ int AbandonTransfer(Context& context, FileSystem::Result result, const std::stri
 struct LocalFile {
   std::uint64_t size = 0;
   std::uint64_t mtime = 0;
+  // What any write to the file or a replacement of it changes: device and inode, and the times
+  // of the last change of content and of status, to the nanosecond.
+  std::array<std::int64_t, 6> identity{};
 };
 
 bool StatLocal(const std::string& path, LocalFile* file) {
@@ -60,7 +63,19 @@ bool StatLocal(const std::string& path, LocalFile* file) {
   }
   file->size = static_cast<std::uint64_t>(info.st_size);
   file->mtime = static_cast<std::uint64_t>(info.st_mtime);
+  file->identity = {static_cast<std::int64_t>(info.st_dev),
+                    static_cast<std::int64_t>(info.st_ino),
+                    info.st_mtim.tv_sec,
+                    info.st_mtim.tv_nsec,
+                    info.st_ctim.tv_sec,
+                    info.st_ctim.tv_nsec};
   return true;
+}
+
+// Whether the file at `path` is still the one measured in `file`, untouched.
+bool StillSame(const std::string& path, const LocalFile& file) {
+  LocalFile now;
+  return StatLocal(path, &now) && now.size == file.size && now.identity == file.identity;
 }
 
 // Reads up to `size` bytes; a short count only at the end of the stream or on a failure.
@@ -357,6 +372,12 @@ PutTry TryPut(Context& context, const std::string& local, const std::string& rem
         fs.InterruptFile();
         return PutTry{FileSystem::FAILED, "put", local + " shrank while being sent"};
       }
+      // The last block goes only for a file nobody touched since it was measured: the server
+      // would otherwise keep a mix of two versions.
+      if (sent + got >= file.size && !StillSame(local, file)) {
+        fs.InterruptFile();
+        return PutTry{FileSystem::FAILED, "put", local + " changed while being sent"};
+      }
       outcome.result = fs.WriteFile(reinterpret_cast<const std::uint8_t*>(block.data()), got);
       if (outcome.result != FileSystem::SUCCEEDED) {
         if (outcome.result == FileSystem::STOPPED) {
@@ -376,6 +397,14 @@ PutTry TryPut(Context& context, const std::string& local, const std::string& rem
   return outcome;
 }
 
+// Whether the service uses the content hash announced with an upload: to find the session to
+// resume, or as the hash it keeps or compares with its own. A WebDAV server keeps its own etag and
+// resumes nothing: there the hash would only be compared with the bytes sent, which the file's
+// unchanged identity before the last block shows without a second pass over the file.
+bool TakesContentHash(RemoteFileSystem& fs) {
+  return fs.GetHashType() != SomeHash::GENERIC || fs.SupportsResumingUpload();
+}
+
 }  // namespace
 
 int RunPut(Context& context) {
@@ -385,14 +414,18 @@ int RunPut(Context& context) {
   if (!ToCanonicalPath(&remote) || remote.empty()) {
     return Fail(context, kExitUsage, "put: not a file path: " + context.options.args[1]);
   }
-  // 1. The content hash by the service's own calculator.
+  // 1. The content hash by the service's own calculator, where the service takes one.
   LocalFile file;
   std::ifstream in(local, std::ios::binary);
   if (!StatLocal(local, &file) || !in) {
     return Fail(context, kExitEnvironment, "put: cannot read " + local);
   }
   SomeHash hash;
-  if (std::unique_ptr<HashCalculator> calculator = MakeHashCalculator(fs.GetHashType())) {
+  std::unique_ptr<HashCalculator> calculator;
+  if (TakesContentHash(fs)) {
+    calculator = MakeHashCalculator(fs.GetHashType());
+  }
+  if (calculator) {
     if (!HashStream(in, calculator.get(), &context.interrupter)) {
       return context.interrupter.Interrupted()
                  ? Report(context, FileSystem::STOPPED, "put", "interrupted")
