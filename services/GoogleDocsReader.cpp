@@ -77,6 +77,7 @@ GoogleDocsReader::~GoogleDocsReader() {
 }
 
 void GoogleDocsReader::Stop() {
+  std::lock_guard<std::mutex> lock(http_mutex_);
   stopped_ = true;
   if (http_) {
     http_->Stop();
@@ -84,15 +85,24 @@ void GoogleDocsReader::Stop() {
 }
 
 void GoogleDocsReader::Start() {
-  stopped_ = false;
-  if (http_) {
-    http_->Start();
-    return;
+  // 1. A client that exists goes on.
+  {
+    std::lock_guard<std::mutex> lock(http_mutex_);
+    stopped_ = false;
+    if (http_) {
+      http_->Start();
+      return;
+    }
   }
+  // 2. Else one is opened, outside the lock: a Stop meanwhile must not wait for the network.
   std::shared_ptr<URLProcessor> http = url_factory_ ? url_factory_->Create() : nullptr;
   if (!http || !http->Open(nullptr)) {
     LOG_ERROR << "Failed to open http client.";
     return;
+  }
+  std::lock_guard<std::mutex> lock(http_mutex_);
+  if (stopped_) {
+    http->Stop();
   }
   http_ = std::move(http);
 }

@@ -16,6 +16,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <unordered_map>
 
@@ -70,6 +71,8 @@ class GoogleDocsReader : public SpecialDocsTypeRemoteReader {
   // The end of a failed transfer: logged, mapped.
   FileSystem::Result Failed(URLProcessorResult result);
 
+  // Set by Start on the reader's thread while Stop may come from any other.
+  std::mutex http_mutex_;
   std::shared_ptr<URLProcessor> http_;
   int fail_reason_ = 0;
   std::uint64_t read_offset_ = 0;

@@ -1,8 +1,10 @@
 // Stop() from another thread against the Google adapter on the system clock: a rate-limit pause
 // and the retries of a broken listing end at once with STOPPED, and the adapter works again after
-// Start().
+// Start(); the documents reader keeps a Stop that races the making of its client.
 #include <chrono>
+#include <functional>
 #include <future>
+#include <memory>
 #include <thread>
 
 #include <gtest/gtest.h>
@@ -11,6 +13,7 @@
 #include "core/Cookie.h"
 #include "core/CurlURLProcessorFactory.h"
 #include "core/Endpoints.h"
+#include "core/SpecialDocsTypeRemoteReader.h"
 #include "emulators/Emulator.h"
 #include "services/RemoteFileSystemFactoryGoogle.h"
 #include "services/RemoteFileSystemGoogle.h"
@@ -86,6 +89,56 @@ TEST_F(GoogleStopTest, StopEndsTheRetriesOfABrokenListing) {
   });
   EXPECT_EQ(result, FileSystem::STOPPED);
   EXPECT_LT(late.count(), 100);
+}
+
+// Makes no client on its first call, as while the network is down; on the later ones runs
+// `during_create` first, as a Stop that comes while the client is being made.
+class LateClientFactory : public URLProcessorFactory {
+ public:
+  std::shared_ptr<URLProcessor> Create() override {
+    if (calls_++ == 0) {
+      return nullptr;
+    }
+    if (during_create) {
+      during_create();
+    }
+    return curl_.Create();
+  }
+  std::function<void()> during_create;
+
+ private:
+  int calls_ = 0;
+  CurlURLProcessorFactory curl_{std::make_shared<core::cookie::CookieOAuth>("t")};
+};
+
+TEST_F(GoogleStopTest, ADocsReaderStoppedWhileItsClientIsMadeStaysStopped) {
+  auto factory = std::make_shared<LateClientFactory>();
+  std::shared_ptr<SpecialDocsTypeRemoteReader> reader =
+      factory_.CreateSpecialDocsTypeRemoteReader(factory);
+  ASSERT_TRUE(reader);
+  EXPECT_FALSE(reader->LoadLinks());  // no client yet
+
+  // 1. A Stop from another thread while Start makes the client wins: nothing goes out.
+  factory->during_create = [&reader] { std::thread([&reader] { reader->Stop(); }).join(); };
+  reader->Start();
+  factory->during_create = nullptr;
+  EXPECT_TRUE(reader->IsStopped());
+  EXPECT_FALSE(reader->LoadLinks());
+  EXPECT_TRUE(emulator_->server().Requests().empty());
+
+  // 2. Start and Stop racing from two threads leave a reader that works once started again.
+  auto stopping = std::async(std::launch::async, [&reader] {
+    for (int i = 0; i < 100; ++i) {
+      reader->Stop();
+    }
+  });
+  for (int i = 0; i < 100; ++i) {
+    reader->Start();
+  }
+  stopping.get();
+  reader->Start();
+  EXPECT_FALSE(reader->IsStopped());
+  EXPECT_TRUE(reader->LoadLinks());
 }
 
 }  // namespace
