@@ -161,13 +161,18 @@ void HashCalculatorOneDrive::Feed(const std::uint8_t* data, std::uint32_t size) 
   for (; column != 0 && i < size; ++i, column = (column + 1) % kWidthBits)
     columns_[column] ^= data[i];
   if (size - i >= kWidthBits) {
-    // On a local copy the compiler knows the input cannot alias the columns, and vectorizes.
-    std::array<std::uint8_t, kWidthBits> columns = columns_;
+    // A row is twenty 64-bit words, each xored whole into the columns it covers: a byte at a
+    // time the loop ran at a fifth of the speed of memory. Copies in and out keep the byte order.
+    std::array<std::uint64_t, kWidthBits / 8> lanes;
+    std::memcpy(lanes.data(), columns_.data(), kWidthBits);
     for (; size - i >= kWidthBits; i += kWidthBits) {
-      for (std::uint32_t c = 0; c < kWidthBits; ++c)
-        columns[c] ^= data[i + c];
+      for (std::uint32_t lane = 0; lane < lanes.size(); ++lane) {
+        std::uint64_t word;
+        std::memcpy(&word, data + i + 8 * lane, sizeof(word));
+        lanes[lane] ^= word;
+      }
     }
-    columns_ = columns;
+    std::memcpy(columns_.data(), lanes.data(), kWidthBits);
   }
   for (std::uint32_t c = 0; i < size; ++i, ++c)
     columns_[c] ^= data[i];
