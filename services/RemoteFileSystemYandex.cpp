@@ -1270,7 +1270,9 @@ FileSystem::Result RemoteFileSystemYandex::OpenForRead(const std::string& path,
   bytesDone_ = 0;
   checkHashOnFirstRead_ = true;
   hashingRead_ = offset == 0 && limit >= size && size > 0 && !expectedHash_.IsZero();
-  hashCalculator_.Begin();
+  const bool bySha256 = !expectedHash_.sha256.IsZero();
+  readCalculator_ = MakeHashCalculator(bySha256 ? SomeHash::GENERIC : SomeHash::GOOGLE);
+  readExpected_ = bySha256 ? expectedHash_.sha256.ToHexString() : expectedHash_.md5.ToHexString();
 
   // 2. The road.
   if (mode_ != kRestMode && !IsImage(path)) {
@@ -1333,12 +1335,12 @@ FileSystem::Result RemoteFileSystemYandex::ReadFile(std::uint8_t* buffer, std::u
   // 2. A whole read is what it was meant to be only once its last byte is in.
   bytesDone_ += *done;
   if (hashingRead_) {
-    hashCalculator_.Feed(buffer, *done);
+    readCalculator_->Feed(buffer, *done);
     if (bytesDone_ >= expectedSize_) {
       hashingRead_ = false;
-      const HashYandex actual = hashCalculator_.Finish().GetHashYandex();
-      if (actual != expectedHash_) {
-        return RefuseRead(expectedHash_.ToHexString(), actual.ToHexString());
+      const std::string actual = readCalculator_->Finish().ToHexString();
+      if (actual != readExpected_) {
+        return RefuseRead(readExpected_, actual);
       }
     }
   }

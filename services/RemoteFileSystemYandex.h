@@ -272,6 +272,10 @@ class RemoteFileSystemYandex : public RemoteFileSystemWebDAVBase {
   bool hashingRead_ = false;
   HashYandex writtenHash_;
   HashCalculatorYandex hashCalculator_;
+  // A whole read is checked by one digest, which catches any changed byte: SHA-256 where the
+  // tree knows it (with the CPU's instructions the faster of the two), else MD5.
+  std::unique_ptr<HashCalculator> readCalculator_;
+  std::string readExpected_;
   UploadRoad uploadRoad_ = UploadRoad::kWebDav;
   std::optional<std::string> operationLink_;
   std::string uploadPath_;

@@ -372,9 +372,20 @@ TEST_F(YandexFilesTest, ContentThatIsntWhatItShouldBeIsRefusedBothWays) {
   EXPECT_TRUE(log.Contains("Invalid content received, expected "));
   EXPECT_EQ(fs_->GetFailReason(), FileSystem::FAIL_REASON_HTTP);
 
+  // A tree that knows only the MD5 checks by it.
+  HashYandex md5Only = HashOf(content).GetHashYandex();
+  md5Only.sha256.Clear();
+  emulator_->faults().Add(flip);
+  ASSERT_EQ(fs_->OpenForRead("f.txt", 0, content.size(), content.size(), SomeHash(md5Only)),
+            Result::SUCCEEDED);
+  std::uint8_t all[64];
+  std::uint32_t done = 0;
+  EXPECT_EQ(fs_->ReadFile(all, sizeof(all), &done), Result::FAILED);
+  EXPECT_EQ(MetricCount(metrics, "yandex_remote_invalid_hash"), 2);
+
   // 2. A read whose etag names other content is refused at its first block.
   EXPECT_EQ(Get("f.txt", "other content", &got), Result::FAILED);
-  EXPECT_EQ(MetricCount(metrics, "yandex_remote_invalid_hash"), 2);
+  EXPECT_EQ(MetricCount(metrics, "yandex_remote_invalid_hash"), 3);
 
   // 3. Written bytes that aren't the announced ones: the last block never goes.
   fs_->SetMode(RemoteFileSystemYandex::kWebDavMode);
