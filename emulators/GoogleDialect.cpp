@@ -712,17 +712,33 @@ HttpResponse GoogleDialect::ListFiles(Router& router, const HttpRequest& request
     if ((token[0] != 'p' && token[0] != 'e') || *end != '\0')
       return InvalidParameter(*this, "pageToken");
   }
-  // 2. The matching files, in the order they were made, folders first when asked.
-  std::vector<Item> items;
-  for (Item& item : account.AllItems()) {
-    if (Visible(item, account.RootId()) && Matches(account, item, query))
-      items.push_back(std::move(item));
+  // 2. The matching files, in the order they were made, folders first when asked; the next page
+  //    of an unchanged account takes them from the last one.
+  const std::string key = QueryParam(request.query, "q") + '\n' + order;
+  std::shared_ptr<const std::vector<Item>> kept;
+  {
+    std::lock_guard<std::mutex> lock(listing_mutex_);
+    if (listing_.items && listing_.query == key && listing_.sequence == account.Sequence())
+      kept = listing_.items;
   }
-  std::sort(items.begin(), items.end(), [&](const Item& a, const Item& b) {
-    if (order == "folder" && a.IsFolder() != b.IsFolder())
-      return a.IsFolder();
-    return a.id < b.id;
-  });
+  if (!kept) {
+    // The sequence is read first: a change made meanwhile lists again on the next page.
+    const std::uint64_t sequence = account.Sequence();
+    std::vector<Item> matching;
+    for (Item& item : account.AllItems()) {
+      if (Visible(item, account.RootId()) && Matches(account, item, query))
+        matching.push_back(std::move(item));
+    }
+    std::sort(matching.begin(), matching.end(), [&](const Item& a, const Item& b) {
+      if (order == "folder" && a.IsFolder() != b.IsFolder())
+        return a.IsFolder();
+      return a.id < b.id;
+    });
+    kept = std::make_shared<const std::vector<Item>>(std::move(matching));
+    std::lock_guard<std::mutex> lock(listing_mutex_);
+    listing_ = Listing{key, sequence, kept};
+  }
+  const std::vector<Item>& items = *kept;
   // 3. One page of them, or the empty page that comes first.
   QJsonObject list{{"kind", "drive#fileList"}, {"incompleteSearch", false}};
   QJsonArray files;

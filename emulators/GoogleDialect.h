@@ -40,6 +40,7 @@
 #include <memory>
 #include <mutex>
 #include <string>
+#include <vector>
 
 #include "emulators/Dialect.h"
 
@@ -105,8 +106,18 @@ class GoogleDialect : public Dialect {
     std::string file_id;
   };
 
+  // The items of the last listing, in order, while the account stays as it was: a client pages
+  // through one listing, and each page would otherwise copy, filter and sort the whole account.
+  struct Listing {
+    std::string query;  // "q" and "orderBy"
+    std::uint64_t sequence = 0;
+    std::shared_ptr<const std::vector<Item>> items;
+  };
+
   std::atomic<std::size_t> max_page_size_{1000};
   std::atomic<bool> empty_pages_{false};
+  mutable std::mutex listing_mutex_;
+  mutable Listing listing_;
   mutable std::mutex uploads_mutex_;
   mutable std::map<std::string, UploadSession> uploads_;
 };

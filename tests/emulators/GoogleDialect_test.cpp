@@ -118,6 +118,26 @@ TEST_F(GoogleDialectTest, PagesComeAfterEmptyPagesWithTokens) {
   EXPECT_EQ(pages, (std::vector<std::string>{"", folder_.id + "," + file_.id, "", other_.id}));
 }
 
+// Pages of one listing come from one ordering of the account until it changes: a change shows on
+// the next page, and in the same question asked again.
+TEST_F(GoogleDialectTest, AListingShowsEveryChangeMadeBetweenItsPages) {
+  dialect_->SetMaxPageSize(2);
+  const std::string all = "/files?orderBy=folder&fields=files(id),nextPageToken";
+  QJsonObject first = Get(all);
+  EXPECT_EQ(Ids(first), folder_.id + "," + file_.id);
+  emulators::CloudAccount& account = emulator_->account();
+  Item late;
+  ASSERT_EQ(account.CreateFile(account.RootId(), "c.txt", "late", 1700000000000, &late),
+            emulators::AccountError::kNone);
+  const std::string next = first.value("nextPageToken").toString().toStdString();
+  EXPECT_EQ(Ids(Get(all + "&pageToken=" + next)), other_.id + "," + late.id);
+
+  const std::string named = "/files?fields=files(id)&q=name%20contains%20'b.'";
+  EXPECT_EQ(Ids(Get(named)), other_.id);
+  ASSERT_EQ(account.Rename(other_.id, "renamed.txt", nullptr), emulators::AccountError::kNone);
+  EXPECT_EQ(Ids(Get(named)), "");
+}
+
 TEST_F(GoogleDialectTest, AboutWantsFieldsAndErrorsCarryDrivesBody) {
   long status = 0;
   EXPECT_EQ(Get("/about", &status).value("error").toObject().value("code").toInt(), 400);
