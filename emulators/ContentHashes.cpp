@@ -59,20 +59,24 @@ class ContentHasher::Digest {
 // last 8 bytes of the ring.
 class ContentHasher::QuickXor {
  public:
+  // Bytes 160 apart land on the same bits (11 * 160 is a whole number of turns of the ring), so a
+  // byte is only XORed into the column of its place in the row; the digest spreads the columns.
   void Update(const std::uint8_t* data, std::size_t size) {
     for (std::size_t i = 0; i < size; ++i) {
-      unsigned bit = shift_;
-      unsigned spread = static_cast<unsigned>(data[i]) << (bit % 8);
-      unsigned byte = bit / 8;
-      ring_[byte] ^= static_cast<std::uint8_t>(spread);
-      ring_[(byte + 1) % kBytes] ^= static_cast<std::uint8_t>(spread >> 8);
-      shift_ = (shift_ + kShift) % kBits;
+      columns_[column_] ^= data[i];
+      column_ = column_ + 1 == kBits ? 0 : column_ + 1;
     }
     length_ += size;
   }
 
   std::string Base64Digest() const {
-    std::array<std::uint8_t, kBytes> digest = ring_;
+    std::array<std::uint8_t, kBytes> digest{};
+    for (unsigned column = 0; column < kBits; ++column) {
+      unsigned bit = column * kShift % kBits;
+      unsigned spread = static_cast<unsigned>(columns_[column]) << (bit % 8);
+      digest[bit / 8] ^= static_cast<std::uint8_t>(spread);
+      digest[(bit / 8 + 1) % kBytes] ^= static_cast<std::uint8_t>(spread >> 8);
+    }
     for (int i = 0; i < 8; ++i) {
       digest[kBytes - 8 + i] ^= static_cast<std::uint8_t>(length_ >> (8 * i));
     }
@@ -84,8 +88,8 @@ class ContentHasher::QuickXor {
   static constexpr unsigned kBytes = kBits / 8;
   static constexpr unsigned kShift = 11;
 
-  std::array<std::uint8_t, kBytes> ring_{};
-  unsigned shift_ = 0;
+  std::array<std::uint8_t, kBits> columns_{};
+  unsigned column_ = 0;
   std::uint64_t length_ = 0;
 };
 
