@@ -38,8 +38,13 @@ bool NameLess::operator()(const ChildNode& a, std::string_view b) const {
 
 // ChildNode
 
+void ChildNode::SetParent(FolderNode* parent) {
+  static_assert(alignof(FolderNode) > kAllFlags, "the flags must fit below a folder's alignment");
+  parent_and_flags_ = reinterpret_cast<std::uintptr_t>(parent) | Flags();
+}
+
 bool ChildNode::SetChanged(bool changed) {
-  flags_ = changed ? (flags_ | kChanged) : (flags_ & ~kChanged);
+  SetFlags(changed ? (Flags() | kChanged) : (Flags() & ~kChanged));
   return true;
 }
 
@@ -49,13 +54,13 @@ bool ChildNode::SetTime(std::uint64_t time) {
 }
 
 bool ChildNode::SetServiceItem(bool service_item) {
-  flags_ = service_item ? (flags_ | kServiceItem) : (flags_ & ~kServiceItem);
+  SetFlags(service_item ? (Flags() | kServiceItem) : (Flags() & ~kServiceItem));
   return true;
 }
 
 std::string ChildNode::CollectPath() const {
   std::vector<const ChildNode*> chain;
-  for (const ChildNode* node = this; node->parent_ != nullptr; node = node->parent_)
+  for (const ChildNode* node = this; node->GetParent() != nullptr; node = node->GetParent())
     chain.push_back(node);
   std::string path;
   for (auto it = chain.rbegin(); it != chain.rend(); ++it) {
@@ -72,7 +77,7 @@ bool ChildNode::IsValidName(std::string_view name) {
 }
 
 bool ChildNode::SetName(std::string&& name) {
-  if (parent_ != nullptr || !IsValidName(name))
+  if (GetParent() != nullptr || !IsValidName(name))
     return false;
   name_ = std::move(name);
   return true;
@@ -102,8 +107,8 @@ bool FileNode::SetProperties(const SomeHash& new_hash, std::uint64_t new_size, s
 }
 
 bool FileNode::SetReadonly(bool readonly) {
-  flags_ =
-      static_cast<std::uint8_t>((flags_ & ~kReadonlyMask) | (readonly ? 1 << kReadonlyShift : 0));
+  SetFlags(
+      static_cast<std::uint8_t>((Flags() & ~kReadonlyMask) | (readonly ? 1 << kReadonlyShift : 0)));
   return true;
 }
 
@@ -123,7 +128,7 @@ void FolderNode::Clear() {
   // detach every folder below onto a list first, so each one is empty when it is deleted.
   std::vector<FolderNode*> pending;
   auto take_folder = [&pending](FolderNode* folder) {
-    folder->parent_ = nullptr;
+    folder->SetParent(nullptr);
     pending.push_back(folder);
   };
   auto delete_file = [](FileNode* file) { delete file; };
@@ -161,8 +166,10 @@ UniqueNodePtr<FolderNode> FolderNode::CreateInstance() const {
 // FolderNode: lookups
 
 // Case-insensitive lookups in a large folder go through an index from the hash of each lowered
-// name to its nodes, made on the first such lookup and dropped on any change of the children;
-// a scan of scattered nodes costs a cache miss per child.
+// name to its nodes, made on the first such lookup (about 40 bytes a child) and kept in step with
+// each child that comes or goes: the builders that look before each insertion would otherwise
+// make it again for every child, which is quadratic in the size of the folder.
+// A scan of scattered nodes costs a cache miss per child.
 struct FolderNode::LowerIndex {
   std::unordered_multimap<std::size_t, FileNode*> files;
   std::unordered_multimap<std::size_t, FolderNode*> folders;
@@ -173,6 +180,28 @@ struct FolderNode::LowerIndex {
       return files;
     else
       return folders;
+  }
+
+  // `node` is a child of `folder` now.
+  template <typename T>
+  static void Added(const FolderNode& folder, T* node) {
+    if (folder.lower_index_)
+      folder.lower_index_->Of<T>().emplace(Hash(utils::UnicodeToLower(node->GetName())), node);
+  }
+
+  // `node`, still under the name it was indexed by, leaves `folder`.
+  template <typename T>
+  static void Leaving(const FolderNode& folder, T* node) {
+    if (!folder.lower_index_)
+      return;
+    auto& nodes = folder.lower_index_->Of<T>();
+    auto range = nodes.equal_range(Hash(utils::UnicodeToLower(node->GetName())));
+    for (auto it = range.first; it != range.second; ++it) {
+      if (it->second == node) {
+        nodes.erase(it);
+        return;
+      }
+    }
   }
 };
 
@@ -337,7 +366,7 @@ template <typename T>
 FolderNode::ResultInsert<T> FolderNode::InsertTry(detail::ChildSet<T>& set,
                                                   UniqueNodePtr<T>&& node) {
   ResultInsert<T> result;
-  if (!node || node->parent_ != nullptr || !IsValidName(node->GetName())) {
+  if (!node || node->GetParent() != nullptr || !IsValidName(node->GetName())) {
     result.status = ResultInsert<T>::BAD_NAME;
     return result;
   }
@@ -354,9 +383,9 @@ FolderNode::ResultInsert<T> FolderNode::InsertTry(detail::ChildSet<T>& set,
     }
   }
   T* raw = node.release();
-  raw->parent_ = this;
+  raw->SetParent(this);
   set.insert(*raw);
-  ChildrenChanged();
+  LowerIndex::Added(*this, raw);
   result.status = ResultInsert<T>::INSERTED;
   result.node = raw;
   return result;
@@ -384,10 +413,11 @@ FolderNode::ResultInsert<T> FolderNode::RenameTry(detail::ChildSet<T>& set, deta
     result.status = ResultInsert<T>::EXISTS;
     return result;
   }
+  LowerIndex::Leaving(*this, node);
   set.erase(it.base());
   node->name_ = std::move(new_name);
   set.insert(*node);
-  ChildrenChanged();
+  LowerIndex::Added(*this, node);
   result.status = ResultInsert<T>::INSERTED;
   result.node = node;
   return result;
@@ -406,9 +436,9 @@ FolderNode::ResultInsert<FolderNode> FolderNode::RenameFolderTry(FolderIterator 
 template <typename T>
 UniqueNodePtr<T> FolderNode::Remove(detail::ChildSet<T>& set, detail::ChildIter<T> it) {
   T* node = *it;
+  LowerIndex::Leaving(*this, node);
   set.erase(it.base());
-  ChildrenChanged();
-  node->parent_ = nullptr;
+  node->SetParent(nullptr);
   return UniqueNodePtr<T>(node);
 }
 
@@ -446,7 +476,7 @@ bool FolderNode::DeleteFolder(std::string_view name) {
 }
 
 bool FolderNode::IsInside(const FolderNode* ancestor) const {
-  for (const FolderNode* folder = this; folder != nullptr; folder = folder->parent_) {
+  for (const FolderNode* folder = this; folder != nullptr; folder = folder->GetParent()) {
     if (folder == ancestor)
       return true;
   }
@@ -492,12 +522,12 @@ FolderNode::ResultInsert<T> FolderNode::MoveFrom(FolderNode* from, std::string_v
       return result;
     }
   }
+  LowerIndex::Leaving(*from, node);
   from_set.erase(it);
-  from->ChildrenChanged();
   node->name_ = std::move(new_name);
-  node->parent_ = this;
+  node->SetParent(this);
   Children<T>().insert(*node);
-  ChildrenChanged();
+  LowerIndex::Added(*this, node);
   result.status = ResultInsert<T>::INSERTED;
   result.node = node;
   return result;
@@ -529,23 +559,23 @@ bool FolderNode::DeepCopyContentFrom(const FolderNode* other) {
   while (!pending.empty()) {
     auto [source, target] = pending.back();
     pending.pop_back();
-    target->flags_ = source->flags_;
+    target->SetFlags(source->Flags());
     for (const FileNode& file : source->files_) {
       UniqueNodePtr<FileNode> copy =
           MakeFile(file.GetName(), file.size, file.hash, file.GetTime(), file.inode_, false);
-      copy->flags_ = file.flags_;
-      copy->parent_ = target;
+      copy->SetFlags(file.Flags());
+      copy->SetParent(target);
       target->files_.insert(target->files_.end(), *copy.release());
     }
     for (const FolderNode& folder : source->folders_) {
       UniqueNodePtr<FolderNode> copy = target->MakeFolder(folder.GetName(), folder.GetTime());
-      copy->parent_ = target;
+      copy->SetParent(target);
       FolderNode* raw = copy.release();
       target->folders_.insert(target->folders_.end(), *raw);
       pending.emplace_back(&folder, raw);
     }
   }
-  flags_ = other->flags_;
+  SetFlags(other->Flags());
   return true;
 }
 
@@ -644,6 +674,6 @@ bool FolderNode::SetChangedDown() {
 }
 
 bool FolderNode::SetReadonly(ReadonlyStatus status) {
-  flags_ = static_cast<std::uint8_t>((flags_ & ~kReadonlyMask) | (status << kReadonlyShift));
+  SetFlags(static_cast<std::uint8_t>((Flags() & ~kReadonlyMask) | (status << kReadonlyShift)));
   return true;
 }

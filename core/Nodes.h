@@ -107,12 +107,14 @@ class ChildNode : public detail::NodeHook {
   virtual ~ChildNode() = default;
 
   const std::string& GetName() const { return name_; }
-  FolderNode* GetParent() const { return parent_; }
+  FolderNode* GetParent() const {
+    return reinterpret_cast<FolderNode*>(parent_and_flags_ & ~std::uintptr_t{kAllFlags});
+  }
   std::uint64_t GetTime() const { return time_; }
-  bool IsChanged() const { return flags_ & kChanged; }
+  bool IsChanged() const { return Flags() & kChanged; }
   // An item the service keeps for itself (metainfo and the like), left out of a folder's size
   // unless asked for.
-  bool IsServiceItem() const { return flags_ & kServiceItem; }
+  bool IsServiceItem() const { return Flags() & kServiceItem; }
 
   // The setters answer true: they cannot fail on a valid node.
   bool SetChanged(bool changed);
@@ -132,19 +134,27 @@ class ChildNode : public detail::NodeHook {
   // Refuses an invalid name and a node that sits in a folder (its place depends on its name).
   bool SetName(std::string&& name);
 
-  enum Flags : std::uint8_t {
+  enum FlagBits : std::uint8_t {
     kChanged = 1,
     kServiceItem = 2,
     kReadonlyShift = 2,  // two bits from here: the readonly status
     kReadonlyMask = 3 << kReadonlyShift,
+    kAllFlags = kChanged | kServiceItem | kReadonlyMask,
   };
-  std::uint8_t flags_ = 0;
+  std::uint8_t Flags() const { return static_cast<std::uint8_t>(parent_and_flags_ & kAllFlags); }
+  void SetFlags(std::uint8_t flags) {
+    parent_and_flags_ = (parent_and_flags_ & ~std::uintptr_t{kAllFlags}) | flags;
+  }
 
  private:
   friend class FolderNode;
 
+  void SetParent(FolderNode* parent);
+
   std::string name_;
-  FolderNode* parent_ = nullptr;
+  // The flags live in the low bits of the parent's address (folders are aligned for it): a
+  // byte of its own would cost eight in every node.
+  std::uintptr_t parent_and_flags_ = 0;
   std::uint64_t time_ = 0;
 };
 
@@ -155,7 +165,7 @@ class FileNode : public ChildNode {
   std::uint64_t size = 0;
 
   std::uint64_t GetInode() const { return inode_; }
-  bool IsReadonly() const { return flags_ & kReadonlyMask; }
+  bool IsReadonly() const { return Flags() & kReadonlyMask; }
 
   bool SetHash(const SomeHash& new_hash);
   bool SetProperties(const SomeHash& new_hash, std::uint64_t new_size, std::uint64_t time,
@@ -174,7 +184,7 @@ class FileNode : public ChildNode {
   std::uint64_t inode_ = 0;
 };
 
-class FolderNode : public ChildNode {
+class alignas(16) FolderNode : public ChildNode {
  public:
   using FileIterator = detail::ChildIter<FileNode>;
   using FolderIterator = detail::ChildIter<FolderNode>;
@@ -294,7 +304,7 @@ class FolderNode : public ChildNode {
   bool SetChangedDown();
   bool SetReadonly(ReadonlyStatus status);
   ReadonlyStatus GetReadonly() const {
-    return static_cast<ReadonlyStatus>((flags_ & kReadonlyMask) >> kReadonlyShift);
+    return static_cast<ReadonlyStatus>((Flags() & kReadonlyMask) >> kReadonlyShift);
   }
 
  private:
@@ -303,7 +313,7 @@ class FolderNode : public ChildNode {
     void operator()(LowerIndex* index) const;
   };
 
-  // Every change of the set of children (not of their properties) calls it.
+  // Forgets the case-insensitive index, when the children all go at once.
   void ChildrenChanged();
   template <typename T, typename Visit>
   void VisitLowerMatches(const detail::ChildSet<T>& set, const std::string& lowered,

@@ -7,10 +7,11 @@
 // is the hash of an empty file: SomeHash::EmptyFileHash(type) is.
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <ostream>
 #include <string>
-#include <variant>
+#include <string_view>
 
 #include "core/HashImpl.h"
 
@@ -80,6 +81,9 @@ struct HashBox {
   bool operator!=(const HashBox& other) const { return !(*this == other); }
 };
 
+// 24 bytes whatever the kind, since the tree keeps one per file: an MD5 and a text of up to
+// kInlineText bytes (most servers' etags) sit inline, the larger kinds in one immutable block
+// shared by the copies (a copy bumps an atomic count, so copies may go to other threads).
 class SomeHash {
  public:
   enum HashType : std::uint8_t {
@@ -91,20 +95,27 @@ class SomeHash {
     ONEDRIVE = 6,
     BOX = 9,
   };
+  static constexpr std::size_t kInlineText = 23;
 
   SomeHash() = default;
-  explicit SomeHash(const HashYandex& value) : value_(value) {}
-  explicit SomeHash(const HashDropbox& value) : value_(value) {}
-  explicit SomeHash(const HashGoogle& value) : value_(value) {}
-  explicit SomeHash(const std::string& generic) : value_(generic) {}
-  explicit SomeHash(const HashOneDrive& value) : value_(value) {}
-  explicit SomeHash(const HashBox& value) : value_(value) {}
+  explicit SomeHash(const HashYandex& value);
+  explicit SomeHash(const HashDropbox& value);
+  explicit SomeHash(const HashGoogle& value);
+  explicit SomeHash(const std::string& generic);
+  explicit SomeHash(const HashOneDrive& value);
+  explicit SomeHash(const HashBox& value);
+  SomeHash(const SomeHash& other);
+  // Leaves `other` empty.
+  SomeHash(SomeHash&& other) noexcept;
+  SomeHash& operator=(const SomeHash& other);
+  SomeHash& operator=(SomeHash&& other) noexcept;
+  ~SomeHash() { Release(); }
 
   HashType GetType() const;
-  bool IsEmpty() const { return value_.index() == 0; }
+  bool IsEmpty() const { return tag_ == kTagNone; }
   // Unknown: empty, an all-zero digest or an empty generic text.
   bool IsZero() const;
-  bool operator==(const SomeHash& other) const { return value_ == other.value_; }
+  bool operator==(const SomeHash& other) const;
   bool operator!=(const SomeHash& other) const { return !(*this == other); }
 
   // Lower-case hex of the digest (the generic text as it is).
@@ -113,27 +124,47 @@ class SomeHash {
   std::string ToDisplayString() const;
 
   // Each getter asserts nothing: asking for another kind gives an empty value of the asked kind.
-  HashYandex GetHashYandex() const { return Get<HashYandex>(); }
-  HashDropbox GetHashDropbox() const { return Get<HashDropbox>(); }
-  HashGoogle GetHashGoogle() const { return Get<HashGoogle>(); }
-  HashOneDrive GetHashOneDrive() const { return Get<HashOneDrive>(); }
-  HashBox GetHashBox() const { return Get<HashBox>(); }
-  std::string GetHashGenericString() const { return Get<std::string>(); }
+  HashYandex GetHashYandex() const;
+  HashDropbox GetHashDropbox() const;
+  HashGoogle GetHashGoogle() const;
+  HashOneDrive GetHashOneDrive() const;
+  HashBox GetHashBox() const;
+  std::string GetHashGenericString() const;
 
   // The hash of a file of no bytes, as the kind's calculator gives it (GENERIC: the SHA-256 text
   // of the internal calculator); empty for NONE.
   static SomeHash EmptyFileHash(HashType type);
 
  private:
+  struct Block;
   template <typename T>
-  T Get() const {
-    const T* value = std::get_if<T>(&value_);
-    return value ? *value : T();
-  }
+  struct ValueBlock;
+  struct TextBlock;
 
-  std::variant<std::monostate, HashYandex, HashDropbox, HashGoogle, std::string, HashOneDrive,
-               HashBox>
-      value_;
+  // tag_: one of these, or kTagInlineText + the length of an inline text.
+  enum Tag : std::uint8_t {
+    kTagNone = 0,
+    kTagInlineMd5 = 1,
+    kTagBlock = 2,
+    kTagInlineText = 8,
+  };
+  static_assert(kTagInlineText + kInlineText <= 0xff);
+
+  template <typename T>
+  static constexpr HashType TypeOf();
+  template <typename T>
+  void Share(const T& value);
+  template <typename T>
+  T Get() const;
+  template <typename T>
+  const T* Find() const;
+  Block* GetBlock() const;
+  void SetBlock(Block* block);
+  std::string_view GenericText() const;
+  void Release();
+
+  alignas(void*) unsigned char bytes_[kInlineText] = {};
+  std::uint8_t tag_ = kTagNone;
 };
 
 std::ostream& operator<<(std::ostream& out, const SomeHash& hash);

@@ -21,8 +21,10 @@ std::vector<bool> LaterTwins(const std::vector<Entry>& entries, NameOf nameOf,
                              const std::vector<std::string>& taken) {
   std::vector<std::uint32_t> order(entries.size());
   std::iota(order.begin(), order.end(), 0);
-  std::stable_sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) {
-    return nameOf(entries[a]) < nameOf(entries[b]);
+  // Ties broken by position, as a stable sort would, without the buffer a stable sort takes.
+  std::sort(order.begin(), order.end(), [&](std::uint32_t a, std::uint32_t b) {
+    const int compared = nameOf(entries[a]).compare(nameOf(entries[b]));
+    return compared < 0 || (compared == 0 && a < b);
   });
   std::vector<bool> twin(entries.size(), false);
   for (std::size_t i = 0; i < order.size(); ++i) {

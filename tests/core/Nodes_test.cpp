@@ -361,6 +361,49 @@ class TaggedFolder : public FolderNode {
   }
 };
 
+TEST(NodesTest, MarksAndParentsChangeIndependently) {
+  const FolderNode::ReadonlyStatus kStatuses[] = {FolderNode::kWritable, FolderNode::kReadonly,
+                                                  FolderNode::kReadonlyLocked};
+  for (int changed = 0; changed < 2; ++changed) {
+    for (int service = 0; service < 2; ++service) {
+      for (FolderNode::ReadonlyStatus status : kStatuses) {
+        SCOPED_TRACE(testing::Message() << changed << service << status);
+        FolderNode root;
+        FolderNode* from = root.CreateFolder("from");
+        FolderNode* to = root.CreateFolder("to");
+        FolderNode* folder = from->CreateFolder("d");
+        FileNode* file = from->CreateFileW("f", 1, SomeHash(), 0);
+        for (ChildNode* node : {static_cast<ChildNode*>(folder), static_cast<ChildNode*>(file)}) {
+          node->SetChanged(changed);
+          node->SetServiceItem(service);
+        }
+        folder->SetReadonly(status);
+        file->SetReadonly(status != FolderNode::kWritable);
+
+        ASSERT_TRUE(FolderNode::MoveFolder(from, "d", to, "d"));
+        ASSERT_TRUE(FolderNode::MoveFileW(from, "f", to, "f"));
+        for (const ChildNode* node :
+             {static_cast<ChildNode*>(folder), static_cast<ChildNode*>(file)}) {
+          EXPECT_EQ(node->GetParent(), to);
+          EXPECT_EQ(node->IsChanged(), changed != 0);
+          EXPECT_EQ(node->IsServiceItem(), service != 0);
+        }
+        EXPECT_EQ(folder->GetReadonly(), status);
+        EXPECT_EQ(file->IsReadonly(), status != FolderNode::kWritable);
+
+        folder->SetChanged(!changed);
+        file->SetServiceItem(!service);
+        EXPECT_EQ(folder->GetParent(), to);
+        EXPECT_EQ(file->GetParent(), to);
+        UniqueNodePtr<FolderNode> out = to->RemoveFolder(to->FindFolder("d"));
+        EXPECT_EQ(out->GetParent(), nullptr);
+        EXPECT_EQ(out->IsChanged(), changed == 0);
+        EXPECT_EQ(out->GetReadonly(), status);
+      }
+    }
+  }
+}
+
 TEST(NodesTest, DeepCopyIsIndependentAndKeepsTheFolderKind) {
   TaggedFolder source;
   FolderNode* a = source.CreateFolder("a");

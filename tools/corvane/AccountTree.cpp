@@ -170,13 +170,14 @@ FileSystem::Result AccountTree::Find(const std::string& path, Item* item) {
   if (result != FileSystem::SUCCEEDED) {
     return result;
   }
-  for (const Item& entry : ListingItems(parent, listing)) {
-    if (entry.path == path) {
+  bool found = false;
+  VisitListingInPathOrder(parent, &listing, [&](const Item& entry) {
+    if (!found && entry.path == path) {
       *item = entry;
-      return FileSystem::SUCCEEDED;
+      found = true;
     }
-  }
-  return FileSystem::ITEM_MISSED;
+  });
+  return found ? FileSystem::SUCCEEDED : FileSystem::ITEM_MISSED;
 }
 
 }  // namespace corvane

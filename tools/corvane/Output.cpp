@@ -16,15 +16,6 @@ std::string Join(const std::string& folder, const std::string& name) {
   return folder.empty() ? name : folder + "/" + name;
 }
 
-void SortByPath(std::vector<Item>* items) {
-  std::sort(items->begin(), items->end(),
-            [](const Item& a, const Item& b) { return a.path < b.path; });
-}
-
-}  // namespace
-
-namespace {
-
 // One step of the walk in path order. A folder stands twice among its siblings: itself under its
 // name, and its contents under its name and "/", so that byte order of the keys is byte order of
 // the full paths ("a/b-x" comes before "a/b/c").
@@ -82,17 +73,26 @@ void VisitTreeInPathOrder(const FolderNode& root, const std::function<void(const
   }
 }
 
-std::vector<Item> ListingItems(const std::string& folder,
-                               const RemoteFileSystem::FolderListing& listing) {
-  std::vector<Item> items;
-  for (const std::string& name : listing.folders) {
-    items.push_back({Join(folder, name), true, 0, 0, SomeHash()});
+void VisitListingInPathOrder(const std::string& folder, RemoteFileSystem::FolderListing* listing,
+                             const std::function<void(const Item&)>& visit) {
+  // Sorted in place and merged: a copy of a listing of millions would double what the listing
+  // holds.
+  std::vector<std::string>& folders = listing->folders;
+  auto& files = listing->files;
+  std::sort(folders.begin(), folders.end());
+  std::sort(files.begin(), files.end(),
+            [](const auto& a, const auto& b) { return a.first < b.first; });
+  std::size_t next_folder = 0;
+  std::size_t next_file = 0;
+  while (next_folder < folders.size() || next_file < files.size()) {
+    if (next_file == files.size() ||
+        (next_folder < folders.size() && folders[next_folder] <= files[next_file].first)) {
+      visit({Join(folder, folders[next_folder++]), true, 0, 0, SomeHash()});
+    } else {
+      const auto& [name, props] = files[next_file++];
+      visit({Join(folder, name), false, props.size, props.time, props.hash});
+    }
   }
-  for (const auto& [name, props] : listing.files) {
-    items.push_back({Join(folder, name), false, props.size, props.time, props.hash});
-  }
-  SortByPath(&items);
-  return items;
 }
 
 namespace {

@@ -30,9 +30,10 @@ struct Item {
 
 // Calls `visit` for every item below `root`, in byte order of the paths.
 void VisitTreeInPathOrder(const FolderNode& root, const std::function<void(const Item&)>& visit);
-// The entries of a listing of `folder`, sorted by path.
-std::vector<Item> ListingItems(const std::string& folder,
-                               const RemoteFileSystem::FolderListing& listing);
+// Calls `visit` for every entry of a listing of `folder`, in byte order of the paths; sorts the
+// listing's folders and files by name on the way.
+void VisitListingInPathOrder(const std::string& folder, RemoteFileSystem::FolderListing* listing,
+                             const std::function<void(const Item&)>& visit);
 
 // `text` as a JSON string literal, quotes included; valid JSON whatever the bytes.
 std::string JsonString(std::string_view text);

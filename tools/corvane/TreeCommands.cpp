@@ -24,13 +24,6 @@ using Clock = std::chrono::steady_clock;
 // A feed that answered nothing is asked again after this pause.
 constexpr auto kIdlePoll = std::chrono::seconds(1);
 
-void PrintItems(Context& context, const std::vector<Item>& items) {
-  for (const Item& item : items) {
-    context.out << FormatItem(item, context.options.json) << '\n';
-  }
-  context.out.flush();
-}
-
 // Sleeps `pause`, cut short by a signal or the deadline.
 void IdleWait(Context& context, Clock::duration pause, std::optional<Clock::time_point> deadline) {
   Clock::time_point until = Clock::now() + pause;
@@ -84,7 +77,10 @@ int RunLs(Context& context) {
   if (result != FileSystem::SUCCEEDED) {
     return Report(context, result, "ls: GetFolderListing");
   }
-  PrintItems(context, ListingItems(path, listing));
+  VisitListingInPathOrder(path, &listing, [&](const Item& item) {
+    context.out << FormatItem(item, context.options.json) << '\n';
+  });
+  context.out.flush();
   return 0;
 }
 
