@@ -1,6 +1,7 @@
 #include "services/DavListingParser.h"
 
 #include <algorithm>
+#include <cstring>
 #include <optional>
 #include <string_view>
 #include <utility>
@@ -33,6 +34,13 @@ std::string DecodedDavPath(const std::string& url) {
 // only "/" itself ends with one.
 bool TailsAgree(const std::string& a, const std::string& b) {
   return EndsWith(a, b) || EndsWith(b, a);
+}
+
+// Whether an element's local name is `literal`; a compare of known length, for the dozen names
+// of every entry.
+template <std::size_t N>
+bool Is(std::string_view name, const char (&literal)[N]) {
+  return name.size() == N - 1 && std::memcmp(name.data(), literal, N - 1) == 0;
 }
 
 // Where an entry stands against the listed folder.
@@ -107,7 +115,7 @@ class PropfindParser {
 
 bool PropfindParser::Run() {
   while (stream_.ReadNext()) {
-    if (stream_.Kind() == DavXmlStream::kEndElement && stream_.LocalName() == "response") {
+    if (stream_.Kind() == DavXmlStream::kEndElement && Is(stream_.LocalName(), "response")) {
       if (!FinishResponse()) {
         return false;
       }
@@ -131,30 +139,30 @@ bool PropfindParser::Run() {
 
 void PropfindParser::OnStartElement() {
   const std::string_view name = stream_.LocalName();
-  if (name == "response") {
+  if (Is(name, "response")) {
     fields_.Clear();
-  } else if (name == "collection") {
+  } else if (Is(name, "collection")) {
     fields_.isCollection = true;
-  } else if (name == "href") {
+  } else if (Is(name, "href")) {
     fields_.href.clear();
     stream_.ReadElementText(&fields_.href);
-  } else if (name == "sha256") {
+  } else if (Is(name, "sha256")) {
     fields_.sha256.clear();
     stream_.ReadElementText(&fields_.sha256);
-  } else if (name == "getetag") {
+  } else if (Is(name, "getetag")) {
     fields_.etag.clear();
     stream_.ReadElementText(&fields_.etag);
-  } else if (name == "getcontentlength") {
+  } else if (Is(name, "getcontentlength")) {
     std::uint64_t length = 0;
     if (stream_.ReadIntegerElement(&length)) {
       fields_.contentLength = length;
     }
-  } else if (name == "getlastmodified") {
+  } else if (Is(name, "getlastmodified")) {
     std::uint64_t modified = 0;
     if (stream_.ReadDateElement(&modified)) {
       fields_.lastModified = modified;
     }
-  } else if (name == "status") {
+  } else if (Is(name, "status")) {
     ReadStatus();
   }
 }

@@ -28,6 +28,17 @@ constexpr std::array<bool, 256> MakeTextStops() {
 }
 constexpr std::array<bool, 256> kTextStops = MakeTextStops();
 
+// Where the search for the end of a tag stops: its '>', and in a start tag the quotes of values,
+// which may hold '>'.
+constexpr std::array<bool, 256> MakeTagStops(bool quotes) {
+  std::array<bool, 256> stops{};
+  stops['>'] = true;
+  stops['"'] = stops['\''] = quotes;
+  return stops;
+}
+constexpr std::array<bool, 256> kTagEnd = MakeTagStops(false);
+constexpr std::array<bool, 256> kTagEndOrQuote = MakeTagStops(true);
+
 bool IsBlank(char c) {
   return c == ' ' || c == '\t' || c == '\n' || c == '\r';
 }
@@ -118,36 +129,41 @@ bool IsNameChar(char32_t c) {
          (c >= 0x300 && c <= 0x36F) || c == 0x203F || c == 0x2040;
 }
 
-constexpr std::array<bool, 128> MakeAsciiNameChars() {
-  std::array<bool, 128> chars{};
-  for (int c = 0; c < 128; ++c) {
-    chars[c] = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-               c == '_' || c == '-' || c == '.';
+// What a byte is to a name: ASCII that may be in one (kNameByte), ASCII that may not, or the
+// first byte of a character to decode.
+enum NameByte : unsigned char { kNotName, kNameByte, kDecode };
+constexpr std::array<NameByte, 256> MakeNameBytes() {
+  std::array<NameByte, 256> bytes{};
+  for (int c = 0; c < 256; ++c) {
+    const bool ascii = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
+                       c == '_' || c == '-' || c == '.';
+    bytes[c] = c >= 0x80 ? kDecode : ascii ? kNameByte : kNotName;
   }
-  return chars;
+  return bytes;
 }
-constexpr std::array<bool, 128> kAsciiNameChars = MakeAsciiNameChars();
+constexpr std::array<NameByte, 256> kNameBytes = MakeNameBytes();
 
 // A name without a colon, from `p`; its end, or `p` when there is none.
 const char* ScanNcName(const char* p, const char* end) {
-  const char* q = p;
-  while (q < end) {
-    const unsigned char byte = static_cast<unsigned char>(*q);
-    if (byte < 0x80) {
-      if (!kAsciiNameChars[byte] || (q == p && !IsNameStart(byte))) {
-        break;
-      }
+  char32_t c = 0;
+  int length = p < end ? DecodeUtf8(p, end, &c) : 0;
+  if (length <= 0 || !IsNameStart(c)) {
+    return p;
+  }
+  const char* q = p + length;
+  for (;;) {
+    while (q < end && kNameBytes[static_cast<unsigned char>(*q)] == kNameByte) {
       ++q;
-      continue;
     }
-    char32_t c = 0;
-    const int length = DecodeUtf8(q, end, &c);
-    if (length <= 0 || !(q == p ? IsNameStart(c) : IsNameChar(c))) {
-      break;
+    if (q == end || kNameBytes[static_cast<unsigned char>(*q)] != kDecode) {
+      return q;
+    }
+    length = DecodeUtf8(q, end, &c);
+    if (length <= 0 || !IsNameChar(c)) {
+      return q;
     }
     q += length;
   }
-  return q;
 }
 
 struct QualifiedName {
@@ -421,6 +437,31 @@ bool DavXmlStream::ReadEndOfInput() {
 }
 
 bool DavXmlStream::ReadMarkup() {
+  if (!Need(2)) {
+    return false;
+  }
+  if (end_ - pos_ < 2) {
+    return Fail("the document ends inside markup");
+  }
+  const char kind = buffer_[pos_ + 1];  // the search for the end may move the buffer
+  if (kind == '!') {
+    return ReadCommentOrCdata();
+  }
+  std::size_t end = 0;
+  if (!FindMarkupEnd(&end)) {
+    return false;
+  }
+  switch (kind) {
+    case '/':
+      return ReadEndTag(end);
+    case '?':
+      return ReadProcessingInstruction(end);
+    default:
+      return ReadStartTag(end);
+  }
+}
+
+bool DavXmlStream::ReadCommentOrCdata() {
   if (!Need(9)) {
     return false;
   }
@@ -442,43 +483,35 @@ bool DavXmlStream::ReadMarkup() {
   if (StartsWith(ahead, "<!DOCTYPE")) {
     return Fail("a document type declaration, which is refused");
   }
-  if (ahead.size() < 2) {
-    return Fail("the document ends inside markup");
-  }
-  if (ahead[1] == '!') {
-    return Fail("unknown markup");
-  }
-  const char kind = ahead[1];  // the search for the end may move the buffer
-  std::size_t end = 0;
-  if (!FindMarkupEnd(&end)) {
-    return false;
-  }
-  switch (kind) {
-    case '/':
-      return ReadEndTag(end);
-    case '?':
-      return ReadProcessingInstruction(end);
-    default:
-      return ReadStartTag(end);
-  }
+  return Fail("unknown markup");
 }
 
 bool DavXmlStream::FindMarkupEnd(std::size_t* end) {
   const char kind = buffer_[pos_ + 1];
-  const bool quotes = kind != '/' && kind != '?';
+  const std::array<bool, 256>& stops = kind == '/' || kind == '?' ? kTagEnd : kTagEndOrQuote;
   for (;;) {
     std::size_t i = pos_ + std::max<std::size_t>(markupScanned_, 1);
-    for (; i < end_; ++i) {
-      const char c = buffer_[i];
+    while (i < end_) {
       if (markupQuote_ != 0) {
-        markupQuote_ = c == markupQuote_ ? 0 : markupQuote_;
-      } else if (c == '>' && (kind != '?' || (i > pos_ + 2 && buffer_[i - 1] == '?'))) {
+        const void* close = std::memchr(buffer_.get() + i, markupQuote_, end_ - i);
+        i = close ? static_cast<const char*>(close) - buffer_.get() + 1 : end_;
+        markupQuote_ = close ? 0 : markupQuote_;
+        continue;
+      }
+      while (i < end_ && !stops[static_cast<unsigned char>(buffer_[i])]) {
+        ++i;
+      }
+      if (i == end_) {
+        break;
+      }
+      if (buffer_[i] != '>') {
+        markupQuote_ = buffer_[i];
+      } else if (kind != '?' || (i > pos_ + 2 && buffer_[i - 1] == '?')) {
         *end = i + 1;
         markupScanned_ = 0;
         return true;
-      } else if (quotes && (c == '"' || c == '\'')) {
-        markupQuote_ = c;
       }
+      ++i;
     }
     markupScanned_ = i - pos_;
     if (closed_) {

@@ -79,6 +79,7 @@ class DavXmlStream {
   bool Fail(std::string_view reason);
   bool SkipByteOrderMark();
   bool ReadMarkup();
+  bool ReadCommentOrCdata();
   bool FindMarkupEnd(std::size_t* end);
   bool ReadStartTag(std::size_t end);
   bool ReadAttributes(const char* p, const char* end, bool* empty);
