@@ -6,7 +6,7 @@
 #include <cstring>
 
 #include "core/LoggerWrapper.h"
-#include "services/HttpDate.h"
+#include "core/TimeUtils.h"
 
 namespace {
 
@@ -904,12 +904,12 @@ bool DavXmlStream::ReadDateElement(std::uint64_t* value) {
   if (!hasCharacters) {
     return true;
   }
-  const std::optional<std::int64_t> seconds = auxil::ParseHttpDate(elementText_);
-  if (!seconds) {
+  std::int64_t seconds = 0;
+  if (!utils::TryParseHttpDate(elementText_, &seconds)) {
     LOG_WARNING << "Failed to parse date from: " << elementText_;
     return false;
   }
   // The tree keeps unsigned times: a date before 1970 is taken as 1970.
-  *value = static_cast<std::uint64_t>(std::max<std::int64_t>(*seconds, 0));
+  *value = static_cast<std::uint64_t>(std::max<std::int64_t>(seconds, 0));
   return true;
 }
