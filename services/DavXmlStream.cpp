@@ -6,14 +6,14 @@
 #include <cstring>
 
 #include "core/LoggerWrapper.h"
+#include "core/StringUtils.h"
 #include "core/TimeUtils.h"
+#include "services/XmlCharacters.h"
 
 namespace {
 
 constexpr std::size_t kBufferSize = DavXmlStream::kMaxTokenSize;
 constexpr std::size_t kMaxDepth = 256;
-// Longer than any reference a server writes; a bound keeps a reference that never ends cheap.
-constexpr std::size_t kMaxReferenceSize = 64;
 
 // What stops the scan of text: markup, references, a possible "]]>", line ends that aren't a
 // single LF, control characters and whatever is not ASCII. Everything else is taken as it is, which
@@ -50,122 +50,6 @@ const char* SkipBlanks(const char* p, const char* end) {
   return p;
 }
 
-bool IsXmlChar(char32_t c) {
-  return c == 0x9 || c == 0xA || c == 0xD || (c >= 0x20 && c <= 0xD7FF) ||
-         (c >= 0xE000 && c <= 0xFFFD) || (c >= 0x10000 && c <= 0x10FFFF);
-}
-
-// One UTF-8 sequence at `p`: its length, 0 when `end` cuts a sequence that is good so far, -1
-// when it is no UTF-8 (overlong forms and surrogates included).
-int DecodeUtf8(const char* p, const char* end, char32_t* c) {
-  const auto byte = [](char b) { return static_cast<unsigned char>(b); };
-  const unsigned char lead = byte(*p);
-  int length = 0;
-  unsigned char low = 0x80;
-  unsigned char high = 0xBF;
-  if (lead < 0x80) {
-    *c = lead;
-    return 1;
-  } else if (lead >= 0xC2 && lead <= 0xDF) {
-    length = 2;
-    *c = lead & 0x1F;
-  } else if (lead >= 0xE0 && lead <= 0xEF) {
-    length = 3;
-    *c = lead & 0x0F;
-    low = lead == 0xE0 ? 0xA0 : 0x80;
-    high = lead == 0xED ? 0x9F : 0xBF;
-  } else if (lead >= 0xF0 && lead <= 0xF4) {
-    length = 4;
-    *c = lead & 0x07;
-    low = lead == 0xF0 ? 0x90 : 0x80;
-    high = lead == 0xF4 ? 0x8F : 0xBF;
-  } else {
-    return -1;
-  }
-  for (int i = 1; i < length; ++i) {
-    if (p + i == end) {
-      return 0;
-    }
-    const unsigned char next = byte(p[i]);
-    if (next < (i == 1 ? low : 0x80) || next > (i == 1 ? high : 0xBF)) {
-      return -1;
-    }
-    *c = (*c << 6) | (next & 0x3F);
-  }
-  return length;
-}
-
-void AppendUtf8(char32_t c, std::string* out) {
-  if (c < 0x80) {
-    out->push_back(static_cast<char>(c));
-  } else if (c < 0x800) {
-    out->push_back(static_cast<char>(0xC0 | (c >> 6)));
-    out->push_back(static_cast<char>(0x80 | (c & 0x3F)));
-  } else if (c < 0x10000) {
-    out->push_back(static_cast<char>(0xE0 | (c >> 12)));
-    out->push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-    out->push_back(static_cast<char>(0x80 | (c & 0x3F)));
-  } else {
-    out->push_back(static_cast<char>(0xF0 | (c >> 18)));
-    out->push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
-    out->push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-    out->push_back(static_cast<char>(0x80 | (c & 0x3F)));
-  }
-}
-
-bool IsNameStart(char32_t c) {
-  if (c < 0x80) {
-    return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || c == '_';
-  }
-  return (c >= 0xC0 && c <= 0xD6) || (c >= 0xD8 && c <= 0xF6) || (c >= 0xF8 && c <= 0x2FF) ||
-         (c >= 0x370 && c <= 0x37D) || (c >= 0x37F && c <= 0x1FFF) || c == 0x200C || c == 0x200D ||
-         (c >= 0x2070 && c <= 0x218F) || (c >= 0x2C00 && c <= 0x2FEF) ||
-         (c >= 0x3001 && c <= 0xD7FF) || (c >= 0xF900 && c <= 0xFDCF) ||
-         (c >= 0xFDF0 && c <= 0xFFFD) || (c >= 0x10000 && c <= 0xEFFFF);
-}
-
-bool IsNameChar(char32_t c) {
-  return IsNameStart(c) || (c >= '0' && c <= '9') || c == '-' || c == '.' || c == 0xB7 ||
-         (c >= 0x300 && c <= 0x36F) || c == 0x203F || c == 0x2040;
-}
-
-// What a byte is to a name: ASCII that may be in one (kNameByte), ASCII that may not, or the
-// first byte of a character to decode.
-enum NameByte : unsigned char { kNotName, kNameByte, kDecode };
-constexpr std::array<NameByte, 256> MakeNameBytes() {
-  std::array<NameByte, 256> bytes{};
-  for (int c = 0; c < 256; ++c) {
-    const bool ascii = (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') ||
-                       c == '_' || c == '-' || c == '.';
-    bytes[c] = c >= 0x80 ? kDecode : ascii ? kNameByte : kNotName;
-  }
-  return bytes;
-}
-constexpr std::array<NameByte, 256> kNameBytes = MakeNameBytes();
-
-// A name without a colon, from `p`; its end, or `p` when there is none.
-const char* ScanNcName(const char* p, const char* end) {
-  char32_t c = 0;
-  int length = p < end ? DecodeUtf8(p, end, &c) : 0;
-  if (length <= 0 || !IsNameStart(c)) {
-    return p;
-  }
-  const char* q = p + length;
-  for (;;) {
-    while (q < end && kNameBytes[static_cast<unsigned char>(*q)] == kNameByte) {
-      ++q;
-    }
-    if (q == end || kNameBytes[static_cast<unsigned char>(*q)] != kDecode) {
-      return q;
-    }
-    length = DecodeUtf8(q, end, &c);
-    if (length <= 0 || !IsNameChar(c)) {
-      return q;
-    }
-    q += length;
-  }
-}
-
 struct QualifiedName {
   std::string_view qualified;
   std::string_view prefix;
@@ -175,14 +59,14 @@ struct QualifiedName {
 // A name with an optional prefix; false when there is none at `*p`.
 bool ScanQualifiedName(const char** p, const char* end, QualifiedName* name) {
   const char* begin = *p;
-  const char* q = ScanNcName(begin, end);
+  const char* q = xml_chars::ScanNcName(begin, end);
   if (q == begin) {
     return false;
   }
   const char* local = begin;
   if (q < end && *q == ':') {
     local = q + 1;
-    q = ScanNcName(local, end);
+    q = xml_chars::ScanNcName(local, end);
     if (q == local) {
       return false;
     }
@@ -196,81 +80,6 @@ bool ScanQualifiedName(const char** p, const char* end, QualifiedName* name) {
   return true;
 }
 
-// A reference at `p` ('&'): its length up to ';', 0 when `end` cuts it, -1 when it is bad or
-// names anything but a character.
-int DecodeReference(const char* p, const char* end, char32_t* c) {
-  const char* last = p + std::min<std::size_t>(end - p, kMaxReferenceSize);
-  const char* semicolon = p + 1;
-  while (semicolon < last &&
-         ((*semicolon >= '0' && *semicolon <= '9') || (*semicolon >= 'a' && *semicolon <= 'z') ||
-          (*semicolon >= 'A' && *semicolon <= 'Z') || *semicolon == '#')) {
-    ++semicolon;
-  }
-  if (semicolon == end) {
-    return 0;
-  }
-  if (semicolon == last || *semicolon != ';') {
-    return -1;
-  }
-  const std::string_view body(p + 1, static_cast<std::size_t>(semicolon - p - 1));
-  const int length = static_cast<int>(body.size() + 2);
-  if (body.size() > 1 && body[0] == '#') {
-    const bool hex = body[1] == 'x';
-    const std::string_view digits = body.substr(hex ? 2 : 1);
-    std::uint32_t value = 0;
-    const auto [rest, error] =
-        std::from_chars(digits.data(), digits.data() + digits.size(), value, hex ? 16 : 10);
-    if (digits.empty() || error != std::errc() || rest != digits.data() + digits.size() ||
-        !IsXmlChar(value)) {
-      return -1;
-    }
-    *c = value;
-    return length;
-  }
-  static constexpr std::pair<std::string_view, char> kEntities[] = {
-      {"lt", '<'}, {"gt", '>'}, {"amp", '&'}, {"apos", '\''}, {"quot", '"'}};
-  for (const auto& [entity, replacement] : kEntities) {
-    if (body == entity) {
-      *c = static_cast<unsigned char>(replacement);
-      return length;
-    }
-  }
-  return -1;
-}
-
-// Whether [p, end) is UTF-8 of characters XML allows, none of them cut at `end`.
-bool AreXmlChars(const char* p, const char* end) {
-  while (p < end) {
-    if (static_cast<unsigned char>(*p) >= 0x20 && static_cast<unsigned char>(*p) < 0x80) {
-      ++p;
-      continue;
-    }
-    char32_t c = 0;
-    const int length = DecodeUtf8(p, end, &c);
-    if (length <= 0 || !IsXmlChar(c)) {
-      return false;
-    }
-    p += length;
-  }
-  return true;
-}
-
-// Where [p, end) may be cut without cutting a UTF-8 sequence.
-const char* Utf8CutBefore(const char* p, const char* end) {
-  for (const char* q = end; q > p && end - q < 4;) {
-    --q;
-    const unsigned char byte = static_cast<unsigned char>(*q);
-    if (byte < 0x80) {
-      return end;
-    }
-    if (byte >= 0xC0) {
-      const int length = byte >= 0xF0 ? 4 : byte >= 0xE0 ? 3 : 2;
-      return end - q < length ? q : end;
-    }
-  }
-  return end;
-}
-
 // An attribute value or what follows a processing instruction's target: characters, and in a
 // value no '<' and only good references.
 bool IsGoodValue(const char* p, const char* end) {
@@ -280,21 +89,15 @@ bool IsGoodValue(const char* p, const char* end) {
     }
     if (*q == '&') {
       char32_t c = 0;
-      const int length = DecodeReference(q, end, &c);
-      if (length <= 0 || !AreXmlChars(p, q)) {
+      const int length = xml_chars::DecodeReference(q, end, &c);
+      if (length <= 0 || !xml_chars::AreXmlChars(p, q)) {
         return false;
       }
       p = q + length;
       q = p - 1;
     }
   }
-  return AreXmlChars(p, end);
-}
-
-bool EqualsIgnoringCase(std::string_view a, std::string_view b) {
-  return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](char x, char y) {
-           return (x >= 'A' && x <= 'Z' ? x + 32 : x) == (y >= 'A' && y <= 'Z' ? y + 32 : y);
-         });
+  return xml_chars::AreXmlChars(p, end);
 }
 
 // `text` with each CR LF and each lone CR made one LF, as every line end reaches the application.
@@ -624,7 +427,7 @@ bool DavXmlStream::ReadEndTag(std::size_t end) {
 bool DavXmlStream::ReadProcessingInstruction(std::size_t end) {
   const char* p = buffer_.get() + pos_ + 2;
   const char* body = buffer_.get() + end - 2;
-  const char* target = ScanNcName(p, body);
+  const char* target = xml_chars::ScanNcName(p, body);
   const std::string_view name(p, static_cast<std::size_t>(target - p));
   if (name.empty() || (target != body && !IsBlank(*target))) {
     return Fail("a processing instruction without a good target");
@@ -633,9 +436,9 @@ bool DavXmlStream::ReadProcessingInstruction(std::size_t end) {
     if (!ReadXmlDeclaration(target, body)) {
       return false;
     }
-  } else if (EqualsIgnoringCase(name, "xml")) {
+  } else if (IEqualsASCII(name, "xml")) {
     return Fail("an XML declaration not at the start");
-  } else if (!AreXmlChars(target, body)) {
+  } else if (!xml_chars::AreXmlChars(target, body)) {
     return Fail("a processing instruction with bad characters");
   }
   atDocumentStart_ = false;
@@ -655,7 +458,7 @@ bool DavXmlStream::ReadXmlDeclaration(const char* p, const char* end) {
     if (name == p) {
       return Fail("a bad XML declaration");
     }
-    p = ScanNcName(name, end);
+    p = xml_chars::ScanNcName(name, end);
     const std::string_view key(name, static_cast<std::size_t>(p - name));
     std::size_t known = next;
     while (known < std::size(kNames) && kNames[known] != key) {
@@ -671,11 +474,11 @@ bool DavXmlStream::ReadXmlDeclaration(const char* p, const char* end) {
       return Fail("a bad XML declaration");
     }
     const std::string_view value(p + 1, static_cast<std::size_t>(close - p - 1));
-    const bool good = (key == "version" && value.size() > 2 && StartsWith(value, "1.") &&
-                       value.find_first_not_of("0123456789", 2) == std::string_view::npos) ||
-                      (key == "encoding" && (EqualsIgnoringCase(value, "UTF-8") ||
-                                             EqualsIgnoringCase(value, "US-ASCII"))) ||
-                      (key == "standalone" && (value == "yes" || value == "no"));
+    const bool good =
+        (key == "version" && value.size() > 2 && StartsWith(value, "1.") &&
+         value.find_first_not_of("0123456789", 2) == std::string_view::npos) ||
+        (key == "encoding" && (IEqualsASCII(value, "UTF-8") || IEqualsASCII(value, "US-ASCII"))) ||
+        (key == "standalone" && (value == "yes" || value == "no"));
     if (!good) {
       return Fail(key == "encoding" ? "an encoding other than UTF-8" : "a bad XML declaration");
     }
@@ -702,13 +505,14 @@ bool DavXmlStream::ReadSection() {
     }
     // The bytes that may begin the terminator or cut a character wait for the next read.
     if (found == std::string_view::npos) {
-      stop = Utf8CutBefore(begin, begin + ahead.size() - std::min<std::size_t>(ahead.size(), 2));
+      stop = xml_chars::Utf8CutBefore(
+          begin, begin + ahead.size() - std::min<std::size_t>(ahead.size(), 2));
     }
     if (stop != begin && stop[-1] == '\r') {
       --stop;
     }
   }
-  if (!AreXmlChars(begin, stop)) {
+  if (!xml_chars::AreXmlChars(begin, stop)) {
     return Fail(cdata ? "bad characters in a CDATA section" : "bad characters in a comment");
   }
   pos_ += static_cast<std::size_t>(stop - begin);
@@ -737,7 +541,7 @@ bool DavXmlStream::ReadText() {
       decoding = true;
     }
     decoded_.append(copied, at);
-    AppendUtf8(c, &decoded_);
+    xml_chars::AppendUtf8(c, &decoded_);
     copied = at + length;
   };
   while (p < end) {
@@ -750,7 +554,7 @@ bool DavXmlStream::ReadText() {
     char32_t c = 0;
     int length = 0;
     if (*p == '&') {
-      length = DecodeReference(p, end, &c);
+      length = xml_chars::DecodeReference(p, end, &c);
       if (length > 0 && open_.empty()) {
         return Fail("a reference outside the root element");
       }
@@ -768,8 +572,8 @@ bool DavXmlStream::ReadText() {
         return Fail("a ']]>' in text");
       }
     } else if (static_cast<unsigned char>(*p) >= 0x80) {
-      length = DecodeUtf8(p, end, &c);
-      length = length > 0 && !IsXmlChar(c) ? -1 : length;
+      length = xml_chars::DecodeUtf8(p, end, &c);
+      length = length > 0 && !xml_chars::IsXmlChar(c) ? -1 : length;
     } else {
       length = -1;  // a control character
     }
