@@ -170,6 +170,43 @@ bool TakeHttpZone(Scanner* in, DateTime* t) {
   return zone == "GMT" || zone == "UTC" || zone == "UT" || zone == "Z";
 }
 
+// "06 Nov 1994 08:49:37 GMT", or in RFC 850 "06-Nov-94 08:49:37 GMT", after the weekday.
+bool TakeDayFirstDate(Scanner* in, DateTime* t) {
+  in->SkipBlanks();
+  if (!in->TakeShortNumber(&t->day)) {
+    return false;
+  }
+  const bool rfc850 = in->Take('-');
+  if (!rfc850) {
+    in->SkipBlanks();
+  }
+  t->month = MonthFromName(in->TakeWord());
+  if (t->month == 0 || (rfc850 ? !in->Take('-') : !in->Take(' '))) {
+    return false;
+  }
+  if (rfc850) {
+    if (!in->TakeNumber(2, &t->year)) {
+      return false;
+    }
+    t->year += t->year < 70 ? 2000 : 1900;
+  } else if (!in->TakeNumber(4, &t->year)) {
+    return false;
+  }
+  return in->Take(' ') && TakeClock(in, t) && in->Take(' ') && TakeHttpZone(in, t);
+}
+
+// "Nov  6 08:49:37 1994", C's asctime, after the weekday: a day below 10 is padded with a blank.
+bool TakeAsctimeDate(Scanner* in, DateTime* t) {
+  in->SkipBlanks();
+  t->month = MonthFromName(in->TakeWord());
+  if (t->month == 0 || !in->Take(' ')) {
+    return false;
+  }
+  in->SkipBlanks();
+  return in->TakeShortNumber(&t->day) && in->Take(' ') && TakeClock(in, t) && in->Take(' ') &&
+         in->TakeNumber(4, &t->year);
+}
+
 }  // namespace
 
 std::int64_t DaysFromCivil(std::int64_t year, unsigned month, unsigned day) {
@@ -216,31 +253,12 @@ bool TryParseHttpDate(std::string_view text, std::int64_t* seconds) {
   Scanner in(text);
   DateTime t;
   // The weekday is redundant; it is skipped without being checked against the date.
-  if (!in.TakeWord().empty() && !in.Take(',')) {
-    return false;
-  }
-  in.SkipBlanks();
-  if (!in.TakeShortNumber(&t.day)) {
-    return false;
-  }
-  // "06 Nov 1994" or, in RFC 850, "06-Nov-94".
-  const bool rfc850 = in.Take('-');
-  if (!rfc850) {
-    in.SkipBlanks();
-  }
-  t.month = MonthFromName(in.TakeWord());
-  if (t.month == 0 || (rfc850 ? !in.Take('-') : !in.Take(' '))) {
-    return false;
-  }
-  if (rfc850) {
-    if (!in.TakeNumber(2, &t.year)) {
+  const bool weekday = !in.TakeWord().empty();
+  if (weekday && in.Peek(' ')) {
+    if (!TakeAsctimeDate(&in, &t)) {
       return false;
     }
-    t.year += t.year < 70 ? 2000 : 1900;
-  } else if (!in.TakeNumber(4, &t.year)) {
-    return false;
-  }
-  if (!in.Take(' ') || !TakeClock(&in, &t) || !in.Take(' ') || !TakeHttpZone(&in, &t)) {
+  } else if ((weekday && !in.Take(',')) || !TakeDayFirstDate(&in, &t)) {
     return false;
   }
   in.SkipBlanks();

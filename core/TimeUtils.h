@@ -20,8 +20,9 @@ bool TryParseISODateTime(std::string_view text, std::int64_t* seconds);
 // The same, answering 0 (the epoch: "time unknown") for text that is not such a date.
 std::int64_t ParseISODateTime(const std::string& text);
 
-// An HTTP date (RFC 7231 IMF-fixdate, RFC 1123 with a numeric zone, or RFC 850), as WebDAV's
-// getlastmodified and Last-Modified carry: "Sun, 06 Nov 1994 08:49:37 GMT".
+// An HTTP date (RFC 7231 IMF-fixdate, RFC 1123 with a numeric zone, RFC 850 or asctime's
+// "Sun Nov  6 08:49:37 1994"), as WebDAV's getlastmodified and Last-Modified carry:
+// "Sun, 06 Nov 1994 08:49:37 GMT".
 bool TryParseHttpDate(std::string_view text, std::int64_t* seconds);
 // The same, answering 0 for text that is not such a date.
 std::int64_t ParseHttpDate(const std::string& text);

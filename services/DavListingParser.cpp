@@ -1,8 +1,9 @@
 #include "services/DavListingParser.h"
 
-#include <QLatin1String>
-
 #include <algorithm>
+#include <cstring>
+#include <optional>
+#include <string_view>
 #include <utility>
 
 #include "core/Clock.h"
@@ -35,8 +36,47 @@ bool TailsAgree(const std::string& a, const std::string& b) {
   return EndsWith(a, b) || EndsWith(b, a);
 }
 
+// Whether an element's local name is `literal`; a compare of known length, for the dozen names
+// of every entry.
+template <std::size_t N>
+bool Is(std::string_view name, const char (&literal)[N]) {
+  return name.size() == N - 1 && std::memcmp(name.data(), literal, N - 1) == 0;
+}
+
 // Where an entry stands against the listed folder.
 enum class Place { kSelf, kChild, kOutside };
+
+// The path of a URL as PathOfUrl finds it, without a copy.
+std::string_view PathViewOfUrl(std::string_view url) {
+  if (url.empty() || url.find("://") == std::string_view::npos) {
+    return url;
+  }
+  std::size_t slash = url.find('/');
+  for (;;) {
+    if (slash == 0 || url[slash - 1] != ':') {
+      return url.substr(slash);
+    }
+    // The slashes of the scheme: the path begins at the first slash after the authority.
+    const std::size_t from = slash + 2;
+    slash = from < url.size() ? url.find('/', from) : std::string_view::npos;
+    if (slash == std::string_view::npos) {
+      return std::string_view();
+    }
+  }
+}
+
+// What comes before the last segment of an href's path, as it came. Whether an entry is in the
+// listed folder depends on nothing else, so that entries sharing it share the answer. Nullopt
+// for a path without a segment.
+std::optional<std::string_view> RawParentOf(std::string_view href) {
+  const std::string_view path = PathViewOfUrl(href);
+  const std::size_t last = path.find_last_not_of('/');
+  if (last == std::string_view::npos) {
+    return std::nullopt;
+  }
+  const std::size_t slash = path.rfind('/', last);
+  return path.substr(0, slash == std::string_view::npos ? 0 : slash);
+}
 
 // One parse: the reader, the fields of the current `response` and what the listing is about.
 class PropfindParser {
@@ -56,7 +96,7 @@ class PropfindParser {
   void OnStartElement();
   void ReadStatus();
   bool FinishResponse();
-  Place PlaceOf(const std::string& href) const;
+  Place PlaceOf(const std::string& href);
   bool FinishFolder(std::string&& name);
   bool FinishFile(std::string&& name);
   bool FailOnEmptyName();
@@ -69,16 +109,17 @@ class PropfindParser {
   RemoteNameMapper* nameMapper_;
   DavResponseFields fields_;
   bool selfSeen_ = false;
+  // The raw parent of the last child found: the next entries nearly always share it.
+  std::optional<std::string> childParent_;
 };
 
 bool PropfindParser::Run() {
-  while (!stream_.AtEnd() && stream_.ReadNext()) {
-    const QXmlStreamReader& xml = stream_.Xml();
-    if (xml.isEndElement() && xml.name() == QLatin1String("response")) {
+  while (stream_.ReadNext()) {
+    if (stream_.Kind() == DavXmlStream::kEndElement && Is(stream_.LocalName(), "response")) {
       if (!FinishResponse()) {
         return false;
       }
-    } else if (xml.isStartElement()) {
+    } else if (stream_.Kind() == DavXmlStream::kStartElement) {
       OnStartElement();
     }
   }
@@ -97,31 +138,31 @@ bool PropfindParser::Run() {
 }
 
 void PropfindParser::OnStartElement() {
-  const QStringRef name = stream_.Xml().name();
-  if (name == QLatin1String("response")) {
+  const std::string_view name = stream_.LocalName();
+  if (Is(name, "response")) {
     fields_.Clear();
-  } else if (name == QLatin1String("collection")) {
+  } else if (Is(name, "collection")) {
     fields_.isCollection = true;
-  } else if (name == QLatin1String("href")) {
+  } else if (Is(name, "href")) {
     fields_.href.clear();
     stream_.ReadElementText(&fields_.href);
-  } else if (name == QLatin1String("sha256")) {
+  } else if (Is(name, "sha256")) {
     fields_.sha256.clear();
     stream_.ReadElementText(&fields_.sha256);
-  } else if (name == QLatin1String("getetag")) {
+  } else if (Is(name, "getetag")) {
     fields_.etag.clear();
     stream_.ReadElementText(&fields_.etag);
-  } else if (name == QLatin1String("getcontentlength")) {
+  } else if (Is(name, "getcontentlength")) {
     std::uint64_t length = 0;
     if (stream_.ReadIntegerElement(&length)) {
       fields_.contentLength = length;
     }
-  } else if (name == QLatin1String("getlastmodified")) {
+  } else if (Is(name, "getlastmodified")) {
     std::uint64_t modified = 0;
     if (stream_.ReadDateElement(&modified)) {
       fields_.lastModified = modified;
     }
-  } else if (name == QLatin1String("status")) {
+  } else if (Is(name, "status")) {
     ReadStatus();
   }
 }
@@ -162,7 +203,11 @@ bool PropfindParser::FinishResponse() {
   return fields_.isCollection ? FinishFolder(std::move(name)) : FinishFile(std::move(name));
 }
 
-Place PropfindParser::PlaceOf(const std::string& href) const {
+Place PropfindParser::PlaceOf(const std::string& href) {
+  const std::optional<std::string_view> rawParent = RawParentOf(href);
+  if (rawParent && childParent_ && *rawParent == *childParent_) {
+    return Place::kChild;
+  }
   // Paths are compared by their tails: a proxy may answer with a longer path than was asked for,
   // or a shorter one. The parent is cut before decoding, so that an encoded "/" inside a name
   // stays in the name.
@@ -171,6 +216,7 @@ Place PropfindParser::PlaceOf(const std::string& href) const {
   if (path != "/") {
     const std::string parent = path.substr(0, std::max<std::size_t>(path.rfind('/'), 1));
     if (TailsAgree(utils::PercentDecoded(parent), requestedPath_)) {
+      childParent_ = std::string(*rawParent);
       return Place::kChild;
     }
   }
@@ -194,7 +240,7 @@ bool PropfindParser::FinishFolder(std::string&& name) {
 bool PropfindParser::FinishFile(std::string&& name) {
   // The etag and the sha256 make the one opaque value that versions are compared by.
   if (!fields_.sha256.empty()) {
-    fields_.etag += "_" + fields_.sha256;
+    fields_.etag.append("_").append(fields_.sha256);
   }
   if (!fields_.contentLength) {
     stream_.DumpXmlPosition();
@@ -227,21 +273,7 @@ bool ParsePropfindResponse(InputStream* input, ParseFolderListener& listener,
 }
 
 std::string PathOfUrl(const std::string& url) {
-  if (url.empty() || url.find("://") == std::string::npos) {
-    return url;
-  }
-  std::size_t slash = url.find('/');
-  for (;;) {
-    if (slash == 0 || url[slash - 1] != ':') {
-      return url.substr(slash);
-    }
-    // The slashes of the scheme: the path begins at the first slash after the authority.
-    const std::size_t from = slash + 2;
-    slash = from < url.size() ? url.find('/', from) : std::string::npos;
-    if (slash == std::string::npos) {
-      return std::string();
-    }
-  }
+  return std::string(PathViewOfUrl(url));
 }
 
 void NormalizeDavPath(std::string* path) {

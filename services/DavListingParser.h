@@ -23,7 +23,16 @@ namespace auxil {
 
 // What the parser keeps of the `response` element it is in.
 struct DavResponseFields {
-  void Clear() { *this = DavResponseFields(); }
+  // Keeps the strings' storage, which the next entry of a large listing fills again.
+  void Clear() {
+    isCollection = false;
+    statusOk = false;
+    etag.clear();
+    sha256.clear();
+    href.clear();
+    contentLength.reset();
+    lastModified.reset();
+  }
 
   bool isCollection = false;
   bool statusOk = false;

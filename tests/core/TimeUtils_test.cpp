@@ -65,6 +65,12 @@ TEST(TimeUtilsTest, HttpDates) {
       {"Sunday, 06-Nov-94 08:49:37 GMT", true, 784111777},
       {"Tuesday, 01-Jan-69 00:00:00 GMT", true, 3124224000},  // two-digit years below 70: 20xx
       {"Sun, 06 Nov 1994 08:49:37 GMT  ", true, 784111777},
+      {"Sun Nov  6 08:49:37 1994", true, 784111777},  // asctime
+      {"Sun Nov 16 08:49:37 1994", true, 784975777},
+      {"Thu Jan  1 00:00:00 1970", true, 0},
+      {"Sun Nov  6 08:49:37 94", false, 0},
+      {"Sun Nov  6 08:49:37 1994 GMT", false, 0},
+      {"Sun Nov 31 08:49:37 1994", false, 0},
       {"Sun, 06 Nox 1994 08:49:37 GMT", false, 0},
       {"Sun, 31 Feb 1994 08:49:37 GMT", false, 0},
       {"Sun, 06 Nov 1994 08:49:37 PST", false, 0},
