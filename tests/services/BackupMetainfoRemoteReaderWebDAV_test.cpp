@@ -64,7 +64,8 @@ TEST(BackupMetainfoRemoteReaderWebDAV, StopInTheWalkKeepsWhatWasFoundAndNoServer
   });
   auto reader = Factory()->CreateMetainfoReader(
       std::make_shared<test::RecordingProcessorFactory>(server.BaseUrl() + "/dav"));
-  server.Handle("PROPFIND", "/dav/Backups/two/", [&reader](const HttpRequest&) {
+  // The handler holds the reader: a Stop may still be on its way out when ReadAll returns.
+  server.Handle("PROPFIND", "/dav/Backups/two/", [reader](const HttpRequest&) {
     reader->Stop();
     return HttpResponse::Status(207, test::Multistatus({{"/dav/Backups/two/", true}}));
   });

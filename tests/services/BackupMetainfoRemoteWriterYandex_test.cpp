@@ -157,13 +157,15 @@ TEST_F(YandexMetainfoTest, AnswersThatAreNotWholeLeaveWhatCanBeRead) {
   }
   EXPECT_EQ(server.Requests().back().Header("Depth"), "1");
 
-  // Stopped while the folders' names are asked: the descriptions already read stand.
+  // Stopped while the folders' names are asked: the descriptions already read stand. The answer
+  // and the reader are the handler's own: the reader returns at once, and this test's locals go.
   auto stopped = factory_->CreateMetainfoReader(Http());
-  server.Handle("PROPFIND", "/disk/Backups/", [&](const HttpRequest& request) {
+  const std::string one = head + fill("a", "17", "5") + "</d:multistatus>";
+  server.Handle("PROPFIND", "/disk/Backups/", [stopped, one](const HttpRequest& request) {
     if (request.body.find("displayname") != std::string::npos) {
       stopped->Stop();
     }
-    return HttpResponse::Status(207, head + fill("a", "17", "5") + "</d:multistatus>");
+    return HttpResponse::Status(207, one);
   });
   LoggerWrapper::Capture stopLog;
   const auto kept = stopped->ReadAll();
