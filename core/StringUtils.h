@@ -33,6 +33,11 @@ namespace utils {
 
 bool IsValidUtf8(std::string_view text);
 
+// One UTF-8 sequence at `p`: its length, 0 when `end` cuts a sequence that is good so far, -1
+// when it is no UTF-8 (overlong forms, surrogates and values beyond U+10FFFF included).
+int DecodeUtf8(const char* p, const char* end, char32_t* c);
+void AppendUtf8(char32_t c, std::string* out);
+
 // `text` escaped for a JSON string, within double quotes when `quoted`. Control characters become
 // \n, \t, ... or \u00XX; bytes that are not valid UTF-8 become U+FFFD, since JSON must be UTF-8.
 std::string JSONEncodedString(const std::string& text, bool quoted);

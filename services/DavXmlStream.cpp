@@ -541,7 +541,7 @@ bool DavXmlStream::ReadText() {
       decoding = true;
     }
     decoded_.append(copied, at);
-    xml_chars::AppendUtf8(c, &decoded_);
+    utils::AppendUtf8(c, &decoded_);
     copied = at + length;
   };
   while (p < end) {
@@ -572,7 +572,7 @@ bool DavXmlStream::ReadText() {
         return Fail("a ']]>' in text");
       }
     } else if (static_cast<unsigned char>(*p) >= 0x80) {
-      length = xml_chars::DecodeUtf8(p, end, &c);
+      length = utils::DecodeUtf8(p, end, &c);
       length = length > 0 && !xml_chars::IsXmlChar(c) ? -1 : length;
     } else {
       length = -1;  // a control character

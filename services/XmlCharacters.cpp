@@ -1,5 +1,7 @@
 #include "services/XmlCharacters.h"
 
+#include "core/StringUtils.h"
+
 #include <algorithm>
 #include <array>
 #include <charconv>
@@ -50,65 +52,9 @@ bool IsXmlChar(char32_t c) {
          (c >= 0xE000 && c <= 0xFFFD) || (c >= 0x10000 && c <= 0x10FFFF);
 }
 
-int DecodeUtf8(const char* p, const char* end, char32_t* c) {
-  const auto byte = [](char b) { return static_cast<unsigned char>(b); };
-  const unsigned char lead = byte(*p);
-  int length = 0;
-  unsigned char low = 0x80;
-  unsigned char high = 0xBF;
-  if (lead < 0x80) {
-    *c = lead;
-    return 1;
-  } else if (lead >= 0xC2 && lead <= 0xDF) {
-    length = 2;
-    *c = lead & 0x1F;
-  } else if (lead >= 0xE0 && lead <= 0xEF) {
-    length = 3;
-    *c = lead & 0x0F;
-    low = lead == 0xE0 ? 0xA0 : 0x80;
-    high = lead == 0xED ? 0x9F : 0xBF;
-  } else if (lead >= 0xF0 && lead <= 0xF4) {
-    length = 4;
-    *c = lead & 0x07;
-    low = lead == 0xF0 ? 0x90 : 0x80;
-    high = lead == 0xF4 ? 0x8F : 0xBF;
-  } else {
-    return -1;
-  }
-  for (int i = 1; i < length; ++i) {
-    if (p + i == end) {
-      return 0;
-    }
-    const unsigned char next = byte(p[i]);
-    if (next < (i == 1 ? low : 0x80) || next > (i == 1 ? high : 0xBF)) {
-      return -1;
-    }
-    *c = (*c << 6) | (next & 0x3F);
-  }
-  return length;
-}
-
-void AppendUtf8(char32_t c, std::string* out) {
-  if (c < 0x80) {
-    out->push_back(static_cast<char>(c));
-  } else if (c < 0x800) {
-    out->push_back(static_cast<char>(0xC0 | (c >> 6)));
-    out->push_back(static_cast<char>(0x80 | (c & 0x3F)));
-  } else if (c < 0x10000) {
-    out->push_back(static_cast<char>(0xE0 | (c >> 12)));
-    out->push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-    out->push_back(static_cast<char>(0x80 | (c & 0x3F)));
-  } else {
-    out->push_back(static_cast<char>(0xF0 | (c >> 18)));
-    out->push_back(static_cast<char>(0x80 | ((c >> 12) & 0x3F)));
-    out->push_back(static_cast<char>(0x80 | ((c >> 6) & 0x3F)));
-    out->push_back(static_cast<char>(0x80 | (c & 0x3F)));
-  }
-}
-
 const char* ScanNcName(const char* p, const char* end) {
   char32_t c = 0;
-  int length = p < end ? DecodeUtf8(p, end, &c) : 0;
+  int length = p < end ? utils::DecodeUtf8(p, end, &c) : 0;
   if (length <= 0 || !IsNameStart(c)) {
     return p;
   }
@@ -120,7 +66,7 @@ const char* ScanNcName(const char* p, const char* end) {
     if (q == end || kNameBytes[static_cast<unsigned char>(*q)] != kDecode) {
       return q;
     }
-    length = DecodeUtf8(q, end, &c);
+    length = utils::DecodeUtf8(q, end, &c);
     if (length <= 0 || !IsNameChar(c)) {
       return q;
     }
@@ -175,7 +121,7 @@ bool AreXmlChars(const char* p, const char* end) {
       continue;
     }
     char32_t c = 0;
-    const int length = DecodeUtf8(p, end, &c);
+    const int length = utils::DecodeUtf8(p, end, &c);
     if (length <= 0 || !IsXmlChar(c)) {
       return false;
     }

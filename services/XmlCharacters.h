@@ -1,5 +1,5 @@
 // The characters of an XML document in UTF-8, for DavXmlStream: which code points a document and
-// a name may hold, UTF-8 read and written, and references to characters.
+// a name may hold, and references to characters.
 //
 //   char32_t c = 0;
 //   const int length = xml_chars::DecodeReference(p, end, &c);  // "&#xE9;" gives 6 and U+00E9
@@ -11,10 +11,6 @@ namespace xml_chars {
 
 // A code point a document may hold.
 bool IsXmlChar(char32_t c);
-// One UTF-8 sequence at `p`: its length, 0 when `end` cuts a sequence that is good so far, -1
-// when it is no UTF-8 (overlong forms and surrogates included).
-int DecodeUtf8(const char* p, const char* end, char32_t* c);
-void AppendUtf8(char32_t c, std::string* out);
 // A name without a colon, from `p`; its end, or `p` when there is none.
 const char* ScanNcName(const char* p, const char* end);
 // A reference at `p` ('&'): its length up to ';', 0 when `end` cuts it, -1 when it is bad or

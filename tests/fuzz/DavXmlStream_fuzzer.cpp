@@ -9,6 +9,7 @@
 
 #include "core/InputStream.h"
 #include "core/LoggerWrapper.h"
+#include "tests/fuzz/SplitReads.h"
 #include "tests/support/XmlTokens.h"
 
 namespace {
@@ -38,18 +39,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     return true;
   }();
   (void)quiet;
-  // The first four bytes choose the splits; the rest is the document.
-  std::uint32_t seed = 0;
-  const std::size_t header = size < 4 ? size : 4;
-  for (std::size_t i = 0; i < header; ++i) {
-    seed = seed * 256 + data[i];
-  }
-  const std::string body(reinterpret_cast<const char*>(data) + header, size - header);
-  std::vector<std::uint32_t> splits;
-  for (std::size_t total = 0; total < body.size(); total += splits.back()) {
-    seed = seed * 1103515245u + 12345u;
-    splits.push_back(1 + (seed >> 16) % 16);
-  }
+  const auto [body, splits] = fuzz::SplitInput(data, size, 16);
   MemoryInputStream wholeInput(body);
   const test::XmlTokens whole = test::ReadXmlTokens(wholeInput);
   MemoryInputStream splitInput(body);

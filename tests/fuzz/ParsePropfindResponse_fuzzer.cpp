@@ -11,6 +11,7 @@
 #include "core/LoggerWrapper.h"
 #include "services/DavListingParser.h"
 #include "services/ParseFolderListener.h"
+#include "tests/fuzz/SplitReads.h"
 #include "tests/support/PassThroughNameMapper.h"
 
 namespace {
@@ -55,18 +56,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     return true;
   }();
   (void)quiet;
-  // The first four bytes choose the splits; the rest is the body.
-  std::uint32_t seed = 0;
-  std::size_t header = size < 4 ? size : 4;
-  for (std::size_t i = 0; i < header; ++i) {
-    seed = seed * 256 + data[i];
-  }
-  const std::string body(reinterpret_cast<const char*>(data) + header, size - header);
-  std::vector<std::uint32_t> splits;
-  for (std::size_t total = 0; total < body.size(); total += splits.back()) {
-    seed = seed * 1103515245u + 12345u;
-    splits.push_back(1 + (seed >> 16) % 64);
-  }
+  const auto [body, splits] = fuzz::SplitInput(data, size, 64);
   const auto whole = Parse(body, {});
   const auto split = Parse(body, splits);
   // Whether a body is a good listing, and what it lists, may not depend on the splits. What a
