@@ -21,9 +21,9 @@
 #include <gtest/gtest.h>
 
 #include "core/FileSystem.h"
-#include "support/EmulatorProcess.h"
 #include "support/Fetch.h"
 #include "support/Processes.h"
+#include "tools/EmulatedToolTest.h"
 
 namespace {
 
@@ -46,20 +46,15 @@ struct DumpedItem {
   std::string sha256;
 };
 
-class CorvaneBoxTest : public ::testing::Test {
+class CorvaneBoxTest : public EmulatedToolTest {
  protected:
   void SetUp() override {
     seed_ = temp_.path() / "seed";
     test::WriteAll(seed_ / "a.txt", "alpha");
     test::WriteAll(seed_ / "docs" / "b.bin", test::RandomBytes(3000, 7));
     test::WriteAll(seed_ / "docs" / "deep" / "c", "");
-    emulator_ =
-        std::make_unique<test::EmulatorProcess>(CORVANE_TOOL_PATH, "box", seed_, temp_.path());
-    ASSERT_TRUE(emulator_->Ready()) << emulator_->Error();
-    control_ = emulator_->Control();
+    StartEmulator("box");
   }
-
-  void TearDown() override { EXPECT_EQ(emulator_->Stop(), 0); }
 
   test::Outcome Tool(const std::vector<std::string>& words) { return emulator_->Run(words); }
 
@@ -104,10 +99,7 @@ class CorvaneBoxTest : public ::testing::Test {
   }
   void ClearMarks() { test::Fetch("DELETE", control_ + "faults", ""); }
 
-  test::TempDir temp_;
   fs::path seed_;
-  std::unique_ptr<test::EmulatorProcess> emulator_;
-  std::string control_;
 };
 
 TEST_F(CorvaneBoxTest, ReadingCommandsSeeTheSeededAccount) {

@@ -19,25 +19,21 @@
 
 #include "core/FileSystem.h"
 #include "emulators/Emulator.h"
-#include "support/EmulatorProcess.h"
 #include "support/Fetch.h"
 #include "support/Processes.h"
+#include "tools/EmulatedToolTest.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-class CorvaneDropboxTest : public ::testing::Test {
+class CorvaneDropboxTest : public EmulatedToolTest {
  protected:
   void SetUp() override {
     for (const auto& [path, content] : kSeed)
       test::WriteAll(temp_.path() / "seed" / path, content);
-    emulator_ = std::make_unique<test::EmulatorProcess>(CORVANE_TOOL_PATH, "dropbox",
-                                                        temp_.path() / "seed", temp_.path());
-    ASSERT_TRUE(emulator_->Ready()) << emulator_->Error();
-    control_ = emulator_->Control();
+    StartEmulator("dropbox");
   }
-  void TearDown() override { EXPECT_EQ(emulator_->Stop(), 0); }
 
   test::Outcome Run(const std::vector<std::string>& words) { return emulator_->Run(words); }
 
@@ -58,9 +54,6 @@ class CorvaneDropboxTest : public ::testing::Test {
 
   const std::map<std::string, std::string> kSeed = {
       {"a.txt", "alpha"}, {"Docs/b.bin", test::RandomBytes(3000, 7)}, {"Docs/ü c", ""}};
-  test::TempDir temp_;
-  std::unique_ptr<test::EmulatorProcess> emulator_;
-  std::string control_;
 };
 
 TEST_F(CorvaneDropboxTest, TreeListsTheSeededAccountExactly) {

@@ -21,26 +21,22 @@
 #include <gtest/gtest.h>
 
 #include "emulators/GoogleDialect.h"
-#include "support/EmulatorProcess.h"
 #include "support/Fetch.h"
 #include "support/Processes.h"
+#include "tools/EmulatedToolTest.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 using std::chrono::milliseconds;
 
-class CorvaneGoogleTest : public ::testing::Test {
+class CorvaneGoogleTest : public EmulatedToolTest {
  protected:
   void SetUp() override {
     test::WriteAll(temp_.path() / "seed" / "docs" / "a.txt", "alpha");
     fs::create_directories(temp_.path() / "seed" / "photos");
-    emulator_ = std::make_unique<test::EmulatorProcess>(CORVANE_TOOL_PATH, "google",
-                                                        temp_.path() / "seed", temp_.path());
-    ASSERT_TRUE(emulator_->Ready()) << emulator_->Error();
-    control_ = emulator_->Control();
+    StartEmulator("google");
   }
-  void TearDown() override { EXPECT_EQ(emulator_->Stop(), 0); }
 
   std::vector<std::string> Argv(const std::vector<std::string>& words) {
     return emulator_->Argv(words);
@@ -72,10 +68,6 @@ class CorvaneGoogleTest : public ::testing::Test {
                    const std::string& request) {
     return static_cast<int>(std::count(served.begin() + from, served.end(), request));
   }
-
-  test::TempDir temp_;
-  std::unique_ptr<test::EmulatorProcess> emulator_;
-  std::string control_;
 };
 
 TEST_F(CorvaneGoogleTest, EachItemCommandChangesTheAccountAsAsked) {

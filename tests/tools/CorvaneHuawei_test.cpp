@@ -19,9 +19,9 @@
 #include <gtest/gtest.h>
 
 #include "core/FileSystem.h"
-#include "support/EmulatorProcess.h"
 #include "support/Fetch.h"
 #include "support/Processes.h"
+#include "tools/EmulatedToolTest.h"
 
 namespace {
 
@@ -67,17 +67,13 @@ std::map<std::string, std::string> Account(const std::string& control) {
   return account;
 }
 
-class CorvaneHuaweiTest : public ::testing::Test {
+class CorvaneHuaweiTest : public EmulatedToolTest {
  protected:
   void SetUp() override {
     test::WriteAll(temp_.path() / "seed" / "a.txt", "alpha");
     test::WriteAll(temp_.path() / "seed" / "docs" / "b.bin", test::RandomBytes(3000, 5));
-    emulator_ = std::make_unique<test::EmulatorProcess>(CORVANE_TOOL_PATH, "huawei",
-                                                        temp_.path() / "seed", temp_.path());
-    ASSERT_TRUE(emulator_->Ready()) << emulator_->Error();
-    control_ = emulator_->Control();
+    StartEmulator("huawei");
   }
-  void TearDown() override { EXPECT_EQ(emulator_->Stop(), 0); }
 
   std::vector<std::string> Argv(const std::vector<std::string>& words) const {
     return emulator_->LoggedArgv(words);
@@ -87,10 +83,6 @@ class CorvaneHuaweiTest : public ::testing::Test {
     test::WriteAll(temp_.path() / name, content);
     return (temp_.path() / name).string();
   }
-
-  test::TempDir temp_;
-  std::unique_ptr<test::EmulatorProcess> emulator_;
-  std::string control_;
 };
 
 TEST_F(CorvaneHuaweiTest, ASessionOfCommandsChangesTheAccountAsAsked) {

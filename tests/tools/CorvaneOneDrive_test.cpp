@@ -17,25 +17,21 @@
 #include <gtest/gtest.h>
 
 #include "core/FileSystem.h"
-#include "support/EmulatorProcess.h"
 #include "support/Fetch.h"
 #include "support/Processes.h"
+#include "tools/EmulatedToolTest.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-class CorvaneOneDriveTest : public ::testing::Test {
+class CorvaneOneDriveTest : public EmulatedToolTest {
  protected:
   void SetUp() override {
     test::WriteAll(temp_.path() / "seed" / "a.txt", "alpha");
     test::WriteAll(temp_.path() / "seed" / "docs" / "b.bin", test::RandomBytes(3000, 7));
-    emulator_ = std::make_unique<test::EmulatorProcess>(CORVANE_TOOL_PATH, "onedrive",
-                                                        temp_.path() / "seed", temp_.path());
-    ASSERT_TRUE(emulator_->Ready()) << emulator_->Error();
-    control_ = emulator_->Control();
+    StartEmulator("onedrive");
   }
-  void TearDown() override { EXPECT_EQ(emulator_->Stop(), 0); }
 
   std::vector<std::string> Argv(const std::vector<std::string>& words) {
     return emulator_->Argv(words);
@@ -68,10 +64,6 @@ class CorvaneOneDriveTest : public ::testing::Test {
     return byPath;
   }
   std::string Local(const std::string& name) { return (temp_.path() / "run" / name).string(); }
-
-  test::TempDir temp_;
-  std::unique_ptr<test::EmulatorProcess> emulator_;
-  std::string control_;
 };
 
 TEST_F(CorvaneOneDriveTest, EachCommandChangesTheAccountAsAsked) {

@@ -19,9 +19,9 @@
 #include <gtest/gtest.h>
 
 #include "core/FileSystem.h"
-#include "support/EmulatorProcess.h"
 #include "support/Fetch.h"
 #include "support/Processes.h"
+#include "tools/EmulatedToolTest.h"
 
 namespace {
 
@@ -31,19 +31,15 @@ using std::chrono::milliseconds;
 constexpr int kExitStopped = 10 + FileSystem::STOPPED;
 constexpr int kExitConflict = 10 + FileSystem::CONFLICT;
 
-class CorvaneYandexTest : public ::testing::Test {
+class CorvaneYandexTest : public EmulatedToolTest {
  protected:
   void SetUp() override {
     test::WriteAll(temp_.path() / "seed" / "Docs" / "a.txt", "alpha");
     test::WriteAll(temp_.path() / "seed" / "Docs" / "Отчёт 1.txt", "report");
     fs::create_directories(temp_.path() / "seed" / "Docs" / "empty folder");
     test::WriteAll(temp_.path() / "seed" / "outside.txt", "not mounted");
-    emulator_ = std::make_unique<test::EmulatorProcess>(CORVANE_TOOL_PATH, "yandex",
-                                                        temp_.path() / "seed", temp_.path());
-    ASSERT_TRUE(emulator_->Ready()) << emulator_->Error();
-    control_ = emulator_->Control();
+    StartEmulator("yandex");
   }
-  void TearDown() override { EXPECT_EQ(emulator_->Stop(), 0); }
 
   std::vector<std::string> Argv(const std::vector<std::string>& words) const {
     return emulator_->LoggedArgv(words);
@@ -69,10 +65,6 @@ class CorvaneYandexTest : public ::testing::Test {
     }
     return queries;
   }
-
-  test::TempDir temp_;
-  std::unique_ptr<test::EmulatorProcess> emulator_;
-  std::string control_;
 };
 
 TEST_F(CorvaneYandexTest, AMountedTreeComesThroughTheBinarySnapshot) {
