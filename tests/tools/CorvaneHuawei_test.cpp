@@ -79,10 +79,6 @@ class CorvaneHuaweiTest : public EmulatedToolTest {
     return emulator_->LoggedArgv(words);
   }
   test::Outcome Run(const std::vector<std::string>& words) { return emulator_->RunLogged(words); }
-  std::string Local(const std::string& name, const std::string& content) {
-    test::WriteAll(temp_.path() / name, content);
-    return (temp_.path() / name).string();
-  }
 };
 
 TEST_F(CorvaneHuaweiTest, ASessionOfCommandsChangesTheAccountAsAsked) {

@@ -45,10 +45,6 @@ class CorvaneYandexTest : public EmulatedToolTest {
     return emulator_->LoggedArgv(words);
   }
   test::Outcome Run(const std::vector<std::string>& words) { return emulator_->RunLogged(words); }
-  std::string Local(const std::string& name, const std::string& content) {
-    test::WriteAll(temp_.path() / name, content);
-    return (temp_.path() / name).string();
-  }
   // The remote file's bytes as `get` reads them; "<missing>" when it can't.
   std::string Remote(const std::string& path) {
     const fs::path back = temp_.path() / "back";

@@ -26,6 +26,12 @@ class EmulatedToolTest : public ::testing::Test {
     }
   }
 
+  // A local file of the test's folder with `content`, for the tool to send.
+  std::string Local(const std::string& name, const std::string& content) {
+    test::WriteAll(temp_.path() / name, content);
+    return (temp_.path() / name).string();
+  }
+
   test::TempDir temp_;
   std::unique_ptr<test::EmulatorProcess> emulator_;
   std::string control_;
