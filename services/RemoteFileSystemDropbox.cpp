@@ -191,12 +191,7 @@ FileSystem::Result RemoteFileSystemDropbox::HandleRpcFailure(const utils::json::
 FileSystem::Result RemoteFileSystemDropbox::HandleEndpointError(
     const utils::json::json_tree& json) {
   // 1. The summary, kept as one string.
-  const std::string summary = dropbox::ReadString(json, "error_summary", "no_summary");
-  const std::string message = dropbox::ReadString(json, "error_message", "no_message");
-  LOG_WARNING << "Dropbox API RPC call returned endpoint error: " << summary << ": " << message;
-  if (summary.empty() && message.empty()) {
-    LOG_WARNING << "Full json response was: " << utils::json::ToString(json, false);
-  }
+  const std::string summary = dropbox::LogEndpointError(json);
   // 2. A missing item means the tree is behind; a missing session of a resumed upload has
   // expired on the server.
   if (summary.find("not_found") != std::string::npos) {
