@@ -138,20 +138,16 @@ std::string PercentDecode(const std::string& text) {
 namespace {
 
 bool FindQueryParam(const std::string& query, const std::string& key, std::string* value) {
-  std::size_t start = 0;
-  while (start <= query.size()) {
-    std::size_t end = query.find('&', start);
-    if (end == std::string::npos)
-      end = query.size();
-    std::string pair = query.substr(start, end - start);
+  bool found = false;
+  ForEachQueryPair(query, [&](const std::string& pair) {
     std::size_t equals = pair.find('=');
-    if (PercentDecode(pair.substr(0, equals)) == key) {
-      *value = equals == std::string::npos ? std::string() : PercentDecode(pair.substr(equals + 1));
+    if (PercentDecode(pair.substr(0, equals)) != key)
       return true;
-    }
-    start = end + 1;
-  }
-  return false;
+    *value = equals == std::string::npos ? std::string() : PercentDecode(pair.substr(equals + 1));
+    found = true;
+    return false;
+  });
+  return found;
 }
 
 }  // namespace
@@ -165,6 +161,19 @@ std::string QueryParam(const std::string& query, const std::string& key) {
 bool HasQueryParam(const std::string& query, const std::string& key) {
   std::string value;
   return FindQueryParam(query, key, &value);
+}
+
+void ForEachQueryPair(const std::string& query,
+                      const std::function<bool(const std::string& pair)>& visit) {
+  std::size_t start = 0;
+  while (start <= query.size()) {
+    std::size_t end = query.find('&', start);
+    if (end == std::string::npos)
+      end = query.size();
+    if (!visit(query.substr(start, end - start)))
+      return;
+    start = end + 1;
+  }
 }
 
 std::string IsoTime(std::int64_t ms) {

@@ -16,6 +16,7 @@
 
 #include <QJsonObject>
 
+#include <functional>
 #include <memory>
 #include <string>
 #include <utility>
@@ -79,6 +80,9 @@ HttpResponse ContentResponse(const Item& item, const std::string& range_header);
 // The query parameter's value, percent-decoded; empty when missing.
 std::string QueryParam(const std::string& query, const std::string& key);
 bool HasQueryParam(const std::string& query, const std::string& key);
+// Each "key=value" pair of a query, escapes left as they came, till `visit` answers false.
+void ForEachQueryPair(const std::string& query,
+                      const std::function<bool(const std::string& pair)>& visit);
 std::string PercentDecode(const std::string& text);
 // RFC 3339 in UTC with milliseconds: "2024-05-01T10:20:30.123Z".
 std::string IsoTime(std::int64_t ms);

@@ -336,11 +336,27 @@ void DropboxDialect::Shutdown() {
 
 void DropboxDialect::Install(Router& router) {
   router_ = &router;
-  auto rpc = [this, &router](const char* path,
-                             HttpResponse (DropboxDialect::*handler)(const HttpRequest&)) {
+  // Every call's arguments are read, as its host takes them, before its handler runs.
+  using ArgsReader = bool (*)(const HttpRequest&, const std::string&, QJsonObject*, HttpResponse*);
+  using Call = HttpResponse (DropboxDialect::*)(const HttpRequest&, const QJsonObject&);
+  auto route = [this, &router](const char* verb, const char* host, const char* function,
+                               ArgsReader read, Call call, RouteOptions options = RouteOptions()) {
     router.Handle(
-        "POST", std::string("/api/2/") + path,
-        [this, handler](const HttpRequest& request) { return (this->*handler)(request); });
+        verb, std::string(host) + function,
+        [this, function, read, call](const HttpRequest& request) {
+          QJsonObject args;
+          HttpResponse refusal;
+          if (!read(request, function, &args, &refusal))
+            return refusal;
+          return (this->*call)(request, args);
+        },
+        options);
+  };
+  auto rpc = [&route](const char* function, Call call) {
+    route("POST", "/api/2/", function, ReadRpcArgs, call);
+  };
+  auto content = [&route](const char* function, Call call) {
+    route("POST", "/content/2/", function, ReadContentArgs, call);
   };
   rpc("files/list_folder", &DropboxDialect::ListFolder);
   rpc("files/list_folder/continue", &DropboxDialect::Continue);
@@ -354,21 +370,13 @@ void DropboxDialect::Install(Router& router) {
   rpc("sharing/revoke_shared_link", &DropboxDialect::RevokeLink);
   RouteOptions no_token;
   no_token.needs_auth = false;
-  router.Handle(
-      "POST", "/notify/2/files/list_folder/longpoll",
-      [this](const HttpRequest& request) { return Longpoll(request); }, no_token);
+  route("POST", "/notify/2/", "files/list_folder/longpoll", ReadRpcArgs, &DropboxDialect::Longpoll,
+        no_token);
   for (const char* verb : {"GET", "POST"}) {
-    router.Handle(verb, "/content/2/files/get_thumbnail_v2",
-                  [this](const HttpRequest& request) { return Thumbnail(request); });
-    router.Handle(verb, "/content/2/files/download",
-                  [this](const HttpRequest& request) { return Download(request); });
+    route(verb, "/content/2/", "files/get_thumbnail_v2", ReadContentArgs,
+          &DropboxDialect::Thumbnail);
+    route(verb, "/content/2/", "files/download", ReadContentArgs, &DropboxDialect::Download);
   }
-  auto content = [this, &router](const char* path,
-                                 HttpResponse (DropboxDialect::*handler)(const HttpRequest&)) {
-    router.Handle(
-        "POST", std::string("/content/2/") + path,
-        [this, handler](const HttpRequest& request) { return (this->*handler)(request); });
-  };
   content("files/upload", &DropboxDialect::Upload);
   content("files/upload_session/start", &DropboxDialect::SessionStart);
   content("files/upload_session/append_v2", &DropboxDialect::SessionAppend);
@@ -384,12 +392,8 @@ void DropboxDialect::Install(Router& router) {
 
 // --- listing ---------------------------------------------------------------------------------
 
-HttpResponse DropboxDialect::ListFolder(const HttpRequest& request) {
+HttpResponse DropboxDialect::ListFolder(const HttpRequest&, const QJsonObject& args) {
   // 1. The arguments as documented: "" names the root, "/" is refused.
-  QJsonObject args;
-  HttpResponse refusal;
-  if (!ReadRpcArgs(request, "files/list_folder", &args, &refusal))
-    return refusal;
   std::string path = Text(args, "path");
   if (path == "/") {
     return BadInput("files/list_folder",
@@ -422,11 +426,7 @@ HttpResponse DropboxDialect::ListFolder(const HttpRequest& request) {
   return Page(cursor, static_cast<std::size_t>(limit));
 }
 
-HttpResponse DropboxDialect::Continue(const HttpRequest& request) {
-  QJsonObject args;
-  HttpResponse refusal;
-  if (!ReadRpcArgs(request, "files/list_folder/continue", &args, &refusal))
-    return refusal;
+HttpResponse DropboxDialect::Continue(const HttpRequest&, const QJsonObject& args) {
   std::lock_guard<std::mutex> lock(mutex_);
   Cursor cursor;
   if (!DecodeCursor(Text(args, "cursor"), &cursor))
@@ -438,11 +438,7 @@ HttpResponse DropboxDialect::Continue(const HttpRequest& request) {
   return Page(cursor, 2000);
 }
 
-HttpResponse DropboxDialect::LatestCursor(const HttpRequest& request) {
-  QJsonObject args;
-  HttpResponse refusal;
-  if (!ReadRpcArgs(request, "files/list_folder/get_latest_cursor", &args, &refusal))
-    return refusal;
+HttpResponse DropboxDialect::LatestCursor(const HttpRequest&, const QJsonObject& args) {
   std::lock_guard<std::mutex> lock(mutex_);
   Item folder;
   Lookup lookup = Resolve(router_->account(), Text(args, "path"), &folder);
@@ -537,12 +533,8 @@ bool DropboxDialect::HasChangesSince(const Cursor& cursor) {
   return false;
 }
 
-HttpResponse DropboxDialect::Longpoll(const HttpRequest& request) {
+HttpResponse DropboxDialect::Longpoll(const HttpRequest&, const QJsonObject& args) {
   // 1. The arguments: a timeout from 30 to 480 s, 30 when absent.
-  QJsonObject args;
-  HttpResponse refusal;
-  if (!ReadRpcArgs(request, "files/list_folder/longpoll", &args, &refusal))
-    return refusal;
   int timeout = args.value("timeout").toInt(30);
   if (timeout < 30 || timeout > 480)
     return BadInput("files/list_folder/longpoll", "request body: timeout: out of range");
@@ -678,11 +670,7 @@ void DropboxDialect::Subtree(const Item& folder, const std::string& path, bool r
 
 // --- file operations -------------------------------------------------------------------------
 
-HttpResponse DropboxDialect::CreateFolder(const HttpRequest& request) {
-  QJsonObject args;
-  HttpResponse refusal;
-  if (!ReadRpcArgs(request, "files/create_folder_v2", &args, &refusal))
-    return refusal;
+HttpResponse DropboxDialect::CreateFolder(const HttpRequest&, const QJsonObject& args) {
   std::string path = Text(args, "path");
   if (path.empty() || !IsWellFormed(path))
     return EndpointError("path/malformed_path");
@@ -702,11 +690,7 @@ HttpResponse DropboxDialect::CreateFolder(const HttpRequest& request) {
   return JsonAnswer(200, QJsonObject{{"metadata", Metadata(folder, PathFor(folder))}});
 }
 
-HttpResponse DropboxDialect::Delete(const HttpRequest& request) {
-  QJsonObject args;
-  HttpResponse refusal;
-  if (!ReadRpcArgs(request, "files/delete_v2", &args, &refusal))
-    return refusal;
+HttpResponse DropboxDialect::Delete(const HttpRequest&, const QJsonObject& args) {
   std::lock_guard<std::mutex> lock(mutex_);
   CloudAccount& account = router_->account();
   Item item;
@@ -722,11 +706,7 @@ HttpResponse DropboxDialect::Delete(const HttpRequest& request) {
   return JsonAnswer(200, QJsonObject{{"metadata", metadata}});
 }
 
-HttpResponse DropboxDialect::Move(const HttpRequest& request) {
-  QJsonObject args;
-  HttpResponse refusal;
-  if (!ReadRpcArgs(request, "files/move_v2", &args, &refusal))
-    return refusal;
+HttpResponse DropboxDialect::Move(const HttpRequest&, const QJsonObject& args) {
   std::string to = Text(args, "to_path");
   if (to.empty() || !IsWellFormed(to))
     return EndpointError("to/malformed_path");
@@ -755,11 +735,7 @@ HttpResponse DropboxDialect::Move(const HttpRequest& request) {
   return JsonAnswer(200, QJsonObject{{"metadata", Metadata(moved, PathFor(moved))}});
 }
 
-HttpResponse DropboxDialect::SpaceUsage(const HttpRequest& request) {
-  QJsonObject args;
-  HttpResponse refusal;
-  if (!ReadRpcArgs(request, "users/get_space_usage", &args, &refusal))
-    return refusal;
+HttpResponse DropboxDialect::SpaceUsage(const HttpRequest&, const QJsonObject&) {
   CloudAccount& account = router_->account();
   return JsonAnswer(
       200, QJsonObject{{"used", static_cast<double>(account.UsedSpace())},
@@ -790,11 +766,7 @@ QJsonObject LinkMetadata(const Item& item, const std::string& path) {
 
 }  // namespace
 
-HttpResponse DropboxDialect::CreateLink(const HttpRequest& request) {
-  QJsonObject args;
-  HttpResponse refusal;
-  if (!ReadRpcArgs(request, "sharing/create_shared_link_with_settings", &args, &refusal))
-    return refusal;
+HttpResponse DropboxDialect::CreateLink(const HttpRequest&, const QJsonObject& args) {
   std::lock_guard<std::mutex> lock(mutex_);
   CloudAccount& account = router_->account();
   Item item;
@@ -816,11 +788,7 @@ HttpResponse DropboxDialect::CreateLink(const HttpRequest& request) {
   return JsonAnswer(200, LinkMetadata(item, path));
 }
 
-HttpResponse DropboxDialect::ListLinks(const HttpRequest& request) {
-  QJsonObject args;
-  HttpResponse refusal;
-  if (!ReadRpcArgs(request, "sharing/list_shared_links", &args, &refusal))
-    return refusal;
+HttpResponse DropboxDialect::ListLinks(const HttpRequest&, const QJsonObject& args) {
   std::lock_guard<std::mutex> lock(mutex_);
   CloudAccount& account = router_->account();
   QJsonArray links;
@@ -840,11 +808,7 @@ HttpResponse DropboxDialect::ListLinks(const HttpRequest& request) {
   return JsonAnswer(200, QJsonObject{{"links", links}, {"has_more", false}});
 }
 
-HttpResponse DropboxDialect::RevokeLink(const HttpRequest& request) {
-  QJsonObject args;
-  HttpResponse refusal;
-  if (!ReadRpcArgs(request, "sharing/revoke_shared_link", &args, &refusal))
-    return refusal;
+HttpResponse DropboxDialect::RevokeLink(const HttpRequest&, const QJsonObject& args) {
   CloudAccount& account = router_->account();
   std::string url = Text(args, "url");
   for (const Item& item : account.AllItems()) {
@@ -858,11 +822,7 @@ HttpResponse DropboxDialect::RevokeLink(const HttpRequest& request) {
 
 // --- content ---------------------------------------------------------------------------------
 
-HttpResponse DropboxDialect::Thumbnail(const HttpRequest& request) {
-  QJsonObject args;
-  HttpResponse refusal;
-  if (!ReadContentArgs(request, "files/get_thumbnail_v2", &args, &refusal))
-    return refusal;
+HttpResponse DropboxDialect::Thumbnail(const HttpRequest&, const QJsonObject& args) {
   QJsonObject resource = args.value("resource").toObject();
   if (resource.value(".tag").toString() != "path")
     return BadInput("files/get_thumbnail_v2", "resource: unknown tag");
@@ -881,11 +841,7 @@ HttpResponse DropboxDialect::Thumbnail(const HttpRequest& request) {
   return response;
 }
 
-HttpResponse DropboxDialect::Download(const HttpRequest& request) {
-  QJsonObject args;
-  HttpResponse refusal;
-  if (!ReadContentArgs(request, "files/download", &args, &refusal))
-    return refusal;
+HttpResponse DropboxDialect::Download(const HttpRequest& request, const QJsonObject& args) {
   std::lock_guard<std::mutex> lock(mutex_);
   Item item;
   Lookup lookup = Resolve(router_->account(), Text(args, "path"), &item);
@@ -934,6 +890,27 @@ bool ReadCursor(const QJsonObject& args, std::string* session_id, std::uint64_t*
   *session_id = Text(cursor, "session_id");
   *offset = static_cast<std::uint64_t>(cursor.value("offset").toDouble(-1));
   return !session_id->empty() && cursor.value("offset").isDouble();
+}
+
+// The session and offset of an append or a finish, and a piece the server takes; false with the
+// refusal.
+bool ReadPiece(const HttpRequest& request, const QJsonObject& args, const char* function,
+               std::string* session_id, std::uint64_t* offset, HttpResponse* refusal) {
+  if (!ReadCursor(args, session_id, offset)) {
+    *refusal = BadInput(function, "missing \"cursor\"");
+    return false;
+  }
+  if (request.body_size > kMaxRequestBody) {
+    *refusal = EndpointError("payload_too_large");
+    return false;
+  }
+  return true;
+}
+
+// The answer to a write the account refused.
+HttpResponse WriteRefusal(AccountError error) {
+  return EndpointError(error == AccountError::kNoSpace ? "path/insufficient_space"
+                                                       : "path/disallowed_name");
 }
 
 }  // namespace
@@ -991,11 +968,30 @@ bool DropboxDialect::PlanWrite(const QJsonObject& commit,
   return true;
 }
 
-HttpResponse DropboxDialect::Upload(const HttpRequest& request) {
-  QJsonObject args;
+bool DropboxDialect::FindSessionAt(const std::string& id, std::uint64_t offset, bool finishing,
+                                   HttpResponse* refusal) {
+  std::optional<UploadState> state = router_->account().FindUpload(id);
+  if (!state)
+    *refusal = SessionError("not_found", finishing);
+  else if (!finishing && closed_sessions_.count(id))
+    *refusal = SessionError("closed", false);
+  else if (offset != state->persisted)
+    *refusal = OffsetError(state->persisted, finishing);
+  else
+    return true;
+  return false;
+}
+
+void DropboxDialect::AppendPiece(const std::string& id, std::uint64_t offset,
+                                 const HttpRequest& request, const QJsonObject& args) {
+  std::uint64_t persisted = 0;
+  router_->account().AppendUpload(id, offset, request.body, &persisted);
+  if (args.value("close").toBool(false))
+    closed_sessions_.insert(id);
+}
+
+HttpResponse DropboxDialect::Upload(const HttpRequest& request, const QJsonObject& args) {
   HttpResponse refusal;
-  if (!ReadContentArgs(request, "files/upload", &args, &refusal))
-    return refusal;
   if (request.body_size > kMaxRequestBody)
     return EndpointError("payload_too_large");
   std::lock_guard<std::mutex> lock(mutex_);
@@ -1015,76 +1011,45 @@ HttpResponse DropboxDialect::Upload(const HttpRequest& request) {
             ? account.CreateFile(spec.parent_id, spec.name, request.body, spec.modified_ms, &made)
             : account.ReplaceContent(spec.target_id, request.body, spec.modified_ms, &made);
   }
-  if (error == AccountError::kNoSpace)
-    return EndpointError("path/insufficient_space");
   if (error != AccountError::kNone)
-    return EndpointError("path/disallowed_name");
+    return WriteRefusal(error);
   return JsonAnswer(200, Metadata(made, PathFor(made)));
 }
 
-HttpResponse DropboxDialect::SessionStart(const HttpRequest& request) {
-  QJsonObject args;
-  HttpResponse refusal;
-  if (!ReadContentArgs(request, "files/upload_session/start", &args, &refusal))
-    return refusal;
+HttpResponse DropboxDialect::SessionStart(const HttpRequest& request, const QJsonObject& args) {
   if (request.body_size > kMaxRequestBody)
     return EndpointError("payload_too_large");
   std::lock_guard<std::mutex> lock(mutex_);
   CloudAccount& account = router_->account();
   const std::string id = account.OpenUpload(UploadSpec());
-  std::uint64_t persisted = 0;
-  account.AppendUpload(id, 0, request.body, &persisted);
-  if (args.value("close").toBool(false))
-    closed_sessions_.insert(id);
+  AppendPiece(id, 0, request, args);
   return JsonAnswer(200, QJsonObject{{"session_id", QString::fromStdString(id)}});
 }
 
-HttpResponse DropboxDialect::SessionAppend(const HttpRequest& request) {
-  QJsonObject args;
-  HttpResponse refusal;
-  if (!ReadContentArgs(request, "files/upload_session/append_v2", &args, &refusal))
-    return refusal;
+HttpResponse DropboxDialect::SessionAppend(const HttpRequest& request, const QJsonObject& args) {
   std::string id;
   std::uint64_t offset = 0;
-  if (!ReadCursor(args, &id, &offset))
-    return BadInput("files/upload_session/append_v2", "missing \"cursor\"");
-  if (request.body_size > kMaxRequestBody)
-    return EndpointError("payload_too_large");
+  HttpResponse refusal;
+  if (!ReadPiece(request, args, "files/upload_session/append_v2", &id, &offset, &refusal))
+    return refusal;
   std::lock_guard<std::mutex> lock(mutex_);
-  CloudAccount& account = router_->account();
-  std::optional<UploadState> state = account.FindUpload(id);
-  if (!state)
-    return SessionError("not_found", false);
-  if (closed_sessions_.count(id))
-    return SessionError("closed", false);
-  if (offset != state->persisted)
-    return OffsetError(state->persisted, false);
-  std::uint64_t persisted = 0;
-  account.AppendUpload(id, offset, request.body, &persisted);
-  if (args.value("close").toBool(false))
-    closed_sessions_.insert(id);
+  if (!FindSessionAt(id, offset, false, &refusal))
+    return refusal;
+  AppendPiece(id, offset, request, args);
   return JsonAnswer(200, QJsonValue());
 }
 
-HttpResponse DropboxDialect::SessionFinish(const HttpRequest& request) {
-  QJsonObject args;
-  HttpResponse refusal;
-  if (!ReadContentArgs(request, "files/upload_session/finish", &args, &refusal))
-    return refusal;
+HttpResponse DropboxDialect::SessionFinish(const HttpRequest& request, const QJsonObject& args) {
+  // 1. The session, and its last bytes where it stands.
   std::string id;
   std::uint64_t offset = 0;
-  if (!ReadCursor(args, &id, &offset))
-    return BadInput("files/upload_session/finish", "missing \"cursor\"");
-  if (request.body_size > kMaxRequestBody)
-    return EndpointError("payload_too_large");
+  HttpResponse refusal;
+  if (!ReadPiece(request, args, "files/upload_session/finish", &id, &offset, &refusal))
+    return refusal;
   std::lock_guard<std::mutex> lock(mutex_);
   CloudAccount& account = router_->account();
-  // 1. The session, and its last bytes where it stands.
-  std::optional<UploadState> state = account.FindUpload(id);
-  if (!state)
-    return SessionError("not_found", true);
-  if (offset != state->persisted)
-    return OffsetError(state->persisted, true);
+  if (!FindSessionAt(id, offset, true, &refusal))
+    return refusal;
   // 2. Where the file goes; a session's bytes are never compared, so an "add" over a file is a
   // conflict.
   UploadSpec spec;
@@ -1101,13 +1066,11 @@ HttpResponse DropboxDialect::SessionFinish(const HttpRequest& request) {
   Item made;
   AccountError error = account.CommitUpload(id, &made);
   if (error == AccountError::kSizeMismatch) {
-    state = account.FindUpload(id);
+    std::optional<UploadState> state = account.FindUpload(id);
     return OffsetError(state ? state->persisted : persisted, true);
   }
-  if (error == AccountError::kNoSpace)
-    return EndpointError("path/insufficient_space");
   if (error != AccountError::kNone)
-    return EndpointError("path/disallowed_name");
+    return WriteRefusal(error);
   closed_sessions_.erase(id);
   return JsonAnswer(200, Metadata(made, PathFor(made)));
 }
@@ -1118,13 +1081,9 @@ std::unique_ptr<Dialect> MakeDropboxDialect() {
 
 // --- file properties -------------------------------------------------------------------------
 
-HttpResponse DropboxDialect::AddTemplate(const HttpRequest& request) {
+HttpResponse DropboxDialect::AddTemplate(const HttpRequest&, const QJsonObject& args) {
   // 1. A name, a description and the fields, each a string field of a distinct name.
   const char* function = "file_properties/templates/add_for_user";
-  QJsonObject args;
-  HttpResponse refusal;
-  if (!ReadRpcArgs(request, function, &args, &refusal))
-    return refusal;
   if (!args.value("name").isString() || !args.value("description").isString() ||
       !args.value("fields").isArray()) {
     return BadInput(function, "request body: missing \"name\", \"description\" or \"fields\"");
@@ -1147,11 +1106,7 @@ HttpResponse DropboxDialect::AddTemplate(const HttpRequest& request) {
   return JsonAnswer(200, QJsonObject{{"template_id", QString::fromStdString(id)}});
 }
 
-HttpResponse DropboxDialect::ListTemplates(const HttpRequest& request) {
-  QJsonObject args;
-  HttpResponse refusal;
-  if (!ReadRpcArgs(request, "file_properties/templates/list_for_user", &args, &refusal))
-    return refusal;
+HttpResponse DropboxDialect::ListTemplates(const HttpRequest&, const QJsonObject&) {
   std::lock_guard<std::mutex> lock(mutex_);
   QJsonArray ids;
   for (const auto& entry : templates_)
@@ -1218,49 +1173,40 @@ bool DropboxDialect::ReadPropertyGroups(const QJsonObject& args, const char* fun
   return true;
 }
 
-HttpResponse DropboxDialect::AddProperties(const HttpRequest& request) {
-  // 1. One group per template on an item that has none of it yet.
-  QJsonObject args;
-  HttpResponse refusal;
-  if (!ReadRpcArgs(request, "file_properties/properties/add", &args, &refusal))
-    return refusal;
-  std::lock_guard<std::mutex> lock(mutex_);
-  std::map<std::string, PropertyFields> added;
-  Item item;
-  if (!ReadPropertyGroups(args, "file_properties/properties/add", &item, &added, &refusal))
-    return refusal;
-  for (const auto& entry : added) {
-    if (property_groups_[item.id].count(entry.first) != 0)
-      return EndpointError("property_group_already_exists");
-  }
-  // 2. Kept beside the item: a group is no change of its content or revision.
-  for (auto& [template_id, fields] : added)
-    property_groups_[item.id][template_id] = std::move(fields);
-  return JsonAnswer(200, QJsonValue());
+HttpResponse DropboxDialect::AddProperties(const HttpRequest&, const QJsonObject& args) {
+  // One group per template on an item that has none of it yet.
+  return StoreGroups(args, "file_properties/properties/add", true);
 }
 
-HttpResponse DropboxDialect::OverwriteProperties(const HttpRequest& request) {
+HttpResponse DropboxDialect::OverwriteProperties(const HttpRequest&, const QJsonObject& args) {
   // Each named group is replaced whole, fields left out included; the item's other groups stay.
-  QJsonObject args;
+  return StoreGroups(args, "file_properties/properties/overwrite", false);
+}
+
+HttpResponse DropboxDialect::StoreGroups(const QJsonObject& args, const char* function,
+                                         bool adding) {
+  // 1. The groups, none of them one the item has already when they are added.
   HttpResponse refusal;
-  if (!ReadRpcArgs(request, "file_properties/properties/overwrite", &args, &refusal))
-    return refusal;
   std::lock_guard<std::mutex> lock(mutex_);
   std::map<std::string, PropertyFields> groups;
   Item item;
-  if (!ReadPropertyGroups(args, "file_properties/properties/overwrite", &item, &groups, &refusal))
+  if (!ReadPropertyGroups(args, function, &item, &groups, &refusal))
     return refusal;
+  if (adding) {
+    for (const auto& entry : groups) {
+      if (property_groups_[item.id].count(entry.first) != 0)
+        return EndpointError("property_group_already_exists");
+    }
+  }
+  // 2. Kept beside the item: a group is no change of its content or revision.
   for (auto& [template_id, fields] : groups)
     property_groups_[item.id][template_id] = std::move(fields);
   return JsonAnswer(200, QJsonValue());
 }
 
-HttpResponse DropboxDialect::UpdateProperties(const HttpRequest& request) {
+HttpResponse DropboxDialect::UpdateProperties(const HttpRequest&, const QJsonObject& args) {
   // 1. Every named group stands, and its new fields fit its template.
-  QJsonObject args;
   HttpResponse refusal;
-  if (!ReadRpcArgs(request, "file_properties/properties/update", &args, &refusal))
-    return refusal;
   std::lock_guard<std::mutex> lock(mutex_);
   std::map<std::string, PropertyFields> updated;
   Item item;
@@ -1287,13 +1233,9 @@ HttpResponse DropboxDialect::UpdateProperties(const HttpRequest& request) {
   return JsonAnswer(200, QJsonValue());
 }
 
-HttpResponse DropboxDialect::SearchProperties(const HttpRequest& request) {
+HttpResponse DropboxDialect::SearchProperties(const HttpRequest&, const QJsonObject& args) {
   // 1. Queries of a field's exact value, joined by "or", over the templates the filter lets in.
   const char* function = "file_properties/properties/search";
-  QJsonObject args;
-  HttpResponse refusal;
-  if (!ReadRpcArgs(request, function, &args, &refusal))
-    return refusal;
   const QJsonArray queries = args.value("queries").toArray();
   if (queries.isEmpty())
     return BadInput(function, "request body: queries: must have at least 1 items");
@@ -1337,11 +1279,7 @@ HttpResponse DropboxDialect::SearchProperties(const HttpRequest& request) {
   return SearchPage(std::move(matches));
 }
 
-HttpResponse DropboxDialect::ContinuePropertySearch(const HttpRequest& request) {
-  QJsonObject args;
-  HttpResponse refusal;
-  if (!ReadRpcArgs(request, "file_properties/properties/search/continue", &args, &refusal))
-    return refusal;
+HttpResponse DropboxDialect::ContinuePropertySearch(const HttpRequest&, const QJsonObject& args) {
   std::lock_guard<std::mutex> lock(mutex_);
   auto rest = searches_.find(Text(args, "cursor"));
   if (rest == searches_.end())

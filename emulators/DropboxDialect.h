@@ -72,30 +72,30 @@ class DropboxDialect : public Dialect {
     std::size_t offset = 0;
   };
 
-  HttpResponse ListFolder(const HttpRequest& request);
-  HttpResponse Continue(const HttpRequest& request);
-  HttpResponse LatestCursor(const HttpRequest& request);
-  HttpResponse Longpoll(const HttpRequest& request);
-  HttpResponse CreateFolder(const HttpRequest& request);
-  HttpResponse Delete(const HttpRequest& request);
-  HttpResponse Move(const HttpRequest& request);
-  HttpResponse SpaceUsage(const HttpRequest& request);
-  HttpResponse CreateLink(const HttpRequest& request);
-  HttpResponse ListLinks(const HttpRequest& request);
-  HttpResponse RevokeLink(const HttpRequest& request);
-  HttpResponse Thumbnail(const HttpRequest& request);
-  HttpResponse Download(const HttpRequest& request);
-  HttpResponse Upload(const HttpRequest& request);
-  HttpResponse SessionStart(const HttpRequest& request);
-  HttpResponse SessionAppend(const HttpRequest& request);
-  HttpResponse SessionFinish(const HttpRequest& request);
-  HttpResponse AddTemplate(const HttpRequest& request);
-  HttpResponse ListTemplates(const HttpRequest& request);
-  HttpResponse AddProperties(const HttpRequest& request);
-  HttpResponse UpdateProperties(const HttpRequest& request);
-  HttpResponse OverwriteProperties(const HttpRequest& request);
-  HttpResponse SearchProperties(const HttpRequest& request);
-  HttpResponse ContinuePropertySearch(const HttpRequest& request);
+  HttpResponse ListFolder(const HttpRequest& request, const QJsonObject& args);
+  HttpResponse Continue(const HttpRequest& request, const QJsonObject& args);
+  HttpResponse LatestCursor(const HttpRequest& request, const QJsonObject& args);
+  HttpResponse Longpoll(const HttpRequest& request, const QJsonObject& args);
+  HttpResponse CreateFolder(const HttpRequest& request, const QJsonObject& args);
+  HttpResponse Delete(const HttpRequest& request, const QJsonObject& args);
+  HttpResponse Move(const HttpRequest& request, const QJsonObject& args);
+  HttpResponse SpaceUsage(const HttpRequest& request, const QJsonObject& args);
+  HttpResponse CreateLink(const HttpRequest& request, const QJsonObject& args);
+  HttpResponse ListLinks(const HttpRequest& request, const QJsonObject& args);
+  HttpResponse RevokeLink(const HttpRequest& request, const QJsonObject& args);
+  HttpResponse Thumbnail(const HttpRequest& request, const QJsonObject& args);
+  HttpResponse Download(const HttpRequest& request, const QJsonObject& args);
+  HttpResponse Upload(const HttpRequest& request, const QJsonObject& args);
+  HttpResponse SessionStart(const HttpRequest& request, const QJsonObject& args);
+  HttpResponse SessionAppend(const HttpRequest& request, const QJsonObject& args);
+  HttpResponse SessionFinish(const HttpRequest& request, const QJsonObject& args);
+  HttpResponse AddTemplate(const HttpRequest& request, const QJsonObject& args);
+  HttpResponse ListTemplates(const HttpRequest& request, const QJsonObject& args);
+  HttpResponse AddProperties(const HttpRequest& request, const QJsonObject& args);
+  HttpResponse UpdateProperties(const HttpRequest& request, const QJsonObject& args);
+  HttpResponse OverwriteProperties(const HttpRequest& request, const QJsonObject& args);
+  HttpResponse SearchProperties(const HttpRequest& request, const QJsonObject& args);
+  HttpResponse ContinuePropertySearch(const HttpRequest& request, const QJsonObject& args);
 
   using PropertyFields = std::map<std::string, std::string>;  // name -> value
   // The item a properties call names, and the template its group is of; false with the refusal.
@@ -110,6 +110,15 @@ class DropboxDialect : public Dialect {
   bool ReadPropertyGroups(const QJsonObject& args, const char* function, Item* item,
                           std::map<std::string, PropertyFields>* groups, HttpResponse* refusal);
 
+  // The session of an append or a finish, standing at the piece's offset; false with the refusal.
+  // A finish names its errors as a lookup, and may end a session that an append closed.
+  bool FindSessionAt(const std::string& id, std::uint64_t offset, bool finishing,
+                     HttpResponse* refusal);
+  // A piece into the session; the piece's "close" closes the session to further appends.
+  void AppendPiece(const std::string& id, std::uint64_t offset, const HttpRequest& request,
+                   const QJsonObject& args);
+  // The groups of an add or an overwrite, each replacing the item's group of its template.
+  HttpResponse StoreGroups(const QJsonObject& args, const char* function, bool adding);
   // Where a commit's bytes go under its "mode"; false with the endpoint error that refuses it.
   // `same_content` tells whether the bytes equal those of a file already at the path.
   bool PlanWrite(const QJsonObject& commit, const std::function<bool(const Item&)>& same_content,

@@ -80,6 +80,15 @@ std::string ETagOf(const Item& item) {
   return "\"{" + item.id + "}," + std::to_string(item.revision) + "\"";
 }
 
+// An "if-match" that names another version of the item.
+bool IsStaleMatch(const std::string& match, const Item& item) {
+  return !match.empty() && match != ETagOf(item);
+}
+
+HttpResponse PreconditionFailed() {
+  return GraphError(412, "preconditionFailed", "The eTag does not match.");
+}
+
 std::string UpperHex(std::string hex) {
   std::transform(hex.begin(), hex.end(), hex.begin(), ::toupper);
   return hex;
@@ -113,32 +122,24 @@ QJsonObject Select(const QJsonObject& object, const std::vector<std::string>& ke
 
 int CountParam(const std::string& query, const std::string& key) {
   int count = 0;
-  std::size_t start = 0;
-  while (start <= query.size()) {
-    std::size_t end = query.find('&', start);
-    if (end == std::string::npos)
-      end = query.size();
-    std::string pair = query.substr(start, end - start);
+  ForEachQueryPair(query, [&](const std::string& pair) {
     if (PercentDecode(pair.substr(0, pair.find('='))) == key)
       ++count;
-    start = end + 1;
-  }
+    return true;
+  });
   return count;
 }
 
 // The raw value of a query parameter, escapes left as they came.
 std::string RawParam(const std::string& query, const std::string& key) {
-  std::size_t start = 0;
-  while (start <= query.size()) {
-    std::size_t end = query.find('&', start);
-    if (end == std::string::npos)
-      end = query.size();
-    std::string pair = query.substr(start, end - start);
-    if (pair.compare(0, key.size() + 1, key + "=") == 0)
-      return pair.substr(key.size() + 1);
-    start = end + 1;
-  }
-  return std::string();
+  std::string value;
+  ForEachQueryPair(query, [&](const std::string& pair) {
+    if (pair.compare(0, key.size() + 1, key + "=") != 0)
+      return true;
+    value = pair.substr(key.size() + 1);
+    return false;
+  });
+  return value;
 }
 
 QJsonObject ParseBody(const std::string& body) {
@@ -207,6 +208,8 @@ class OneDriveDialect::GraphService {
   // Items as Graph shapes them.
   std::string SharedFolderOf(const Item& item) const;
   QJsonObject ItemJson(const Item& item, bool with_path);
+  // The item as an operation left it, or the operation's error.
+  HttpResponse ItemAnswer(AccountError error, int status, const Item& item);
   QJsonObject LinkJson(const Item& folder);
   // An item asked for by its address or listed among children: a folder with its size.
   QJsonObject AddressedJson(const Item& item);
@@ -393,6 +396,13 @@ std::uint64_t OneDriveDialect::GraphService::SubtreeSize(const std::string& fold
   for (const Item& child : router_.account().Children(folder_id))
     size += child.IsFolder() ? SubtreeSize(child.id) : child.size;
   return size;
+}
+
+HttpResponse OneDriveDialect::GraphService::ItemAnswer(AccountError error, int status,
+                                                       const Item& item) {
+  if (error != AccountError::kNone)
+    return ErrorOf(error);
+  return JsonResponse(status, ItemJson(item, true));
 }
 
 QJsonObject OneDriveDialect::GraphService::ItemJson(const Item& item, bool with_path) {
@@ -735,18 +745,15 @@ HttpResponse OneDriveDialect::GraphService::SimpleUpload(const HttpRequest& requ
   std::int64_t now = QDateTime::currentMSecsSinceEpoch();
   if (!address.item_id.empty()) {
     std::optional<Item> existing = account().Find(address.item_id);
-    std::string match = request.Header("if-match");
-    if (existing && !match.empty() && match != ETagOf(*existing))
-      return GraphError(412, "preconditionFailed", "The eTag does not match.");
+    if (existing && IsStaleMatch(request.Header("if-match"), *existing))
+      return PreconditionFailed();
     error = account().ReplaceContent(address.item_id, request.body, now, &out);
   } else {
     if (address.parent_id.empty())
       return GraphError(404, "itemNotFound", "The parent could not be found.");
     error = account().CreateFile(address.parent_id, address.child_name, request.body, now, &out);
   }
-  if (error != AccountError::kNone)
-    return ErrorOf(error);
-  return JsonResponse(address.item_id.empty() ? 201 : 200, ItemJson(out, true));
+  return ItemAnswer(error, address.item_id.empty() ? 201 : 200, out);
 }
 
 HttpResponse OneDriveDialect::GraphService::CreateSession(const HttpRequest& request,
@@ -763,8 +770,8 @@ HttpResponse OneDriveDialect::GraphService::CreateSession(const HttpRequest& req
     std::string match = request.Header("if-match");
     if (!existing || existing->IsFolder())
       return GraphError(409, "nameAlreadyExists", "A folder holds the name.");
-    if (!match.empty() && match != ETagOf(*existing))
-      return GraphError(412, "preconditionFailed", "The eTag does not match.");
+    if (IsStaleMatch(match, *existing))
+      return PreconditionFailed();
     if (behavior == "fail" && match.empty())
       return GraphError(409, "nameAlreadyExists", "The specified item name already exists.");
     spec.target_id = existing->id;
@@ -816,9 +823,7 @@ HttpResponse OneDriveDialect::GraphService::UploadPiece(const HttpRequest& reque
   Item out;
   bool replacing = !state->spec.target_id.empty();
   error = account().CommitUpload(session, &out);
-  if (error != AccountError::kNone)
-    return ErrorOf(error);
-  return JsonResponse(replacing ? 200 : 201, ItemJson(out, true));
+  return ItemAnswer(error, replacing ? 200 : 201, out);
 }
 
 HttpResponse OneDriveDialect::GraphService::UploadStatus(const HttpRequest& request) {
@@ -851,15 +856,12 @@ HttpResponse OneDriveDialect::GraphService::CreateFolder(const HttpRequest& requ
     account().Delete(existing->id);
   Item out;
   AccountError error = account().CreateFolder(parent.id, name, &out);
-  if (error != AccountError::kNone)
-    return ErrorOf(error);
-  return JsonResponse(201, ItemJson(out, true));
+  return ItemAnswer(error, 201, out);
 }
 
 HttpResponse OneDriveDialect::GraphService::Update(const HttpRequest& request, const Item& item) {
-  std::string match = request.Header("if-match");
-  if (!match.empty() && match != ETagOf(item))
-    return GraphError(412, "preconditionFailed", "The eTag does not match.");
+  if (IsStaleMatch(request.Header("if-match"), item))
+    return PreconditionFailed();
   QJsonObject body = ParseBody(request.body);
   Item out = item;
   AccountError error = AccountError::kNone;
@@ -889,15 +891,12 @@ HttpResponse OneDriveDialect::GraphService::Update(const HttpRequest& request, c
       body.value("fileSystemInfo").toObject().value("lastModifiedDateTime").toString();
   if (error == AccountError::kNone && !modified.isEmpty())
     error = account().SetModified(item.id, ParseIsoMs(modified), &out);
-  if (error != AccountError::kNone)
-    return ErrorOf(error);
-  return JsonResponse(200, ItemJson(out, true));
+  return ItemAnswer(error, 200, out);
 }
 
 HttpResponse OneDriveDialect::GraphService::Remove(const HttpRequest& request, const Item& item) {
-  std::string match = request.Header("if-match");
-  if (!match.empty() && match != ETagOf(item))
-    return GraphError(412, "preconditionFailed", "The eTag does not match.");
+  if (IsStaleMatch(request.Header("if-match"), item))
+    return PreconditionFailed();
   AccountError error = account().Delete(item.id);
   if (error != AccountError::kNone)
     return ErrorOf(error);

@@ -74,7 +74,10 @@ std::string BackupMetainfoRemoteWriterDropbox::FolderPath() const {
 }
 
 FileSystem::Result BackupMetainfoRemoteWriterDropbox::FindTemplate(std::string* id) {
-  // 1. Known to the account already.
+  // 1. Known to the account already; an inert writer knows none.
+  if (IsInert()) {
+    return FileSystem::FAILED;
+  }
   *id = account_ ? account_->MetainfoTemplateId() : std::string();
   if (!id->empty()) {
     return FileSystem::SUCCEEDED;
@@ -138,9 +141,6 @@ FileSystem::Result BackupMetainfoRemoteWriterDropbox::IsRegistered(bool* registe
 
 FileSystem::Result BackupMetainfoRemoteWriterDropbox::Create() {
   // 1. The account's template.
-  if (IsInert()) {
-    return FileSystem::FAILED;
-  }
   std::string templateId;
   FileSystem::Result result = FindTemplate(&templateId);
   if (result != FileSystem::SUCCEEDED) {
@@ -180,9 +180,6 @@ FileSystem::Result BackupMetainfoRemoteWriterDropbox::Create() {
 
 FileSystem::Result BackupMetainfoRemoteWriterDropbox::Update(std::uint64_t size,
                                                              std::int64_t lastUpdateTime) {
-  if (IsInert()) {
-    return FileSystem::FAILED;
-  }
   std::string templateId;
   FileSystem::Result result = FindTemplate(&templateId);
   if (result != FileSystem::SUCCEEDED) {

@@ -28,6 +28,7 @@ class BackupMetainfoRemoteWriterDropbox : public BackupMetainfoRemoteWriter {
   // One file properties call, unless the writer is inert or stopped.
   FileSystem::Result Call(const std::string& name, const std::string& body,
                           utils::json::json_tree* json);
+  // FAILED for an inert writer.
   FileSystem::Result FindTemplate(std::string* id);
   FileSystem::Result RegisterTemplate(std::string* id);
   // Whether a group describes this very pair of paths already.

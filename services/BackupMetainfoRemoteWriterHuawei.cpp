@@ -19,6 +19,12 @@ BackupMetainfoRemoteWriterHuawei::BackupMetainfoRemoteWriterHuawei(
 BackupMetainfoRemoteWriterHuawei::~BackupMetainfoRemoteWriterHuawei() = default;
 
 FileSystem::Result BackupMetainfoRemoteWriterHuawei::FindBackupFolder(std::string* id) {
+  if (IsInert()) {
+    return FileSystem::FAILED;
+  }
+  if (CheckStopped()) {
+    return FileSystem::STOPPED;
+  }
   utils::json::json_tree root;
   FileSystem::Result result = requester_->Get(HuaweiRequester::ApiUrl("/files/root"), &root);
   *id = root.get("id", "");
@@ -53,12 +59,6 @@ FileSystem::Result BackupMetainfoRemoteWriterHuawei::SetProperties(
 
 FileSystem::Result BackupMetainfoRemoteWriterHuawei::Create() {
   // 1. The backup's folder and what it says already.
-  if (IsInert()) {
-    return FileSystem::FAILED;
-  }
-  if (CheckStopped()) {
-    return FileSystem::STOPPED;
-  }
   std::string id;
   FileSystem::Result result = FindBackupFolder(&id);
   if (result != FileSystem::SUCCEEDED) {
@@ -87,12 +87,6 @@ FileSystem::Result BackupMetainfoRemoteWriterHuawei::Create() {
 
 FileSystem::Result BackupMetainfoRemoteWriterHuawei::Update(std::uint64_t,
                                                             std::int64_t last_update_time) {
-  if (IsInert()) {
-    return FileSystem::FAILED;
-  }
-  if (CheckStopped()) {
-    return FileSystem::STOPPED;
-  }
   std::string id;
   FileSystem::Result result = FindBackupFolder(&id);
   if (result != FileSystem::SUCCEEDED) {

@@ -21,7 +21,8 @@ class BackupMetainfoRemoteWriterHuawei : public BackupMetainfoRemoteWriter {
   FileSystem::Result Update(std::uint64_t size, std::int64_t last_update_time) override;
 
  private:
-  // The id of the backup's folder, found by name from the drive's root.
+  // The id of the backup's folder, found by name from the drive's root; FAILED for an inert
+  // writer.
   FileSystem::Result FindBackupFolder(std::string* id);
   FileSystem::Result SetProperties(const std::string& id, const utils::json::json_tree& properties);
 

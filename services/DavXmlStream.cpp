@@ -674,16 +674,22 @@ bool DavXmlStream::FinishElementText(std::string* text, bool* hasCharacters) {
   return false;
 }
 
-bool DavXmlStream::ReadIntegerElement(std::uint64_t* value) {
+bool DavXmlStream::ReadValueElement(std::uint64_t* value,
+                                    bool (DavXmlStream::*parse)(std::uint64_t* value)) {
   *value = 0;
   elementText_.clear();
   bool hasCharacters = false;
   if (!ReadElementText(&elementText_, &hasCharacters)) {
     return false;
   }
-  if (!hasCharacters) {
-    return true;
-  }
+  return !hasCharacters || (this->*parse)(value);
+}
+
+bool DavXmlStream::ReadIntegerElement(std::uint64_t* value) {
+  return ReadValueElement(value, &DavXmlStream::ParseIntegerText);
+}
+
+bool DavXmlStream::ParseIntegerText(std::uint64_t* value) {
   const std::size_t first = elementText_.find_first_not_of(" \t\r\n");
   const std::size_t last = elementText_.find_last_not_of(" \t\r\n");
   const char* begin = elementText_.data() + std::min(first, elementText_.size());
@@ -699,15 +705,10 @@ bool DavXmlStream::ReadIntegerElement(std::uint64_t* value) {
 }
 
 bool DavXmlStream::ReadDateElement(std::uint64_t* value) {
-  *value = 0;
-  elementText_.clear();
-  bool hasCharacters = false;
-  if (!ReadElementText(&elementText_, &hasCharacters)) {
-    return false;
-  }
-  if (!hasCharacters) {
-    return true;
-  }
+  return ReadValueElement(value, &DavXmlStream::ParseDateText);
+}
+
+bool DavXmlStream::ParseDateText(std::uint64_t* value) {
   std::int64_t seconds = 0;
   if (!utils::TryParseHttpDate(elementText_, &seconds)) {
     LOG_WARNING << "Failed to parse date from: " << elementText_;

@@ -94,6 +94,10 @@ class DavXmlStream {
   void PushElement(std::string_view qualifiedName);
   void PopElement();
   bool FinishElementText(std::string* text, bool* hasCharacters);
+  // The element's text into `elementText_`, parsed by `parse` unless the element is empty.
+  bool ReadValueElement(std::uint64_t* value, bool (DavXmlStream::*parse)(std::uint64_t* value));
+  bool ParseIntegerText(std::uint64_t* value);
+  bool ParseDateText(std::uint64_t* value);
 
   InputStream* input_;
   State state_ = kGood;

@@ -233,6 +233,115 @@ bool TreeConstructor::AlreadyKnownOrTrashed(const std::string& id, const std::st
   return false;
 }
 
+template <>
+struct TreeConstructor::Kind<FileNode> {
+  static constexpr bool kIsFile = true;
+  static constexpr auto kParked = &TreeConstructor::parentless_files_;
+  static constexpr auto kAddNotLinked = &RemoteFileIds::AddNotLinkedFileId;
+  static constexpr bool (RemoteFileIds::*kAdd)(const std::string&, const std::string&,
+                                               const std::string&) = &RemoteFileIds::AddFileId;
+  static constexpr auto kLink = &RemoteFileIds::LinkFileToParent;
+  static constexpr const char* kIdFailure = "Failed to add file id.";
+  static constexpr const char* kAdoptFailure = "Failed to insert file.";
+  static constexpr const char* kAlreadyLinked = "Item already in file ids tree.";
+  static void LogPlaceFailure(const std::string& name) {
+    LOG_FATAL << "Failed to create file: " << name;
+  }
+  static void LogLinkFailure(const Parked<FileNode>& item, const std::string& name) {
+    LOG_FATAL << "Failed to link file id: " << item.id << "; " << name;
+  }
+};
+
+template <>
+struct TreeConstructor::Kind<FolderNode> {
+  static constexpr bool kIsFile = false;
+  static constexpr auto kParked = &TreeConstructor::parentless_folders_;
+  static constexpr auto kAddNotLinked = &RemoteFileIds::AddNotLinkedFolderId;
+  static constexpr bool (RemoteFileIds::*kAdd)(const std::string&, const std::string&,
+                                               const std::string&) = &RemoteFileIds::AddFolderId;
+  static constexpr auto kLink = &RemoteFileIds::LinkFolderToParent;
+  static constexpr const char* kIdFailure = "Failed to add folder id.";
+  static constexpr const char* kAdoptFailure = "Failed to insert folder.";
+  static constexpr const char* kAlreadyLinked = "Item already in tree.";
+  static void LogPlaceFailure(const std::string&) { LOG_FATAL << "Failed to create folder."; }
+  static void LogLinkFailure(const Parked<FolderNode>& item, const std::string& name) {
+    LOG_FATAL << "Failed to link folder id.";
+    LOG_FATAL << "Parent id is " << item.parent_id << " , child dir name is " << name
+              << ", child id is" << item.id;
+  }
+};
+
+template <typename Node>
+bool TreeConstructor::Place(const std::string& id, const std::string& name,
+                            const std::string& parent, UniqueNodePtr<Node> node) {
+  using K = Kind<Node>;
+  // 1. Parked till its parent comes.
+  auto found = folders_by_id_.find(parent);
+  if (found == folders_by_id_.end()) {
+    (this->*K::kParked).push_back({id, parent, std::move(node)});
+    if (!(ids_.get()->*K::kAddNotLinked)(id)) {
+      LOG_FATAL << K::kIdFailure;
+      SetError(TreeError::kUnknown, name, K::kIsFile);
+      return false;
+    }
+    return true;
+  }
+  // 2. Under its parent at once, in both trees.
+  std::string chosen;
+  std::string path = PathOf(found->second) + name;
+  if (!InsertNode(id, found->second, &node, &chosen)) {
+    K::LogPlaceFailure(name);
+    SetError(TreeError::kUnknown, path, K::kIsFile);
+    return false;
+  }
+  if (!chosen.empty()) {
+    ids_->AddMappingInfo(id, name, chosen);
+  }
+  if (!(ids_.get()->*K::kAdd)(id, chosen.empty() ? name : chosen, parent)) {
+    LOG_FATAL << K::kIdFailure;
+    SetError(TreeError::kUnknown, path, K::kIsFile);
+    return false;
+  }
+  return true;
+}
+
+template <typename Node>
+bool TreeConstructor::Adopt() {
+  using K = Kind<Node>;
+  auto& parked = this->*K::kParked;
+  for (auto it = parked.begin(); it != parked.end();) {
+    auto parent = folders_by_id_.find(it->parent_id);
+    if (parent == folders_by_id_.end()) {
+      ++it;
+      continue;
+    }
+    // 1. Into the tree of nodes.
+    std::string name = it->node->GetName();
+    std::string path = PathOf(parent->second) + name;
+    std::string chosen;
+    if (!InsertNode(it->id, parent->second, &it->node, &chosen)) {
+      LOG_FATAL << K::kAdoptFailure;
+      SetError(TreeError::kUnknown, path, K::kIsFile);
+      return false;
+    }
+    // 2. Into the id tree, where a later listing of the item may have put it already.
+    if (!chosen.empty()) {
+      ids_->AddMappingInfo(it->id, name, chosen);
+    }
+    if (!(ids_.get()->*K::kLink)(it->id, chosen.empty() ? name : chosen, it->parent_id)) {
+      if (ids_->GetPathById(it->id) && ids_->GetParentId(it->id) == it->parent_id) {
+        LOG_INFO << K::kAlreadyLinked;
+      } else {
+        K::LogLinkFailure(*it, name);
+        SetError(TreeError::kUnknown, path, K::kIsFile);
+        return false;
+      }
+    }
+    it = parked.erase(it);
+  }
+  return true;
+}
+
 bool TreeConstructor::AddFile(const std::string& id, std::string name, const std::string& parent_id,
                               std::uint64_t size, std::int64_t mtime, const HashGoogle& hash,
                               std::int64_t, bool trashed, bool external, bool readonly) {
@@ -259,32 +368,7 @@ bool TreeConstructor::AddFile(const std::string& id, std::string name, const std
     return false;
   }
   // 3. Linked at once when its parent is known, else parked till it comes.
-  auto found = folders_by_id_.find(parent);
-  if (found == folders_by_id_.end()) {
-    parentless_files_.push_back({id, parent, std::move(node)});
-    if (!ids_->AddNotLinkedFileId(id)) {
-      LOG_FATAL << "Failed to add file id.";
-      SetError(TreeError::kUnknown, name, true);
-      return false;
-    }
-    return true;
-  }
-  std::string chosen;
-  std::string path = PathOf(found->second) + name;
-  if (!InsertFileNode(found->second, &node, &chosen)) {
-    LOG_FATAL << "Failed to create file: " << name;
-    SetError(TreeError::kUnknown, path, true);
-    return false;
-  }
-  if (!chosen.empty()) {
-    ids_->AddMappingInfo(id, name, chosen);
-  }
-  if (!ids_->AddFileId(id, chosen.empty() ? name : chosen, parent)) {
-    LOG_FATAL << "Failed to add file id.";
-    SetError(TreeError::kUnknown, path, true);
-    return false;
-  }
-  return true;
+  return Place(id, name, parent, std::move(node));
 }
 
 bool TreeConstructor::AddFolder(const std::string& id, std::string name,
@@ -314,38 +398,11 @@ bool TreeConstructor::AddFolder(const std::string& id, std::string name,
   }
   // 2. Known by id before it is linked, so that its children can attach to it.
   folders_by_id_[id] = node.get();
-  auto found = folders_by_id_.find(parent);
-  if (found == folders_by_id_.end()) {
-    parentless_folders_.push_back({id, parent, std::move(node)});
-    if (!ids_->AddNotLinkedFolderId(id)) {
-      LOG_FATAL << "Failed to add folder id.";
-      SetError(TreeError::kUnknown, name, false);
-      return false;
-    }
-    return true;
-  }
-  std::string chosen;
-  std::string path = PathOf(found->second) + name;
-  FolderNode* placed = InsertFolderNode(found->second, &node, &chosen);
-  if (!placed) {
-    LOG_FATAL << "Failed to create folder.";
-    SetError(TreeError::kUnknown, path, false);
-    return false;
-  }
-  folders_by_id_[id] = placed;
-  if (!chosen.empty()) {
-    ids_->AddMappingInfo(id, name, chosen);
-  }
-  if (!ids_->AddFolderId(id, chosen.empty() ? name : chosen, parent)) {
-    LOG_FATAL << "Failed to add folder id.";
-    SetError(TreeError::kUnknown, path, false);
-    return false;
-  }
-  return true;
+  return Place(id, name, parent, std::move(node));
 }
 
-bool TreeConstructor::InsertFileNode(FolderNode* parent, UniqueNodePtr<FileNode>* node,
-                                     std::string* chosen) {
+bool TreeConstructor::InsertNode(const std::string&, FolderNode* parent,
+                                 UniqueNodePtr<FileNode>* node, std::string* chosen) {
   chosen->clear();
   auto inserted = parent->InsertFileTry(std::move(*node));
   if (inserted.status == FolderNode::ResultInsert<FileNode>::EXISTS) {
@@ -369,8 +426,8 @@ bool TreeConstructor::InsertFileNode(FolderNode* parent, UniqueNodePtr<FileNode>
   return true;
 }
 
-FolderNode* TreeConstructor::InsertFolderNode(FolderNode* parent, UniqueNodePtr<FolderNode>* node,
-                                              std::string* chosen) {
+bool TreeConstructor::InsertNode(const std::string& id, FolderNode* parent,
+                                 UniqueNodePtr<FolderNode>* node, std::string* chosen) {
   chosen->clear();
   auto inserted = parent->InsertFolderTry(std::move(*node));
   if (inserted.status == FolderNode::ResultInsert<FolderNode>::EXISTS) {
@@ -381,7 +438,7 @@ FolderNode* TreeConstructor::InsertFolderNode(FolderNode* parent, UniqueNodePtr<
     UniqueNodePtr<FolderNode> renamed = chosen->empty() ? nullptr : root_->MakeFolder(*chosen);
     if (!renamed) {
       LOG_FATAL << "Failed to set new node name.";
-      return nullptr;
+      return false;
     }
     renamed->SetReadonly(old->GetReadonly());
     while (old->FileCount() > 0) {
@@ -397,83 +454,14 @@ FolderNode* TreeConstructor::InsertFolderNode(FolderNode* parent, UniqueNodePtr<
   }
   if (!inserted) {
     LOG_FATAL << "Failed create folder: " << inserted.status;
-    return nullptr;
+    return false;
   }
-  return inserted.node;
+  folders_by_id_[id] = inserted.node;
+  return true;
 }
 
 bool TreeConstructor::AdoptItems() {
-  return AdoptFolders() && AdoptFiles();
-}
-
-bool TreeConstructor::AdoptFolders() {
-  for (auto it = parentless_folders_.begin(); it != parentless_folders_.end();) {
-    auto parent = folders_by_id_.find(it->parent_id);
-    if (parent == folders_by_id_.end()) {
-      ++it;
-      continue;
-    }
-    // 1. Into the tree of nodes.
-    std::string name = it->node->GetName();
-    std::string path = PathOf(parent->second) + name;
-    std::string chosen;
-    FolderNode* placed = InsertFolderNode(parent->second, &it->node, &chosen);
-    if (!placed) {
-      LOG_FATAL << "Failed to insert folder.";
-      SetError(TreeError::kUnknown, path, false);
-      return false;
-    }
-    folders_by_id_[it->id] = placed;
-    // 2. Into the id tree.
-    if (!chosen.empty()) {
-      ids_->AddMappingInfo(it->id, name, chosen);
-    }
-    if (!ids_->LinkFolderToParent(it->id, chosen.empty() ? name : chosen, it->parent_id)) {
-      if (ids_->GetPathById(it->id) && ids_->GetParentId(it->id) == it->parent_id) {
-        LOG_INFO << "Item already in tree.";
-      } else {
-        LOG_FATAL << "Failed to link folder id.";
-        LOG_FATAL << "Parent id is " << it->parent_id << " , child dir name is " << name
-                  << ", child id is" << it->id;
-        SetError(TreeError::kUnknown, path, false);
-        return false;
-      }
-    }
-    it = parentless_folders_.erase(it);
-  }
-  return true;
-}
-
-bool TreeConstructor::AdoptFiles() {
-  for (auto it = parentless_files_.begin(); it != parentless_files_.end();) {
-    auto parent = folders_by_id_.find(it->parent_id);
-    if (parent == folders_by_id_.end()) {
-      ++it;
-      continue;
-    }
-    std::string name = it->node->GetName();
-    std::string path = PathOf(parent->second) + name;
-    std::string chosen;
-    if (!InsertFileNode(parent->second, &it->node, &chosen)) {
-      LOG_FATAL << "Failed to insert file.";
-      SetError(TreeError::kUnknown, path, true);
-      return false;
-    }
-    if (!chosen.empty()) {
-      ids_->AddMappingInfo(it->id, name, chosen);
-    }
-    if (!ids_->LinkFileToParent(it->id, chosen.empty() ? name : chosen, it->parent_id)) {
-      if (ids_->GetPathById(it->id) && ids_->GetParentId(it->id) == it->parent_id) {
-        LOG_INFO << "Item already in file ids tree.";
-      } else {
-        LOG_FATAL << "Failed to link file id: " << it->id << "; " << name;
-        SetError(TreeError::kUnknown, path, true);
-        return false;
-      }
-    }
-    it = parentless_files_.erase(it);
-  }
-  return true;
+  return Adopt<FolderNode>() && Adopt<FileNode>();
 }
 
 bool TreeConstructor::FinishAdoption() {

@@ -128,13 +128,24 @@ class TreeConstructor : public ConstructorBase {
 
   // Whether the id was met already (the first listing of an id wins); counts a trashed item.
   bool AlreadyKnownOrTrashed(const std::string& id, const std::string& parent_id, bool trashed);
+  // Where a file and a folder differ while they are placed: their parking, their calls on the
+  // id tree, their lines.
+  template <typename Node>
+  struct Kind;
+
   // Puts the node under `parent`, under a free name if its own is taken; `*chosen` receives that
-  // name, or stays empty.
-  bool InsertFileNode(FolderNode* parent, UniqueNodePtr<FileNode>* node, std::string* chosen);
-  FolderNode* InsertFolderNode(FolderNode* parent, UniqueNodePtr<FolderNode>* node,
-                               std::string* chosen);
-  bool AdoptFolders();
-  bool AdoptFiles();
+  // name, or stays empty. A folder placed becomes known by its id `id`.
+  bool InsertNode(const std::string& id, FolderNode* parent, UniqueNodePtr<FileNode>* node,
+                  std::string* chosen);
+  bool InsertNode(const std::string& id, FolderNode* parent, UniqueNodePtr<FolderNode>* node,
+                  std::string* chosen);
+  // A new item linked at once when its parent is known, else parked till it comes.
+  template <typename Node>
+  bool Place(const std::string& id, const std::string& name, const std::string& parent,
+             UniqueNodePtr<Node> node);
+  // The parked items of one kind whose parent has come.
+  template <typename Node>
+  bool Adopt();
   std::string PathOf(const FolderNode* folder) const;
 
   FolderNode* root_;

@@ -99,12 +99,7 @@ FileSystem::Result GetRpcError(const utils::json::json_tree& json,
   }
   // The writer only needs to know that the call failed: the summary's table would not change
   // the answer, so only its log lines remain.
-  const std::string summary = dropbox::ReadString(json, "error_summary", "no_summary");
-  const std::string message = dropbox::ReadString(json, "error_message", "no_message");
-  LOG_WARNING << "Dropbox API RPC call returned endpoint error: " << summary << ": " << message;
-  if (summary.empty() && message.empty()) {
-    LOG_WARNING << "Full json response was: " << utils::json::ToString(json, false);
-  }
+  const std::string summary = dropbox::LogEndpointError(json);
   if (summary.find("not_found") != std::string::npos) {
     return FileSystem::CONFLICT;
   }
@@ -153,6 +148,16 @@ std::string ReadString(const utils::json::json_tree& json, const std::string& do
     return fallback;
   }
   return node->data();
+}
+
+std::string LogEndpointError(const utils::json::json_tree& json) {
+  const std::string summary = ReadString(json, "error_summary", "no_summary");
+  const std::string message = ReadString(json, "error_message", "no_message");
+  LOG_WARNING << "Dropbox API RPC call returned endpoint error: " << summary << ": " << message;
+  if (summary.empty() && message.empty()) {
+    LOG_WARNING << "Full json response was: " << utils::json::ToString(json, false);
+  }
+  return summary;
 }
 
 bool ReadUint64(const utils::json::json_tree& json, const std::string& dotted_key,

@@ -40,6 +40,9 @@ namespace dropbox {
 FileSystem::Result ResultOfErrorSummary(const std::string& summary,
                                         FileSystem::Result malformed_path);
 
+// The "error_summary" of an endpoint error (a 409), logged with its message.
+std::string LogEndpointError(const utils::json::json_tree& json);
+
 // The string at `key` of an object, `fallback` when the key is missing or not a scalar.
 std::string ReadString(const utils::json::json_tree& json, const std::string& dotted_key,
                        const std::string& fallback = std::string());

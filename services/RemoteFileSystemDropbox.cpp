@@ -80,27 +80,22 @@ RemoteFileSystemDropbox::RemoteFileSystemDropbox(
 RemoteFileSystemDropbox::~RemoteFileSystemDropbox() = default;
 
 void RemoteFileSystemDropbox::Start() {
-  {
-    std::lock_guard<std::mutex> lock(clientsMutex_);
-    for (const Client& client : {changesClient_, fileClient_}) {
-      if (client) {
-        client->Start();
-      }
-    }
-  }
+  ForEachClient(&Stoppable::Start);
   RemoteFileSystem::Start();
 }
 
 void RemoteFileSystemDropbox::Stop() {
-  {
-    std::lock_guard<std::mutex> lock(clientsMutex_);
-    for (const Client& client : {changesClient_, fileClient_}) {
-      if (client) {
-        client->Stop();
-      }
+  ForEachClient(&Stoppable::Stop);
+  RemoteFileSystem::Stop();
+}
+
+void RemoteFileSystemDropbox::ForEachClient(void (Stoppable::*call)()) {
+  std::lock_guard<std::mutex> lock(clientsMutex_);
+  for (const Client& client : {changesClient_, fileClient_}) {
+    if (client) {
+      (client.get()->*call)();
     }
   }
-  RemoteFileSystem::Stop();
 }
 
 RemoteFileSystemDropbox::Client RemoteFileSystemDropbox::FileClient() {
@@ -191,12 +186,7 @@ FileSystem::Result RemoteFileSystemDropbox::HandleRpcFailure(const utils::json::
 FileSystem::Result RemoteFileSystemDropbox::HandleEndpointError(
     const utils::json::json_tree& json) {
   // 1. The summary, kept as one string.
-  const std::string summary = dropbox::ReadString(json, "error_summary", "no_summary");
-  const std::string message = dropbox::ReadString(json, "error_message", "no_message");
-  LOG_WARNING << "Dropbox API RPC call returned endpoint error: " << summary << ": " << message;
-  if (summary.empty() && message.empty()) {
-    LOG_WARNING << "Full json response was: " << utils::json::ToString(json, false);
-  }
+  const std::string summary = dropbox::LogEndpointError(json);
   // 2. A missing item means the tree is behind; a missing session of a resumed upload has
   // expired on the server.
   if (summary.find("not_found") != std::string::npos) {
@@ -943,18 +933,17 @@ FileSystem::Result RemoteFileSystemDropbox::CreateFolderImpl(const OverwriteCont
   return SUCCEEDED;
 }
 
-FileSystem::Result RemoteFileSystemDropbox::DeleteFileImpl(const OverwriteControl& control,
-                                                           const std::string& path, std::uint64_t,
-                                                           std::uint64_t) {
+FileSystem::Result RemoteFileSystemDropbox::DeleteRemote(const std::string& path,
+                                                         const std::string& parentRev,
+                                                         const std::function<void()>& expectEcho) {
   if (!IsRelativeCanonicalPath(path)) {
     LOG_ERROR << "Invalid path.";
     return FATAL;
   }
   LOG_INFO << "Deleting " << Quoted(path) << ".";
-  // Only the revision the core last saw may go.
   std::string body = "{ \"path\":\"" + Encoded(RemotePath(path)) + "\" ";
-  if (control.hash.GetType() == SomeHash::DROPBOX && !control.hash.GetHashDropbox().rev.empty()) {
-    body += ",\"parent_rev\":\"" + Encoded(control.hash.GetHashDropbox().rev) + "\" ";
+  if (!parentRev.empty()) {
+    body += ",\"parent_rev\":\"" + Encoded(parentRev) + "\" ";
   }
   body += "}";
   utils::json::json_tree json;
@@ -963,26 +952,41 @@ FileSystem::Result RemoteFileSystemDropbox::DeleteFileImpl(const OverwriteContro
     LOG_WARNING << "Failed deleting: " << result << ", args=" << body;
     return result;
   }
-  selfMade_.ExpectDelete(path);
+  expectEcho();
   return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemDropbox::DeleteFileImpl(const OverwriteControl& control,
+                                                           const std::string& path, std::uint64_t,
+                                                           std::uint64_t) {
+  // Only the revision the core last saw may go.
+  const bool pinned =
+      control.hash.GetType() == SomeHash::DROPBOX && !control.hash.GetHashDropbox().rev.empty();
+  return DeleteRemote(path, pinned ? control.hash.GetHashDropbox().rev : "",
+                      [&] { selfMade_.ExpectDelete(path); });
 }
 
 FileSystem::Result RemoteFileSystemDropbox::DeleteFolderImpl(const FolderNode& folder,
                                                              const Revision&,
                                                              const std::string& path) {
-  if (!IsRelativeCanonicalPath(path)) {
-    LOG_ERROR << "Invalid path.";
-    return FATAL;
-  }
-  LOG_INFO << "Deleting " << Quoted(path) << ".";
-  const std::string body = "{ \"path\":\"" + Encoded(RemotePath(path)) + "\" }";
+  return DeleteRemote(path, "", [&] { selfMade_.ExpectFolderDelete(folder, path); });
+}
+
+FileSystem::Result RemoteFileSystemDropbox::MoveRemote(const std::string& from,
+                                                       const std::string& to,
+                                                       const std::function<void()>& expectEcho) {
+  LOG_INFO << "Moving " << Quoted(from) << " to " << Quoted(to) << ".";
   utils::json::json_tree json;
-  const Result result = CallRpc("files/delete_v2", body, &json, FileClient());
+  const Result result =
+      CallRpc("files/move_v2",
+              "{ \"from_path\":\"" + Encoded(RemotePath(from)) + "\", \"to_path\":\"" +
+                  Encoded(RemotePath(to)) + "\", \"autorename\":false }",
+              &json, FileClient());
   if (result != SUCCEEDED) {
-    LOG_WARNING << "Failed deleting: " << result << ", args=" << body;
+    LOG_WARNING << "Failed moving: " << result;
     return result;
   }
-  selfMade_.ExpectFolderDelete(folder, path);
+  expectEcho();
   return SUCCEEDED;
 }
 
@@ -991,19 +995,7 @@ FileSystem::Result RemoteFileSystemDropbox::MoveFileImpl(const FileNode& file,
                                                          const std::string& from,
                                                          const OverwriteControl&,
                                                          const std::string& to) {
-  LOG_INFO << "Moving " << Quoted(from) << " to " << Quoted(to) << ".";
-  utils::json::json_tree json;
-  const Result result =
-      CallRpc("files/move_v2",
-              "{ \"from_path\":\"" + Encoded(RemotePath(from)) + "\", \"to_path\":\"" +
-                  Encoded(RemotePath(to)) + "\", \"autorename\":false }",
-              &json, FileClient());
-  if (result != SUCCEEDED) {
-    LOG_WARNING << "Failed moving: " << result;
-    return result;
-  }
-  selfMade_.ExpectFileMove(file, from, to);
-  return SUCCEEDED;
+  return MoveRemote(from, to, [&] { selfMade_.ExpectFileMove(file, from, to); });
 }
 
 FileSystem::Result RemoteFileSystemDropbox::MoveFolderImpl(const FolderNode& folder,
@@ -1011,19 +1003,7 @@ FileSystem::Result RemoteFileSystemDropbox::MoveFolderImpl(const FolderNode& fol
                                                            const std::string& from,
                                                            const OverwriteControl&,
                                                            const std::string& to) {
-  LOG_INFO << "Moving " << Quoted(from) << " to " << Quoted(to) << ".";
-  utils::json::json_tree json;
-  const Result result =
-      CallRpc("files/move_v2",
-              "{ \"from_path\":\"" + Encoded(RemotePath(from)) + "\", \"to_path\":\"" +
-                  Encoded(RemotePath(to)) + "\", \"autorename\":false }",
-              &json, FileClient());
-  if (result != SUCCEEDED) {
-    LOG_WARNING << "Failed moving: " << result;
-    return result;
-  }
-  selfMade_.ExpectFolderMove(folder, from, to);
-  return SUCCEEDED;
+  return MoveRemote(from, to, [&] { selfMade_.ExpectFolderMove(folder, from, to); });
 }
 
 FileSystem::Result RemoteFileSystemDropbox::GetPublicLink(const std::string& path, bool,
@@ -1192,6 +1172,17 @@ URLProcessor::Result RemoteFileSystemDropbox::EndRequest(const Client& client) {
   }
   requestOpen_ = false;
   return client->Finish();
+}
+
+URLProcessor::Result RemoteFileSystemDropbox::EndUploadRequest(const Client& client, int* code) {
+  const URLProcessor::Result result = EndRequest(client);
+  *code = client->GetResponseCode();
+  RadarsLogger::instance().SendIfNetworkError(result, "remote_dropbox", *code, client->GetUrl());
+  SetFailReason(result, *code);
+  if (result == URLProcessor::Result::STOPPED) {
+    LOG_INFO << "Stopped.";
+  }
+  return result;
 }
 
 // --- reading ---------------------------------------------------------------------------------
@@ -1488,12 +1479,9 @@ FileSystem::Result RemoteFileSystemDropbox::JudgePreviousChunk(bool closePreviou
   // holds what came before it.
   const Client client = FileClient();
   if (closePrevious) {
-    const URLProcessor::Result result = EndRequest(client);
-    const int code = client->GetResponseCode();
-    RadarsLogger::instance().SendIfNetworkError(result, "remote_dropbox", code, client->GetUrl());
-    SetFailReason(result, code);
+    int code = 0;
+    const URLProcessor::Result result = EndUploadRequest(client, &code);
     if (result == URLProcessor::Result::STOPPED) {
-      LOG_INFO << "Stopped.";
       return StoppedUpload();
     }
     if (!URLProcessor::IsSuccessHttpCode(code) || !IsSuccessResult(result)) {
@@ -1731,12 +1719,9 @@ FileSystem::Result RemoteFileSystemDropbox::FinishUpload(const SomeHash& hash, s
     }
   }
   // 2. The answer of the last request.
-  const URLProcessor::Result result = EndRequest(client);
-  const int code = client->GetResponseCode();
-  RadarsLogger::instance().SendIfNetworkError(result, "remote_dropbox", code, client->GetUrl());
-  SetFailReason(result, code);
+  int code = 0;
+  const URLProcessor::Result result = EndUploadRequest(client, &code);
   if (result == URLProcessor::Result::STOPPED) {
-    LOG_INFO << "Stopped.";
     return StoppedUpload();
   }
   if (!IsSuccessResult(result) || !URLProcessor::IsSuccessHttpCode(code)) {

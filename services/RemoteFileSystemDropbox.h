@@ -18,6 +18,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -175,7 +176,15 @@ class RemoteFileSystemDropbox : public RemoteFileSystemChangesSupport {
   // "/" + the remote root + the mapped local path.
   std::string RemotePath(const std::string& path);
   Result GetExistingPublicLink(const std::string& remotePath, std::string* link);
+  // The request of a delete or a move; `expectEcho` records, once it succeeded, the change the
+  // feed will bring back.
+  Result DeleteRemote(const std::string& path, const std::string& parentRev,
+                      const std::function<void()>& expectEcho);
+  Result MoveRemote(const std::string& from, const std::string& to,
+                    const std::function<void()>& expectEcho);
   Client FileClient();
+  // A start or a stop reaches every client that is open.
+  void ForEachClient(void (Stoppable::*call)());
   Client ChangesClient();
   bool EnsureChangesClient();
 
@@ -206,6 +215,8 @@ class RemoteFileSystemDropbox : public RemoteFileSystemChangesSupport {
   bool ReadApiResult(utils::json::json_tree* json, const Client& client);
   // The answer of the request in flight: its body into `responseBuffer_`, and how it ended.
   URLProcessor::Result EndRequest(const Client& client);
+  // EndRequest of an upload, its failure counted and its stop logged; `*code` the HTTP status.
+  URLProcessor::Result EndUploadRequest(const Client& client, int* code);
   Result FailureOfResponse(const Client& client);
   ResumableSessions& Sessions();
 

@@ -90,23 +90,23 @@ RemoteFileSystemGoogle::RemoteFileSystemGoogle(
 RemoteFileSystemGoogle::~RemoteFileSystemGoogle() = default;
 
 void RemoteFileSystemGoogle::Start() {
-  for (const std::shared_ptr<URLProcessor>& http : {Client(), FeedClient(), FileClient()}) {
-    if (http) {
-      http->Start();
-    }
-  }
+  ForEachClient(&Stoppable::Start);
   RemoteFileSystem::Start();
   WakeChanges();
 }
 
 void RemoteFileSystemGoogle::Stop() {
-  for (const std::shared_ptr<URLProcessor>& http : {Client(), FeedClient(), FileClient()}) {
-    if (http) {
-      http->Stop();
-    }
-  }
+  ForEachClient(&Stoppable::Stop);
   RemoteFileSystem::Stop();
   WakeChanges();
+}
+
+void RemoteFileSystemGoogle::ForEachClient(void (Stoppable::*call)()) {
+  for (const std::shared_ptr<URLProcessor>& http : {Client(), FeedClient(), FileClient()}) {
+    if (http) {
+      (http.get()->*call)();
+    }
+  }
 }
 
 std::shared_ptr<URLProcessor> RemoteFileSystemGoogle::Client() const {
@@ -612,15 +612,23 @@ TreeError RemoteFileSystemGoogle::GetTreeError() const {
 }
 
 FileSystem::Result RemoteFileSystemGoogle::GetStartPageToken(std::string* token) {
+  return ReadText("/changes/startPageToken", "", "startPageToken",
+                  {"Failed to get changes token.", "Empty token."}, token);
+}
+
+FileSystem::Result RemoteFileSystemGoogle::ReadText(const std::string& path,
+                                                    const std::string& fields, const char* key,
+                                                    const TextFailureLines& lines,
+                                                    std::string* text) {
   utils::json::json_tree json;
-  Result result = SendRequest("/changes/startPageToken", "", &json);
+  Result result = SendRequest(path, fields, &json);
   if (result != SUCCEEDED) {
-    LOG_ERROR << "Failed to get changes token.";
+    LOG_ERROR << lines.failed;
     return result;
   }
-  *token = Text(json, "startPageToken");
-  if (token->empty()) {
-    LOG_ERROR << "Empty token.";
+  *text = Text(json, key);
+  if (text->empty()) {
+    LOG_ERROR << lines.empty;
     return FAILED;
   }
   return SUCCEEDED;
@@ -1168,6 +1176,39 @@ std::string RemoteFileSystemGoogle::FolderId(const std::string& path) {
   return id;
 }
 
+FileSystem::Result RemoteFileSystemGoogle::ExistingFileId(const std::string& path,
+                                                          const char* missing_line,
+                                                          std::string* id) {
+  if (!IsRelativeCanonicalPath(path)) {
+    LOG_ERROR << "Invalid path.";
+    return FAILED;
+  }
+  *id = FileId(path);
+  if (id->empty()) {
+    LOG_ERROR << missing_line;
+    return ITEM_MISSED;
+  }
+  return SUCCEEDED;
+}
+
+FileSystem::Result RemoteFileSystemGoogle::ExistingItemId(const std::string& path,
+                                                          const char* missing_line,
+                                                          std::string* id) {
+  if (path.empty()) {
+    LOG_ERROR << "Empty path.";
+    return FAILED;
+  }
+  *id = FileId(path);
+  if (id->empty()) {
+    *id = FolderId(path);
+  }
+  if (id->empty()) {
+    LOG_ERROR << missing_line << path;
+    return ITEM_MISSED;
+  }
+  return SUCCEEDED;
+}
+
 bool RemoteFileSystemGoogle::IsItemInMountedDir(const std::string& path) {
   return IsInsideExternalFolder(path);
 }
@@ -1261,14 +1302,10 @@ FileSystem::Result RemoteFileSystemGoogle::DeleteFileImpl(const OverwriteControl
                                                           std::uint64_t) {
   LOG_INFO << "Deleting file \"" << path;
   // 1. The item.
-  if (!IsRelativeCanonicalPath(path)) {
-    LOG_ERROR << "Invalid path.";
-    return FAILED;
-  }
-  std::string id = FileId(path);
-  if (id.empty()) {
-    LOG_ERROR << "Failed to get id by path.";
-    return ITEM_MISSED;
+  std::string id;
+  if (const Result found = ExistingFileId(path, "Failed to get id by path.", &id);
+      found != SUCCEEDED) {
+    return found;
   }
   // 2. To the trash.
   if (const Result trashed = TrashWithEcho(id); trashed != SUCCEEDED) {
@@ -1411,32 +1448,57 @@ FileSystem::Result RemoteFileSystemGoogle::Relocate(bool folder, const std::stri
   return result;
 }
 
+namespace {
+
+// A file and a folder move alike but for their place in the id tree and its failure's line.
+struct MoveKind {
+  const char* noun;
+  bool (RemoteFileIds::*move)(const std::string& id, const std::string& old_name,
+                              const std::string& new_parent_id, const std::string& new_name);
+  const char* tree_failure;
+};
+
+constexpr MoveKind kFileMove{"file", &RemoteFileIds::MoveFileW, "Failed to rename file."};
+constexpr MoveKind kFolderMove{"folder", &RemoteFileIds::MoveFolder, "Failed to move folder."};
+
+}  // namespace
+
+FileSystem::Result RemoteFileSystemGoogle::MoveItem(
+    bool folder, const std::string& from, const std::string& to,
+    const std::function<void(const Relocation&, std::int64_t version)>& expect_echo) {
+  const MoveKind& kind = folder ? kFolderMove : kFileMove;
+  LOG_INFO << "Moving " << kind.noun << " \"" << from << "\" to \"" << to;
+  if (from == to) {
+    LOG_INFO << "Moving to same path.";
+    return SUCCEEDED;
+  }
+  // 1. The request; the emulated shared folder itself never moves.
+  Relocation relocation;
+  std::int64_t version = 0;
+  if (const Result result = Relocate(folder, from, to, &relocation, &version);
+      result != SUCCEEDED) {
+    return result;
+  }
+  // 2. The id tree, and the echo to come.
+  std::shared_ptr<RemoteFileIds> ids = SharedIds();
+  if (!(ids.get()->*kind.move)(relocation.id, ids->GetNameById(relocation.id),
+                               relocation.new_parent_id, relocation.new_name)) {
+    LOG_ERROR << kind.tree_failure;
+  }
+  expect_echo(relocation, version);
+  return SUCCEEDED;
+}
+
 FileSystem::Result RemoteFileSystemGoogle::MoveFileImpl(const FileNode& file,
                                                         const OverwriteControl&,
                                                         const std::string& from,
                                                         const OverwriteControl&,
                                                         const std::string& to) {
-  LOG_INFO << "Moving file \"" << from << "\" to \"" << to;
-  if (from == to) {
-    LOG_INFO << "Moving to same path.";
-    return SUCCEEDED;
-  }
-  // 1. The request.
-  Relocation relocation;
-  std::int64_t version = 0;
-  if (const Result result = Relocate(false, from, to, &relocation, &version); result != SUCCEEDED) {
-    return result;
-  }
-  // 2. The id tree, and the echo to come.
-  std::shared_ptr<RemoteFileIds> ids = SharedIds();
-  if (!ids->MoveFileW(relocation.id, ids->GetNameById(relocation.id), relocation.new_parent_id,
-                      relocation.new_name)) {
-    LOG_ERROR << "Failed to rename file.";
-  }
-  HashGoogle hash =
-      file.hash.GetType() == SomeHash::GOOGLE ? file.hash.GetHashGoogle() : HashGoogle();
-  expected_.ExpectUpload({relocation.id, hash, file.size, version, relocation.new_parent_id, to});
-  return SUCCEEDED;
+  return MoveItem(false, from, to, [&](const Relocation& relocation, std::int64_t version) {
+    HashGoogle hash =
+        file.hash.GetType() == SomeHash::GOOGLE ? file.hash.GetHashGoogle() : HashGoogle();
+    expected_.ExpectUpload({relocation.id, hash, file.size, version, relocation.new_parent_id, to});
+  });
 }
 
 FileSystem::Result RemoteFileSystemGoogle::MoveFolderImpl(const FolderNode&,
@@ -1444,25 +1506,9 @@ FileSystem::Result RemoteFileSystemGoogle::MoveFolderImpl(const FolderNode&,
                                                           const std::string& from,
                                                           const OverwriteControl&,
                                                           const std::string& to) {
-  LOG_INFO << "Moving folder \"" << from << "\" to \"" << to;
-  if (from == to) {
-    LOG_INFO << "Moving to same path.";
-    return SUCCEEDED;
-  }
-  // 1. The request; the emulated folder itself stays too.
-  Relocation relocation;
-  std::int64_t version = 0;
-  if (const Result result = Relocate(true, from, to, &relocation, &version); result != SUCCEEDED) {
-    return result;
-  }
-  // 2. The id tree, and the echo to come.
-  std::shared_ptr<RemoteFileIds> ids = SharedIds();
-  if (!ids->MoveFolder(relocation.id, ids->GetNameById(relocation.id), relocation.new_parent_id,
-                       relocation.new_name)) {
-    LOG_ERROR << "Failed to move folder.";
-  }
-  expected_.ExpectFolder(relocation.id);
-  return SUCCEEDED;
+  return MoveItem(true, from, to, [this](const Relocation& relocation, std::int64_t) {
+    expected_.ExpectFolder(relocation.id);
+  });
 }
 
 // --- public links --------------------------------------------------------------------------
@@ -1471,17 +1517,9 @@ FileSystem::Result RemoteFileSystemGoogle::GetPublicLink(const std::string& path
                                                          std::string* link) {
   LOG_INFO << "Getting public link for '" << path;
   // 1. The item.
-  if (path.empty()) {
-    LOG_ERROR << "Empty path.";
-    return FAILED;
-  }
-  std::string id = FileId(path);
-  if (id.empty()) {
-    id = FolderId(path);
-  }
-  if (id.empty()) {
-    LOG_ERROR << "Failed to find " << path;
-    return ITEM_MISSED;
+  std::string id;
+  if (const Result found = ExistingItemId(path, "Failed to find ", &id); found != SUCCEEDED) {
+    return found;
   }
   // 2. Anyone with the link may read it.
   utils::json::Writer body;
@@ -1495,32 +1533,15 @@ FileSystem::Result RemoteFileSystemGoogle::GetPublicLink(const std::string& path
     return result;
   }
   // 3. The link of the item's page.
-  result = SendRequest("/files/" + id, "webViewLink", &json);
-  if (result != SUCCEEDED) {
-    LOG_ERROR << "Failed to get file resource link.";
-    return result;
-  }
-  *link = Text(json, "webViewLink");
-  if (link->empty()) {
-    LOG_ERROR << "No web view link in response.";
-    return FAILED;
-  }
-  return SUCCEEDED;
+  return ReadText("/files/" + id, "webViewLink", "webViewLink",
+                  {"Failed to get file resource link.", "No web view link in response."}, link);
 }
 
 FileSystem::Result RemoteFileSystemGoogle::ClosePublicLink(const std::string& path) {
   LOG_INFO << "Closing public link for '" << path;
-  if (path.empty()) {
-    LOG_ERROR << "Empty path.";
-    return FAILED;
-  }
-  std::string id = FileId(path);
-  if (id.empty()) {
-    id = FolderId(path);
-  }
-  if (id.empty()) {
-    LOG_ERROR << "Failed to find \"" << path;
-    return ITEM_MISSED;
+  std::string id;
+  if (const Result found = ExistingItemId(path, "Failed to find \"", &id); found != SUCCEEDED) {
+    return found;
   }
   Result result =
       WriteRequest("DELETE", "/files/" + id + "/permissions/anyoneWithLink", "", {id}, nullptr);
@@ -2131,14 +2152,10 @@ FileSystem::Result RemoteFileSystemGoogle::OpenForRead(const std::string& path,
   if (Result idle = IdleFileSlot(&http); idle != SUCCEEDED) {
     return idle;
   }
-  if (!FileSystem::IsRelativeCanonicalPath(path)) {
-    LOG_ERROR << "Invalid path.";
-    return FAILED;
-  }
-  std::string id = FileId(path);
-  if (id.empty()) {
-    LOG_ERROR << "Failed to find file id. No such file.";
-    return ITEM_MISSED;
+  std::string id;
+  if (const Result found = ExistingFileId(path, "Failed to find file id. No such file.", &id);
+      found != SUCCEEDED) {
+    return found;
   }
   read_ = CurrentRead();
   read_id_ = id;

@@ -19,6 +19,7 @@
 #include <condition_variable>
 #include <cstdint>
 #include <deque>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <optional>
@@ -160,6 +161,8 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
 
   std::shared_ptr<URLProcessor> Client() const;
   std::shared_ptr<URLProcessor> FeedClient() const;
+  // A start or a stop reaches every client that is open.
+  void ForEachClient(void (Stoppable::*call)());
   bool OpenClient();
   std::shared_ptr<URLProcessor> MakeClient();
   bool IsRooted() const { return !GetRemoteRootPath().empty(); }
@@ -187,6 +190,14 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
   // The error for the user's message, and its metric with the reason as value.
   void KeepTreeError(const TreeError& error, const char* metric);
   Result GetStartPageToken(std::string* token);
+  // The lines that tell a failed request and an answer without the text asked for.
+  struct TextFailureLines {
+    const char* failed;
+    const char* empty;
+  };
+  // One text member of a GET's answer, which must not be empty.
+  Result ReadText(const std::string& path, const std::string& fields, const char* key,
+                  const TextFailureLines& lines, std::string* text);
 
   // The feed.
   Result FetchChanges(std::vector<Change>* changes);
@@ -212,6 +223,11 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
   // An id of the tree, or empty (and a restored tree is renewed).
   std::string FileId(const std::string& path);
   std::string FolderId(const std::string& path);
+  // The file's id at a non-empty `path`, else the folder's; `missing_line` begins the line that
+  // tells there is neither.
+  Result ExistingItemId(const std::string& path, const char* missing_line, std::string* id);
+  // The file's id at a canonical `path`; `missing_line` tells that there is none.
+  Result ExistingFileId(const std::string& path, const char* missing_line, std::string* id);
   Result TrashItem(const std::string& id);
   // TrashItem with its echo expected by the feed, taken back when the request fails.
   Result TrashWithEcho(const std::string& id);
@@ -229,6 +245,9 @@ class RemoteFileSystemGoogle : public RemoteFileSystemChangesSupport {
   // Resolve and PATCH, the emulated shared folder itself refused; a failure is logged.
   Result Relocate(bool folder, const std::string& from, const std::string& to,
                   Relocation* relocation, std::int64_t* version);
+  // A move of either kind, its id tree updated; `expect_echo` tells the feed what comes back.
+  Result MoveItem(bool folder, const std::string& from, const std::string& to,
+                  const std::function<void(const Relocation&, std::int64_t version)>& expect_echo);
   Result SumSizes(const std::string& query, const std::string& fields, const char* order,
                   std::uint64_t* sum);
 

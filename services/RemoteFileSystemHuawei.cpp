@@ -207,19 +207,27 @@ std::string RemoteFileSystemHuawei::RemotePathOf(const std::string& path) const 
   return changed ? remote : path;
 }
 
-FileSystem::Result RemoteFileSystemHuawei::ResolveMountedRoot() {
-  if (!mounted_id_.empty()) {
-    return SUCCEEDED;
-  }
+FileSystem::Result RemoteFileSystemHuawei::GetFromApi(const char* path, const char* failure,
+                                                      utils::json::json_tree* json) {
   if (!items_) {
     LOG_ERROR << "Http client not exists";
     return FATAL;
   }
+  Result result = items_->Get(HuaweiRequester::ApiUrl(path), json);
+  if (result != SUCCEEDED) {
+    LOG_WARNING << failure;
+  }
+  return result;
+}
+
+FileSystem::Result RemoteFileSystemHuawei::ResolveMountedRoot() {
+  if (!mounted_id_.empty()) {
+    return SUCCEEDED;
+  }
   // 1. The drive's root.
   utils::json::json_tree root;
-  Result result = items_->Get(HuaweiRequester::ApiUrl("/files/root"), &root);
+  Result result = GetFromApi("/files/root", "Failed get root id.", &root);
   if (result != SUCCEEDED) {
-    LOG_WARNING << "Failed get root id.";
     return result;
   }
   drive_root_id_ = root.get("id", "");
@@ -246,14 +254,9 @@ FileSystem::Result RemoteFileSystemHuawei::ResolveMountedRoot() {
 }
 
 FileSystem::Result RemoteFileSystemHuawei::GetCloudSize(std::uint64_t* total, std::uint64_t* used) {
-  if (!items_) {
-    LOG_ERROR << "Http client not exists";
-    return FATAL;
-  }
   utils::json::json_tree about;
-  Result result = items_->Get(HuaweiRequester::ApiUrl("/about?fields=*"), &about);
-  if (result != SUCCEEDED) {
-    LOG_WARNING << "Failed get cloud sizes.";
+  if (Result result = GetFromApi("/about?fields=*", "Failed get cloud sizes.", &about);
+      result != SUCCEEDED) {
     return result;
   }
   *total = std::strtoull(about.get("storageQuota.userCapacity", "0").c_str(), nullptr, 10);
@@ -269,6 +272,17 @@ FileSystem::Result RemoteFileSystemHuawei::UpdateMaxFileSize() {
   std::uint64_t total = 0;
   std::uint64_t used = 0;
   return GetCloudSize(&total, &used);
+}
+
+bool RemoteFileSystemHuawei::ReadListedItem(const utils::json::json_tree& json,
+                                            huawei::Item* item) {
+  std::string error;
+  if (!huawei::ParseItem(json, item, &error)) {
+    LOG_ERROR << error;
+    return false;
+  }
+  UnmapNameToLocal(&item->name);
+  return true;
 }
 
 FileSystem::Result RemoteFileSystemHuawei::GetFullTree(FolderNode* root, std::uint64_t* free,
@@ -295,12 +309,9 @@ FileSystem::Result RemoteFileSystemHuawei::GetFullTree(FolderNode* root, std::ui
         query, "*",
         [this, list = list](const utils::json::json_tree& json) {
           huawei::Item item;
-          std::string error;
-          if (!huawei::ParseItem(json, &item, &error)) {
-            LOG_ERROR << error;
+          if (!ReadListedItem(json, &item)) {
             return false;
           }
-          UnmapNameToLocal(&item.name);
           snapshot_progress_.AddSeenBytes(item.size);
           list->push_back(std::move(item));
           return true;
@@ -506,12 +517,9 @@ FileSystem::Result RemoteFileSystemHuawei::GetFolderListing(const std::string& p
   const std::string query = huawei::QuoteLiteral(folder_id) + " in parentFolder and recycled=false";
   return items_->ListAll(query, kListingFields, [&](const utils::json::json_tree& json) {
     huawei::Item item;
-    std::string error;
-    if (!huawei::ParseItem(json, &item, &error)) {
-      LOG_ERROR << error;
+    if (!ReadListedItem(json, &item)) {
       return false;
     }
-    UnmapNameToLocal(&item.name);
     if (item.is_folder) {
       listing->folders.push_back(item.name);
       if (!ids.HasFolder(item.id)) {
@@ -543,6 +551,13 @@ FileSystem::Result RemoteFileSystemHuawei::CheckConnection() {
   return result;
 }
 
+FileSystem::Result RemoteFileSystemHuawei::CheckAndLearnParent(const std::string& path) {
+  if (!CheckPath(path)) {
+    return FATAL;
+  }
+  return LearnParentOf(path);
+}
+
 FileSystem::Result RemoteFileSystemHuawei::LearnParentOf(const std::string& path) {
   // Before any tree of this account the ids come from the parent's listing; once a tree is
   // loaded, a path it doesn't know is unknown without asking.
@@ -556,11 +571,7 @@ FileSystem::Result RemoteFileSystemHuawei::LearnParentOf(const std::string& path
 FileSystem::Result RemoteFileSystemHuawei::CreateFolderImpl(const OverwriteControl&,
                                                             const std::string& path) {
   // 1. The parent from the tree, and a folder that stands already.
-  if (!CheckPath(path)) {
-    return FATAL;
-  }
-  Result learned = LearnParentOf(path);
-  if (learned != SUCCEEDED) {
+  if (Result learned = CheckAndLearnParent(path); learned != SUCCEEDED) {
     return learned;
   }
   RemoteFileIds& ids = Shared().ids;
@@ -628,11 +639,7 @@ FileSystem::Result RemoteFileSystemHuawei::Recycle(const std::string& path, bool
   // 1. The item's id, and for a file with a control the version it must still have: Huawei
   // takes no condition on the recycle itself.
   const char* kind = folder ? "Folder " : "File ";
-  if (!CheckPath(path)) {
-    return FATAL;
-  }
-  Result learned = LearnParentOf(path);
-  if (learned != SUCCEEDED) {
+  if (Result learned = CheckAndLearnParent(path); learned != SUCCEEDED) {
     return learned;
   }
   RemoteFileIds& ids = Shared().ids;
@@ -779,11 +786,7 @@ FileSystem::Result RemoteFileSystemHuawei::OpenForRead(const std::string& path,
   if (mode_ != kIdle) {
     return FAILED;
   }
-  if (!CheckPath(path)) {
-    return FATAL;
-  }
-  Result learned = LearnParentOf(path);
-  if (learned != SUCCEEDED) {
+  if (Result learned = CheckAndLearnParent(path); learned != SUCCEEDED) {
     return learned;
   }
   const std::string id = Shared().ids.GetFileIdByPath(path);
@@ -875,12 +878,9 @@ FileSystem::Result RemoteFileSystemHuawei::OpenUpload(const std::string& path, c
   return SUCCEEDED;
 }
 
-FileSystem::Result RemoteFileSystemHuawei::OpenForCreate(const OverwriteControl&,
-                                                         const std::string& path,
-                                                         const SomeHash& hash, std::uint64_t size,
-                                                         std::uint64_t time,
-                                                         std::uint64_t* resume_offset, bool) {
-  // 1. Refusals without a request.
+FileSystem::Result RemoteFileSystemHuawei::AdmitUpload(const std::string& path, std::uint64_t size,
+                                                       bool named_here) {
+  // 1. What needs no request.
   LOG_INFO << "Start uploading for " << Quoted(path) << ", size=" << size;
   if (mode_ != kIdle) {
     return FAILED;
@@ -888,8 +888,8 @@ FileSystem::Result RemoteFileSystemHuawei::OpenForCreate(const OverwriteControl&
   if (!CheckPath(path)) {
     return FATAL;
   }
-  const auto [parent_path, name] = SplitParent(path);
-  if (name.size() > huawei::kMaxNameLength || path.size() > huawei::kMaxPathLength) {
+  if (named_here && (SplitParent(path).second.size() > huawei::kMaxNameLength ||
+                     path.size() > huawei::kMaxPathLength)) {
     LOG_WARNING << "File path or name is too long: " << Quoted(path);
     return NAME_TOO_LONG;
   }
@@ -897,10 +897,20 @@ FileSystem::Result RemoteFileSystemHuawei::OpenForCreate(const OverwriteControl&
     LOG_WARNING << "File is too big, size = " << size;
     return TOO_LARGE;
   }
-  Result learned = LearnParentOf(path);
-  if (learned != SUCCEEDED) {
-    return learned;
+  // 2. The parent in the id tree.
+  return LearnParentOf(path);
+}
+
+FileSystem::Result RemoteFileSystemHuawei::OpenForCreate(const OverwriteControl&,
+                                                         const std::string& path,
+                                                         const SomeHash& hash, std::uint64_t size,
+                                                         std::uint64_t time,
+                                                         std::uint64_t* resume_offset, bool) {
+  // 1. Refusals without a request.
+  if (Result admitted = AdmitUpload(path, size, true); admitted != SUCCEEDED) {
+    return admitted;
   }
+  const auto [parent_path, name] = SplitParent(path);
   const std::string parent_id = Shared().ids.GetFolderIdByPath(parent_path);
   if (parent_id.empty()) {
     LOG_WARNING << "No such file " << Quoted(parent_path) << " in file ids tree.";
@@ -921,20 +931,8 @@ FileSystem::Result RemoteFileSystemHuawei::OpenForRewrite(const OverwriteControl
                                                           std::uint64_t time,
                                                           std::uint64_t* resume_offset) {
   // 1. Refusals without a request, then the file's id.
-  LOG_INFO << "Start uploading for " << Quoted(path) << ", size=" << size;
-  if (mode_ != kIdle) {
-    return FAILED;
-  }
-  if (!CheckPath(path)) {
-    return FATAL;
-  }
-  if (size > max_file_size_) {
-    LOG_WARNING << "File is too big, size = " << size;
-    return TOO_LARGE;
-  }
-  Result learned = LearnParentOf(path);
-  if (learned != SUCCEEDED) {
-    return learned;
+  if (Result admitted = AdmitUpload(path, size, false); admitted != SUCCEEDED) {
+    return admitted;
   }
   std::string id = Shared().ids.GetFileIdByPath(path);
   if (id.empty()) {

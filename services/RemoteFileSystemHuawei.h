@@ -102,6 +102,15 @@ class RemoteFileSystemHuawei : public RemoteFileSystemNoChangesSupport {
   // The folder at a local path: from the id tree, else found component by component and added.
   Result ResolveFolder(const std::string& path, std::string* id);
   Result LearnParentOf(const std::string& path);
+  // LearnParentOf a path that is checked first.
+  Result CheckAndLearnParent(const std::string& path);
+  // The refusals of an upload that need no request, then LearnParentOf; `named_here` when the
+  // upload gives the file its name, which must fit the service's limits.
+  Result AdmitUpload(const std::string& path, std::uint64_t size, bool named_here);
+  // A GET of the API through the items client; `failure` is logged when it fails.
+  Result GetFromApi(const char* path, const char* failure, utils::json::json_tree* json);
+  // A listed item, its name made local; a parse failure is logged.
+  bool ReadListedItem(const utils::json::json_tree& json, huawei::Item* item);
   std::string RemotePathOf(const std::string& path) const;
   Result ReadChangePage(std::queue<Change>* changes, std::string* next_cursor);
   void ApplyChangedItem(const utils::json::json_tree& change, std::queue<Change>* changes);
