@@ -106,11 +106,7 @@ TEST_F(DropboxDialectTest, RefusalsAndErrorBodiesAreDropboxs) {
   EXPECT_EQ(Json(refused.body)["error"].toObject()[".tag"].toString(), "invalid_access_token");
   // Rate limits: JSON with "retry_after" under "error", or plain text.
   for (const char* code : {"too_many_requests:300", "plain"}) {
-    emulators::FaultRule rule;
-    rule.fault.status = 429;
-    rule.fault.error = code;
-    rule.fault.retry_after_s = 300;
-    emulator_->faults().Add(rule);
+    emulator_->faults().Add(emulators::FaultRule::On().Status(429).Error(code).RetryAfter(300));
     Answer answer = Post(api_ + "users/get_space_usage", "");
     EXPECT_EQ(answer.status, 429);
     EXPECT_NE(answer.headers.find("Retry-After: 300"), std::string::npos);

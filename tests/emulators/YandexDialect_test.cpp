@@ -258,19 +258,12 @@ TEST_F(YandexDialectTest, FilesStillBeingHashedComeWithoutDigests) {
 }
 
 TEST_F(YandexDialectTest, ErrorsCarryYandexBodies) {
-  emulators::FaultRule locked;
-  locked.path_prefix = "/v1/disk/resources/move";
-  locked.fault.status = 423;
-  emulator_->faults().Add(locked);
-  emulators::FaultRule limited;
-  limited.path_prefix = "/v1/disk/resources/publish";
-  limited.fault.status = 429;
-  emulator_->faults().Add(limited);
-  emulators::FaultRule named;
-  named.path_prefix = "/v1/disk/resources/upload";
-  named.fault.status = 507;
-  named.fault.error = "DiskStorageQuotaExhaustedError";
-  emulator_->faults().Add(named);
+  using emulators::FaultRule;
+  emulator_->faults().Add(FaultRule::On("", "/v1/disk/resources/move").Status(423));
+  emulator_->faults().Add(FaultRule::On("", "/v1/disk/resources/publish").Status(429));
+  emulator_->faults().Add(FaultRule::On("", "/v1/disk/resources/upload")
+                              .Status(507)
+                              .Error("DiskStorageQuotaExhaustedError"));
   struct Case {
     const char* what;
     std::string verb, path, token;
@@ -562,19 +555,12 @@ TEST_F(YandexDialectTest, BigUploadsKeepOnlyTheirDigests) {
 
 TEST_F(YandexDialectTest, FaultsReachTheWebDavHost) {
   // 1. A snapshot cut after ten bytes.
-  emulators::FaultRule cut;
-  cut.verb = "GET";
-  cut.path_prefix = "/webdav/disk";
-  cut.fault.cut_after = 10;
-  emulator_->faults().Add(cut);
+  emulator_->faults().Add(emulators::FaultRule::On("GET", "/webdav/disk").CutAfter(10));
   test::Answer answer = Call("GET", "/webdav/disk?index&v=3");
   EXPECT_EQ(answer.code, CURLE_PARTIAL_FILE);
   EXPECT_EQ(answer.body.size(), 10u);
   // 2. A listing answered 503, with Yandex's body, then served again.
-  emulators::FaultRule busy;
-  busy.verb = "PROPFIND";
-  busy.fault.status = 503;
-  emulator_->faults().Add(busy);
+  emulator_->faults().Add(emulators::FaultRule::On("PROPFIND").Status(503));
   answer = Call("PROPFIND", "/webdav/", "", "Depth: 1");
   EXPECT_EQ(answer.status, 503);
   EXPECT_EQ(Json(answer.body)["error"], "DiskServiceUnavailableError");

@@ -97,12 +97,9 @@ TEST(BackupMetainfoRemoteReaderBox, StopDuringTheWalkKeepsWhatWasFound) {
     std::string id = box.Folder(root, name);
     box.account().SetProperty(id, "cloudpath", std::string("Backups/") + name, nullptr);
   }
-  // The second description is slow to come; Stop lands while it is on its way.
-  emulators::FaultRule slow;
-  slow.path_prefix = "/2.0/folders/";
-  slow.nth = 4;  // the top folder, the backups folder, the first description, then this
-  slow.fault.delay_ms = 400;
-  box.emulator->faults().Add(slow);
+  // The second description is slow to come; Stop lands while it is on its way. It is the fourth
+  // folder request: the top folder, the backups folder, the first description, then this.
+  box.emulator->faults().Add(emulators::FaultRule::On("", "/2.0/folders/").Nth(4).DelayMs(400));
   auto reader = box.factory->CreateMetainfoReader(box.url_factory);
   // The Stop waits for that request to reach the service, however loaded the machine is.
   std::thread stopper([&reader, &box] {

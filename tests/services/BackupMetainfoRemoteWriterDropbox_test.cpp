@@ -189,11 +189,10 @@ TEST_F(DropboxMetainfoTest, FailuresAnswerTheirResultWithTheirLine) {
     SCOPED_TRACE(c.name);
     RemoteFileSystemFactoryDropbox factory("");
     if (*c.fault_path) {
-      emulators::FaultRule rule;
-      rule.path_prefix = std::string(kApi) + c.fault_path;
-      rule.fault.status = c.status;
-      rule.fault.drop_field = c.drop_field;
-      fixture_.emulator().faults().Add(rule);
+      fixture_.emulator().faults().Add(
+          emulators::FaultRule::On("", std::string(kApi) + c.fault_path)
+              .Status(c.status)
+              .DropField(c.drop_field));
     }
     LoggerWrapper::Capture log;
     auto writer = Writer("C:\\Docs", c.remote, &factory);
@@ -253,10 +252,8 @@ TEST_F(DropboxMetainfoTest, StopDuringReadAllKeepsWhatWasFound) {
     ASSERT_EQ(Writer("C:\\Docs", remote, nullptr)->Create(), FileSystem::SUCCEEDED);
   fixture_.dialect().SetSearchPageSize(1);
   // The second page is slow to come; Stop lands while it is on its way.
-  emulators::FaultRule slow;
-  slow.path_prefix = std::string(kApi) + "properties/search/continue";
-  slow.fault.delay_ms = 1500;
-  fixture_.emulator().faults().Add(slow);
+  fixture_.emulator().faults().Add(
+      emulators::FaultRule::On("", std::string(kApi) + "properties/search/continue").DelayMs(1500));
   auto reader = factory_.CreateMetainfoReader(urls_);
   std::thread stopper([&reader] {
     std::this_thread::sleep_for(std::chrono::milliseconds(200));

@@ -215,12 +215,11 @@ TEST_F(OneDriveMetainfoTest, StopDuringTheWalkEndsItWithTheRecordsFound) {
   described.cloudPath = "Backups/PC";
   Item out;
   account().SetProperty(pc, "description", described.ToText(), &out);
-  emulators::FaultRule rule;
-  rule.verb = "GET";
-  rule.path_prefix = "/v1.0/me/drive/items/" + utils::PercentEncoded(group, false) + "/children";
-  rule.fault.status = 503;
-  rule.fault.delay_ms = 20000;
-  emulator_->faults().Add(rule);
+  emulator_->faults().Add(
+      emulators::FaultRule::On(
+          "GET", "/v1.0/me/drive/items/" + utils::PercentEncoded(group, false) + "/children")
+          .Status(503)
+          .DelayMs(20000));
   // 2. Stop once the listing is held: the walk ends at once with what it has.
   auto reader = factory_.CreateMetainfoReader(http_);
   LoggerWrapper::Capture log;

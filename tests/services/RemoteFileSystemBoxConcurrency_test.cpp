@@ -227,19 +227,11 @@ TEST(RemoteFileSystemBoxConcurrency, TreeKeepsFourInFlightAndGivesThePoolBack) {
       box.Folder(top, "s");
     }
     if (end == End::kFailure) {
-      emulators::FaultRule refuse;
-      refuse.path_prefix = "/2.0/folders/";
-      refuse.nth = 5;
-      refuse.fault.status = 403;
-      box.emulator->faults().Add(refuse);
+      box.emulator->faults().Add(emulators::FaultRule::On("", "/2.0/folders/").Nth(5).Status(403));
     }
     if (end == End::kStop) {
-      emulators::FaultRule slow;
-      slow.path_prefix = "/2.0/folders/";
-      slow.nth = 3;
-      slow.times = 0;
-      slow.fault.delay_ms = 300;
-      box.emulator->faults().Add(slow);
+      box.emulator->faults().Add(
+          emulators::FaultRule::On("", "/2.0/folders/").Nth(3).Times(0).DelayMs(300));
     }
     QThreadPool::globalInstance()->setMaxThreadCount(7);
     watched.Reset(end == End::kSuccess);

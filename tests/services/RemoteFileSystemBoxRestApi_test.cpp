@@ -166,12 +166,9 @@ TEST(RemoteFileSystemBoxRestApi, AfterOne429EveryLaterQueryPausesOnTheClock) {
     std::string top = box.Folder("0", "d" + std::to_string(i));
     box.File(box.Folder(top, "s"), "x", "y");
   }
-  emulators::FaultRule rule;
-  rule.path_prefix = "/2.0/folders/";
-  rule.nth = 2;  // the root's listing first, then one of the first level
-  rule.fault.status = 429;
-  rule.fault.retry_after_s = 3;
-  box.emulator->faults().Add(rule);
+  // The second: the root's listing first, then one of the first level.
+  box.emulator->faults().Add(
+      emulators::FaultRule::On("", "/2.0/folders/").Nth(2).Status(429).RetryAfter(3));
   utils::ManualClock clock;
   utils::ScopedClock scoped(&clock);
   LoggerWrapper::Capture log;
@@ -284,9 +281,7 @@ TEST(RemoteFileSystemBoxRestApi, ErrorsOfTheEmulatorReachTheOperations) {
   EXPECT_EQ(fs->CreateFolderImpl(FS::OverwriteControl(), std::string(300, 'n')), FS::NAME_TOO_LONG);
   EXPECT_EQ(fs->CreateFolderImpl(FS::OverwriteControl(), "trailing "), FS::BADNAM);
   EXPECT_EQ(Upload(*fs, "big.bin", std::string(100, 'x')), FS::NO_SPACE);
-  emulators::FaultRule rule;
-  rule.fault.status = 401;
-  box.emulator->faults().Add(rule);
+  box.emulator->faults().Add(emulators::FaultRule::On().Status(401));
   EXPECT_EQ(fs->CheckConnection(), FS::AUTH_INVALID);
 }
 
@@ -362,10 +357,7 @@ TEST(RemoteFileSystemBoxRestApi, ReadsFollowTheRedirectWithARange) {
   EXPECT_EQ(box.emulator->server().Requests().back().Header("Range"), "bytes=1000-1999");
   EXPECT_EQ(box.emulator->server().Requests().back().path.rfind("/dl/", 0), 0u);
   // A body cut short is a failure, not a short file.
-  emulators::FaultRule cut;
-  cut.path_prefix = "/dl/";
-  cut.fault.cut_after = 5000;
-  box.emulator->faults().Add(cut);
+  box.emulator->faults().Add(emulators::FaultRule::On("", "/dl/").CutAfter(5000));
   Read(*fs, "f.bin", 0, data.size(), data.size(), &result);
   EXPECT_EQ(result, FS::FAILED);
 }
@@ -455,11 +447,7 @@ TEST(RemoteFileSystemBoxRestApi, InterruptedSessionsResumeInAnotherAdapter) {
   // A stop lands wherever the transfer stands: the server holds one part or two.
   const std::uint64_t kWhateverLanded = UINT64_MAX;
   auto session_put = [](int nth) {
-    emulators::FaultRule rule;
-    rule.verb = "PUT";
-    rule.path_prefix = "/upload/2.0/files/upload_sessions/";
-    rule.nth = nth;
-    return rule;
+    return emulators::FaultRule::On("PUT", "/upload/2.0/files/upload_sessions/").Nth(nth);
   };
   struct Case {
     const char* name;
@@ -481,18 +469,14 @@ TEST(RemoteFileSystemBoxRestApi, InterruptedSessionsResumeInAnotherAdapter) {
        2 * part},
       {"reset after 3 parts",
        [&](test::BoxAccount& box, rest_api::RemoteFileSystemBox& fs) {
-         emulators::FaultRule reset = session_put(4);
-         reset.fault.reset = true;
-         box.emulator->faults().Add(reset);
+         box.emulator->faults().Add(session_put(4).Reset());
          EXPECT_EQ(Upload(fs, "f", data), FS::FAILED);
        },
        // The fourth part landed; only its answer was lost, and the listing of parts tells.
        4 * part},
       {"Stop during part 2",
        [&](test::BoxAccount& box, rest_api::RemoteFileSystemBox& fs) {
-         emulators::FaultRule slow = session_put(2);
-         slow.fault.delay_ms = 400;
-         box.emulator->faults().Add(slow);
+         box.emulator->faults().Add(session_put(2).DelayMs(400));
          // The Stop comes while the service holds its answer to part 2, whatever the load.
          std::thread stopper([&fs, &box] {
            for (int i = 0; i < 1000 && box.Count("PUT", "/upload/2.0/files/upload_sessions/") < 2;
@@ -507,9 +491,7 @@ TEST(RemoteFileSystemBoxRestApi, InterruptedSessionsResumeInAnotherAdapter) {
        kWhateverLanded},
       {"persist limit loses part 2",
        [&](test::BoxAccount& box, rest_api::RemoteFileSystemBox& fs) {
-         emulators::FaultRule lose = session_put(2);
-         lose.fault.persist_limit = 1000;
-         box.emulator->faults().Add(lose);
+         box.emulator->faults().Add(session_put(2).PersistLimit(1000));
          EXPECT_EQ(Upload(fs, "f", data), FS::FAILED);
        },
        1 * part},
@@ -629,30 +611,9 @@ TEST(RemoteFileSystemBoxRestApi, BadAnswersAreLoggedAndSkippedNeverACrash) {
   ASSERT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
   EXPECT_EQ(std::distance(root.GetFolder("d")->FilesBegin(), root.GetFolder("d")->FilesEnd()), 1);
   EXPECT_TRUE(log.Contains("Failed to create file \"d/same.TXT\"."));
-  const std::pair<emulators::Fault, FS::Result> faults[] = {
-      {[] {
-         emulators::Fault f;
-         f.cut_after = 10;
-         return f;
-       }(),
-       FS::FAILED},
-      {[] {
-         emulators::Fault f;
-         f.drop_field = "entries";
-         return f;
-       }(),
-       FS::FAILED},
-      {[] {
-         emulators::Fault f;
-         f.status = 503;
-         return f;
-       }(),
-       FS::FAILED},
-  };
-  for (const auto& [fault, result] : faults) {
-    emulators::FaultRule rule;
-    rule.path_prefix = "/2.0/folders/" + d;
-    rule.fault = fault;
+  auto listing = [&d] { return emulators::FaultRule::On("", "/2.0/folders/" + d); };
+  for (const emulators::FaultRule& rule :
+       {listing().CutAfter(10), listing().DropField("entries"), listing().Status(503)}) {
     box.emulator->faults().Clear();
     box.emulator->faults().Add(rule);
     EXPECT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), result);
@@ -667,10 +628,8 @@ TEST(RemoteFileSystemBoxRestApi, BadAnswersAreLoggedAndSkippedNeverACrash) {
   EXPECT_TRUE(empty_log.Contains("Failed parse answer: "));
   // A session answer without part_size fails the open.
   box.emulator->faults().Clear();
-  emulators::FaultRule no_part_size;
-  no_part_size.path_prefix = "/upload/2.0/files/upload_sessions";
-  no_part_size.fault.drop_field = "part_size";
-  box.emulator->faults().Add(no_part_size);
+  box.emulator->faults().Add(
+      emulators::FaultRule::On("", "/upload/2.0/files/upload_sessions").DropField("part_size"));
   std::uint64_t offset = 0;
   LoggerWrapper::Capture session_log;
   EXPECT_EQ(fs->OpenForCreate(FS::OverwriteControl(), "s.bin", BoxHashOf("x"), 30 << 20, 0, &offset,

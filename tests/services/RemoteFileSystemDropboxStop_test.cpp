@@ -19,11 +19,10 @@ TEST(DropboxStopTest, StopDuringAChunkAnswersStoppedAndKeepsTheSession) {
   calculator.Feed(reinterpret_cast<const std::uint8_t*>(bytes.data()), 2000);
   const SomeHash hash = calculator.Finish();
   // The finish is held far longer than the test waits, and never taken.
-  emulators::FaultRule rule;
-  rule.path_prefix = "/content/2/files/upload_session/finish";
-  rule.fault.status = 503;
-  rule.fault.delay_ms = 20000;
-  fixture.emulator().faults().Add(rule);
+  fixture.emulator().faults().Add(
+      emulators::FaultRule::On("", "/content/2/files/upload_session/finish")
+          .Status(503)
+          .DelayMs(20000));
   std::uint64_t resume = 0;
   ASSERT_EQ(fixture.adapter().OpenForCreate(FileSystem::OverwriteControl(), "held.bin", hash,
                                             bytes.size(), 0, &resume, false),

@@ -40,16 +40,8 @@ class GoogleStopTest : public ::testing::Test {
     emulator_.reset();
     Endpoints::ResetOverrides();
   }
-  void AddFault(int nth, int status, bool reset) {
-    emulators::FaultRule rule;
-    rule.verb = "GET";
-    rule.path_prefix = "/drive/v3/files";
-    rule.nth = nth;
-    rule.times = 0;
-    rule.fault.status = status;
-    rule.fault.error = status ? "userRateLimitExceeded" : "";
-    rule.fault.reset = reset;
-    emulator_->faults().Add(rule);
+  static emulators::FaultRule EveryListing() {
+    return emulators::FaultRule::On("GET", "/drive/v3/files").Times(0);
   }
   // Runs `operation` and stops the adapter once it has been busy for 300 ms: the answer and how
   // long after the Stop it came.
@@ -70,7 +62,7 @@ class GoogleStopTest : public ::testing::Test {
 };
 
 TEST_F(GoogleStopTest, StopEndsARateLimitPauseAtOnce) {
-  AddFault(1, 403, false);
+  emulator_->faults().Add(EveryListing().Status(403).Error("userRateLimitExceeded"));
   auto [result, late] = StopDuring([this] { return fs_->CheckConnection(); });
   EXPECT_EQ(result, FileSystem::STOPPED);
   EXPECT_LT(late.count(), 100);
@@ -80,7 +72,7 @@ TEST_F(GoogleStopTest, StopEndsARateLimitPauseAtOnce) {
 }
 
 TEST_F(GoogleStopTest, StopEndsTheRetriesOfABrokenListing) {
-  AddFault(2, 0, true);
+  emulator_->faults().Add(EveryListing().Nth(2).Reset());
   auto [result, late] = StopDuring([this] {
     FolderNode root;
     std::uint64_t free = 0;

@@ -82,11 +82,7 @@ TEST_F(HuaweiStopTest, StopDuringASliceStoresTheSessionForAnotherAdapter) {
   std::uint64_t free = 0, total = 0;
   ASSERT_EQ(first->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
   // 1. The second slice is taken in but its answer hangs; Stop comes while it does.
-  emulators::FaultRule slow;
-  slow.verb = "PUT";
-  slow.nth = 2;
-  slow.fault.delay_ms = 20000;
-  emulator_->faults().Add(slow);
+  emulator_->faults().Add(emulators::FaultRule::On("PUT").Nth(2).DelayMs(20000));
   LoggerWrapper::Capture log;
   std::uint64_t offset = 0;
   auto running = std::async(std::launch::async, [&] { return Upload(first.get(), data, &offset); });

@@ -130,12 +130,7 @@ TEST_F(OneDriveConcurrencyTest, FileOperationsBesideTheFeedOnOneInstance) {
 
 TEST_F(OneDriveConcurrencyTest, StopDuringAChunkAnswersStoppedAndKeepsTheSession) {
   // The answer to the chunk is held far longer than the test waits, and never given.
-  emulators::FaultRule rule;
-  rule.verb = "PUT";
-  rule.path_prefix = "/_upload/";
-  rule.fault.status = 503;
-  rule.fault.delay_ms = 20000;
-  emulator_->faults().Add(rule);
+  emulator_->faults().Add(emulators::FaultRule::On("PUT", "/_upload/").Status(503).DelayMs(20000));
   const std::string content(400000, 'q');
   std::uint64_t offset = 0;
   ASSERT_EQ(drive_->OpenForCreate({}, "Work/held.bin", QuickXorOf(content), content.size(), 0,

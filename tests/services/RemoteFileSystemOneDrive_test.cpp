@@ -122,15 +122,6 @@ class OneDriveTest : public testing::Test {
     }
     return deltas;
   }
-  void AddFault(const std::string& verb, const std::string& path, emulators::Fault fault,
-                int times = 1) {
-    emulators::FaultRule rule;
-    rule.verb = verb;
-    rule.path_prefix = path;
-    rule.times = times;
-    rule.fault = fault;
-    emulator_->faults().Add(rule);
-  }
 
   utils::ManualClock clock_;
   utils::ScopedClock scoped_clock_{&clock_};
@@ -179,10 +170,9 @@ TEST_F(OneDriveTest, HttpFailuresMapToResultsWaitsAndReasons) {
     utils::ManualClock clock;
     utils::ScopedClock scoped(&clock);
     LoggerWrapper::Capture log;
-    emulators::Fault fault;
-    fault.status = c.status;
-    fault.retry_after_s = c.retry_after;
-    AddFault("GET", "/v1.0/me/drive", fault);
+    emulator_->faults().Add(emulators::FaultRule::On("GET", "/v1.0/me/drive")
+                                .Status(c.status)
+                                .RetryAfter(c.retry_after));
     std::uint64_t total = 0, used = 0;
     EXPECT_EQ(drive->GetCloudSize(&total, &used), c.result);
     EXPECT_EQ(clock.Waits(), c.waits);
@@ -203,10 +193,8 @@ TEST_F(OneDriveTest, NetworkFailureAndStopDuringRetryAfter) {
   EXPECT_EQ(drive->GetFailReason(), FileSystem::FAIL_REASON_NETWORK);
   // Stop while the service asks to wait: STOPPED, and every later operation too.
   Endpoints::Override(Endpoints::kMicrosoftGraph, emulator_->BaseUrl() + "/v1.0");
-  emulators::Fault fault;
-  fault.status = 429;
-  fault.retry_after_s = 120;
-  AddFault("GET", "/v1.0/me/drive", fault);
+  emulator_->faults().Add(
+      emulators::FaultRule::On("GET", "/v1.0/me/drive").Status(429).RetryAfter(120));
   clock_.SetOnWait([&drive](std::int64_t) { drive->Stop(); });
   EXPECT_EQ(drive->GetCloudSize(&total, &used), Result::STOPPED);
   EXPECT_EQ(drive->GetCloudSize(&total, &used), Result::STOPPED);
@@ -336,10 +324,10 @@ TEST_F(OneDriveFeedTest, RenewalFollowsTheDeltaCodeAfterAMinute) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.status);
     ASSERT_EQ(Snapshot(drive_.get()), Result::SUCCEEDED);
-    emulators::Fault fault;
-    fault.status = c.status;
-    fault.reset = c.reset;
-    AddFault("GET", "/v1.0/me/drive/root/delta", fault, c.reset ? 3 : 1);
+    emulator_->faults().Add(emulators::FaultRule::On("GET", "/v1.0/me/drive/root/delta")
+                                .Status(c.status)
+                                .Reset(c.reset)
+                                .Times(c.reset ? 3 : 1));
     std::queue<Change> changes;
     EXPECT_NE(drive_->GetChanges(&changes), Result::SUCCEEDED);
     EXPECT_TRUE(changes.empty());
@@ -437,50 +425,35 @@ TEST_F(OneDriveTest, SharedFolderOfASecondDriveMountsOnItsOwnDelta) {
       << content_path;
   EXPECT_NE(content_path.find(":/plan.txt:/content"), std::string::npos) << content_path;
   // 4. A failing listing of shared items answers 0.
-  emulators::Fault fault;
-  fault.status = 500;
-  AddFault("GET", "/v1.0/me/drive/sharedWithMe", fault);
+  emulator_->faults().Add(
+      emulators::FaultRule::On("GET", "/v1.0/me/drive/sharedWithMe").Status(500));
   EXPECT_EQ(drive->GetMountedDirSize(), 0u);
 }
 
 TEST_F(OneDriveTest, BadAnswersGiveTheirResultAndLine) {
   struct Case {
     const char* name;
-    std::function<void()> setup;
+    emulators::FaultRule fault;
     Result result;
     const char* line;
   };
-  auto fault_on = [this](const std::string& path, emulators::Fault fault) {
-    return [this, path, fault] { AddFault("GET", path, fault); };
-  };
-  emulators::Fault forbidden;
-  forbidden.status = 403;
-  emulators::Fault no_value;
-  no_value.drop_field = "value";
-  emulators::Fault no_link;
-  no_link.drop_field = "@odata.deltaLink";
-  emulators::Fault cut;
-  cut.cut_after = 40;
-  emulators::Fault no_facet;
-  no_facet.drop_field = "file";
+  auto delta = [] { return emulators::FaultRule::On("GET", "/v1.0/me/drive/root/delta"); };
   AddFile(account().RootId(), "f.txt", "x");
   const Case cases[] = {
-      {"403 on the root", fault_on("/v1.0/me/drive/root", forbidden), Result::FATAL,
-       "No access to root, it`s fatal err."},
-      {"page without value", fault_on("/v1.0/me/drive/root/delta", no_value), Result::FATAL,
-       "No items in response."},
-      {"last page without link", fault_on("/v1.0/me/drive/root/delta", no_link), Result::FATAL,
+      {"403 on the root", emulators::FaultRule::On("GET", "/v1.0/me/drive/root").Status(403),
+       Result::FATAL, "No access to root, it`s fatal err."},
+      {"page without value", delta().DropField("value"), Result::FATAL, "No items in response."},
+      {"last page without link", delta().DropField("@odata.deltaLink"), Result::FATAL,
        "Delta link is empty."},
-      {"truncated page", fault_on("/v1.0/me/drive/root/delta", cut), Result::FAILED,
-       "Failed request: "},
-      {"item without facet", fault_on("/v1.0/me/drive/root/delta", no_facet), Result::SUCCEEDED,
+      {"truncated page", delta().CutAfter(40), Result::FAILED, "Failed request: "},
+      {"item without facet", delta().DropField("file"), Result::SUCCEEDED,
        "Unknown drive_item's resource facet type."},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     emulator_->faults().Clear();
     LoggerWrapper::Capture log;
-    c.setup();
+    emulator_->faults().Add(c.fault);
     auto drive = OpenDrive();
     EXPECT_EQ(Snapshot(drive.get()), c.result);
     EXPECT_TRUE(log.Contains(c.line));
@@ -764,18 +737,11 @@ TEST_F(OneDriveSessionTest, AnInterruptedSessionResumesInAnotherAdapter) {
     ASSERT_EQ(a->OpenForCreate({}, path, SomeHash(), size, 0, &offset, false), Result::SUCCEEDED);
     if (c.cut == Cut::kResetInSecondChunk) {
       // The service keeps 320 KiB of the second chunk, and the connection breaks before its answer.
-      emulators::FaultRule rule;
-      rule.verb = "PUT";
-      rule.path_prefix = "/_upload/";
-      rule.nth = 2;
-      rule.fault.reset = true;
-      rule.fault.persist_limit = 327680;
-      emulator_->faults().Add(rule);
+      emulator_->faults().Add(
+          emulators::FaultRule::On("PUT", "/_upload/").Nth(2).Reset().PersistLimit(327680));
       EXPECT_NE(WriteBlocks(a.get(), content, 0, 1 << 20), Result::SUCCEEDED);
     } else if (c.cut == Cut::kShortPersist) {
-      emulators::Fault fault;
-      fault.persist_limit = 327680;
-      AddFault("PUT", "/_upload/", fault);
+      emulator_->faults().Add(emulators::FaultRule::On("PUT", "/_upload/").PersistLimit(327680));
       EXPECT_EQ(WriteBlocks(a.get(), content, 0, 65536), Result::FAILED);
       EXPECT_EQ(metrics.Count("onedrive_offset_error"), 1u);
     } else {
@@ -999,9 +965,9 @@ TEST_F(OneDriveFeedTest, TimePatchRetriesOnceAndBothEchoesAreDropped) {
     const std::string path = std::string("Other/") + c.name + ".bin";
     const std::string content = emulators::PatternString(3, 70000);
     if (c.status != 0) {
-      emulators::Fault fault;
-      fault.status = c.status;
-      AddFault("PATCH", "/v1.0/me/drive/items/", fault, c.times);
+      emulator_->faults().Add(emulators::FaultRule::On("PATCH", "/v1.0/me/drive/items/")
+                                  .Status(c.status)
+                                  .Times(c.times));
     }
     emulator_->server().ClearRequests();
     RadarsLogger::Capture metrics;
@@ -1068,10 +1034,8 @@ TEST_F(OneDriveSessionTest, UploadFailuresGiveTheirResultAndLine) {
     SCOPED_TRACE(c.name);
     account().SetTotalSpace(c.space);
     if (c.status != 0 || c.cut_after != UINT64_MAX) {
-      emulators::Fault fault;
-      fault.status = c.status;
-      fault.cut_after = c.cut_after;
-      AddFault("PUT", "/_upload/", fault);
+      emulator_->faults().Add(
+          emulators::FaultRule::On("PUT", "/_upload/").Status(c.status).CutAfter(c.cut_after));
     }
     emulator_->server().ClearRequests();
     const std::size_t stored = shared_->sessions.Count();

@@ -201,11 +201,7 @@ TEST_F(YandexFilesTest, UploadByLinkAnswersAfterTheBody) {
       {"server error", 500, Result::FAILED, "Uploading file failed, http_code 500."},
   };
   for (const Case& c : cases) {
-    emulators::FaultRule rule;
-    rule.verb = "PUT";
-    rule.path_prefix = "/yadisk-upload/";
-    rule.fault.status = c.status;
-    emulator_->faults().Add(rule);
+    emulator_->faults().Add(emulators::FaultRule::On("PUT", "/yadisk-upload/").Status(c.status));
     LoggerWrapper::Capture log;
     const Upload upload = Put(std::string(c.name) + ".txt", "some bytes");
     EXPECT_EQ(upload.closed, c.result) << c.name;
@@ -360,10 +356,7 @@ TEST_F(YandexFilesTest, ContentThatIsntWhatItShouldBeIsRefusedBothWays) {
   std::string got;
   EXPECT_EQ(Get("f.txt", content, &got), Result::SUCCEEDED);
   EXPECT_EQ(got, content);
-  emulators::FaultRule flip;
-  flip.verb = "GET";
-  flip.path_prefix = "/yadisk-download/";
-  flip.fault.flip_byte = 5;
+  const auto flip = emulators::FaultRule::On("GET", "/yadisk-download/").FlipByte(5);
   emulator_->faults().Add(flip);
   RadarsLogger::Capture metrics;
   LoggerWrapper::Capture log;
@@ -672,11 +665,8 @@ TEST_F(YandexFilesTest, FolderListingFollowsTheServersPageSize) {
   EXPECT_EQ(props.hash, HashOf(name.substr(1)));
 
   // The folder grows while it is read.
-  emulators::FaultRule grow;
-  grow.verb = "GET";
-  grow.path_prefix = "/v1/disk/resources";
-  grow.fault.change_after = emulators::ForeignChange{"create", "many/late", "", "late"};
-  emulator_->faults().Add(grow);
+  emulator_->faults().Add(emulators::FaultRule::On("GET", "/v1/disk/resources")
+                              .ChangeAfter({"create", "many/late", "", "late"}));
   LoggerWrapper::Capture log;
   RemoteFileSystem::FolderListing again;
   EXPECT_EQ(fs_->GetFolderListing("many", &again), Result::SUCCEEDED);
