@@ -37,17 +37,6 @@ std::string Param(const std::string& value) {
   return QUrl::toPercentEncoding(QString::fromStdString(value)).toStdString();
 }
 
-// The value of a header of the answer; empty when missing.
-std::string HeaderOf(const test::Answer& answer, const std::string& name) {
-  std::string lower = QString::fromStdString(answer.headers).toLower().toStdString();
-  std::string key = "\n" + QString::fromStdString(name).toLower().toStdString() + ": ";
-  std::size_t at = ("\n" + lower).find(key);
-  if (at == std::string::npos)
-    return std::string();
-  std::size_t start = at + key.size() - 1;
-  return answer.headers.substr(start, answer.headers.find('\r', start) - start);
-}
-
 class YandexDialectTest : public ::testing::Test {
  protected:
   void Start(const emulators::YandexOptions& options = emulators::YandexOptions()) {
@@ -105,7 +94,7 @@ TEST_F(YandexDialectTest, BinarySnapshotIsServedByteForByteForTheExactQueryOnly)
     if (c.status == 200) {
       EXPECT_EQ(QByteArray::fromStdString(answer.body).toHex(),
                 QByteArray::fromStdString(c.body).toHex());
-      EXPECT_EQ(HeaderOf(answer, "Item-Count"), c.count);
+      EXPECT_EQ(answer.Header("Item-Count"), c.count);
     }
   }
 }
@@ -117,7 +106,7 @@ TEST_F(YandexDialectTest, ASnapshotCanBeSpoiledOnPurpose) {
   test::Answer answer = Call("GET", "/webdav/disk/Docs?index&v=3");
   EXPECT_EQ(answer.body.substr(0, 6), std::string("\x02\x04") + "Docs");
   EXPECT_EQ(answer.body.back(), '\x07');
-  EXPECT_EQ(HeaderOf(answer, "Item-Count"), "2");
+  EXPECT_EQ(answer.Header("Item-Count"), "2");
 }
 
 TEST_F(YandexDialectTest, ItemCountSaysWhatTheTestAsks) {
@@ -128,7 +117,7 @@ TEST_F(YandexDialectTest, ItemCountSaysWhatTheTestAsks) {
     Start(options);
     test::Answer answer = Call("GET", "/webdav/disk?index&v=3");
     EXPECT_EQ(answer.status, 200);
-    EXPECT_EQ(HeaderOf(answer, "Item-Count"), said);
+    EXPECT_EQ(answer.Header("Item-Count"), said);
     EXPECT_EQ(answer.headers.find("Item-Count") != std::string::npos, *said != '\0');
   }
 }
@@ -463,7 +452,7 @@ TEST_F(YandexDialectTest, FilesGoByLinks) {
   test::Answer read = test::Fetch("GET", link["href"].toString().toStdString(), "", "", "bytes=1-");
   EXPECT_EQ(read.status, 206);
   EXPECT_EQ(read.body, "ello");
-  EXPECT_EQ(HeaderOf(read, "ETag"), kHelloMd5);
+  EXPECT_EQ(read.Header("ETag"), kHelloMd5);
   // 2. An upload link with the digests of known content: 201, no link.
   std::string known = "/v1/disk/resources/upload?path=disk:/k.txt&md5=" + kHelloMd5 +
                       "&sha256=" + kHelloSha256 + "&size=5";
