@@ -66,6 +66,12 @@ class BoxAccount {
   std::shared_ptr<URLProcessorFactory> url_factory;
 };
 
+// The whole tree by `fs`, the space of the account left aside.
+inline FileSystem::Result ReadTree(RemoteFileSystem& fs, FolderNode* root) {
+  std::uint64_t free = 0, total = 0;
+  return fs.GetFullTree(root, &free, &total, nullptr);
+}
+
 // Every file of a tree by path, with its size and SHA-1.
 inline void CollectFiles(const FolderNode& folder, const std::string& prefix,
                          std::map<std::string, std::pair<std::uint64_t, std::string>>* out) {

@@ -239,7 +239,6 @@ TEST(RemoteFileSystemBoxConcurrency, TreeKeepsFourInFlightAndGivesThePoolBack) {
     // 2. The download, stopped from another thread in the last case.
     auto fs = box.Open();
     FolderNode root;
-    std::uint64_t free = 0, total = 0;
     std::thread stopper;
     if (end == End::kStop) {
       stopper = std::thread([&fs] {
@@ -248,7 +247,7 @@ TEST(RemoteFileSystemBoxConcurrency, TreeKeepsFourInFlightAndGivesThePoolBack) {
       });
     }
     const auto started = std::chrono::steady_clock::now();
-    FS::Result result = fs->GetFullTree(&root, &free, &total, nullptr);
+    FS::Result result = test::ReadTree(*fs, &root);
     const auto took = std::chrono::steady_clock::now() - started;
     if (stopper.joinable())
       stopper.join();

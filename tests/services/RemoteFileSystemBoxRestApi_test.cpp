@@ -174,8 +174,7 @@ TEST(RemoteFileSystemBoxRestApi, AfterOne429EveryLaterQueryPausesOnTheClock) {
   LoggerWrapper::Capture log;
   auto fs = box.Open();
   FolderNode root;
-  std::uint64_t free = 0, total = 0;
-  ASSERT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
+  ASSERT_EQ(test::ReadTree(*fs, &root), FS::SUCCEEDED);
   EXPECT_EQ(root.GetFolderAtPath("d5/s")->GetFile("x")->size, 1u);
   // 2. The limited URL went again after a pause, and so did each query of the second level (the
   // first level's queries already on their way when the 429 came don't pause).
@@ -190,7 +189,7 @@ TEST(RemoteFileSystemBoxRestApi, AfterOne429EveryLaterQueryPausesOnTheClock) {
   EXPECT_EQ(log.Count("Rate limit."), 1u);
   // 3. The throttle belongs to that download: the next one runs without pauses.
   box.emulator->faults().Clear();
-  ASSERT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
+  ASSERT_EQ(test::ReadTree(*fs, &root), FS::SUCCEEDED);
   EXPECT_EQ(clock.Waits().size(), waits.size());
 }
 
@@ -208,9 +207,8 @@ TEST(RemoteFileSystemBoxRestApi, RemoteRootIsFoundPastTheFirstPageAndAFileOfItsN
   box.File(pc, "inside", "abc");
   auto fs = box.Open();
   FolderNode root;
-  std::uint64_t free = 0, total = 0;
   LoggerWrapper::Capture found_log;
-  ASSERT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
+  ASSERT_EQ(test::ReadTree(*fs, &root), FS::SUCCEEDED);
   EXPECT_EQ(root.GetFile("inside")->size, 3u);
   EXPECT_EQ(box.Shared().ids.GetRootId(), pc);
   EXPECT_GE(box.Count("GET", "/2.0/folders/" + backups + "/items"), 2u);
@@ -221,7 +219,7 @@ TEST(RemoteFileSystemBoxRestApi, RemoteRootIsFoundPastTheFirstPageAndAFileOfItsN
   missing.Folder("0", "Backups");
   LoggerWrapper::Capture log;
   auto other = missing.Open();
-  EXPECT_EQ(other->GetFullTree(&root, &free, &total, nullptr), FS::ITEM_MISSED);
+  EXPECT_EQ(test::ReadTree(*other, &root), FS::ITEM_MISSED);
   EXPECT_TRUE(log.Contains("Remote root folder not found: \"PC 2\""));
 }
 
@@ -276,8 +274,7 @@ TEST(RemoteFileSystemBoxRestApi, ErrorsOfTheEmulatorReachTheOperations) {
   box.account().SetTotalSpace(10);
   auto fs = box.Open();
   FolderNode root;
-  std::uint64_t free = 0, total = 0;
-  ASSERT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
+  ASSERT_EQ(test::ReadTree(*fs, &root), FS::SUCCEEDED);
   EXPECT_EQ(fs->CreateFolderImpl(FS::OverwriteControl(), std::string(300, 'n')), FS::NAME_TOO_LONG);
   EXPECT_EQ(fs->CreateFolderImpl(FS::OverwriteControl(), "trailing "), FS::BADNAM);
   EXPECT_EQ(Upload(*fs, "big.bin", std::string(100, 'x')), FS::NO_SPACE);
@@ -292,8 +289,7 @@ TEST(RemoteFileSystemBoxRestApi, ItemOperationsOnTheEmulator) {
   box.File(box.Folder(docs, "sub"), "s.txt", "s");
   auto fs = box.Open();
   FolderNode root;
-  std::uint64_t free = 0, total = 0;
-  ASSERT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
+  ASSERT_EQ(test::ReadTree(*fs, &root), FS::SUCCEEDED);
   RemoteFileIds& ids = box.Shared().ids;
   // 1. mkdir: the body as Box takes it, the id in the tree.
   ASSERT_EQ(fs->CreateFolderImpl(FS::OverwriteControl(), "docs/new"), FS::SUCCEEDED);
@@ -348,8 +344,7 @@ TEST(RemoteFileSystemBoxRestApi, ReadsFollowTheRedirectWithARange) {
   box.File("0", "f.bin", data);
   auto fs = box.Open();
   FolderNode root;
-  std::uint64_t free = 0, total = 0;
-  ASSERT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
+  ASSERT_EQ(test::ReadTree(*fs, &root), FS::SUCCEEDED);
   FS::Result result;
   EXPECT_EQ(Read(*fs, "f.bin", 0, data.size(), data.size(), &result), data);
   EXPECT_EQ(result, FS::SUCCEEDED);
@@ -367,8 +362,7 @@ TEST(RemoteFileSystemBoxRestApi, PlainUploadBelowTwentyMiBAndSessionFromThere) {
   box.account().SetKeepContentLimit(0);
   auto fs = box.Open();
   FolderNode root;
-  std::uint64_t free = 0, total = 0;
-  ASSERT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
+  ASSERT_EQ(test::ReadTree(*fs, &root), FS::SUCCEEDED);
   for (std::uint64_t size : {rest_api::RemoteFileSystemBox::kSessionUploadFrom - 1,
                              rest_api::RemoteFileSystemBox::kSessionUploadFrom}) {
     box.emulator->server().ClearRequests();
@@ -404,8 +398,7 @@ TEST(RemoteFileSystemBoxRestApi, HundredMiBUploadHoldsAtMostOnePartBetweenWrites
   utils::ScopedClock scoped(&clock);
   auto fs = box.Open();
   FolderNode root;
-  std::uint64_t free = 0, total = 0;
-  ASSERT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
+  ASSERT_EQ(test::ReadTree(*fs, &root), FS::SUCCEEDED);
   // 1. The content is made block by block, so that the test holds none of it either.
   std::vector<std::uint8_t> block(kBlock);
   HashCalculatorBox whole;
@@ -502,8 +495,7 @@ TEST(RemoteFileSystemBoxRestApi, InterruptedSessionsResumeInAnotherAdapter) {
     box.account().SetKeepContentLimit(0);
     auto first = box.Open();
     FolderNode root;
-    std::uint64_t free = 0, total = 0;
-    ASSERT_EQ(first->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
+    ASSERT_EQ(test::ReadTree(*first, &root), FS::SUCCEEDED);
     c.interrupt(box, *first);
     EXPECT_EQ(box.Shared().sessions.Count(), 1u);
     box.emulator->server().ClearRequests();
@@ -537,8 +529,7 @@ TEST(RemoteFileSystemBoxRestApi, StoredSessionsThatCantResumeTakeTheRoadOfANewOn
     box.account().SetKeepContentLimit(0);
     auto first = box.Open();
     FolderNode root;
-    std::uint64_t free = 0, total = 0;
-    ASSERT_EQ(first->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
+    ASSERT_EQ(test::ReadTree(*first, &root), FS::SUCCEEDED);
     ASSERT_EQ(Upload(*first, "f", data, nullptr, kind == kEmptyParts ? 100 : (8ull << 20) + 1),
               FS::FAILED);
     utils::ManualClock clock(kind == kExpiredByTime ? 4'000'000'000'000
@@ -606,9 +597,8 @@ TEST(RemoteFileSystemBoxRestApi, BadAnswersAreLoggedAndSkippedNeverACrash) {
   box.File(d, "same.TXT", "2");  // seeded past Box's own rule
   auto fs = box.Open();
   FolderNode root;
-  std::uint64_t free = 0, total = 0;
   LoggerWrapper::Capture log;
-  ASSERT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
+  ASSERT_EQ(test::ReadTree(*fs, &root), FS::SUCCEEDED);
   EXPECT_EQ(std::distance(root.GetFolder("d")->FilesBegin(), root.GetFolder("d")->FilesEnd()), 1);
   EXPECT_TRUE(log.Contains("Failed to create file \"d/same.TXT\"."));
   auto listing = [&d] { return emulators::FaultRule::On("", "/2.0/folders/" + d); };
@@ -616,7 +606,7 @@ TEST(RemoteFileSystemBoxRestApi, BadAnswersAreLoggedAndSkippedNeverACrash) {
        {listing().CutAfter(10), listing().DropField("entries"), listing().Status(503)}) {
     box.emulator->faults().Clear();
     box.emulator->faults().Add(rule);
-    EXPECT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), result);
+    EXPECT_EQ(test::ReadTree(*fs, &root), FS::FAILED);
   }
   // A 200 without a body is no listing.
   box.emulator->faults().Clear();
@@ -624,7 +614,7 @@ TEST(RemoteFileSystemBoxRestApi, BadAnswersAreLoggedAndSkippedNeverACrash) {
       "GET", "/2.0/folders/" + d + "/items",
       [](const emulators::HttpRequest&) { return emulators::HttpResponse::Status(200); });
   LoggerWrapper::Capture empty_log;
-  EXPECT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), FS::FAILED);
+  EXPECT_EQ(test::ReadTree(*fs, &root), FS::FAILED);
   EXPECT_TRUE(empty_log.Contains("Failed parse answer: "));
   // A session answer without part_size fails the open.
   box.emulator->faults().Clear();
