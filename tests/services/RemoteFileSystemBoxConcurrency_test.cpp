@@ -22,6 +22,7 @@
 #include "emulators/BoxDialect.h"
 #include "emulators/Faults.h"
 #include "services/BoxTesting.h"
+#include "support/HashOf.h"
 
 namespace {
 
@@ -31,13 +32,7 @@ std::string Digest(const std::string& data, QCryptographicHash::Algorithm algori
   return QCryptographicHash::hash(QByteArray::fromStdString(data), algorithm).toHex().toStdString();
 }
 
-SomeHash BoxHashOf(const std::string& data) {
-  HashCalculatorBox calculator;
-  calculator.Begin();
-  calculator.Feed(reinterpret_cast<const std::uint8_t*>(data.data()),
-                  static_cast<std::uint32_t>(data.size()));
-  return calculator.Finish();
-}
+constexpr auto BoxHashOf = test::HashOf<HashCalculatorBox>;
 
 std::string Bytes(std::size_t size, unsigned seed) {
   std::string data(size, '\0');

@@ -16,19 +16,14 @@
 #include "services/BoxTesting.h"
 #include "services/RemoteBoxUtils.h"
 #include "services/RemoteFileSystemFactoryBox.h"
+#include "support/HashOf.h"
 #include "support/HeapUsage.h"
 
 namespace {
 
 using FS = FileSystem;
 
-SomeHash BoxHashOf(const std::string& data) {
-  HashCalculatorBox calculator;
-  calculator.Begin();
-  calculator.Feed(reinterpret_cast<const std::uint8_t*>(data.data()),
-                  static_cast<std::uint32_t>(data.size()));
-  return calculator.Finish();
-}
+constexpr auto BoxHashOf = test::HashOf<HashCalculatorBox>;
 
 // Uploads `data` in blocks of 1 MiB; stops writing after `cut` bytes when given.
 FS::Result Upload(RemoteFileSystem& fs, const std::string& path, const std::string& data,

@@ -8,16 +8,14 @@
 #include "core/HashCalculators.h"
 #include "emulators/Faults.h"
 #include "support/DropboxTesting.h"
+#include "support/HashOf.h"
 
 namespace {
 
 TEST(DropboxStopTest, StopDuringAChunkAnswersStoppedAndKeepsTheSession) {
   DropboxFixture fixture;
   const std::string bytes(2000, 'z');
-  HashCalculatorDropbox calculator;
-  calculator.Begin();
-  calculator.Feed(reinterpret_cast<const std::uint8_t*>(bytes.data()), 2000);
-  const SomeHash hash = calculator.Finish();
+  const SomeHash hash = test::HashOf<HashCalculatorDropbox>(bytes);
   // The finish is held far longer than the test waits, and never taken.
   fixture.emulator().faults().Add(
       emulators::FaultRule::On("", "/content/2/files/upload_session/finish")

@@ -10,6 +10,7 @@
 #include "services/ChunkSizeController.h"
 #include "services/RemoteFileSystemFactoryDropbox.h"
 #include "support/DropboxTesting.h"
+#include "support/HashOf.h"
 
 namespace {
 
@@ -33,13 +34,7 @@ std::vector<std::string> Paths(const std::vector<HttpRequest>& requests) {
   return paths;
 }
 
-SomeHash HashOf(const std::string& bytes) {
-  HashCalculatorDropbox calculator;
-  calculator.Begin();
-  calculator.Feed(reinterpret_cast<const std::uint8_t*>(bytes.data()),
-                  static_cast<std::uint32_t>(bytes.size()));
-  return calculator.Finish();
-}
+constexpr auto HashOf = test::HashOf<HashCalculatorDropbox>;
 
 std::string Bytes(std::size_t size, char seed = 'a') {
   std::string bytes(size, '\0');

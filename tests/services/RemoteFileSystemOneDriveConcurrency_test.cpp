@@ -18,18 +18,13 @@
 #include "emulators/Emulator.h"
 #include "emulators/OneDriveDialect.h"
 #include "services/RemoteFileSystemOneDrive.h"
+#include "support/HashOf.h"
 
 namespace {
 
 using Result = FileSystem::Result;
 
-SomeHash QuickXorOf(const std::string& content) {
-  HashCalculatorOneDrive calculator;
-  calculator.Begin();
-  calculator.Feed(reinterpret_cast<const std::uint8_t*>(content.data()),
-                  static_cast<std::uint32_t>(content.size()));
-  return calculator.Finish();
-}
+constexpr auto QuickXorOf = test::HashOf<HashCalculatorOneDrive>;
 
 class OneDriveConcurrencyTest : public testing::Test {
  protected:

@@ -25,6 +25,7 @@
 #include "emulators/Emulator.h"
 #include "emulators/OneDriveDialect.h"
 #include "services/GraphDriveItem.h"
+#include "support/HashOf.h"
 
 namespace {
 
@@ -492,11 +493,7 @@ TEST_F(OneDriveFeedTest, UploadsLandWithOurHashAndTheirEchoesAreDropped) {
     emulator_->server().ClearRequests();
     const std::string path = std::string("Other/") + c.name + ".bin";
     std::string content = emulators::PatternString(0, c.size);
-    HashCalculatorOneDrive calculator;
-    calculator.Begin();
-    calculator.Feed(reinterpret_cast<const std::uint8_t*>(content.data()),
-                    static_cast<std::uint32_t>(content.size()));
-    SomeHash ours = calculator.Finish();
+    SomeHash ours = test::HashOf<HashCalculatorOneDrive>(content);
     std::uint64_t offset = 1;
     ASSERT_EQ(drive_->OpenForCreate({}, path, ours, c.size, 1'600'000'000, &offset, false),
               Result::SUCCEEDED);
@@ -593,13 +590,7 @@ TEST_F(OneDriveFeedTest, FolderOperationsSendOneRequestAndDropTheirEchoes) {
   EXPECT_EQ(Model().count("Other/Made"), 1u);
 }
 
-SomeHash QuickXorOf(const std::string& content) {
-  HashCalculatorOneDrive calculator;
-  calculator.Begin();
-  calculator.Feed(reinterpret_cast<const std::uint8_t*>(content.data()),
-                  static_cast<std::uint32_t>(content.size()));
-  return calculator.Finish();
-}
+constexpr auto QuickXorOf = test::HashOf<HashCalculatorOneDrive>;
 
 // The QuickXor digest as Graph writes it.
 std::string Base64Of(const SomeHash& hash) {

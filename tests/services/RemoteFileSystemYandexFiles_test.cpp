@@ -17,6 +17,7 @@
 #include "emulators/HttpServer.h"
 #include "emulators/YandexDialect.h"
 #include "services/RemoteFileSystemYandex.h"
+#include "support/HashOf.h"
 #include "support/YandexTesting.h"
 
 namespace {
@@ -28,13 +29,7 @@ using emulators::Item;
 using Change = FileSystem::Change;
 using Result = FileSystem::Result;
 
-SomeHash HashOf(const std::string& content) {
-  HashCalculatorYandex calculator;
-  calculator.Begin();
-  calculator.Feed(reinterpret_cast<const std::uint8_t*>(content.data()),
-                  static_cast<std::uint32_t>(content.size()));
-  return calculator.Finish();
-}
+constexpr auto HashOf = test::HashOf<HashCalculatorYandex>;
 
 int MetricCount(const RadarsLogger::Capture& metrics, const std::string& name) {
   const auto all = metrics.Metrics();
