@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <map>
-#include <thread>
 
 #include "core/BackupMetainfoRemoteReader.h"
 #include "core/BackupMetainfoRemoteWriter.h"
@@ -16,6 +15,7 @@
 #include "services/DropboxFileProperties.h"
 #include "services/RemoteFileSystemFactoryDropbox.h"
 #include "support/DropboxTesting.h"
+#include "support/StopOnceReady.h"
 
 namespace {
 
@@ -255,17 +255,13 @@ TEST_F(DropboxMetainfoTest, StopDuringReadAllKeepsWhatWasFound) {
   fixture_.emulator().faults().Add(
       emulators::FaultRule::On("", std::string(kApi) + "properties/search/continue").DelayMs(1500));
   auto reader = factory_.CreateMetainfoReader(urls_);
-  std::thread stopper([&reader] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    reader->Stop();
-  });
   LoggerWrapper::Capture log;
-  const auto started = std::chrono::steady_clock::now();
-  std::vector<BackupMetainfoRecord> records = reader->ReadAll();
-  stopper.join();
-  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(1));
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].cloud_path, "Backups/PC 1");
+  const auto read = test::StopOnceReady([&reader] { return reader->ReadAll(); },
+                                        [this] { return fixture_.emulator().faults().Fired() > 0; },
+                                        [&reader] { reader->Stop(); });
+  EXPECT_LT(read.took, std::chrono::seconds(1));
+  ASSERT_EQ(read.value.size(), 1u);
+  EXPECT_EQ(read.value[0].cloud_path, "Backups/PC 1");
   // Started again, it reads them all.
   fixture_.emulator().faults().Clear();
   reader->Start();

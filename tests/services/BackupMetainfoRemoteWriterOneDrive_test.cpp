@@ -7,7 +7,6 @@
 
 #include <chrono>
 #include <memory>
-#include <thread>
 
 #include "core/BackupMetainfoRemoteReader.h"
 #include "core/Cookie.h"
@@ -21,6 +20,7 @@
 #include "emulators/OneDriveDialect.h"
 #include "services/OneDriveBackupDescription.h"
 #include "services/RemoteFileSystemFactoryOneDrive.h"
+#include "support/StopOnceReady.h"
 
 namespace {
 
@@ -223,18 +223,13 @@ TEST_F(OneDriveMetainfoTest, StopDuringTheWalkEndsItWithTheRecordsFound) {
   // 2. Stop once the listing is held: the walk ends at once with what it has.
   auto reader = factory_.CreateMetainfoReader(http_);
   LoggerWrapper::Capture log;
-  std::thread stopper([&] {
-    while (emulator_->faults().Fired() == 0)
-      std::this_thread::yield();
-    reader->Stop();
-  });
-  const auto began = std::chrono::steady_clock::now();
-  std::vector<BackupMetainfoRecord> records = reader->ReadAll();
-  EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(1));
-  stopper.join();
+  const auto read = test::StopOnceReady([&reader] { return reader->ReadAll(); },
+                                        [this] { return emulator_->faults().Fired() > 0; },
+                                        [&reader] { reader->Stop(); });
+  EXPECT_LT(read.took, std::chrono::seconds(1));
   EXPECT_TRUE(log.Contains("Stopped.")) << testing::PrintToString(log.Lines());
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].cloud_path, "Backups/PC");
+  ASSERT_EQ(read.value.size(), 1u);
+  EXPECT_EQ(read.value[0].cloud_path, "Backups/PC");
 }
 
 TEST_F(OneDriveMetainfoTest, AnAccountWithoutBackupsGivesNoRecord) {

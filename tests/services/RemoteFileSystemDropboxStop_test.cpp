@@ -3,12 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <thread>
 
 #include "core/HashCalculators.h"
 #include "emulators/Faults.h"
 #include "support/DropboxTesting.h"
 #include "support/HashOf.h"
+#include "support/StopOnceReady.h"
 
 namespace {
 
@@ -27,15 +27,13 @@ TEST(DropboxStopTest, StopDuringAChunkAnswersStoppedAndKeepsTheSession) {
             FileSystem::SUCCEEDED);
   ASSERT_EQ(fixture.adapter().WriteFile(reinterpret_cast<const std::uint8_t*>(bytes.data()), 2000),
             FileSystem::SUCCEEDED);
-  std::thread stopper([&fixture] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    fixture.adapter().Stop();
-  });
-  const auto began = std::chrono::steady_clock::now();
   FileSystem::FileProperties props(SomeHash(), 0, bytes.size(), 1700000000, false);
-  EXPECT_EQ(fixture.adapter().CloseFile(&props), FileSystem::STOPPED);
-  EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(1));
-  stopper.join();
+  const auto closed =
+      test::StopOnceReady([&fixture, &props] { return fixture.adapter().CloseFile(&props); },
+                          [&fixture] { return fixture.emulator().faults().Fired() > 0; },
+                          [&fixture] { fixture.adapter().Stop(); });
+  EXPECT_EQ(closed.value, FileSystem::STOPPED);
+  EXPECT_LT(closed.took, std::chrono::seconds(1));
   EXPECT_FALSE(fixture.account().FindByPath("held.bin"));
   // Another adapter of the factory goes on from the finish.
   auto other = fixture.MakeAdapter();

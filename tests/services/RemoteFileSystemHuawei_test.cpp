@@ -8,7 +8,6 @@
 #include <chrono>
 #include <queue>
 #include <set>
-#include <thread>
 #include <typeinfo>
 
 #include "core/Cookie.h"
@@ -29,6 +28,7 @@
 #include "services/RemoteHuaweiUtils.h"
 #include "support/HeapUsage.h"
 #include "support/Processes.h"
+#include "support/StopOnceReady.h"
 
 namespace {
 
@@ -770,18 +770,12 @@ TEST_F(HuaweiTest, MetainfoInertAndStopRules) {
 
   // 3. Stop once that page is asked for: the first page's records, within a second.
   auto reader = factory_->CreateMetainfoReader(http_);
-  std::thread stopper([&] {
-    for (int i = 0; i < 500 && emulator_->server().Requests().size() < 4; ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    reader->Stop();
-  });
   LoggerWrapper::Capture log;
-  const auto started = std::chrono::steady_clock::now();
-  const std::vector<BackupMetainfoRecord> records = reader->ReadAll();
-  stopper.join();
-  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2));
-  EXPECT_EQ(records.size(), emulators::HuaweiDialect::kPageSize);
+  const auto read = test::StopOnceReady(
+      [&reader] { return reader->ReadAll(); },
+      [this] { return emulator_->server().Requests().size() >= 4; }, [&reader] { reader->Stop(); });
+  EXPECT_LT(read.took, std::chrono::seconds(2));
+  EXPECT_EQ(read.value.size(), emulators::HuaweiDialect::kPageSize);
   EXPECT_TRUE(log.Contains("MetainfoReader is stopped."));
   EXPECT_TRUE(reader->ReadAll().empty());
 

@@ -19,6 +19,7 @@
 #include "emulators/OneDriveDialect.h"
 #include "services/RemoteFileSystemOneDrive.h"
 #include "support/HashOf.h"
+#include "support/StopOnceReady.h"
 
 namespace {
 
@@ -132,17 +133,14 @@ TEST_F(OneDriveConcurrencyTest, StopDuringAChunkAnswersStoppedAndKeepsTheSession
                                   &offset, false),
             Result::SUCCEEDED);
   // Stop once the service holds the whole chunk and has yet to answer.
-  std::thread stopper([this] {
-    while (emulator_->faults().Fired() == 0)
-      std::this_thread::yield();
-    drive_->Stop();
-  });
-  const auto began = std::chrono::steady_clock::now();
-  EXPECT_EQ(drive_->WriteFile(reinterpret_cast<const std::uint8_t*>(content.data()),
-                              static_cast<std::uint32_t>(content.size())),
-            Result::STOPPED);
-  EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(1));
-  stopper.join();
+  const auto written = test::StopOnceReady(
+      [this, &content] {
+        return drive_->WriteFile(reinterpret_cast<const std::uint8_t*>(content.data()),
+                                 static_cast<std::uint32_t>(content.size()));
+      },
+      [this] { return emulator_->faults().Fired() > 0; }, [this] { drive_->Stop(); });
+  EXPECT_EQ(written.value, Result::STOPPED);
+  EXPECT_LT(written.took, std::chrono::seconds(1));
   EXPECT_EQ(shared_->sessions.Count(), 1u);
   // Another adapter of the account takes the session up where the service stands.
   RadarsLogger::Capture metrics;
