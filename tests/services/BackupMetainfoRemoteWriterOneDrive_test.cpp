@@ -20,6 +20,7 @@
 #include "emulators/OneDriveDialect.h"
 #include "services/OneDriveBackupDescription.h"
 #include "services/RemoteFileSystemFactoryOneDrive.h"
+#include "support/StartEmulator.h"
 #include "support/StopOnceReady.h"
 
 namespace {
@@ -30,14 +31,11 @@ using emulators::Item;
 class OneDriveMetainfoTest : public testing::Test {
  protected:
   void SetUp() override {
-    std::string error;
     // Small pages, so that a listing of the backups runs over several.
     emulators::OneDriveOptions options;
     options.page_size = 2;
-    emulator_ = emulators::Emulator::Start(emulators::MakeOneDriveDialect(options), 0, &error);
-    ASSERT_NE(emulator_, nullptr) << error;
-    for (const auto& [name, url] : emulator_->Endpoints())
-      Endpoints::Override(name, url);
+    emulator_ = test::StartEmulator(emulators::MakeOneDriveDialect(options));
+    ASSERT_TRUE(emulator_);
     backups_ = Folder(account().RootId(), RemoteFileSystem::kRemoteBackupRootFolder);
   }
   void TearDown() override { Endpoints::ResetOverrides(); }

@@ -17,6 +17,7 @@
 #include "emulators/Emulator.h"
 #include "services/RemoteFileSystemFactoryGoogle.h"
 #include "services/RemoteFileSystemGoogle.h"
+#include "support/StartEmulator.h"
 
 namespace {
 
@@ -25,12 +26,8 @@ using Clock = std::chrono::steady_clock;
 class GoogleStopTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string error;
-    emulator_ = emulators::Emulator::Start("google", 0, &error);
-    ASSERT_TRUE(emulator_) << error;
-    for (const auto& [name, url] : emulator_->Endpoints()) {
-      Endpoints::Override(name, url);
-    }
+    emulator_ = test::StartEmulator(emulators::MakeDialect("google"));
+    ASSERT_TRUE(emulator_);
     fs_.reset(static_cast<RemoteFileSystemGoogle*>(factory_.Create()));
     ASSERT_TRUE(fs_->Open(std::make_shared<CurlURLProcessorFactory>(
         std::make_shared<core::cookie::CookieOAuth>("t"))));

@@ -18,6 +18,7 @@
 #include "emulators/HuaweiDialect.h"
 #include "services/RemoteFSFactoryConstructor.h"
 #include "support/Processes.h"
+#include "support/StartEmulator.h"
 
 namespace {
 
@@ -27,12 +28,8 @@ constexpr std::size_t kSlice = 16 * 1024;
 class HuaweiStopTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string error;
-    emulator_ = emulators::Emulator::Start("huawei", 0, &error);
-    ASSERT_TRUE(emulator_) << error;
-    for (const auto& [name, url] : emulator_->Endpoints()) {
-      Endpoints::Override(name, url);
-    }
+    emulator_ = test::StartEmulator(emulators::MakeDialect("huawei"));
+    ASSERT_TRUE(emulator_);
     static_cast<const emulators::HuaweiDialect&>(emulator_->dialect()).SetSliceSize(kSlice);
     emulators::Item docs;
     emulator_->account().CreateFolder(emulator_->account().RootId(), "docs", &docs);

@@ -28,6 +28,7 @@
 #include "services/RemoteHuaweiUtils.h"
 #include "support/HeapUsage.h"
 #include "support/Processes.h"
+#include "support/StartEmulator.h"
 #include "support/StopOnceReady.h"
 
 namespace {
@@ -38,14 +39,10 @@ using FS = FileSystem;
 class HuaweiTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string error;
-    emulator_ = emulators::Emulator::Start("huawei", 0, &error);
-    ASSERT_TRUE(emulator_) << error;
+    emulator_ = test::StartEmulator(emulators::MakeDialect("huawei"));
+    ASSERT_TRUE(emulator_);
     std::int64_t* clock = &clock_ms_;
     account().SetClock([clock] { return *clock += 1000; });
-    for (const auto& [name, url] : emulator_->Endpoints()) {
-      Endpoints::Override(name, url);
-    }
     factory_.reset(H6BA54F7D00(CloudServiceId::HUAWEI, root_path_));
     http_ = std::make_shared<CurlURLProcessorFactory>(
         std::make_shared<core::cookie::CookieOAuth>("token"));

@@ -19,6 +19,7 @@
 #include "emulators/OneDriveDialect.h"
 #include "services/RemoteFileSystemOneDrive.h"
 #include "support/HashOf.h"
+#include "support/StartEmulator.h"
 #include "support/StopOnceReady.h"
 
 namespace {
@@ -30,11 +31,8 @@ constexpr auto QuickXorOf = test::HashOf<HashCalculatorOneDrive>;
 class OneDriveConcurrencyTest : public testing::Test {
  protected:
   void SetUp() override {
-    std::string error;
-    emulator_ = emulators::Emulator::Start(emulators::MakeOneDriveDialect(), 0, &error);
-    ASSERT_NE(emulator_, nullptr) << error;
-    for (const auto& [name, url] : emulator_->Endpoints())
-      Endpoints::Override(name, url);
+    emulator_ = test::StartEmulator(emulators::MakeOneDriveDialect());
+    ASSERT_TRUE(emulator_);
     emulators::Item work;
     ASSERT_EQ(emulator_->account().CreateFolder(emulator_->account().RootId(), "Work", &work),
               emulators::AccountError::kNone);

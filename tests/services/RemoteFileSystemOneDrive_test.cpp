@@ -26,6 +26,7 @@
 #include "emulators/OneDriveDialect.h"
 #include "services/GraphDriveItem.h"
 #include "support/HashOf.h"
+#include "support/StartEmulator.h"
 
 namespace {
 
@@ -52,11 +53,8 @@ class OneDriveTest : public testing::Test {
   void TearDown() override { Endpoints::ResetOverrides(); }
 
   void StartEmulator(const emulators::OneDriveOptions& options) {
-    std::string error;
-    emulator_ = emulators::Emulator::Start(emulators::MakeOneDriveDialect(options), 0, &error);
-    ASSERT_NE(emulator_, nullptr) << error;
-    for (const auto& [name, url] : emulator_->Endpoints())
-      Endpoints::Override(name, url);
+    emulator_ = test::StartEmulator(emulators::MakeOneDriveDialect(options));
+    ASSERT_TRUE(emulator_);
   }
 
   std::unique_ptr<RemoteFileSystemOneDrive> OpenDrive(const std::string& token = "token") {
@@ -466,10 +464,7 @@ TEST(OneDriveDriveType, DocumentLibraryIsFatal) {
   utils::ScopedClock scoped(&clock);
   emulators::OneDriveOptions options;
   options.drive_type = "documentLibrary";
-  std::string error;
-  auto emulator = emulators::Emulator::Start(emulators::MakeOneDriveDialect(options), 0, &error);
-  for (const auto& [name, url] : emulator->Endpoints())
-    Endpoints::Override(name, url);
+  auto emulator = test::StartEmulator(emulators::MakeOneDriveDialect(options));
   RemoteFileSystemOneDrive drive(std::make_shared<RemoteFileSystemOneDriveSharedData>(), "");
   drive.Open(std::make_shared<CurlURLProcessorFactory>(
       std::make_shared<core::cookie::CookieOAuth>("token")));

@@ -18,6 +18,7 @@
 #include "emulators/YandexDialect.h"
 #include "services/RemoteFileSystemYandex.h"
 #include "support/HashOf.h"
+#include "support/StartEmulator.h"
 #include "support/YandexTesting.h"
 
 namespace {
@@ -57,12 +58,8 @@ class YandexFilesTest : public testing::Test {
   void TearDown() override { Endpoints::ResetOverrides(); }
 
   void Start(emulators::YandexOptions options) {
-    std::string error;
-    emulator_ = emulators::Emulator::Start(emulators::MakeYandexDialect(options), 0, &error);
-    ASSERT_TRUE(emulator_) << error;
-    for (const auto& [name, url] : emulator_->Endpoints()) {
-      Endpoints::Override(name, url);
-    }
+    emulator_ = test::StartEmulator(emulators::MakeYandexDialect(options));
+    ASSERT_TRUE(emulator_);
     fs_ = test::OpenYandex("", &factory_);
     ASSERT_NE(fs_, nullptr);
   }
