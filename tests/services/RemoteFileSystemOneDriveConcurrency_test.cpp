@@ -7,10 +7,6 @@
 #include <queue>
 #include <thread>
 
-#include "core/Clock.h"
-#include "core/Cookie.h"
-#include "core/CurlURLProcessorFactory.h"
-#include "core/Endpoints.h"
 #include "core/HashCalculators.h"
 #include "core/LoggerWrapper.h"
 #include "core/Nodes.h"
@@ -19,7 +15,7 @@
 #include "emulators/OneDriveDialect.h"
 #include "services/RemoteFileSystemOneDrive.h"
 #include "support/HashOf.h"
-#include "support/StartEmulator.h"
+#include "support/OneDriveTesting.h"
 #include "support/StopOnceReady.h"
 
 namespace {
@@ -28,25 +24,17 @@ using Result = FileSystem::Result;
 
 constexpr auto QuickXorOf = test::HashOf<HashCalculatorOneDrive>;
 
-class OneDriveConcurrencyTest : public testing::Test {
+class OneDriveConcurrencyTest : public test::OneDriveEmulatorTest {
  protected:
   void SetUp() override {
-    emulator_ = test::StartEmulator(emulators::MakeOneDriveDialect());
-    ASSERT_TRUE(emulator_);
+    OneDriveEmulatorTest::SetUp();
+    ASSERT_FALSE(HasFatalFailure());
     emulators::Item work;
     ASSERT_EQ(emulator_->account().CreateFolder(emulator_->account().RootId(), "Work", &work),
               emulators::AccountError::kNone);
     drive_ = OpenDrive();
     std::uint64_t free = 0, total = 0;
     ASSERT_EQ(drive_->GetFullTree(&root_, &free, &total, nullptr), Result::SUCCEEDED);
-  }
-  void TearDown() override { Endpoints::ResetOverrides(); }
-
-  std::unique_ptr<RemoteFileSystemOneDrive> OpenDrive() {
-    auto drive = std::make_unique<RemoteFileSystemOneDrive>(shared_, "");
-    EXPECT_TRUE(drive->Open(std::make_shared<CurlURLProcessorFactory>(
-        std::make_shared<core::cookie::CookieOAuth>("token"))));
-    return drive;
   }
   Result Upload(const std::string& path, const std::string& content, std::uint64_t time) {
     std::uint64_t offset = 0;
@@ -60,11 +48,6 @@ class OneDriveConcurrencyTest : public testing::Test {
     return result;
   }
 
-  utils::ManualClock clock_;
-  utils::ScopedClock scoped_clock_{&clock_};
-  std::unique_ptr<emulators::Emulator> emulator_;
-  std::shared_ptr<RemoteFileSystemOneDriveSharedData> shared_ =
-      std::make_shared<RemoteFileSystemOneDriveSharedData>();
   std::unique_ptr<RemoteFileSystemOneDrive> drive_;
   FolderNode root_;
 };

@@ -26,6 +26,7 @@
 #include "emulators/OneDriveDialect.h"
 #include "services/GraphDriveItem.h"
 #include "support/HashOf.h"
+#include "support/OneDriveTesting.h"
 #include "support/StartEmulator.h"
 
 namespace {
@@ -47,25 +48,8 @@ void ListTree(const FolderNode& folder, const std::string& prefix, Listing* out)
     (*out)[prefix + it->GetName()] = std::to_string(it->size);
 }
 
-class OneDriveTest : public testing::Test {
+class OneDriveTest : public test::OneDriveEmulatorTest {
  protected:
-  void SetUp() override { StartEmulator(emulators::OneDriveOptions()); }
-  void TearDown() override { Endpoints::ResetOverrides(); }
-
-  void StartEmulator(const emulators::OneDriveOptions& options) {
-    emulator_ = test::StartEmulator(emulators::MakeOneDriveDialect(options));
-    ASSERT_TRUE(emulator_);
-  }
-
-  std::unique_ptr<RemoteFileSystemOneDrive> OpenDrive(const std::string& token = "token") {
-    auto drive = std::make_unique<RemoteFileSystemOneDrive>(shared_, "");
-    EXPECT_TRUE(drive->Open(std::make_shared<CurlURLProcessorFactory>(
-        std::make_shared<core::cookie::CookieOAuth>(token))));
-    return drive;
-  }
-
-  emulators::CloudAccount& account() { return emulator_->account(); }
-
   std::string AddFolder(const std::string& parent, const std::string& name) {
     Item item;
     EXPECT_EQ(account().CreateFolder(parent, name, &item), emulators::AccountError::kNone);
@@ -122,11 +106,6 @@ class OneDriveTest : public testing::Test {
     return deltas;
   }
 
-  utils::ManualClock clock_;
-  utils::ScopedClock scoped_clock_{&clock_};
-  std::unique_ptr<emulators::Emulator> emulator_;
-  std::shared_ptr<RemoteFileSystemOneDriveSharedData> shared_ =
-      std::make_shared<RemoteFileSystemOneDriveSharedData>();
   FolderNode root_;
   std::uint64_t free_ = 0;
   std::uint64_t total_ = 0;
