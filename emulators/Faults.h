@@ -1,13 +1,10 @@
 // Faults: what a test or a person tells an emulator to do wrong, the same for every service.
 //
-//   emulators::FaultRule rule;
-//   rule.verb = "GET";
-//   rule.path_prefix = "/drive/v3/files";
-//   rule.nth = 2;                 // the second matching request from now on...
-//   rule.times = 3;               // ...and the two after it
-//   rule.fault.status = 429;      // answered with the service's own rate-limit body
-//   rule.fault.retry_after_s = 7;
-//   emulator.faults().Add(rule);
+//   emulator.faults().Add(emulators::FaultRule::On("GET", "/drive/v3/files")
+//                             .Nth(2)        // the second matching request from now on...
+//                             .Times(3)      // ...and the two after it
+//                             .Status(429)   // answered with the service's own rate-limit body
+//                             .RetryAfter(7));
 //
 // A process gives the same rule as JSON on the control path (POST /_emulator/faults):
 //   {"verb":"GET","path":"/drive/v3/files","nth":2,"times":3,"status":429,"retry_after":7}
@@ -20,6 +17,7 @@
 #include <mutex>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace emulators {
@@ -61,6 +59,46 @@ struct FaultRule {
   int nth = 1;              // the first matching request it takes, counted from its adding
   int times = 1;            // how many in a row; 0 or less: every one from nth on
   Fault fault;
+
+  // A rule in one expression. The setters change this rule and hand it back; the rule On() makes
+  // lives to the end of the statement, so keep a chain's result by value, never by reference.
+  static FaultRule On(std::string verb = {}, std::string path_prefix = {}) {
+    FaultRule rule;
+    rule.verb = std::move(verb);
+    rule.path_prefix = std::move(path_prefix);
+    return rule;
+  }
+  FaultRule& Nth(int n) { return Set(&FaultRule::nth, n); }
+  FaultRule& Times(int n) { return Set(&FaultRule::times, n); }
+  FaultRule& Status(int status) { return Set(&Fault::status, status); }
+  FaultRule& Error(std::string error) { return Set(&Fault::error, std::move(error)); }
+  FaultRule& RetryAfter(int seconds) { return Set(&Fault::retry_after_s, seconds); }
+  FaultRule& DelayMs(int ms) { return Set(&Fault::delay_ms, ms); }
+  FaultRule& CutAfter(std::uint64_t bytes) { return Set(&Fault::cut_after, bytes); }
+  FaultRule& FlipByte(std::uint64_t at) { return Set(&Fault::flip_byte, at); }
+  FaultRule& Reset(bool reset = true) { return Set(&Fault::reset, reset); }
+  FaultRule& Trickle(std::size_t bytes, int interval_ms) {
+    Set(&Fault::trickle_bytes, bytes);
+    return Set(&Fault::trickle_interval_ms, interval_ms);
+  }
+  FaultRule& DropField(std::string field) { return Set(&Fault::drop_field, std::move(field)); }
+  FaultRule& PersistLimit(std::uint64_t bytes) { return Set(&Fault::persist_limit, bytes); }
+  FaultRule& ExpireSessions() { return Set(&Fault::expire_sessions, true); }
+  FaultRule& ChangeAfter(ForeignChange change) {
+    return Set(&Fault::change_after, std::move(change));
+  }
+
+ private:
+  template <typename Member, typename Value>
+  FaultRule& Set(Member FaultRule::*member, Value&& value) {
+    this->*member = std::forward<Value>(value);
+    return *this;
+  }
+  template <typename Member, typename Value>
+  FaultRule& Set(Member Fault::*member, Value&& value) {
+    fault.*member = std::forward<Value>(value);
+    return *this;
+  }
 };
 
 class FaultBook {

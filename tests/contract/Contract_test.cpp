@@ -437,31 +437,23 @@ TEST_P(ContractTest, BrokenAnswersNeverPassAsWhole) {
   // Retry waits pass on a clock of the test's own.
   utils::ManualClock clock;
   utils::ScopedClock scoped(&clock);
+  using emulators::FaultRule;
   struct Case {
     const char* what;
-    emulators::Fault fault;
+    FaultRule rule;
   };
-  std::vector<Case> cases(5);
-  cases[0] = {"body cut after 1000 bytes", {}};
-  cases[0].fault.cut_after = 1000;
-  cases[1] = {"reset after 1000 bytes", {}};
-  cases[1].fault.cut_after = 1000;
-  cases[1].fault.reset = true;
-  cases[2] = {"reset instead of an answer", {}};
-  cases[2].fault.reset = true;
-  cases[3] = {"503 with Retry-After", {}};
-  cases[3].fault.status = 503;
-  cases[3].fault.retry_after_s = 3;
-  cases[4] = {"429 with Retry-After", {}};
-  cases[4].fault.status = 429;
-  cases[4].fault.retry_after_s = 2;
+  const Case cases[] = {
+      {"body cut after 1000 bytes", FaultRule::On().CutAfter(1000)},
+      {"reset after 1000 bytes", FaultRule::On().CutAfter(1000).Reset()},
+      {"reset instead of an answer", FaultRule::On().Reset()},
+      {"503 with Retry-After", FaultRule::On().Status(503).RetryAfter(3)},
+      {"429 with Retry-After", FaultRule::On().Status(429).RetryAfter(2)},
+  };
   int round = 0;
   for (const Case& c : cases) {
     for (int nth = 1; nth <= 2; ++nth) {
       SCOPED_TRACE(std::string(c.what) + ", request " + std::to_string(nth));
-      emulators::FaultRule rule;
-      rule.nth = nth;
-      rule.fault = c.fault;
+      const FaultRule rule = FaultRule(c.rule).Nth(nth);
       // 1. A read.
       target_->ClearFaults();
       target_->AddFault(rule);

@@ -112,10 +112,7 @@ void EmulatorTarget::ClearFaults() {
 }
 
 bool EmulatorTarget::SlowDown() {
-  emulators::FaultRule rule;
-  rule.times = 0;
-  rule.fault.delay_ms = 5000;
-  emulator_->faults().Add(rule);
+  emulator_->faults().Add(emulators::FaultRule::On().Times(0).DelayMs(5000));
   return true;
 }
 

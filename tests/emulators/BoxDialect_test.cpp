@@ -3,7 +3,6 @@
 // and commits, and Box's error objects.
 #include "emulators/BoxDialect.h"
 
-#include <curl/curl.h>
 #include <gtest/gtest.h>
 
 #include <QByteArray>
@@ -15,57 +14,23 @@
 #include <vector>
 
 #include "emulators/Emulator.h"
+#include "support/Fetch.h"
 
 namespace {
 
-struct Answer {
-  long status = 0;
-  std::string body;
-  std::string headers;
+using test::Answer;
 
-  QJsonObject Json() const {
-    return QJsonDocument::fromJson(QByteArray::fromStdString(body)).object();
-  }
-  // The value of a header of the answer; empty when missing.
-  std::string Header(const std::string& name) const {
-    const int at = QByteArray::fromStdString(headers).toLower().indexOf(
-        QByteArray::fromStdString(name).toLower() + ": ");
-    if (at < 0)
-      return std::string();
-    const std::size_t start = static_cast<std::size_t>(at) + name.size() + 2;
-    return headers.substr(start, headers.find("\r\n", start) - start);
-  }
-};
-
+// With the emulator's token unless `token` is false.
 Answer Send(const std::string& verb, const std::string& url, const std::string& body = "",
-            std::vector<std::string> header_lines = {}, bool token = true) {
-  Answer answer;
-  CURL* curl = curl_easy_init();
-  curl_slist* headers = nullptr;
-  if (token)
-    header_lines.push_back("Authorization: Bearer t");
-  for (const std::string& line : header_lines)
-    headers = curl_slist_append(headers, line.c_str());
-  auto append = +[](char* data, size_t size, size_t count, void* out) {
-    static_cast<std::string*>(out)->append(data, size * count);
-    return size * count;
-  };
-  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, verb.c_str());
-  if (!body.empty()) {
-    curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.data());
-    curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(body.size()));
-  }
-  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
-  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, append);
-  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &answer.body);
-  curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, append);
-  curl_easy_setopt(curl, CURLOPT_HEADERDATA, &answer.headers);
-  curl_easy_perform(curl);
-  curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &answer.status);
-  curl_slist_free_all(headers);
-  curl_easy_cleanup(curl);
-  return answer;
+            const std::vector<std::string>& header = {}, bool token = true) {
+  std::string lines;
+  for (const std::string& line : header)
+    lines += line + "\n";
+  return test::Fetch(verb, url, token ? "Bearer t" : "", body, "", lines);
+}
+
+QJsonObject Json(const Answer& answer) {
+  return QJsonDocument::fromJson(QByteArray::fromStdString(answer.body)).object();
 }
 
 std::string Sha1Base64(const std::string& bytes) {
@@ -97,23 +62,21 @@ TEST_F(BoxDialectTest, PagesStopAtBoxsCapAndTheLastMarkerIsNull) {
     account().CreateFile(folder.id, "f" + std::to_string(i), "x", 0, nullptr);
   // 1. Marker paging: a limit above 1000 gives 1000, then the rest with a null marker.
   const std::string items = api_ + "folders/" + folder.id + "/items?fields=id,name&usemarker=true";
-  QJsonObject first = Send("GET", items + "&limit=7000").Json();
+  QJsonObject first = Json(Send("GET", items + "&limit=7000"));
   EXPECT_EQ(first["entries"].toArray().size(), 1000);
   EXPECT_EQ(first["limit"].toInt(), 1000);
   ASSERT_TRUE(first["next_marker"].isString());
-  QJsonObject last =
-      Send("GET", items + "&limit=7000&marker=" + first["next_marker"].toString().toStdString())
-          .Json();
+  QJsonObject last = Json(
+      Send("GET", items + "&limit=7000&marker=" + first["next_marker"].toString().toStdString()));
   EXPECT_EQ(last["entries"].toArray().size(), 5);
   EXPECT_EQ(last["entries"].toArray()[0].toObject()["name"].toString(), "f1000");
   EXPECT_TRUE(last.contains("next_marker") && last["next_marker"].isNull());
   // 2. Without a limit, Box's default page; offset paging counts the whole folder.
-  QJsonObject by_offset = Send("GET", api_ + "folders/" + folder.id + "/items?offset=1000").Json();
+  QJsonObject by_offset = Json(Send("GET", api_ + "folders/" + folder.id + "/items?offset=1000"));
   EXPECT_EQ(by_offset["entries"].toArray().size(), 5);
   EXPECT_EQ(by_offset["total_count"].toInt(), 1005);
-  EXPECT_EQ(
-      Send("GET", api_ + "folders/" + folder.id + "/items").Json()["entries"].toArray().size(),
-      100);
+  EXPECT_EQ(Json(Send("GET", api_ + "folders/" + folder.id + "/items"))["entries"].toArray().size(),
+            100);
   // 3. Bad paging arguments are refused as Box refuses them.
   EXPECT_EQ(Send("GET", items + "&limit=0").status, 400);
   EXPECT_EQ(Send("GET", items + "&marker=%21%21").status, 400);
@@ -153,8 +116,8 @@ TEST_F(BoxDialectTest, SessionPartsAndCommitsAreChecked) {
   EXPECT_EQ(Send("POST", create, "{" + folder + R"(,"file_size":")" + size + "\"}").status, 400);
   Answer small = Send("POST", create, "{" + folder + R"(,"file_size":1000})");
   EXPECT_EQ(small.status, 400);
-  EXPECT_EQ(small.Json()["code"].toString(), "file_size_too_small");
-  QJsonObject session = Send("POST", create, "{" + folder + R"(,"file_size":)" + size + "}").Json();
+  EXPECT_EQ(Json(small)["code"].toString(), "file_size_too_small");
+  QJsonObject session = Json(Send("POST", create, "{" + folder + R"(,"file_size":)" + size + "}"));
   ASSERT_EQ(session["part_size"].toDouble(), static_cast<double>(kPart));
   EXPECT_EQ(session["total_parts"].toInt(), 3);
   const std::string part_url =
@@ -193,16 +156,16 @@ TEST_F(BoxDialectTest, SessionPartsAndCommitsAreChecked) {
         {range(c.first, c.length), "Digest: " + digest, "Content-Type: application/octet-stream"});
     EXPECT_EQ(answer.status, c.status) << answer.body;
     if (answer.status == 200) {
-      QJsonObject part = answer.Json()["part"].toObject();
+      QJsonObject part = Json(answer)["part"].toObject();
       EXPECT_EQ(part["offset"].toDouble(), static_cast<double>(c.first));
       EXPECT_EQ(part["size"].toDouble(), static_cast<double>(c.length));
       accepted.append(QJsonObject{
           {"part_id", part["part_id"]}, {"offset", part["offset"]}, {"size", part["size"]}});
     } else {
-      EXPECT_EQ(answer.Json()["type"].toString(), "error");
+      EXPECT_EQ(Json(answer)["type"].toString(), "error");
     }
   }
-  QJsonObject listed = Send("GET", part_url + "/parts").Json();
+  QJsonObject listed = Json(Send("GET", part_url + "/parts"));
   EXPECT_EQ(listed["entries"].toArray().size(), 3);
   // 3. The commit: the whole file's digest, exactly the parts received, then 202 once.
   const std::string whole = "Digest: sha=" + Sha1Base64(file);
@@ -234,7 +197,7 @@ TEST_F(BoxDialectTest, SessionPartsAndCommitsAreChecked) {
       EXPECT_EQ(committed.Header("Retry-After"), "1");
     }
   }
-  QJsonObject item = committed.Json()["entries"].toArray()[0].toObject();
+  QJsonObject item = Json(committed)["entries"].toArray()[0].toObject();
   EXPECT_EQ(item["name"].toString(), "s.bin");
   EXPECT_EQ(item["size"].toDouble(), static_cast<double>(file.size()));
   EXPECT_EQ(item["sha1"].toString().toStdString(),
@@ -277,7 +240,7 @@ TEST_F(BoxDialectTest, FailuresCarryBoxsErrorObject) {
     Answer answer =
         Send(c.verb, c.url, c.body, {"if-match: 999", "Content-Type: application/json"});
     EXPECT_EQ(answer.status, c.status) << answer.body;
-    QJsonObject error = answer.Json();
+    QJsonObject error = Json(answer);
     EXPECT_EQ(error["type"].toString(), "error");
     EXPECT_EQ(error["status"].toInt(), c.status);
     EXPECT_EQ(error["code"].toString().toStdString(), c.code);
@@ -285,7 +248,7 @@ TEST_F(BoxDialectTest, FailuresCarryBoxsErrorObject) {
   // The conflict names the item in the way; a refused token has no body at all.
   Answer conflict =
       Send("POST", api_ + "folders", R"({"name":"TAKEN","parent":{"id":")" + root + R"("}})");
-  EXPECT_EQ(conflict.Json()["context_info"].toObject()["conflicts"].toArray()[0].toObject()["name"],
+  EXPECT_EQ(Json(conflict)["context_info"].toObject()["conflicts"].toArray()[0].toObject()["name"],
             "Taken");
   Answer refused =
       Send("GET", api_ + "users/me", "", {"Authorization: Bearer rejected-token"}, false);

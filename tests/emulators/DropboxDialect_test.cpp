@@ -2,7 +2,6 @@
 // paging with cursors, the longpoll's hold and its reset.
 #include "emulators/DropboxDialect.h"
 
-#include <curl/curl.h>
 #include <gtest/gtest.h>
 
 #include <QJsonArray>
@@ -12,41 +11,17 @@
 #include <chrono>
 
 #include "emulators/Emulator.h"
+#include "support/Fetch.h"
 
 namespace {
 
-struct Answer {
-  long status = 0;
-  std::string body;
-  std::string headers;
-};
+using test::Answer;
 
 Answer Post(const std::string& url, const std::string& body, const std::string& arg = "",
             bool token = true) {
-  Answer answer;
-  CURL* curl = curl_easy_init();
-  curl_slist* headers = nullptr;
-  if (token)
-    headers = curl_slist_append(headers, "Authorization: Bearer t");
-  headers = curl_slist_append(headers, "Content-Type: application/json");
-  if (!arg.empty())
-    headers = curl_slist_append(headers, ("Dropbox-API-Arg: " + arg).c_str());
-  auto append = +[](char* data, size_t size, size_t count, void* out) {
-    static_cast<std::string*>(out)->append(data, size * count);
-    return size * count;
-  };
-  curl_easy_setopt(curl, CURLOPT_URL, url.c_str());
-  curl_easy_setopt(curl, CURLOPT_POSTFIELDS, body.c_str());
-  curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
-  curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, append);
-  curl_easy_setopt(curl, CURLOPT_WRITEDATA, &answer.body);
-  curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, append);
-  curl_easy_setopt(curl, CURLOPT_HEADERDATA, &answer.headers);
-  curl_easy_perform(curl);
-  curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &answer.status);
-  curl_slist_free_all(headers);
-  curl_easy_cleanup(curl);
-  return answer;
+  return test::Fetch("POST", url, token ? "Bearer t" : "", body, "",
+                     "Content-Type: application/json" +
+                         (arg.empty() ? std::string() : "\nDropbox-API-Arg: " + arg));
 }
 
 QJsonObject Json(const std::string& body) {
@@ -106,11 +81,7 @@ TEST_F(DropboxDialectTest, RefusalsAndErrorBodiesAreDropboxs) {
   EXPECT_EQ(Json(refused.body)["error"].toObject()[".tag"].toString(), "invalid_access_token");
   // Rate limits: JSON with "retry_after" under "error", or plain text.
   for (const char* code : {"too_many_requests:300", "plain"}) {
-    emulators::FaultRule rule;
-    rule.fault.status = 429;
-    rule.fault.error = code;
-    rule.fault.retry_after_s = 300;
-    emulator_->faults().Add(rule);
+    emulator_->faults().Add(emulators::FaultRule::On().Status(429).Error(code).RetryAfter(300));
     Answer answer = Post(api_ + "users/get_space_usage", "");
     EXPECT_EQ(answer.status, 429);
     EXPECT_NE(answer.headers.find("Retry-After: 300"), std::string::npos);

@@ -9,6 +9,7 @@
 #include <QJsonObject>
 
 #include <chrono>
+#include <optional>
 #include <string>
 
 #include <gtest/gtest.h>
@@ -107,15 +108,12 @@ TEST_F(EmulatorTest, EndpointsNameEveryHostOfTheDialect) {
 }
 
 TEST_F(EmulatorTest, RulesTakeTheNthMatchingRequestsForTheirCount) {
-  emulators::FaultRule rule;
-  rule.verb = "GET";
-  rule.path_prefix = "/api/";
-  rule.nth = 2;
-  rule.times = 2;
-  rule.fault.status = 429;
-  rule.fault.error = "too_many_requests";
-  rule.fault.retry_after_s = 7;
-  emulator_->faults().Add(rule);
+  emulator_->faults().Add(emulators::FaultRule::On("GET", "/api/")
+                              .Nth(2)
+                              .Times(2)
+                              .Status(429)
+                              .Error("too_many_requests")
+                              .RetryAfter(7));
 
   std::vector<long> statuses;
   for (int i = 0; i < 5; ++i) {
@@ -130,6 +128,60 @@ TEST_F(EmulatorTest, RulesTakeTheNthMatchingRequestsForTheirCount) {
   // Another path or verb is neither taken nor counted.
   EXPECT_EQ(Fetch("GET", base_ + "/up/a.txt", "").status, 200);
   EXPECT_EQ(emulator_->faults().Fired(), 2);
+}
+
+// Every member a fault has, so that two faults compare in one line of a failure message.
+std::string Members(const std::optional<emulators::Fault>& fault) {
+  if (!fault)
+    return "none";
+  std::string change;
+  if (fault->change_after) {
+    const emulators::ForeignChange& c = *fault->change_after;
+    change = c.op + ":" + c.path + ":" + c.to + ":" + c.content;
+  }
+  return std::to_string(fault->status) + "/" + fault->error + "/" +
+         std::to_string(fault->retry_after_s) + "/" + std::to_string(fault->delay_ms) + "/" +
+         std::to_string(fault->cut_after) + "/" + std::to_string(fault->flip_byte) + "/" +
+         std::to_string(fault->reset) + "/" + std::to_string(fault->trickle_bytes) + "/" +
+         std::to_string(fault->trickle_interval_ms) + "/" + fault->drop_field + "/" +
+         std::to_string(fault->persist_limit) + "/" + std::to_string(fault->expire_sessions) + "/" +
+         change;
+}
+
+// A rule written in C++ and its JSON form, as `corvane emulate` takes it, fault the same requests
+// the same way.
+TEST(FaultRuleTest, TheBuilderAndTheJsonFormMeanTheSame) {
+  using emulators::FaultRule;
+  struct Case {
+    const char* name;
+    FaultRule built;
+    const char* json;
+  };
+  const Case cases[] = {
+      {"window", FaultRule::On("PUT", "/a/").Nth(2).Times(2).Status(503).RetryAfter(3),
+       R"({"verb":"PUT","path":"/a/","nth":2,"times":2,"status":503,"retry_after":3})"},
+      {"every one, late", FaultRule::On().Times(0).Status(429).Error("busy").DelayMs(20),
+       R"({"times":0,"status":429,"error":"busy","delay_ms":20})"},
+      {"bent body", FaultRule::On().CutAfter(5).FlipByte(2).Reset().Trickle(4, 1),
+       R"({"cut_after":5,"flip_byte":2,"reset":true,"trickle_bytes":4,"trickle_interval_ms":1})"},
+      {"account",
+       FaultRule::On().DropField("id").PersistLimit(100).ExpireSessions().ChangeAfter(
+           {"create", "a/b", "", "x"}),
+       R"({"drop_field":"id","persist_limit":100,"expire_sessions":true,)"
+       R"("change":{"op":"create","path":"a/b","content":"x"}})"},
+  };
+  for (const Case& c : cases) {
+    emulators::FaultBook built;
+    built.Add(c.built);
+    emulators::FaultBook read;
+    std::string error;
+    ASSERT_TRUE(read.Add(c.json, &error)) << c.name << ": " << error;
+    for (int i = 0; i < 6; ++i) {
+      const std::string verb = i % 2 ? "PUT" : "GET";
+      EXPECT_EQ(Members(built.Take(verb, "/a/x")), Members(read.Take(verb, "/a/x")))
+          << c.name << ", request " << i + 1;
+    }
+  }
 }
 
 TEST_F(EmulatorTest, ControlPathTakesRulesChangesAndSeeds) {

@@ -290,11 +290,7 @@ TEST_F(GoogleDialectTest, AResumableSessionTakesItsBytesInPieces) {
       {"the rest", "bytes 262144-614399" + total, content.substr(262144), 200, ""},
       {"asked again", "bytes */" + std::to_string(content.size()), "", 200, ""},
   };
-  emulators::FaultRule keep;
-  keep.verb = "PUT";
-  keep.nth = 2;
-  keep.fault.persist_limit = 300 * 1024;
-  emulator_->faults().Add(keep);
+  emulator_->faults().Add(emulators::FaultRule::On("PUT").Nth(2).PersistLimit(300 * 1024));
   for (const Step& step : steps) {
     SCOPED_TRACE(step.what);
     test::Answer answer = test::Fetch("PUT", location, "", step.body, std::string(),

@@ -3,8 +3,6 @@
 // adapter meeting a session or slice answer that is not JSON, as a proxy in the way may give.
 #include "emulators/HuaweiDialect.h"
 
-#include <strings.h>
-
 #include <QJsonArray>
 #include <QJsonDocument>
 #include <QJsonObject>
@@ -25,7 +23,6 @@
 #include "emulators/Emulator.h"
 #include "services/RemoteFSFactoryConstructor.h"
 #include "support/Fetch.h"
-#include "support/Processes.h"
 
 namespace {
 
@@ -110,17 +107,6 @@ class HuaweiDialectTest : public ::testing::Test {
   static QJsonObject Json(const test::Answer& answer) {
     return QJsonDocument::fromJson(QByteArray::fromStdString(answer.body)).object();
   }
-  static std::string Header(const test::Answer& answer, const std::string& name) {
-    for (const std::string& line : test::Lines(answer.headers)) {
-      if (line.size() > name.size() + 1 &&
-          strncasecmp(line.c_str(), name.c_str(), name.size()) == 0 && line[name.size()] == ':') {
-        std::string value = line.substr(name.size() + 1);
-        value.erase(0, value.find_first_not_of(' '));
-        return value.substr(0, value.find_last_not_of("\r ") + 1);
-      }
-    }
-    return std::string();
-  }
 
   GarblingHuawei* dialect_ = nullptr;
   std::unique_ptr<emulators::Emulator> emulator_;
@@ -156,7 +142,7 @@ TEST_F(HuaweiDialectTest, SessionsAnswer308WithTheRangeTheyHold) {
   test::Answer opened = Call("POST", "/upload/drive/v1/files?uploadType=resume&fields=*", metadata,
                              "", "X-Upload-Content-Length: 10");
   ASSERT_EQ(opened.status, 200) << opened.body;
-  const std::string session = Header(opened, "Location");
+  const std::string session = opened.Header("Location");
   ASSERT_NE(session, "");
   EXPECT_GT(Json(opened)["sliceSize"].toDouble(), 0);
   // 2. Each answer but the last is a 308 naming what the server holds.
@@ -172,7 +158,7 @@ TEST_F(HuaweiDialectTest, SessionsAnswer308WithTheRangeTheyHold) {
   for (const Step& step : steps) {
     test::Answer answer = Call("PUT", session, step.body, "", "Content-Range: " + step.range);
     EXPECT_EQ(answer.status, step.status) << step.range << " " << answer.body;
-    EXPECT_EQ(Header(answer, "Range"), step.held) << step.range;
+    EXPECT_EQ(answer.Header("Range"), step.held) << step.range;
     if (step.status == 308) {
       EXPECT_EQ(Json(answer)["rangeList"].toArray().at(0).toObject()["end"].toInt(), 3);
     } else {

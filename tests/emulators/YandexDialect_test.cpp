@@ -37,17 +37,6 @@ std::string Param(const std::string& value) {
   return QUrl::toPercentEncoding(QString::fromStdString(value)).toStdString();
 }
 
-// The value of a header of the answer; empty when missing.
-std::string HeaderOf(const test::Answer& answer, const std::string& name) {
-  std::string lower = QString::fromStdString(answer.headers).toLower().toStdString();
-  std::string key = "\n" + QString::fromStdString(name).toLower().toStdString() + ": ";
-  std::size_t at = ("\n" + lower).find(key);
-  if (at == std::string::npos)
-    return std::string();
-  std::size_t start = at + key.size() - 1;
-  return answer.headers.substr(start, answer.headers.find('\r', start) - start);
-}
-
 class YandexDialectTest : public ::testing::Test {
  protected:
   void Start(const emulators::YandexOptions& options = emulators::YandexOptions()) {
@@ -105,7 +94,7 @@ TEST_F(YandexDialectTest, BinarySnapshotIsServedByteForByteForTheExactQueryOnly)
     if (c.status == 200) {
       EXPECT_EQ(QByteArray::fromStdString(answer.body).toHex(),
                 QByteArray::fromStdString(c.body).toHex());
-      EXPECT_EQ(HeaderOf(answer, "Item-Count"), c.count);
+      EXPECT_EQ(answer.Header("Item-Count"), c.count);
     }
   }
 }
@@ -117,7 +106,7 @@ TEST_F(YandexDialectTest, ASnapshotCanBeSpoiledOnPurpose) {
   test::Answer answer = Call("GET", "/webdav/disk/Docs?index&v=3");
   EXPECT_EQ(answer.body.substr(0, 6), std::string("\x02\x04") + "Docs");
   EXPECT_EQ(answer.body.back(), '\x07');
-  EXPECT_EQ(HeaderOf(answer, "Item-Count"), "2");
+  EXPECT_EQ(answer.Header("Item-Count"), "2");
 }
 
 TEST_F(YandexDialectTest, ItemCountSaysWhatTheTestAsks) {
@@ -128,7 +117,7 @@ TEST_F(YandexDialectTest, ItemCountSaysWhatTheTestAsks) {
     Start(options);
     test::Answer answer = Call("GET", "/webdav/disk?index&v=3");
     EXPECT_EQ(answer.status, 200);
-    EXPECT_EQ(HeaderOf(answer, "Item-Count"), said);
+    EXPECT_EQ(answer.Header("Item-Count"), said);
     EXPECT_EQ(answer.headers.find("Item-Count") != std::string::npos, *said != '\0');
   }
 }
@@ -258,19 +247,12 @@ TEST_F(YandexDialectTest, FilesStillBeingHashedComeWithoutDigests) {
 }
 
 TEST_F(YandexDialectTest, ErrorsCarryYandexBodies) {
-  emulators::FaultRule locked;
-  locked.path_prefix = "/v1/disk/resources/move";
-  locked.fault.status = 423;
-  emulator_->faults().Add(locked);
-  emulators::FaultRule limited;
-  limited.path_prefix = "/v1/disk/resources/publish";
-  limited.fault.status = 429;
-  emulator_->faults().Add(limited);
-  emulators::FaultRule named;
-  named.path_prefix = "/v1/disk/resources/upload";
-  named.fault.status = 507;
-  named.fault.error = "DiskStorageQuotaExhaustedError";
-  emulator_->faults().Add(named);
+  using emulators::FaultRule;
+  emulator_->faults().Add(FaultRule::On("", "/v1/disk/resources/move").Status(423));
+  emulator_->faults().Add(FaultRule::On("", "/v1/disk/resources/publish").Status(429));
+  emulator_->faults().Add(FaultRule::On("", "/v1/disk/resources/upload")
+                              .Status(507)
+                              .Error("DiskStorageQuotaExhaustedError"));
   struct Case {
     const char* what;
     std::string verb, path, token;
@@ -470,7 +452,7 @@ TEST_F(YandexDialectTest, FilesGoByLinks) {
   test::Answer read = test::Fetch("GET", link["href"].toString().toStdString(), "", "", "bytes=1-");
   EXPECT_EQ(read.status, 206);
   EXPECT_EQ(read.body, "ello");
-  EXPECT_EQ(HeaderOf(read, "ETag"), kHelloMd5);
+  EXPECT_EQ(read.Header("ETag"), kHelloMd5);
   // 2. An upload link with the digests of known content: 201, no link.
   std::string known = "/v1/disk/resources/upload?path=disk:/k.txt&md5=" + kHelloMd5 +
                       "&sha256=" + kHelloSha256 + "&size=5";
@@ -562,19 +544,12 @@ TEST_F(YandexDialectTest, BigUploadsKeepOnlyTheirDigests) {
 
 TEST_F(YandexDialectTest, FaultsReachTheWebDavHost) {
   // 1. A snapshot cut after ten bytes.
-  emulators::FaultRule cut;
-  cut.verb = "GET";
-  cut.path_prefix = "/webdav/disk";
-  cut.fault.cut_after = 10;
-  emulator_->faults().Add(cut);
+  emulator_->faults().Add(emulators::FaultRule::On("GET", "/webdav/disk").CutAfter(10));
   test::Answer answer = Call("GET", "/webdav/disk?index&v=3");
   EXPECT_EQ(answer.code, CURLE_PARTIAL_FILE);
   EXPECT_EQ(answer.body.size(), 10u);
   // 2. A listing answered 503, with Yandex's body, then served again.
-  emulators::FaultRule busy;
-  busy.verb = "PROPFIND";
-  busy.fault.status = 503;
-  emulator_->faults().Add(busy);
+  emulator_->faults().Add(emulators::FaultRule::On("PROPFIND").Status(503));
   answer = Call("PROPFIND", "/webdav/", "", "Depth: 1");
   EXPECT_EQ(answer.status, 503);
   EXPECT_EQ(Json(answer.body)["error"], "DiskServiceUnavailableError");

@@ -6,12 +6,13 @@
 
 #include "core/LoggerWrapper.h"
 #include "services/BoxItems.h"
+#include "tests/fuzz/FuzzInput.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   static const bool quiet = LoggerWrapper::SetLogFile("/dev/null");
   (void)quiet;
   utils::json::json_tree tree;
-  if (!utils::json::Parse(std::string(reinterpret_cast<const char*>(data), size), &tree))
+  if (!fuzz::ParseJson(data, size, &tree))
     return 0;
   rest_api::BoxItemsPage page;
   if (!rest_api::ParseBoxItemsPage(tree, &page))

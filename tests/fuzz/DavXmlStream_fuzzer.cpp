@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "core/InputStream.h"
-#include "core/LoggerWrapper.h"
+#include "tests/fuzz/FuzzInput.h"
 #include "tests/fuzz/SplitReads.h"
 #include "tests/support/XmlTokens.h"
 
@@ -34,11 +34,7 @@ bool Balanced(const std::vector<std::string>& tokens) {
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const bool quiet = [] {
-    LoggerWrapper::SetStderrLevel(LogType::kFatal);
-    return true;
-  }();
-  (void)quiet;
+  fuzz::QuietLog();
   const auto [body, splits] = fuzz::SplitInput(data, size, 16);
   MemoryInputStream wholeInput(body);
   const test::XmlTokens whole = test::ReadXmlTokens(wholeInput);

@@ -7,10 +7,11 @@
 #include <vector>
 
 #include "services/DropboxFileProperties.h"
+#include "tests/fuzz/FuzzInput.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   utils::json::json_tree tree;
-  if (!utils::json::Parse(std::string(reinterpret_cast<const char*>(data), size), &tree)) {
+  if (!fuzz::ParseJson(data, size, &tree)) {
     return 0;
   }
   std::vector<dropbox::PropertyGroup> groups;

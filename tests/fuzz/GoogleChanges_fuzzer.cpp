@@ -9,17 +9,16 @@
 #include <vector>
 
 #include "core/Json.h"
-#include "core/LoggerWrapper.h"
 #include "services/GoogleDocs.h"
 #include "services/GoogleSelfMadeChanges.h"
 #include "services/GoogleTreeConstructors.h"
 #include "services/RemoteFileIds.h"
+#include "tests/fuzz/FuzzInput.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const bool quiet = (LoggerWrapper::SetStderrLevel(LogType::kFatal), true);
-  (void)quiet;
+  fuzz::QuietLog();
   utils::json::json_tree page;
-  if (!utils::json::Parse(std::string(reinterpret_cast<const char*>(data), size), &page)) {
+  if (!fuzz::ParseJson(data, size, &page)) {
     return 0;
   }
   // 1. A drive the feed can rename, move and trash in.

@@ -7,10 +7,11 @@
 
 #include "core/Json.h"
 #include "services/GoogleDocsReader.h"
+#include "tests/fuzz/FuzzInput.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   utils::json::json_tree links;
-  if (!utils::json::Parse(std::string(reinterpret_cast<const char*>(data), size), &links)) {
+  if (!fuzz::ParseJson(data, size, &links)) {
     return 0;
   }
   google::ExportLink link;

@@ -7,11 +7,11 @@
 #include <string>
 
 #include "core/Json.h"
-#include "core/LoggerWrapper.h"
 #include "core/Nodes.h"
 #include "services/GoogleDocs.h"
 #include "services/GoogleTreeConstructors.h"
 #include "services/RemoteFileIds.h"
+#include "tests/fuzz/FuzzInput.h"
 
 namespace {
 
@@ -29,10 +29,9 @@ void CheckAgreement(const FolderNode& folder, const RemoteFileIds& ids, const st
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const bool quiet = (LoggerWrapper::SetStderrLevel(LogType::kFatal), true);
-  (void)quiet;
+  fuzz::QuietLog();
   utils::json::json_tree page;
-  if (!utils::json::Parse(std::string(reinterpret_cast<const char*>(data), size), &page)) {
+  if (!fuzz::ParseJson(data, size, &page)) {
     return 0;
   }
   auto ids = std::make_shared<RemoteFileIds>();

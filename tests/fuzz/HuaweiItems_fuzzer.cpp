@@ -6,18 +6,14 @@
 #include <string>
 
 #include "core/Json.h"
-#include "core/LoggerWrapper.h"
 #include "core/Nodes.h"
 #include "services/RemoteHuaweiUtils.h"
+#include "tests/fuzz/FuzzInput.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const bool quiet = [] {
-    LoggerWrapper::SetStderrLevel(LogType::kFatal);
-    return true;
-  }();
-  (void)quiet;
+  fuzz::QuietLog();
   utils::json::json_tree page;
-  if (!utils::json::Parse(std::string(reinterpret_cast<const char*>(data), size), &page)) {
+  if (!fuzz::ParseJson(data, size, &page)) {
     return 0;
   }
   auto files = utils::json::Child(page, "files");

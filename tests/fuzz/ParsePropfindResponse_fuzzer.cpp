@@ -8,9 +8,9 @@
 #include <vector>
 
 #include "core/InputStream.h"
-#include "core/LoggerWrapper.h"
 #include "services/DavListingParser.h"
 #include "services/ParseFolderListener.h"
+#include "tests/fuzz/FuzzInput.h"
 #include "tests/fuzz/SplitReads.h"
 #include "tests/support/PassThroughNameMapper.h"
 
@@ -51,11 +51,7 @@ std::pair<bool, std::vector<std::string>> Parse(const std::string& body,
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
-  static const bool quiet = [] {
-    LoggerWrapper::SetStderrLevel(LogType::kFatal);
-    return true;
-  }();
-  (void)quiet;
+  fuzz::QuietLog();
   const auto [body, splits] = fuzz::SplitInput(data, size, 64);
   const auto whole = Parse(body, {});
   const auto split = Parse(body, splits);

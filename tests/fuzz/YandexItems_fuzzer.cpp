@@ -8,11 +8,12 @@
 
 #include "core/Json.h"
 #include "services/YandexItems.h"
+#include "tests/fuzz/FuzzInput.h"
 #include "tests/support/PassThroughNameMapper.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
   utils::json::json_tree page;
-  if (!utils::json::Parse(std::string(reinterpret_cast<const char*>(data), size), &page)) {
+  if (!fuzz::ParseJson(data, size, &page)) {
     return 0;
   }
   const auto items = utils::json::Member(page, "items");

@@ -4,12 +4,12 @@
 
 #include <chrono>
 #include <map>
-#include <thread>
 
 #include "core/BackupMetainfoRemoteReader.h"
 #include "core/LoggerWrapper.h"
 #include "emulators/Faults.h"
 #include "services/BoxTesting.h"
+#include "support/StopOnceReady.h"
 
 namespace {
 
@@ -97,26 +97,17 @@ TEST(BackupMetainfoRemoteReaderBox, StopDuringTheWalkKeepsWhatWasFound) {
     std::string id = box.Folder(root, name);
     box.account().SetProperty(id, "cloudpath", std::string("Backups/") + name, nullptr);
   }
-  // The second description is slow to come; Stop lands while it is on its way.
-  emulators::FaultRule slow;
-  slow.path_prefix = "/2.0/folders/";
-  slow.nth = 4;  // the top folder, the backups folder, the first description, then this
-  slow.fault.delay_ms = 400;
-  box.emulator->faults().Add(slow);
+  // The second description is slow to come; Stop lands while it is on its way. It is the fourth
+  // folder request: the top folder, the backups folder, the first description, then this.
+  box.emulator->faults().Add(emulators::FaultRule::On("", "/2.0/folders/").Nth(4).DelayMs(400));
   auto reader = box.factory->CreateMetainfoReader(box.url_factory);
-  // The Stop waits for that request to reach the service, however loaded the machine is.
-  std::thread stopper([&reader, &box] {
-    for (int i = 0; i < 500 && box.Count("GET", "/2.0/folders/") < 4; ++i)
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    reader->Stop();
-  });
   LoggerWrapper::Capture log;
-  const auto started = std::chrono::steady_clock::now();
-  std::vector<BackupMetainfoRecord> records = reader->ReadAll();
-  stopper.join();
-  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(1));
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].cloud_path, "Backups/PC 1");
+  const auto read = test::StopOnceReady([&reader] { return reader->ReadAll(); },
+                                        [&box] { return box.Count("GET", "/2.0/folders/") >= 4; },
+                                        [&reader] { reader->Stop(); });
+  EXPECT_LT(read.took, std::chrono::seconds(1));
+  ASSERT_EQ(read.value.size(), 1u);
+  EXPECT_EQ(read.value[0].cloud_path, "Backups/PC 1");
   EXPECT_TRUE(log.Contains("MetainfoReader is stopped."));
   // Started again, it reads them all.
   box.emulator->faults().Clear();

@@ -5,7 +5,6 @@
 
 #include <chrono>
 #include <map>
-#include <thread>
 
 #include "core/BackupMetainfoRemoteReader.h"
 #include "core/BackupMetainfoRemoteWriter.h"
@@ -16,6 +15,7 @@
 #include "services/DropboxFileProperties.h"
 #include "services/RemoteFileSystemFactoryDropbox.h"
 #include "support/DropboxTesting.h"
+#include "support/StopOnceReady.h"
 
 namespace {
 
@@ -189,11 +189,10 @@ TEST_F(DropboxMetainfoTest, FailuresAnswerTheirResultWithTheirLine) {
     SCOPED_TRACE(c.name);
     RemoteFileSystemFactoryDropbox factory("");
     if (*c.fault_path) {
-      emulators::FaultRule rule;
-      rule.path_prefix = std::string(kApi) + c.fault_path;
-      rule.fault.status = c.status;
-      rule.fault.drop_field = c.drop_field;
-      fixture_.emulator().faults().Add(rule);
+      fixture_.emulator().faults().Add(
+          emulators::FaultRule::On("", std::string(kApi) + c.fault_path)
+              .Status(c.status)
+              .DropField(c.drop_field));
     }
     LoggerWrapper::Capture log;
     auto writer = Writer("C:\\Docs", c.remote, &factory);
@@ -253,22 +252,16 @@ TEST_F(DropboxMetainfoTest, StopDuringReadAllKeepsWhatWasFound) {
     ASSERT_EQ(Writer("C:\\Docs", remote, nullptr)->Create(), FileSystem::SUCCEEDED);
   fixture_.dialect().SetSearchPageSize(1);
   // The second page is slow to come; Stop lands while it is on its way.
-  emulators::FaultRule slow;
-  slow.path_prefix = std::string(kApi) + "properties/search/continue";
-  slow.fault.delay_ms = 1500;
-  fixture_.emulator().faults().Add(slow);
+  fixture_.emulator().faults().Add(
+      emulators::FaultRule::On("", std::string(kApi) + "properties/search/continue").DelayMs(1500));
   auto reader = factory_.CreateMetainfoReader(urls_);
-  std::thread stopper([&reader] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    reader->Stop();
-  });
   LoggerWrapper::Capture log;
-  const auto started = std::chrono::steady_clock::now();
-  std::vector<BackupMetainfoRecord> records = reader->ReadAll();
-  stopper.join();
-  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(1));
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].cloud_path, "Backups/PC 1");
+  const auto read = test::StopOnceReady([&reader] { return reader->ReadAll(); },
+                                        [this] { return fixture_.emulator().faults().Fired() > 0; },
+                                        [&reader] { reader->Stop(); });
+  EXPECT_LT(read.took, std::chrono::seconds(1));
+  ASSERT_EQ(read.value.size(), 1u);
+  EXPECT_EQ(read.value[0].cloud_path, "Backups/PC 1");
   // Started again, it reads them all.
   fixture_.emulator().faults().Clear();
   reader->Start();

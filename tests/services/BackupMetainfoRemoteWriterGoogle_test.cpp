@@ -107,12 +107,8 @@ TEST_F(GoogleMetainfoTest, WriterFailuresAreClearResults) {
   EXPECT_EQ(drive_.factory->CreateMetainfoWriter(http_, "C:/a", "Backups/Nowhere")->Create(),
             FileSystem::ITEM_MISSED);
   // Drive no longer knowing the folder: the tree is behind, and the answer is in the log.
-  emulators::FaultRule refused;
-  refused.verb = "PATCH";
-  refused.path_prefix = "/drive/v3/files/";
-  refused.fault.status = 404;
-  refused.fault.error = "notFound";
-  drive_.emulator->faults().Add(refused);
+  drive_.emulator->faults().Add(
+      emulators::FaultRule::On("PATCH", "/drive/v3/files/").Status(404).Error("notFound"));
   auto writer = drive_.factory->CreateMetainfoWriter(http_, "C:/a", "Backups/PC");
   EXPECT_EQ(writer->Update(1, 2), FileSystem::CONFLICT);
   EXPECT_TRUE(log.Contains("Failed to set metainfo properties: "));
@@ -189,11 +185,7 @@ TEST_F(GoogleMetainfoTest, InertOrStoppedReaderAnswersNothing) {
   reader->Start();
   EXPECT_EQ(reader->ReadAll().size(), 1u);
   // Drive refusing the listing: logged, and nothing found.
-  emulators::FaultRule refused;
-  refused.verb = "GET";
-  refused.path_prefix = "/drive/v3/files";
-  refused.fault.status = 500;
-  drive_.emulator->faults().Add(refused);
+  drive_.emulator->faults().Add(emulators::FaultRule::On("GET", "/drive/v3/files").Status(500));
   EXPECT_TRUE(reader->ReadAll().empty());
   EXPECT_TRUE(log.Contains("Can`t get backup meta info."));
   EXPECT_TRUE(log.Contains("No backups."));

@@ -7,7 +7,6 @@
 
 #include <chrono>
 #include <memory>
-#include <thread>
 
 #include "core/BackupMetainfoRemoteReader.h"
 #include "core/Cookie.h"
@@ -21,6 +20,8 @@
 #include "emulators/OneDriveDialect.h"
 #include "services/OneDriveBackupDescription.h"
 #include "services/RemoteFileSystemFactoryOneDrive.h"
+#include "support/StartEmulator.h"
+#include "support/StopOnceReady.h"
 
 namespace {
 
@@ -30,14 +31,11 @@ using emulators::Item;
 class OneDriveMetainfoTest : public testing::Test {
  protected:
   void SetUp() override {
-    std::string error;
     // Small pages, so that a listing of the backups runs over several.
     emulators::OneDriveOptions options;
     options.page_size = 2;
-    emulator_ = emulators::Emulator::Start(emulators::MakeOneDriveDialect(options), 0, &error);
-    ASSERT_NE(emulator_, nullptr) << error;
-    for (const auto& [name, url] : emulator_->Endpoints())
-      Endpoints::Override(name, url);
+    emulator_ = test::StartEmulator(emulators::MakeOneDriveDialect(options));
+    ASSERT_TRUE(emulator_);
     backups_ = Folder(account().RootId(), RemoteFileSystem::kRemoteBackupRootFolder);
   }
   void TearDown() override { Endpoints::ResetOverrides(); }
@@ -215,27 +213,21 @@ TEST_F(OneDriveMetainfoTest, StopDuringTheWalkEndsItWithTheRecordsFound) {
   described.cloudPath = "Backups/PC";
   Item out;
   account().SetProperty(pc, "description", described.ToText(), &out);
-  emulators::FaultRule rule;
-  rule.verb = "GET";
-  rule.path_prefix = "/v1.0/me/drive/items/" + utils::PercentEncoded(group, false) + "/children";
-  rule.fault.status = 503;
-  rule.fault.delay_ms = 20000;
-  emulator_->faults().Add(rule);
+  emulator_->faults().Add(
+      emulators::FaultRule::On(
+          "GET", "/v1.0/me/drive/items/" + utils::PercentEncoded(group, false) + "/children")
+          .Status(503)
+          .DelayMs(20000));
   // 2. Stop once the listing is held: the walk ends at once with what it has.
   auto reader = factory_.CreateMetainfoReader(http_);
   LoggerWrapper::Capture log;
-  std::thread stopper([&] {
-    while (emulator_->faults().Fired() == 0)
-      std::this_thread::yield();
-    reader->Stop();
-  });
-  const auto began = std::chrono::steady_clock::now();
-  std::vector<BackupMetainfoRecord> records = reader->ReadAll();
-  EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(1));
-  stopper.join();
+  const auto read = test::StopOnceReady([&reader] { return reader->ReadAll(); },
+                                        [this] { return emulator_->faults().Fired() > 0; },
+                                        [&reader] { reader->Stop(); });
+  EXPECT_LT(read.took, std::chrono::seconds(1));
   EXPECT_TRUE(log.Contains("Stopped.")) << testing::PrintToString(log.Lines());
-  ASSERT_EQ(records.size(), 1u);
-  EXPECT_EQ(records[0].cloud_path, "Backups/PC");
+  ASSERT_EQ(read.value.size(), 1u);
+  EXPECT_EQ(read.value[0].cloud_path, "Backups/PC");
 }
 
 TEST_F(OneDriveMetainfoTest, AnAccountWithoutBackupsGivesNoRecord) {

@@ -14,6 +14,7 @@
 #include "emulators/HttpServer.h"
 #include "emulators/YandexDialect.h"
 #include "services/RemoteFSFactoryConstructor.h"
+#include "support/StartEmulator.h"
 #include "support/YandexTesting.h"
 
 namespace {
@@ -39,12 +40,8 @@ class YandexMetainfoTest : public testing::Test {
 
 TEST_F(YandexMetainfoTest, WrittenDescriptionsAreReadBackOnePerBackup) {
   // 1. Two backup folders on the disk, and a folder that is no backup.
-  std::string error;
-  auto emulator = emulators::Emulator::Start(emulators::MakeYandexDialect(), 0, &error);
-  ASSERT_TRUE(emulator) << error;
-  for (const auto& [name, url] : emulator->Endpoints()) {
-    Endpoints::Override(name, url);
-  }
+  auto emulator = test::StartEmulator(emulators::MakeYandexDialect());
+  ASSERT_TRUE(emulator);
   emulators::CloudAccount& account = emulator->account();
   emulators::Item backups;
   emulators::Item made;

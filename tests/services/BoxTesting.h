@@ -14,6 +14,7 @@
 #include "emulators/Emulator.h"
 #include "services/RemoteFSFactoryConstructor.h"
 #include "services/RemoteFileSystemBoxRestApi.h"
+#include "support/StartEmulator.h"
 
 namespace test {
 
@@ -23,10 +24,7 @@ class BoxAccount {
       : BoxAccount(emulators::MakeDialect("box"), root) {}
   // The dialect given may wrap Box's own, e.g. to watch its handlers.
   BoxAccount(std::unique_ptr<emulators::Dialect> dialect, const std::string& root) {
-    std::string error;
-    emulator = emulators::Emulator::Start(std::move(dialect), 0, &error);
-    for (const auto& [name, url] : emulator->Endpoints())
-      Endpoints::Override(name, url);
+    emulator = test::StartEmulator(std::move(dialect));
     factory.reset(H6BA54F7D00(CloudServiceId::BOX, root));
     url_factory = std::make_shared<CurlURLProcessorFactory>(
         std::make_shared<core::cookie::CookieOAuth>("token"));
@@ -65,6 +63,12 @@ class BoxAccount {
   std::unique_ptr<RemoteFileSystemFactory> factory;
   std::shared_ptr<URLProcessorFactory> url_factory;
 };
+
+// The whole tree by `fs`, the space of the account left aside.
+inline FileSystem::Result ReadTree(RemoteFileSystem& fs, FolderNode* root) {
+  std::uint64_t free = 0, total = 0;
+  return fs.GetFullTree(root, &free, &total, nullptr);
+}
 
 // Every file of a tree by path, with its size and SHA-1.
 inline void CollectFiles(const FolderNode& folder, const std::string& prefix,

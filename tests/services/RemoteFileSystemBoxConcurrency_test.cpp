@@ -22,6 +22,7 @@
 #include "emulators/BoxDialect.h"
 #include "emulators/Faults.h"
 #include "services/BoxTesting.h"
+#include "support/HashOf.h"
 
 namespace {
 
@@ -31,13 +32,7 @@ std::string Digest(const std::string& data, QCryptographicHash::Algorithm algori
   return QCryptographicHash::hash(QByteArray::fromStdString(data), algorithm).toHex().toStdString();
 }
 
-SomeHash BoxHashOf(const std::string& data) {
-  HashCalculatorBox calculator;
-  calculator.Begin();
-  calculator.Feed(reinterpret_cast<const std::uint8_t*>(data.data()),
-                  static_cast<std::uint32_t>(data.size()));
-  return calculator.Finish();
-}
+constexpr auto BoxHashOf = test::HashOf<HashCalculatorBox>;
 
 std::string Bytes(std::size_t size, unsigned seed) {
   std::string data(size, '\0');
@@ -227,19 +222,11 @@ TEST(RemoteFileSystemBoxConcurrency, TreeKeepsFourInFlightAndGivesThePoolBack) {
       box.Folder(top, "s");
     }
     if (end == End::kFailure) {
-      emulators::FaultRule refuse;
-      refuse.path_prefix = "/2.0/folders/";
-      refuse.nth = 5;
-      refuse.fault.status = 403;
-      box.emulator->faults().Add(refuse);
+      box.emulator->faults().Add(emulators::FaultRule::On("", "/2.0/folders/").Nth(5).Status(403));
     }
     if (end == End::kStop) {
-      emulators::FaultRule slow;
-      slow.path_prefix = "/2.0/folders/";
-      slow.nth = 3;
-      slow.times = 0;
-      slow.fault.delay_ms = 300;
-      box.emulator->faults().Add(slow);
+      box.emulator->faults().Add(
+          emulators::FaultRule::On("", "/2.0/folders/").Nth(3).Times(0).DelayMs(300));
     }
     QThreadPool::globalInstance()->setMaxThreadCount(7);
     watched.Reset(end == End::kSuccess);
@@ -247,7 +234,6 @@ TEST(RemoteFileSystemBoxConcurrency, TreeKeepsFourInFlightAndGivesThePoolBack) {
     // 2. The download, stopped from another thread in the last case.
     auto fs = box.Open();
     FolderNode root;
-    std::uint64_t free = 0, total = 0;
     std::thread stopper;
     if (end == End::kStop) {
       stopper = std::thread([&fs] {
@@ -256,7 +242,7 @@ TEST(RemoteFileSystemBoxConcurrency, TreeKeepsFourInFlightAndGivesThePoolBack) {
       });
     }
     const auto started = std::chrono::steady_clock::now();
-    FS::Result result = fs->GetFullTree(&root, &free, &total, nullptr);
+    FS::Result result = test::ReadTree(*fs, &root);
     const auto took = std::chrono::steady_clock::now() - started;
     if (stopper.joinable())
       stopper.join();

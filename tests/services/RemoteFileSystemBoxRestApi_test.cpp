@@ -16,19 +16,14 @@
 #include "services/BoxTesting.h"
 #include "services/RemoteBoxUtils.h"
 #include "services/RemoteFileSystemFactoryBox.h"
+#include "support/HashOf.h"
 #include "support/HeapUsage.h"
 
 namespace {
 
 using FS = FileSystem;
 
-SomeHash BoxHashOf(const std::string& data) {
-  HashCalculatorBox calculator;
-  calculator.Begin();
-  calculator.Feed(reinterpret_cast<const std::uint8_t*>(data.data()),
-                  static_cast<std::uint32_t>(data.size()));
-  return calculator.Finish();
-}
+constexpr auto BoxHashOf = test::HashOf<HashCalculatorBox>;
 
 // Uploads `data` in blocks of 1 MiB; stops writing after `cut` bytes when given.
 FS::Result Upload(RemoteFileSystem& fs, const std::string& path, const std::string& data,
@@ -166,19 +161,15 @@ TEST(RemoteFileSystemBoxRestApi, AfterOne429EveryLaterQueryPausesOnTheClock) {
     std::string top = box.Folder("0", "d" + std::to_string(i));
     box.File(box.Folder(top, "s"), "x", "y");
   }
-  emulators::FaultRule rule;
-  rule.path_prefix = "/2.0/folders/";
-  rule.nth = 2;  // the root's listing first, then one of the first level
-  rule.fault.status = 429;
-  rule.fault.retry_after_s = 3;
-  box.emulator->faults().Add(rule);
+  // The second: the root's listing first, then one of the first level.
+  box.emulator->faults().Add(
+      emulators::FaultRule::On("", "/2.0/folders/").Nth(2).Status(429).RetryAfter(3));
   utils::ManualClock clock;
   utils::ScopedClock scoped(&clock);
   LoggerWrapper::Capture log;
   auto fs = box.Open();
   FolderNode root;
-  std::uint64_t free = 0, total = 0;
-  ASSERT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
+  ASSERT_EQ(test::ReadTree(*fs, &root), FS::SUCCEEDED);
   EXPECT_EQ(root.GetFolderAtPath("d5/s")->GetFile("x")->size, 1u);
   // 2. The limited URL went again after a pause, and so did each query of the second level (the
   // first level's queries already on their way when the 429 came don't pause).
@@ -193,7 +184,7 @@ TEST(RemoteFileSystemBoxRestApi, AfterOne429EveryLaterQueryPausesOnTheClock) {
   EXPECT_EQ(log.Count("Rate limit."), 1u);
   // 3. The throttle belongs to that download: the next one runs without pauses.
   box.emulator->faults().Clear();
-  ASSERT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
+  ASSERT_EQ(test::ReadTree(*fs, &root), FS::SUCCEEDED);
   EXPECT_EQ(clock.Waits().size(), waits.size());
 }
 
@@ -211,9 +202,8 @@ TEST(RemoteFileSystemBoxRestApi, RemoteRootIsFoundPastTheFirstPageAndAFileOfItsN
   box.File(pc, "inside", "abc");
   auto fs = box.Open();
   FolderNode root;
-  std::uint64_t free = 0, total = 0;
   LoggerWrapper::Capture found_log;
-  ASSERT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
+  ASSERT_EQ(test::ReadTree(*fs, &root), FS::SUCCEEDED);
   EXPECT_EQ(root.GetFile("inside")->size, 3u);
   EXPECT_EQ(box.Shared().ids.GetRootId(), pc);
   EXPECT_GE(box.Count("GET", "/2.0/folders/" + backups + "/items"), 2u);
@@ -224,7 +214,7 @@ TEST(RemoteFileSystemBoxRestApi, RemoteRootIsFoundPastTheFirstPageAndAFileOfItsN
   missing.Folder("0", "Backups");
   LoggerWrapper::Capture log;
   auto other = missing.Open();
-  EXPECT_EQ(other->GetFullTree(&root, &free, &total, nullptr), FS::ITEM_MISSED);
+  EXPECT_EQ(test::ReadTree(*other, &root), FS::ITEM_MISSED);
   EXPECT_TRUE(log.Contains("Remote root folder not found: \"PC 2\""));
 }
 
@@ -279,14 +269,11 @@ TEST(RemoteFileSystemBoxRestApi, ErrorsOfTheEmulatorReachTheOperations) {
   box.account().SetTotalSpace(10);
   auto fs = box.Open();
   FolderNode root;
-  std::uint64_t free = 0, total = 0;
-  ASSERT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
+  ASSERT_EQ(test::ReadTree(*fs, &root), FS::SUCCEEDED);
   EXPECT_EQ(fs->CreateFolderImpl(FS::OverwriteControl(), std::string(300, 'n')), FS::NAME_TOO_LONG);
   EXPECT_EQ(fs->CreateFolderImpl(FS::OverwriteControl(), "trailing "), FS::BADNAM);
   EXPECT_EQ(Upload(*fs, "big.bin", std::string(100, 'x')), FS::NO_SPACE);
-  emulators::FaultRule rule;
-  rule.fault.status = 401;
-  box.emulator->faults().Add(rule);
+  box.emulator->faults().Add(emulators::FaultRule::On().Status(401));
   EXPECT_EQ(fs->CheckConnection(), FS::AUTH_INVALID);
 }
 
@@ -297,8 +284,7 @@ TEST(RemoteFileSystemBoxRestApi, ItemOperationsOnTheEmulator) {
   box.File(box.Folder(docs, "sub"), "s.txt", "s");
   auto fs = box.Open();
   FolderNode root;
-  std::uint64_t free = 0, total = 0;
-  ASSERT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
+  ASSERT_EQ(test::ReadTree(*fs, &root), FS::SUCCEEDED);
   RemoteFileIds& ids = box.Shared().ids;
   // 1. mkdir: the body as Box takes it, the id in the tree.
   ASSERT_EQ(fs->CreateFolderImpl(FS::OverwriteControl(), "docs/new"), FS::SUCCEEDED);
@@ -353,8 +339,7 @@ TEST(RemoteFileSystemBoxRestApi, ReadsFollowTheRedirectWithARange) {
   box.File("0", "f.bin", data);
   auto fs = box.Open();
   FolderNode root;
-  std::uint64_t free = 0, total = 0;
-  ASSERT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
+  ASSERT_EQ(test::ReadTree(*fs, &root), FS::SUCCEEDED);
   FS::Result result;
   EXPECT_EQ(Read(*fs, "f.bin", 0, data.size(), data.size(), &result), data);
   EXPECT_EQ(result, FS::SUCCEEDED);
@@ -362,10 +347,7 @@ TEST(RemoteFileSystemBoxRestApi, ReadsFollowTheRedirectWithARange) {
   EXPECT_EQ(box.emulator->server().Requests().back().Header("Range"), "bytes=1000-1999");
   EXPECT_EQ(box.emulator->server().Requests().back().path.rfind("/dl/", 0), 0u);
   // A body cut short is a failure, not a short file.
-  emulators::FaultRule cut;
-  cut.path_prefix = "/dl/";
-  cut.fault.cut_after = 5000;
-  box.emulator->faults().Add(cut);
+  box.emulator->faults().Add(emulators::FaultRule::On("", "/dl/").CutAfter(5000));
   Read(*fs, "f.bin", 0, data.size(), data.size(), &result);
   EXPECT_EQ(result, FS::FAILED);
 }
@@ -375,8 +357,7 @@ TEST(RemoteFileSystemBoxRestApi, PlainUploadBelowTwentyMiBAndSessionFromThere) {
   box.account().SetKeepContentLimit(0);
   auto fs = box.Open();
   FolderNode root;
-  std::uint64_t free = 0, total = 0;
-  ASSERT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
+  ASSERT_EQ(test::ReadTree(*fs, &root), FS::SUCCEEDED);
   for (std::uint64_t size : {rest_api::RemoteFileSystemBox::kSessionUploadFrom - 1,
                              rest_api::RemoteFileSystemBox::kSessionUploadFrom}) {
     box.emulator->server().ClearRequests();
@@ -412,8 +393,7 @@ TEST(RemoteFileSystemBoxRestApi, HundredMiBUploadHoldsAtMostOnePartBetweenWrites
   utils::ScopedClock scoped(&clock);
   auto fs = box.Open();
   FolderNode root;
-  std::uint64_t free = 0, total = 0;
-  ASSERT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
+  ASSERT_EQ(test::ReadTree(*fs, &root), FS::SUCCEEDED);
   // 1. The content is made block by block, so that the test holds none of it either.
   std::vector<std::uint8_t> block(kBlock);
   HashCalculatorBox whole;
@@ -455,11 +435,7 @@ TEST(RemoteFileSystemBoxRestApi, InterruptedSessionsResumeInAnotherAdapter) {
   // A stop lands wherever the transfer stands: the server holds one part or two.
   const std::uint64_t kWhateverLanded = UINT64_MAX;
   auto session_put = [](int nth) {
-    emulators::FaultRule rule;
-    rule.verb = "PUT";
-    rule.path_prefix = "/upload/2.0/files/upload_sessions/";
-    rule.nth = nth;
-    return rule;
+    return emulators::FaultRule::On("PUT", "/upload/2.0/files/upload_sessions/").Nth(nth);
   };
   struct Case {
     const char* name;
@@ -481,18 +457,14 @@ TEST(RemoteFileSystemBoxRestApi, InterruptedSessionsResumeInAnotherAdapter) {
        2 * part},
       {"reset after 3 parts",
        [&](test::BoxAccount& box, rest_api::RemoteFileSystemBox& fs) {
-         emulators::FaultRule reset = session_put(4);
-         reset.fault.reset = true;
-         box.emulator->faults().Add(reset);
+         box.emulator->faults().Add(session_put(4).Reset());
          EXPECT_EQ(Upload(fs, "f", data), FS::FAILED);
        },
        // The fourth part landed; only its answer was lost, and the listing of parts tells.
        4 * part},
       {"Stop during part 2",
        [&](test::BoxAccount& box, rest_api::RemoteFileSystemBox& fs) {
-         emulators::FaultRule slow = session_put(2);
-         slow.fault.delay_ms = 400;
-         box.emulator->faults().Add(slow);
+         box.emulator->faults().Add(session_put(2).DelayMs(400));
          // The Stop comes while the service holds its answer to part 2, whatever the load.
          std::thread stopper([&fs, &box] {
            for (int i = 0; i < 1000 && box.Count("PUT", "/upload/2.0/files/upload_sessions/") < 2;
@@ -507,9 +479,7 @@ TEST(RemoteFileSystemBoxRestApi, InterruptedSessionsResumeInAnotherAdapter) {
        kWhateverLanded},
       {"persist limit loses part 2",
        [&](test::BoxAccount& box, rest_api::RemoteFileSystemBox& fs) {
-         emulators::FaultRule lose = session_put(2);
-         lose.fault.persist_limit = 1000;
-         box.emulator->faults().Add(lose);
+         box.emulator->faults().Add(session_put(2).PersistLimit(1000));
          EXPECT_EQ(Upload(fs, "f", data), FS::FAILED);
        },
        1 * part},
@@ -520,8 +490,7 @@ TEST(RemoteFileSystemBoxRestApi, InterruptedSessionsResumeInAnotherAdapter) {
     box.account().SetKeepContentLimit(0);
     auto first = box.Open();
     FolderNode root;
-    std::uint64_t free = 0, total = 0;
-    ASSERT_EQ(first->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
+    ASSERT_EQ(test::ReadTree(*first, &root), FS::SUCCEEDED);
     c.interrupt(box, *first);
     EXPECT_EQ(box.Shared().sessions.Count(), 1u);
     box.emulator->server().ClearRequests();
@@ -555,8 +524,7 @@ TEST(RemoteFileSystemBoxRestApi, StoredSessionsThatCantResumeTakeTheRoadOfANewOn
     box.account().SetKeepContentLimit(0);
     auto first = box.Open();
     FolderNode root;
-    std::uint64_t free = 0, total = 0;
-    ASSERT_EQ(first->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
+    ASSERT_EQ(test::ReadTree(*first, &root), FS::SUCCEEDED);
     ASSERT_EQ(Upload(*first, "f", data, nullptr, kind == kEmptyParts ? 100 : (8ull << 20) + 1),
               FS::FAILED);
     utils::ManualClock clock(kind == kExpiredByTime ? 4'000'000'000'000
@@ -624,38 +592,16 @@ TEST(RemoteFileSystemBoxRestApi, BadAnswersAreLoggedAndSkippedNeverACrash) {
   box.File(d, "same.TXT", "2");  // seeded past Box's own rule
   auto fs = box.Open();
   FolderNode root;
-  std::uint64_t free = 0, total = 0;
   LoggerWrapper::Capture log;
-  ASSERT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
+  ASSERT_EQ(test::ReadTree(*fs, &root), FS::SUCCEEDED);
   EXPECT_EQ(std::distance(root.GetFolder("d")->FilesBegin(), root.GetFolder("d")->FilesEnd()), 1);
   EXPECT_TRUE(log.Contains("Failed to create file \"d/same.TXT\"."));
-  const std::pair<emulators::Fault, FS::Result> faults[] = {
-      {[] {
-         emulators::Fault f;
-         f.cut_after = 10;
-         return f;
-       }(),
-       FS::FAILED},
-      {[] {
-         emulators::Fault f;
-         f.drop_field = "entries";
-         return f;
-       }(),
-       FS::FAILED},
-      {[] {
-         emulators::Fault f;
-         f.status = 503;
-         return f;
-       }(),
-       FS::FAILED},
-  };
-  for (const auto& [fault, result] : faults) {
-    emulators::FaultRule rule;
-    rule.path_prefix = "/2.0/folders/" + d;
-    rule.fault = fault;
+  auto listing = [&d] { return emulators::FaultRule::On("", "/2.0/folders/" + d); };
+  for (const emulators::FaultRule& rule :
+       {listing().CutAfter(10), listing().DropField("entries"), listing().Status(503)}) {
     box.emulator->faults().Clear();
     box.emulator->faults().Add(rule);
-    EXPECT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), result);
+    EXPECT_EQ(test::ReadTree(*fs, &root), FS::FAILED);
   }
   // A 200 without a body is no listing.
   box.emulator->faults().Clear();
@@ -663,14 +609,12 @@ TEST(RemoteFileSystemBoxRestApi, BadAnswersAreLoggedAndSkippedNeverACrash) {
       "GET", "/2.0/folders/" + d + "/items",
       [](const emulators::HttpRequest&) { return emulators::HttpResponse::Status(200); });
   LoggerWrapper::Capture empty_log;
-  EXPECT_EQ(fs->GetFullTree(&root, &free, &total, nullptr), FS::FAILED);
+  EXPECT_EQ(test::ReadTree(*fs, &root), FS::FAILED);
   EXPECT_TRUE(empty_log.Contains("Failed parse answer: "));
   // A session answer without part_size fails the open.
   box.emulator->faults().Clear();
-  emulators::FaultRule no_part_size;
-  no_part_size.path_prefix = "/upload/2.0/files/upload_sessions";
-  no_part_size.fault.drop_field = "part_size";
-  box.emulator->faults().Add(no_part_size);
+  box.emulator->faults().Add(
+      emulators::FaultRule::On("", "/upload/2.0/files/upload_sessions").DropField("part_size"));
   std::uint64_t offset = 0;
   LoggerWrapper::Capture session_log;
   EXPECT_EQ(fs->OpenForCreate(FS::OverwriteControl(), "s.bin", BoxHashOf("x"), 30 << 20, 0, &offset,

@@ -9,6 +9,7 @@
 #include "core/HashCalculators.h"
 #include "core/LoggerWrapper.h"
 #include "support/DropboxTesting.h"
+#include "support/HashOf.h"
 
 namespace {
 
@@ -74,11 +75,7 @@ TEST(DropboxConcurrencyTest, UploadsFinishWhileTheFeedRunsOnTheSameInstance) {
   const int kUploads = 12;
   for (int i = 0; i < kUploads; ++i) {
     const std::string bytes(1000 + i, static_cast<char>('a' + i));
-    HashCalculatorDropbox calculator;
-    calculator.Begin();
-    calculator.Feed(reinterpret_cast<const std::uint8_t*>(bytes.data()),
-                    static_cast<std::uint32_t>(bytes.size()));
-    const SomeHash hash = calculator.Finish();
+    const SomeHash hash = test::HashOf<HashCalculatorDropbox>(bytes);
     std::uint64_t resume = 0;
     ASSERT_EQ(fixture.adapter().OpenForCreate({}, "up" + std::to_string(i) + ".bin", hash,
                                               bytes.size(), i % 2 ? 0 : 1700000000, &resume, false),

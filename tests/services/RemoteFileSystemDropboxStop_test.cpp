@@ -3,42 +3,37 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
-#include <thread>
 
 #include "core/HashCalculators.h"
 #include "emulators/Faults.h"
 #include "support/DropboxTesting.h"
+#include "support/HashOf.h"
+#include "support/StopOnceReady.h"
 
 namespace {
 
 TEST(DropboxStopTest, StopDuringAChunkAnswersStoppedAndKeepsTheSession) {
   DropboxFixture fixture;
   const std::string bytes(2000, 'z');
-  HashCalculatorDropbox calculator;
-  calculator.Begin();
-  calculator.Feed(reinterpret_cast<const std::uint8_t*>(bytes.data()), 2000);
-  const SomeHash hash = calculator.Finish();
+  const SomeHash hash = test::HashOf<HashCalculatorDropbox>(bytes);
   // The finish is held far longer than the test waits, and never taken.
-  emulators::FaultRule rule;
-  rule.path_prefix = "/content/2/files/upload_session/finish";
-  rule.fault.status = 503;
-  rule.fault.delay_ms = 20000;
-  fixture.emulator().faults().Add(rule);
+  fixture.emulator().faults().Add(
+      emulators::FaultRule::On("", "/content/2/files/upload_session/finish")
+          .Status(503)
+          .DelayMs(20000));
   std::uint64_t resume = 0;
   ASSERT_EQ(fixture.adapter().OpenForCreate(FileSystem::OverwriteControl(), "held.bin", hash,
                                             bytes.size(), 0, &resume, false),
             FileSystem::SUCCEEDED);
   ASSERT_EQ(fixture.adapter().WriteFile(reinterpret_cast<const std::uint8_t*>(bytes.data()), 2000),
             FileSystem::SUCCEEDED);
-  std::thread stopper([&fixture] {
-    std::this_thread::sleep_for(std::chrono::milliseconds(100));
-    fixture.adapter().Stop();
-  });
-  const auto began = std::chrono::steady_clock::now();
   FileSystem::FileProperties props(SomeHash(), 0, bytes.size(), 1700000000, false);
-  EXPECT_EQ(fixture.adapter().CloseFile(&props), FileSystem::STOPPED);
-  EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(1));
-  stopper.join();
+  const auto closed =
+      test::StopOnceReady([&fixture, &props] { return fixture.adapter().CloseFile(&props); },
+                          [&fixture] { return fixture.emulator().faults().Fired() > 0; },
+                          [&fixture] { fixture.adapter().Stop(); });
+  EXPECT_EQ(closed.value, FileSystem::STOPPED);
+  EXPECT_LT(closed.took, std::chrono::seconds(1));
   EXPECT_FALSE(fixture.account().FindByPath("held.bin"));
   // Another adapter of the factory goes on from the finish.
   auto other = fixture.MakeAdapter();

@@ -10,6 +10,7 @@
 #include "services/ChunkSizeController.h"
 #include "services/RemoteFileSystemFactoryDropbox.h"
 #include "support/DropboxTesting.h"
+#include "support/HashOf.h"
 
 namespace {
 
@@ -33,13 +34,7 @@ std::vector<std::string> Paths(const std::vector<HttpRequest>& requests) {
   return paths;
 }
 
-SomeHash HashOf(const std::string& bytes) {
-  HashCalculatorDropbox calculator;
-  calculator.Begin();
-  calculator.Feed(reinterpret_cast<const std::uint8_t*>(bytes.data()),
-                  static_cast<std::uint32_t>(bytes.size()));
-  return calculator.Finish();
-}
+constexpr auto HashOf = test::HashOf<HashCalculatorDropbox>;
 
 std::string Bytes(std::size_t size, char seed = 'a') {
   std::string bytes(size, '\0');
@@ -265,10 +260,9 @@ TEST(DropboxUploadTest, TheFinishedFileIsCheckedAgainstTheServersAnswer) {
     DropboxFixture fixture;
     LoggerWrapper::Capture log;
     RadarsLogger::Capture metrics;
-    emulators::FaultRule rule;
-    rule.path_prefix = std::string("/content/2/files/") + c.call;
-    rule.fault.drop_field = c.dropped;
-    fixture.emulator().faults().Add(rule);
+    fixture.emulator().faults().Add(
+        emulators::FaultRule::On("", std::string("/content/2/files/") + c.call)
+            .DropField(c.dropped));
     FileSystem::FileProperties props;
     EXPECT_EQ(Upload(fixture.adapter(), "f.bin", bytes, HashOf(bytes), c.time, &props), c.result)
         << c.call << " " << c.dropped;
@@ -340,11 +334,8 @@ TEST(DropboxReadTest, AReadAfterTheConnectionWasCutFailsWithItsLine) {
     emulators::Item file;
     fixture.account().CreateFile(fixture.account().RootId(), "cut.bin", bytes, kTime * 1000, &file);
     const SomeHash hash(HashDropbox::FromHexString(file.digests.dropbox));
-    emulators::FaultRule rule;
-    rule.path_prefix = "/content/2/files/download";
-    rule.fault.cut_after = 20000;
-    rule.fault.reset = c.reset;
-    fixture.emulator().faults().Add(rule);
+    fixture.emulator().faults().Add(
+        emulators::FaultRule::On("", "/content/2/files/download").CutAfter(20000).Reset(c.reset));
     LoggerWrapper::Capture log;
     FileSystem::Result result = FileSystem::SUCCEEDED;
     const std::string got =
@@ -363,14 +354,16 @@ TEST(DropboxReadTest, AReadAfterTheConnectionWasCutFailsWithItsLine) {
   }
 }
 
+emulators::FaultRule SessionCall(const std::string& call) {
+  return emulators::FaultRule::On("", "/content/2/files/upload_session/" + call);
+}
+
 // A session upload of `bytes` whose finish fails as `rule` says; the session stays in the store.
 void FailFinish(DropboxFixture& fixture, const std::string& bytes, emulators::FaultRule rule,
                 FileSystem::Result expected, std::size_t block = 300) {
   // Every matching request: the transport tries a request again once when a reused connection
   // was reset before any answer.
-  rule.path_prefix = "/content/2/files/upload_session/" + rule.path_prefix;
-  rule.times = 0;
-  fixture.emulator().faults().Add(rule);
+  fixture.emulator().faults().Add(rule.Times(0));
   FileSystem::FileProperties props(SomeHash(), 0, bytes.size(), kTime, false);
   EXPECT_EQ(Upload(fixture.adapter(), "big.bin", bytes, HashOf(bytes), 0, &props, nullptr, block),
             expected);
@@ -410,12 +403,12 @@ TEST(DropboxResumeTest, AnotherAdapterOfTheFactoryGoesOnFromWhatTheServerHolds) 
     RadarsLogger::Capture metrics;
     LoggerWrapper::Capture log;
     const std::string bytes = Bytes(c.size, 'e');
-    emulators::FaultRule rule;
-    rule.path_prefix = c.fail_path;
-    rule.fault.reset = c.reset;
-    rule.fault.status = c.reset ? 500 : 0;
-    rule.fault.persist_limit = c.persist_limit;
-    FailFinish(fixture, bytes, rule, FileSystem::FAILED, 1000003);
+    FailFinish(fixture, bytes,
+               SessionCall(c.fail_path)
+                   .Reset(c.reset)
+                   .Status(c.reset ? 500 : 0)
+                   .PersistLimit(c.persist_limit),
+               FileSystem::FAILED, 1000003);
     EXPECT_FALSE(fixture.account().FindByPath("big.bin")) << c.name;
     EXPECT_EQ(metrics.Count(c.metric), c.reset ? 0u : 1u) << c.name;
     if (c.offset_line) {
@@ -459,14 +452,9 @@ TEST(DropboxResumeTest, TwoResumesHalveTheChunkEndToEnd) {
   const std::string bytes = Bytes(kChunk + kRest, 'm');
   const SomeHash hash = HashOf(bytes);
   // 1. Adapter A: the append after the first chunk is reset; so is B's resumed finish.
-  emulators::FaultRule rule;
-  rule.path_prefix = "append_v2";
-  rule.fault.reset = true;
-  rule.fault.status = 500;
-  FailFinish(fixture, bytes, rule, FileSystem::FAILED, 1000003);
-  rule.path_prefix = "/content/2/files/upload_session/finish";
-  rule.times = 0;
-  fixture.emulator().faults().Add(rule);
+  FailFinish(fixture, bytes, SessionCall("append_v2").Reset().Status(500), FileSystem::FAILED,
+             1000003);
+  fixture.emulator().faults().Add(SessionCall("finish").Reset().Status(500).Times(0));
   auto b = fixture.MakeAdapter();
   std::uint64_t resume = 0;
   ASSERT_EQ(b->OpenForCreate({}, "big.bin", hash, bytes.size(), kTime, &resume, false),
@@ -505,16 +493,10 @@ TEST(DropboxResumeTest, AChangedFileStartsOverAndAnExpiredSessionFails) {
   DropboxFixture fixture;
   RadarsLogger::Capture metrics;
   const std::string bytes = Bytes(3000, 'g');
-  emulators::FaultRule rule;
-  rule.path_prefix = "finish";
-  rule.fault.reset = true;
-  rule.fault.status = 500;
+  const emulators::FaultRule rule = SessionCall("finish").Reset().Status(500);
   FailFinish(fixture, bytes, rule, FileSystem::FAILED);
   // The server forgot the session: the resumed finish fails, and the next try starts over.
-  emulators::FaultRule expire;
-  expire.path_prefix = "/content/2/files/upload_session/finish";
-  expire.fault.expire_sessions = true;
-  fixture.emulator().faults().Add(expire);
+  fixture.emulator().faults().Add(SessionCall("finish").ExpireSessions());
   FileSystem::FileProperties props(SomeHash(), 0, bytes.size(), kTime, false);
   EXPECT_EQ(Upload(fixture.adapter(), "big.bin", bytes, HashOf(bytes), kTime, &props),
             FileSystem::FAILED);

@@ -428,10 +428,8 @@ TEST(DropboxSnapshotTest, AFailedPageIsAskedAgainAfterTwoSeconds) {
   std::string error;
   for (const char* path : {"a/1", "a/2", "b/3", "4"})
     emulators::ApplyForeignChange(fixture.account(), {"create", path, "", path}, &error);
-  emulators::FaultRule rule;
-  rule.path_prefix = "/api/2/files/list_folder/continue";
-  rule.fault.status = 500;
-  fixture.emulator().faults().Add(rule);
+  fixture.emulator().faults().Add(
+      emulators::FaultRule::On("", "/api/2/files/list_folder/continue").Status(500));
   ASSERT_EQ(fixture.LoadTree(), FileSystem::SUCCEEDED);
   EXPECT_EQ(fixture.clock().Waits(), std::vector<std::int64_t>{2000});
   fixture.ExpectTreeMatchesAccount();
@@ -483,10 +481,8 @@ TEST(DropboxFeedTest, BackoffResetAndAFailingContinue) {
   fixture.dialect().SetLongpollBackoff(0);
   // 2. A continue that fails leaves the cursor: the next round reads the same change.
   emulators::ApplyForeignChange(fixture.account(), {"create", "b.txt", "", "b"}, &error);
-  emulators::FaultRule rule;
-  rule.path_prefix = "/api/2/files/list_folder/continue";
-  rule.fault.status = 500;
-  fixture.emulator().faults().Add(rule);
+  fixture.emulator().faults().Add(
+      emulators::FaultRule::On("", "/api/2/files/list_folder/continue").Status(500));
   EXPECT_EQ(fixture.FollowFeed(), FileSystem::FAILED);
   EXPECT_EQ(fixture.FollowFeed(), FileSystem::SUCCEEDED);
   fixture.ExpectTreeMatchesAccount();
@@ -596,11 +592,8 @@ TEST(DropboxOperationsTest, ServiceErrorsMapAndAddNoRecord) {
     emulators::ApplyForeignChange(fixture.account(), {"mkdir", "taken", "", ""}, &error);
     ASSERT_EQ(fixture.LoadTree(), FileSystem::SUCCEEDED);
     if (*c.fault) {
-      emulators::FaultRule rule;
-      rule.path_prefix = "/api/2/files/create_folder_v2";
-      rule.fault.status = 409;
-      rule.fault.error = c.fault;
-      fixture.emulator().faults().Add(rule);
+      fixture.emulator().faults().Add(
+          emulators::FaultRule::On("", "/api/2/files/create_folder_v2").Status(409).Error(c.fault));
     }
     EXPECT_EQ(fixture.adapter().CreateFolderImpl({}, *c.fault ? "new" : "taken"), c.result);
     emulators::ApplyForeignChange(fixture.account(), {"mkdir", "new", "", ""}, &error);

@@ -128,11 +128,8 @@ TEST(GoogleFolderRaceConcurrencyTest, FolderSeenByTheFeedBeforeItsAnswerIsNoFore
   emulators::GoogleDialect::SeedDemoDrive(feed.drive.account());
   feed.Load();
   // 1. The creation's answer is held back while the feed polls on.
-  emulators::FaultRule slow;
-  slow.verb = "POST";
-  slow.path_prefix = "/drive/v3/files";
-  slow.fault.delay_ms = 400;
-  feed.drive.emulator->faults().Add(slow);
+  feed.drive.emulator->faults().Add(
+      emulators::FaultRule::On("POST", "/drive/v3/files").DelayMs(400));
   LoggerWrapper::Capture log;
   std::atomic<bool> creating{true};
   std::atomic<int> polls_while_creating{0};

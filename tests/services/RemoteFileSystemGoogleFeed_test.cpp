@@ -186,12 +186,8 @@ TEST(GoogleFeedTest, RefusedTokenRenewsTheTreeOtherRequestFailuresDoNot) {
     GoogleFeed feed;
     feed.Load();
     std::int64_t tree_time = feed.drive.clock.NowMs();
-    emulators::FaultRule rule;
-    rule.verb = "GET";
-    rule.path_prefix = "/drive/v3/changes";
-    rule.fault.status = 400;
-    rule.fault.error = c.error;
-    feed.drive.emulator->faults().Add(rule);
+    feed.drive.emulator->faults().Add(
+        emulators::FaultRule::On("GET", "/drive/v3/changes").Status(400).Error(c.error));
     LoggerWrapper::Capture log;
     EXPECT_EQ(feed.Poll(), FileSystem::FAILED);
     EXPECT_EQ(log.Contains("Seems like invalid page token, requesting a new tree."), c.renews);
@@ -257,11 +253,8 @@ TEST(GoogleFeedTest, AnswerWithoutTokenRenewsAndAppliesNothing) {
   GoogleFeed feed;
   feed.Load();
   MakeFolder(feed.drive.account(), feed.drive.account().RootId(), "unseen");
-  emulators::FaultRule rule;
-  rule.verb = "GET";
-  rule.path_prefix = "/drive/v3/changes";
-  rule.fault.drop_field = "newStartPageToken";
-  feed.drive.emulator->faults().Add(rule);
+  feed.drive.emulator->faults().Add(
+      emulators::FaultRule::On("GET", "/drive/v3/changes").DropField("newStartPageToken"));
   LoggerWrapper::Capture log;
   EXPECT_EQ(feed.Poll(), FileSystem::SUCCEEDED);
   EXPECT_TRUE(feed.changes.empty());

@@ -17,6 +17,7 @@
 #include "emulators/Emulator.h"
 #include "services/RemoteFileSystemFactoryGoogle.h"
 #include "services/RemoteFileSystemGoogle.h"
+#include "support/StartEmulator.h"
 
 namespace {
 
@@ -25,12 +26,8 @@ using Clock = std::chrono::steady_clock;
 class GoogleStopTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string error;
-    emulator_ = emulators::Emulator::Start("google", 0, &error);
-    ASSERT_TRUE(emulator_) << error;
-    for (const auto& [name, url] : emulator_->Endpoints()) {
-      Endpoints::Override(name, url);
-    }
+    emulator_ = test::StartEmulator(emulators::MakeDialect("google"));
+    ASSERT_TRUE(emulator_);
     fs_.reset(static_cast<RemoteFileSystemGoogle*>(factory_.Create()));
     ASSERT_TRUE(fs_->Open(std::make_shared<CurlURLProcessorFactory>(
         std::make_shared<core::cookie::CookieOAuth>("t"))));
@@ -40,16 +37,8 @@ class GoogleStopTest : public ::testing::Test {
     emulator_.reset();
     Endpoints::ResetOverrides();
   }
-  void AddFault(int nth, int status, bool reset) {
-    emulators::FaultRule rule;
-    rule.verb = "GET";
-    rule.path_prefix = "/drive/v3/files";
-    rule.nth = nth;
-    rule.times = 0;
-    rule.fault.status = status;
-    rule.fault.error = status ? "userRateLimitExceeded" : "";
-    rule.fault.reset = reset;
-    emulator_->faults().Add(rule);
+  static emulators::FaultRule EveryListing() {
+    return emulators::FaultRule::On("GET", "/drive/v3/files").Times(0);
   }
   // Runs `operation` and stops the adapter once it has been busy for 300 ms: the answer and how
   // long after the Stop it came.
@@ -70,7 +59,7 @@ class GoogleStopTest : public ::testing::Test {
 };
 
 TEST_F(GoogleStopTest, StopEndsARateLimitPauseAtOnce) {
-  AddFault(1, 403, false);
+  emulator_->faults().Add(EveryListing().Status(403).Error("userRateLimitExceeded"));
   auto [result, late] = StopDuring([this] { return fs_->CheckConnection(); });
   EXPECT_EQ(result, FileSystem::STOPPED);
   EXPECT_LT(late.count(), 100);
@@ -80,7 +69,7 @@ TEST_F(GoogleStopTest, StopEndsARateLimitPauseAtOnce) {
 }
 
 TEST_F(GoogleStopTest, StopEndsTheRetriesOfABrokenListing) {
-  AddFault(2, 0, true);
+  emulator_->faults().Add(EveryListing().Nth(2).Reset());
   auto [result, late] = StopDuring([this] {
     FolderNode root;
     std::uint64_t free = 0;

@@ -205,11 +205,8 @@ TEST_F(GoogleTransferTest, AWrongUploadNeverPasses) {
   // 3. An answer without its id or its MD5.
   for (const char* field : {"id", "md5Checksum"}) {
     SCOPED_TRACE(field);
-    emulators::FaultRule rule;
-    rule.verb = "PUT";
-    rule.path_prefix = "/upload/drive/v3/files";
-    rule.fault.drop_field = field;
-    drive.emulator->faults().Add(rule);
+    drive.emulator->faults().Add(
+        emulators::FaultRule::On("PUT", "/upload/drive/v3/files").DropField(field));
     log.Clear();
     EXPECT_EQ(Upload(*drive.fs, std::string("no-") + field, "x", Md5("x"), nullptr),
               FileSystem::FAILED);
@@ -240,12 +237,8 @@ TEST_F(GoogleTransferTest, AnotherTimeIsPatchedAndItsFailureNeverFailsTheUpload)
   ASSERT_EQ(Upload(*drive.fs, "same", "abc", Md5("abc"), &props), FileSystem::SUCCEEDED);
   EXPECT_EQ(RequestsSince(before).size(), 2u);
   // 3. Three failures, 2 s apart on the clock; the upload still stands.
-  emulators::FaultRule rule;
-  rule.verb = "PATCH";
-  rule.path_prefix = "/drive/v3/files/";
-  rule.times = 3;
-  rule.fault.status = 500;
-  drive.emulator->faults().Add(rule);
+  drive.emulator->faults().Add(
+      emulators::FaultRule::On("PATCH", "/drive/v3/files/").Times(3).Status(500));
   props.time = kTime + 120;
   std::size_t waits = drive.clock.Waits().size();
   ASSERT_EQ(Upload(*drive.fs, "unpatched", "abc", Md5("abc"), &props), FileSystem::SUCCEEDED);
@@ -281,20 +274,14 @@ TEST_F(GoogleTransferTest, AnInterruptedUploadResumesInAnotherInstance) {
     const std::string path = std::string("big-") + std::to_string(&c - cases);
     metrics.Clear();
     // 1. A: the server keeps a part and the connection breaks.
-    emulators::FaultRule cut;
-    cut.verb = "PUT";
-    cut.path_prefix = "/upload/drive/v3/files";
-    cut.fault.persist_limit = c.kept_of_first;
-    cut.fault.reset = true;
-    drive.emulator->faults().Add(cut);
+    drive.emulator->faults().Add(emulators::FaultRule::On("PUT", "/upload/drive/v3/files")
+                                     .PersistLimit(c.kept_of_first)
+                                     .Reset());
     EXPECT_NE(Upload(*drive.fs, path, content, Md5(content), nullptr), FileSystem::SUCCEEDED);
     EXPECT_EQ(Shared()->sessions->Count(), 1u);
     // 2. B.
     if (c.expire) {
-      emulators::FaultRule rule;
-      rule.verb = "PUT";
-      rule.fault.expire_sessions = true;
-      drive.emulator->faults().Add(rule);
+      drive.emulator->faults().Add(emulators::FaultRule::On("PUT").ExpireSessions());
     }
     std::unique_ptr<RemoteFileSystem> b = SecondInstance();
     std::uint64_t resumed_at = 1;
@@ -322,12 +309,8 @@ TEST_F(GoogleTransferTest, TheHundredAndFirstSessionEvictsTheLeastAdvanced) {
     Shared()->sessions->Store("filler" + std::to_string(i), filler);
   }
   const std::string content = Bytes(1 << 20, 4);
-  emulators::FaultRule cut;
-  cut.verb = "PUT";
-  cut.path_prefix = "/upload/drive/v3/files";
-  cut.fault.persist_limit = 700 * 1024;
-  cut.fault.reset = true;
-  drive.emulator->faults().Add(cut);
+  drive.emulator->faults().Add(
+      emulators::FaultRule::On("PUT", "/upload/drive/v3/files").PersistLimit(700 * 1024).Reset());
   EXPECT_NE(Upload(*drive.fs, "big", content, Md5(content), nullptr), FileSystem::SUCCEEDED);
   EXPECT_EQ(metrics.Count("too_many_sessions"), 1u);
   EXPECT_EQ(Shared()->sessions->Count(), 100u);
@@ -343,11 +326,7 @@ TEST_F(GoogleTransferTest, TheHundredAndFirstSessionEvictsTheLeastAdvanced) {
 TEST_F(GoogleTransferTest, ASessionTheServerFinishedIsTakenWithoutResending) {
   const std::string content = Bytes(300000, 5);
   // The whole body arrives; only the answer is lost.
-  emulators::FaultRule lost;
-  lost.verb = "PUT";
-  lost.path_prefix = "/upload/drive/v3/files";
-  lost.fault.reset = true;
-  drive.emulator->faults().Add(lost);
+  drive.emulator->faults().Add(emulators::FaultRule::On("PUT", "/upload/drive/v3/files").Reset());
   EXPECT_NE(Upload(*drive.fs, "done", content, Md5(content), nullptr), FileSystem::SUCCEEDED);
   std::size_t before = RequestCount();
   std::uint64_t resumed_at = 0;
@@ -401,20 +380,13 @@ TEST_F(GoogleTransferTest, ReadsAskARangeOnlyForAPart) {
   }
   EXPECT_EQ(RequestCount(), before);
   // A body shorter than its size in the tree fails.
-  emulators::FaultRule cut;
-  cut.verb = "GET";
-  cut.path_prefix = "/drive/v3/files/";
-  cut.fault.cut_after = 500;
-  drive.emulator->faults().Add(cut);
+  drive.emulator->faults().Add(emulators::FaultRule::On("GET", "/drive/v3/files/").CutAfter(500));
   std::string bytes;
   EXPECT_NE(Read("r.bin", 0, 1000, content.size(), &bytes), FileSystem::SUCCEEDED);
   // Drive's 403 on a download is its rate limit.
-  emulators::FaultRule limited;
-  limited.verb = "GET";
-  limited.path_prefix = "/drive/v3/files/";
-  limited.fault.status = 403;
-  limited.fault.error = "userRateLimitExceeded";
-  drive.emulator->faults().Add(limited);
+  drive.emulator->faults().Add(emulators::FaultRule::On("GET", "/drive/v3/files/")
+                                   .Status(403)
+                                   .Error("userRateLimitExceeded"));
   bytes.clear();
   EXPECT_NE(Read("r.bin", 0, 1000, content.size(), &bytes), FileSystem::SUCCEEDED);
   EXPECT_EQ(metrics.Count("ggl_read_rate_limit"), 1u);
@@ -434,12 +406,8 @@ TEST_F(GoogleTransferTest, StopEndsATrickledDownload) {
   drive.account().CreateFile(drive.account().RootId(), "slow.bin", content, 0, nullptr);
   FolderNode fresh;
   ASSERT_EQ(drive.GetFullTree(&fresh), FileSystem::SUCCEEDED);
-  emulators::FaultRule slow;
-  slow.verb = "GET";
-  slow.path_prefix = "/drive/v3/files/";
-  slow.fault.trickle_bytes = 100;
-  slow.fault.trickle_interval_ms = 20;
-  drive.emulator->faults().Add(slow);
+  drive.emulator->faults().Add(
+      emulators::FaultRule::On("GET", "/drive/v3/files/").Trickle(100, 20));
   ASSERT_EQ(drive.fs->OpenForRead("slow.bin", 0, content.size(), content.size(), SomeHash()),
             FileSystem::SUCCEEDED);
   std::vector<std::uint8_t> block(kBlock);

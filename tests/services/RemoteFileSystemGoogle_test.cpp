@@ -42,18 +42,6 @@ std::string Md5Hex(const std::string& bytes) {
   return google::HashOfBytes(bytes).ToHexString();
 }
 
-FaultRule Rule(const std::string& path, int status, const std::string& error, int nth = 1,
-               int times = 1) {
-  FaultRule rule;
-  rule.verb = "GET";
-  rule.path_prefix = path;
-  rule.nth = nth;
-  rule.times = times;
-  rule.fault.status = status;
-  rule.fault.error = error;
-  return rule;
-}
-
 TEST(GoogleFactoryTest, EntryMakesGoogleFactoryWhoseAdaptersShareOneRecord) {
   std::unique_ptr<RemoteFileSystemFactory> first(H6BA54F7D00(CloudServiceId::GOOGLE, ""));
   std::unique_ptr<RemoteFileSystemFactory> second(H6BA54F7D00(CloudServiceId::GOOGLE, ""));
@@ -130,7 +118,8 @@ TEST(GoogleRateLimitTest, RateLimitedRequestWaitsOnceThenDoublesOrHoldsAtTheCap)
     }
     LoggerWrapper::Capture log;
     RadarsLogger::Capture metrics;
-    drive.emulator->faults().Add(Rule("/drive/v3/files/root", 403, "userRateLimitExceeded"));
+    drive.emulator->faults().Add(
+        FaultRule::On("GET", "/drive/v3/files/root").Status(403).Error("userRateLimitExceeded"));
     EXPECT_EQ(drive.fs->CheckConnection(), FileSystem::FAILED);
     ASSERT_EQ(drive.clock.Waits().size(), 1u);
     EXPECT_GE(drive.clock.Waits()[0], c.wait_min);
@@ -478,10 +467,12 @@ TEST(GoogleTreeTest, BrokenPageIsAskedAgainEveryTwoSecondsUntilItComes) {
       drive.account().CreateFile(drive.account().RootId(), std::to_string(i), "x", 0, nullptr);
     }
     drive.dialect->SetMaxPageSize(10);
-    FaultRule broken = Rule("/drive/v3/files", 0, "", 3, 3);  // page 2, three times
-    broken.fault.cut_after = c.reset ? 0 : 40;
-    broken.fault.reset = c.reset;
-    drive.emulator->faults().Add(broken);
+    // Page 2, three times.
+    drive.emulator->faults().Add(FaultRule::On("GET", "/drive/v3/files")
+                                     .Nth(3)
+                                     .Times(3)
+                                     .CutAfter(c.reset ? 0 : 40)
+                                     .Reset(c.reset));
     FolderNode root;
     ASSERT_EQ(drive.GetFullTree(&root), FileSystem::SUCCEEDED);
     EXPECT_EQ(test::TreeLines(root), test::AccountLines(drive.account()));
@@ -495,9 +486,11 @@ TEST(GoogleTreeTest, BrokenPageIsAskedAgainEveryTwoSecondsUntilItComes) {
 TEST(GoogleTreeTest, RateLimitedPageIsAskedAgainAfterThePause) {
   GoogleDrive drive;
   drive.account().CreateFile(drive.account().RootId(), "a", "x", 0, nullptr);
-  FaultRule limit = Rule("/drive/v3/files", 429, "rateLimitExceeded", 2);
-  limit.fault.retry_after_s = 3;
-  drive.emulator->faults().Add(limit);
+  drive.emulator->faults().Add(FaultRule::On("GET", "/drive/v3/files")
+                                   .Nth(2)
+                                   .Status(429)
+                                   .Error("rateLimitExceeded")
+                                   .RetryAfter(3));
   FolderNode root;
   ASSERT_EQ(drive.GetFullTree(&root), FileSystem::SUCCEEDED);
   EXPECT_NE(root.GetFile("a"), nullptr);
@@ -506,9 +499,7 @@ TEST(GoogleTreeTest, RateLimitedPageIsAskedAgainAfterThePause) {
 
 TEST(GoogleTreeTest, StopDuringThePageRetriesAnswersStopped) {
   GoogleDrive drive;
-  FaultRule reset = Rule("/drive/v3/files", 0, "", 2, 0);
-  reset.fault.reset = true;
-  drive.emulator->faults().Add(reset);
+  drive.emulator->faults().Add(FaultRule::On("GET", "/drive/v3/files").Nth(2).Times(0).Reset());
   int waits = 0;
   drive.clock.SetOnWait([&](std::int64_t) {
     if (++waits == 3) {
@@ -529,7 +520,8 @@ TEST(GoogleTreeTest, StartTokenFailureKeepsThePreviousIdsAndDocs) {
   std::size_t docs_before = record->docs->Count();
   Item later;
   drive.account().CreateFile(drive.account().RootId(), "later.txt", "new", 0, &later);
-  drive.emulator->faults().Add(Rule("/drive/v3/changes/startPageToken", 500, ""));
+  drive.emulator->faults().Add(
+      FaultRule::On("GET", "/drive/v3/changes/startPageToken").Status(500));
   LoggerWrapper::Capture log;
   FolderNode second;
   EXPECT_EQ(drive.GetFullTree(&second), FileSystem::FAILED);

@@ -18,6 +18,7 @@
 #include "emulators/HuaweiDialect.h"
 #include "services/RemoteFSFactoryConstructor.h"
 #include "support/Processes.h"
+#include "support/StartEmulator.h"
 
 namespace {
 
@@ -27,12 +28,8 @@ constexpr std::size_t kSlice = 16 * 1024;
 class HuaweiStopTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string error;
-    emulator_ = emulators::Emulator::Start("huawei", 0, &error);
-    ASSERT_TRUE(emulator_) << error;
-    for (const auto& [name, url] : emulator_->Endpoints()) {
-      Endpoints::Override(name, url);
-    }
+    emulator_ = test::StartEmulator(emulators::MakeDialect("huawei"));
+    ASSERT_TRUE(emulator_);
     static_cast<const emulators::HuaweiDialect&>(emulator_->dialect()).SetSliceSize(kSlice);
     emulators::Item docs;
     emulator_->account().CreateFolder(emulator_->account().RootId(), "docs", &docs);
@@ -82,11 +79,7 @@ TEST_F(HuaweiStopTest, StopDuringASliceStoresTheSessionForAnotherAdapter) {
   std::uint64_t free = 0, total = 0;
   ASSERT_EQ(first->GetFullTree(&root, &free, &total, nullptr), FS::SUCCEEDED);
   // 1. The second slice is taken in but its answer hangs; Stop comes while it does.
-  emulators::FaultRule slow;
-  slow.verb = "PUT";
-  slow.nth = 2;
-  slow.fault.delay_ms = 20000;
-  emulator_->faults().Add(slow);
+  emulator_->faults().Add(emulators::FaultRule::On("PUT").Nth(2).DelayMs(20000));
   LoggerWrapper::Capture log;
   std::uint64_t offset = 0;
   auto running = std::async(std::launch::async, [&] { return Upload(first.get(), data, &offset); });

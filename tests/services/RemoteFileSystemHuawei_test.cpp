@@ -8,7 +8,6 @@
 #include <chrono>
 #include <queue>
 #include <set>
-#include <thread>
 #include <typeinfo>
 
 #include "core/Cookie.h"
@@ -29,6 +28,8 @@
 #include "services/RemoteHuaweiUtils.h"
 #include "support/HeapUsage.h"
 #include "support/Processes.h"
+#include "support/StartEmulator.h"
+#include "support/StopOnceReady.h"
 
 namespace {
 
@@ -38,14 +39,10 @@ using FS = FileSystem;
 class HuaweiTest : public ::testing::Test {
  protected:
   void SetUp() override {
-    std::string error;
-    emulator_ = emulators::Emulator::Start("huawei", 0, &error);
-    ASSERT_TRUE(emulator_) << error;
+    emulator_ = test::StartEmulator(emulators::MakeDialect("huawei"));
+    ASSERT_TRUE(emulator_);
     std::int64_t* clock = &clock_ms_;
     account().SetClock([clock] { return *clock += 1000; });
-    for (const auto& [name, url] : emulator_->Endpoints()) {
-      Endpoints::Override(name, url);
-    }
     factory_.reset(H6BA54F7D00(CloudServiceId::HUAWEI, root_path_));
     http_ = std::make_shared<CurlURLProcessorFactory>(
         std::make_shared<core::cookie::CookieOAuth>("token"));
@@ -319,10 +316,8 @@ TEST_F(HuaweiTest, FeedGoesOnFromNextCursorThenFromNewStartCursor) {
 TEST_F(HuaweiTest, FeedRefusesAPageWithoutCursorAndExpiredCursor) {
   FolderNode root;
   ASSERT_EQ(Tree(&root), FS::SUCCEEDED);
-  emulators::FaultRule rule;
-  rule.path_prefix = "/drive/v1/changes";
-  rule.fault.drop_field = "newStartCursor";
-  emulator_->faults().Add(rule);
+  emulator_->faults().Add(
+      emulators::FaultRule::On("", "/drive/v1/changes").DropField("newStartCursor"));
   LoggerWrapper::Capture log;
   std::queue<FS::Change> changes;
   EXPECT_EQ(fs_->GetChanges(&changes), FS::FAILED);
@@ -538,10 +533,7 @@ TEST_F(HuaweiTest, SliceSizeIsTheServersElseTheDefault) {
     dialect().SetSliceSize(row.named);
     emulator_->faults().Clear();
     if (row.named == 0) {
-      emulators::FaultRule rule;
-      rule.verb = "POST";
-      rule.fault.drop_field = "sliceSize";
-      emulator_->faults().Add(rule);
+      emulator_->faults().Add(emulators::FaultRule::On("POST").DropField("sliceSize"));
     }
     emulator_->server().ClearRequests();
     FS::FileProperties props;
@@ -568,34 +560,20 @@ TEST_F(HuaweiTest, UploadFaults) {
   const std::string data(40000, 'q');
   FS::FileProperties props;
   // 1. A session gone before its first slice: a new one.
-  emulators::FaultRule expire;
-  expire.verb = "PUT";
-  expire.fault.expire_sessions = true;
-  emulator_->faults().Add(expire);
+  emulator_->faults().Add(emulators::FaultRule::On("PUT").ExpireSessions());
   LoggerWrapper::Capture log;
   ASSERT_EQ(Upload(fs_.get(), "docs/a", data, &props), FS::SUCCEEDED);
   EXPECT_TRUE(log.Contains("will start again."));
   // 2. A slice persisted in part is sent on from where the server stands.
-  emulators::FaultRule partial;
-  partial.verb = "PUT";
-  partial.fault.persist_limit = 1000;
-  emulator_->faults().Add(partial);
+  emulator_->faults().Add(emulators::FaultRule::On("PUT").PersistLimit(1000));
   ASSERT_EQ(Upload(fs_.get(), "docs/b", data, &props), FS::SUCCEEDED);
   EXPECT_EQ(account().FindByPath("docs/b")->size, data.size());
   // 3. An answer whose size is dropped fails the comparison.
-  emulators::FaultRule drop;
-  drop.verb = "PUT";
-  drop.nth = 3;
-  drop.fault.drop_field = "size";
-  emulator_->faults().Add(drop);
+  emulator_->faults().Add(emulators::FaultRule::On("PUT").Nth(3).DropField("size"));
   EXPECT_EQ(Upload(fs_.get(), "docs/c", data, &props), FS::FAILED);
   EXPECT_TRUE(log.Contains("Wrong uploaded size for \"docs/c\""));
   // 4. A reset mid-slice keeps the session; another adapter of the factory resumes it.
-  emulators::FaultRule reset;
-  reset.verb = "PUT";
-  reset.nth = 2;
-  reset.fault.reset = true;
-  emulator_->faults().Add(reset);
+  emulator_->faults().Add(emulators::FaultRule::On("PUT").Nth(2).Reset());
   EXPECT_EQ(Upload(fs_.get(), "docs/d", data, &props), FS::FAILED);
   auto second = Make();
   emulator_->server().ClearRequests();
@@ -606,11 +584,7 @@ TEST_F(HuaweiTest, UploadFaults) {
   EXPECT_EQ(*account().FindByPath("docs/d")->content, data);
   // 5. A changed size starts anew, with the store's line.
   EXPECT_EQ(Upload(fs_.get(), "docs/e", data, &props), FS::SUCCEEDED);
-  emulators::FaultRule cut;
-  cut.verb = "PUT";
-  cut.nth = 2;
-  cut.fault.reset = true;
-  emulator_->faults().Add(cut);
+  emulator_->faults().Add(emulators::FaultRule::On("PUT").Nth(2).Reset());
   EXPECT_EQ(Upload(fs_.get(), "docs/f", data, &props), FS::FAILED);
   EXPECT_EQ(Upload(fs_.get(), "docs/f", data + "+", &props), FS::SUCCEEDED);
   EXPECT_TRUE(log.Contains("\"docs/f\" changed between uploads"));
@@ -679,12 +653,8 @@ TEST_F(HuaweiTest, ServiceErrorsThroughTheMap) {
     FS::Result result;
   } cases[] = {{429, "", FS::FAILED}, {401, "", FS::AUTH_INVALID}, {403, "4039", FS::NO_SPACE}};
   for (const Case& each : cases) {
-    emulators::FaultRule rule;
-    rule.verb = "POST";
-    rule.fault.status = each.status;
-    rule.fault.error = each.error;
-    rule.fault.retry_after_s = 3;
-    emulator_->faults().Add(rule);
+    emulator_->faults().Add(
+        emulators::FaultRule::On("POST").Status(each.status).Error(each.error).RetryAfter(3));
     LoggerWrapper::Capture log;
     EXPECT_EQ(fs_->CreateFolderImpl({}, "docs/x"), each.result) << each.status;
     EXPECT_TRUE(log.Contains("Last response code: " + std::to_string(each.status)));
@@ -694,22 +664,20 @@ TEST_F(HuaweiTest, ServiceErrorsThroughTheMap) {
 TEST_F(HuaweiTest, BadAnswersGiveTheirLines) {
   FolderNode root;
   struct Case {
-    emulators::Fault fault;
-    const char* line;
-  } cases[] = {{{}, "Failed read listing response."}, {{}, "Failed get resourse."}};
-  cases[0].fault.cut_after = 10;
-  cases[1].fault.drop_field = "startCursor";
-  const char* prefixes[] = {"/drive/v1/files", "/drive/v1/changes"};
-  for (int i = 0; i < 2; ++i) {
     emulators::FaultRule rule;
-    rule.path_prefix = prefixes[i];
-    rule.nth = i == 0 ? 2 : 1;
-    rule.fault = cases[i].fault;
+    const char* line;
+  } cases[] = {
+      {emulators::FaultRule::On("", "/drive/v1/files").Nth(2).CutAfter(10),
+       "Failed read listing response."},
+      {emulators::FaultRule::On("", "/drive/v1/changes").DropField("startCursor"),
+       "Failed get cursor to get changes."},
+  };
+  for (const Case& c : cases) {
     emulator_->faults().Clear();
-    emulator_->faults().Add(rule);
+    emulator_->faults().Add(c.rule);
     LoggerWrapper::Capture log;
-    EXPECT_NE(Tree(&root), FS::SUCCEEDED);
-    EXPECT_TRUE(log.Contains(i == 0 ? cases[i].line : "Failed get cursor to get changes."));
+    EXPECT_NE(Tree(&root), FS::SUCCEEDED) << c.line;
+    EXPECT_TRUE(log.Contains(c.line)) << c.line;
   }
 }
 
@@ -794,26 +762,17 @@ TEST_F(HuaweiTest, MetainfoInertAndStopRules) {
     account().SetProperty(id, "cloudPath", remote + std::to_string(i), nullptr);
     account().SetProperty(id, "localPath", "/home/" + std::to_string(i), nullptr);
   }
-  emulators::FaultRule slow;
-  slow.path_prefix = "/drive/v1/files";
-  slow.nth = 4;  // the drive's root, the backups' folder, the first page, then this
-  slow.fault.delay_ms = 20000;
-  emulator_->faults().Add(slow);
+  // The fourth: the drive's root, the backups' folder, the first page, then this.
+  emulator_->faults().Add(emulators::FaultRule::On("", "/drive/v1/files").Nth(4).DelayMs(20000));
 
   // 3. Stop once that page is asked for: the first page's records, within a second.
   auto reader = factory_->CreateMetainfoReader(http_);
-  std::thread stopper([&] {
-    for (int i = 0; i < 500 && emulator_->server().Requests().size() < 4; ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(10));
-    }
-    reader->Stop();
-  });
   LoggerWrapper::Capture log;
-  const auto started = std::chrono::steady_clock::now();
-  const std::vector<BackupMetainfoRecord> records = reader->ReadAll();
-  stopper.join();
-  EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(2));
-  EXPECT_EQ(records.size(), emulators::HuaweiDialect::kPageSize);
+  const auto read = test::StopOnceReady(
+      [&reader] { return reader->ReadAll(); },
+      [this] { return emulator_->server().Requests().size() >= 4; }, [&reader] { reader->Stop(); });
+  EXPECT_LT(read.took, std::chrono::seconds(2));
+  EXPECT_EQ(read.value.size(), emulators::HuaweiDialect::kPageSize);
   EXPECT_TRUE(log.Contains("MetainfoReader is stopped."));
   EXPECT_TRUE(reader->ReadAll().empty());
 

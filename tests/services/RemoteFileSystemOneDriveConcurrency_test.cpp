@@ -7,10 +7,6 @@
 #include <queue>
 #include <thread>
 
-#include "core/Clock.h"
-#include "core/Cookie.h"
-#include "core/CurlURLProcessorFactory.h"
-#include "core/Endpoints.h"
 #include "core/HashCalculators.h"
 #include "core/LoggerWrapper.h"
 #include "core/Nodes.h"
@@ -18,41 +14,27 @@
 #include "emulators/Emulator.h"
 #include "emulators/OneDriveDialect.h"
 #include "services/RemoteFileSystemOneDrive.h"
+#include "support/HashOf.h"
+#include "support/OneDriveTesting.h"
+#include "support/StopOnceReady.h"
 
 namespace {
 
 using Result = FileSystem::Result;
 
-SomeHash QuickXorOf(const std::string& content) {
-  HashCalculatorOneDrive calculator;
-  calculator.Begin();
-  calculator.Feed(reinterpret_cast<const std::uint8_t*>(content.data()),
-                  static_cast<std::uint32_t>(content.size()));
-  return calculator.Finish();
-}
+constexpr auto QuickXorOf = test::HashOf<HashCalculatorOneDrive>;
 
-class OneDriveConcurrencyTest : public testing::Test {
+class OneDriveConcurrencyTest : public test::OneDriveEmulatorTest {
  protected:
   void SetUp() override {
-    std::string error;
-    emulator_ = emulators::Emulator::Start(emulators::MakeOneDriveDialect(), 0, &error);
-    ASSERT_NE(emulator_, nullptr) << error;
-    for (const auto& [name, url] : emulator_->Endpoints())
-      Endpoints::Override(name, url);
+    OneDriveEmulatorTest::SetUp();
+    ASSERT_FALSE(HasFatalFailure());
     emulators::Item work;
     ASSERT_EQ(emulator_->account().CreateFolder(emulator_->account().RootId(), "Work", &work),
               emulators::AccountError::kNone);
     drive_ = OpenDrive();
     std::uint64_t free = 0, total = 0;
     ASSERT_EQ(drive_->GetFullTree(&root_, &free, &total, nullptr), Result::SUCCEEDED);
-  }
-  void TearDown() override { Endpoints::ResetOverrides(); }
-
-  std::unique_ptr<RemoteFileSystemOneDrive> OpenDrive() {
-    auto drive = std::make_unique<RemoteFileSystemOneDrive>(shared_, "");
-    EXPECT_TRUE(drive->Open(std::make_shared<CurlURLProcessorFactory>(
-        std::make_shared<core::cookie::CookieOAuth>("token"))));
-    return drive;
   }
   Result Upload(const std::string& path, const std::string& content, std::uint64_t time) {
     std::uint64_t offset = 0;
@@ -66,11 +48,6 @@ class OneDriveConcurrencyTest : public testing::Test {
     return result;
   }
 
-  utils::ManualClock clock_;
-  utils::ScopedClock scoped_clock_{&clock_};
-  std::unique_ptr<emulators::Emulator> emulator_;
-  std::shared_ptr<RemoteFileSystemOneDriveSharedData> shared_ =
-      std::make_shared<RemoteFileSystemOneDriveSharedData>();
   std::unique_ptr<RemoteFileSystemOneDrive> drive_;
   FolderNode root_;
 };
@@ -130,29 +107,21 @@ TEST_F(OneDriveConcurrencyTest, FileOperationsBesideTheFeedOnOneInstance) {
 
 TEST_F(OneDriveConcurrencyTest, StopDuringAChunkAnswersStoppedAndKeepsTheSession) {
   // The answer to the chunk is held far longer than the test waits, and never given.
-  emulators::FaultRule rule;
-  rule.verb = "PUT";
-  rule.path_prefix = "/_upload/";
-  rule.fault.status = 503;
-  rule.fault.delay_ms = 20000;
-  emulator_->faults().Add(rule);
+  emulator_->faults().Add(emulators::FaultRule::On("PUT", "/_upload/").Status(503).DelayMs(20000));
   const std::string content(400000, 'q');
   std::uint64_t offset = 0;
   ASSERT_EQ(drive_->OpenForCreate({}, "Work/held.bin", QuickXorOf(content), content.size(), 0,
                                   &offset, false),
             Result::SUCCEEDED);
   // Stop once the service holds the whole chunk and has yet to answer.
-  std::thread stopper([this] {
-    while (emulator_->faults().Fired() == 0)
-      std::this_thread::yield();
-    drive_->Stop();
-  });
-  const auto began = std::chrono::steady_clock::now();
-  EXPECT_EQ(drive_->WriteFile(reinterpret_cast<const std::uint8_t*>(content.data()),
-                              static_cast<std::uint32_t>(content.size())),
-            Result::STOPPED);
-  EXPECT_LT(std::chrono::steady_clock::now() - began, std::chrono::seconds(1));
-  stopper.join();
+  const auto written = test::StopOnceReady(
+      [this, &content] {
+        return drive_->WriteFile(reinterpret_cast<const std::uint8_t*>(content.data()),
+                                 static_cast<std::uint32_t>(content.size()));
+      },
+      [this] { return emulator_->faults().Fired() > 0; }, [this] { drive_->Stop(); });
+  EXPECT_EQ(written.value, Result::STOPPED);
+  EXPECT_LT(written.took, std::chrono::seconds(1));
   EXPECT_EQ(shared_->sessions.Count(), 1u);
   // Another adapter of the account takes the session up where the service stands.
   RadarsLogger::Capture metrics;

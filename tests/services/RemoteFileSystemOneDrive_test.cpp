@@ -25,6 +25,9 @@
 #include "emulators/Emulator.h"
 #include "emulators/OneDriveDialect.h"
 #include "services/GraphDriveItem.h"
+#include "support/HashOf.h"
+#include "support/OneDriveTesting.h"
+#include "support/StartEmulator.h"
 
 namespace {
 
@@ -45,28 +48,8 @@ void ListTree(const FolderNode& folder, const std::string& prefix, Listing* out)
     (*out)[prefix + it->GetName()] = std::to_string(it->size);
 }
 
-class OneDriveTest : public testing::Test {
+class OneDriveTest : public test::OneDriveEmulatorTest {
  protected:
-  void SetUp() override { StartEmulator(emulators::OneDriveOptions()); }
-  void TearDown() override { Endpoints::ResetOverrides(); }
-
-  void StartEmulator(const emulators::OneDriveOptions& options) {
-    std::string error;
-    emulator_ = emulators::Emulator::Start(emulators::MakeOneDriveDialect(options), 0, &error);
-    ASSERT_NE(emulator_, nullptr) << error;
-    for (const auto& [name, url] : emulator_->Endpoints())
-      Endpoints::Override(name, url);
-  }
-
-  std::unique_ptr<RemoteFileSystemOneDrive> OpenDrive(const std::string& token = "token") {
-    auto drive = std::make_unique<RemoteFileSystemOneDrive>(shared_, "");
-    EXPECT_TRUE(drive->Open(std::make_shared<CurlURLProcessorFactory>(
-        std::make_shared<core::cookie::CookieOAuth>(token))));
-    return drive;
-  }
-
-  emulators::CloudAccount& account() { return emulator_->account(); }
-
   std::string AddFolder(const std::string& parent, const std::string& name) {
     Item item;
     EXPECT_EQ(account().CreateFolder(parent, name, &item), emulators::AccountError::kNone);
@@ -122,21 +105,7 @@ class OneDriveTest : public testing::Test {
     }
     return deltas;
   }
-  void AddFault(const std::string& verb, const std::string& path, emulators::Fault fault,
-                int times = 1) {
-    emulators::FaultRule rule;
-    rule.verb = verb;
-    rule.path_prefix = path;
-    rule.times = times;
-    rule.fault = fault;
-    emulator_->faults().Add(rule);
-  }
 
-  utils::ManualClock clock_;
-  utils::ScopedClock scoped_clock_{&clock_};
-  std::unique_ptr<emulators::Emulator> emulator_;
-  std::shared_ptr<RemoteFileSystemOneDriveSharedData> shared_ =
-      std::make_shared<RemoteFileSystemOneDriveSharedData>();
   FolderNode root_;
   std::uint64_t free_ = 0;
   std::uint64_t total_ = 0;
@@ -179,10 +148,9 @@ TEST_F(OneDriveTest, HttpFailuresMapToResultsWaitsAndReasons) {
     utils::ManualClock clock;
     utils::ScopedClock scoped(&clock);
     LoggerWrapper::Capture log;
-    emulators::Fault fault;
-    fault.status = c.status;
-    fault.retry_after_s = c.retry_after;
-    AddFault("GET", "/v1.0/me/drive", fault);
+    emulator_->faults().Add(emulators::FaultRule::On("GET", "/v1.0/me/drive")
+                                .Status(c.status)
+                                .RetryAfter(c.retry_after));
     std::uint64_t total = 0, used = 0;
     EXPECT_EQ(drive->GetCloudSize(&total, &used), c.result);
     EXPECT_EQ(clock.Waits(), c.waits);
@@ -203,10 +171,8 @@ TEST_F(OneDriveTest, NetworkFailureAndStopDuringRetryAfter) {
   EXPECT_EQ(drive->GetFailReason(), FileSystem::FAIL_REASON_NETWORK);
   // Stop while the service asks to wait: STOPPED, and every later operation too.
   Endpoints::Override(Endpoints::kMicrosoftGraph, emulator_->BaseUrl() + "/v1.0");
-  emulators::Fault fault;
-  fault.status = 429;
-  fault.retry_after_s = 120;
-  AddFault("GET", "/v1.0/me/drive", fault);
+  emulator_->faults().Add(
+      emulators::FaultRule::On("GET", "/v1.0/me/drive").Status(429).RetryAfter(120));
   clock_.SetOnWait([&drive](std::int64_t) { drive->Stop(); });
   EXPECT_EQ(drive->GetCloudSize(&total, &used), Result::STOPPED);
   EXPECT_EQ(drive->GetCloudSize(&total, &used), Result::STOPPED);
@@ -336,10 +302,10 @@ TEST_F(OneDriveFeedTest, RenewalFollowsTheDeltaCodeAfterAMinute) {
   for (const Case& c : cases) {
     SCOPED_TRACE(c.status);
     ASSERT_EQ(Snapshot(drive_.get()), Result::SUCCEEDED);
-    emulators::Fault fault;
-    fault.status = c.status;
-    fault.reset = c.reset;
-    AddFault("GET", "/v1.0/me/drive/root/delta", fault, c.reset ? 3 : 1);
+    emulator_->faults().Add(emulators::FaultRule::On("GET", "/v1.0/me/drive/root/delta")
+                                .Status(c.status)
+                                .Reset(c.reset)
+                                .Times(c.reset ? 3 : 1));
     std::queue<Change> changes;
     EXPECT_NE(drive_->GetChanges(&changes), Result::SUCCEEDED);
     EXPECT_TRUE(changes.empty());
@@ -437,50 +403,35 @@ TEST_F(OneDriveTest, SharedFolderOfASecondDriveMountsOnItsOwnDelta) {
       << content_path;
   EXPECT_NE(content_path.find(":/plan.txt:/content"), std::string::npos) << content_path;
   // 4. A failing listing of shared items answers 0.
-  emulators::Fault fault;
-  fault.status = 500;
-  AddFault("GET", "/v1.0/me/drive/sharedWithMe", fault);
+  emulator_->faults().Add(
+      emulators::FaultRule::On("GET", "/v1.0/me/drive/sharedWithMe").Status(500));
   EXPECT_EQ(drive->GetMountedDirSize(), 0u);
 }
 
 TEST_F(OneDriveTest, BadAnswersGiveTheirResultAndLine) {
   struct Case {
     const char* name;
-    std::function<void()> setup;
+    emulators::FaultRule fault;
     Result result;
     const char* line;
   };
-  auto fault_on = [this](const std::string& path, emulators::Fault fault) {
-    return [this, path, fault] { AddFault("GET", path, fault); };
-  };
-  emulators::Fault forbidden;
-  forbidden.status = 403;
-  emulators::Fault no_value;
-  no_value.drop_field = "value";
-  emulators::Fault no_link;
-  no_link.drop_field = "@odata.deltaLink";
-  emulators::Fault cut;
-  cut.cut_after = 40;
-  emulators::Fault no_facet;
-  no_facet.drop_field = "file";
+  auto delta = [] { return emulators::FaultRule::On("GET", "/v1.0/me/drive/root/delta"); };
   AddFile(account().RootId(), "f.txt", "x");
   const Case cases[] = {
-      {"403 on the root", fault_on("/v1.0/me/drive/root", forbidden), Result::FATAL,
-       "No access to root, it`s fatal err."},
-      {"page without value", fault_on("/v1.0/me/drive/root/delta", no_value), Result::FATAL,
-       "No items in response."},
-      {"last page without link", fault_on("/v1.0/me/drive/root/delta", no_link), Result::FATAL,
+      {"403 on the root", emulators::FaultRule::On("GET", "/v1.0/me/drive/root").Status(403),
+       Result::FATAL, "No access to root, it`s fatal err."},
+      {"page without value", delta().DropField("value"), Result::FATAL, "No items in response."},
+      {"last page without link", delta().DropField("@odata.deltaLink"), Result::FATAL,
        "Delta link is empty."},
-      {"truncated page", fault_on("/v1.0/me/drive/root/delta", cut), Result::FAILED,
-       "Failed request: "},
-      {"item without facet", fault_on("/v1.0/me/drive/root/delta", no_facet), Result::SUCCEEDED,
+      {"truncated page", delta().CutAfter(40), Result::FAILED, "Failed request: "},
+      {"item without facet", delta().DropField("file"), Result::SUCCEEDED,
        "Unknown drive_item's resource facet type."},
   };
   for (const Case& c : cases) {
     SCOPED_TRACE(c.name);
     emulator_->faults().Clear();
     LoggerWrapper::Capture log;
-    c.setup();
+    emulator_->faults().Add(c.fault);
     auto drive = OpenDrive();
     EXPECT_EQ(Snapshot(drive.get()), c.result);
     EXPECT_TRUE(log.Contains(c.line));
@@ -492,10 +443,7 @@ TEST(OneDriveDriveType, DocumentLibraryIsFatal) {
   utils::ScopedClock scoped(&clock);
   emulators::OneDriveOptions options;
   options.drive_type = "documentLibrary";
-  std::string error;
-  auto emulator = emulators::Emulator::Start(emulators::MakeOneDriveDialect(options), 0, &error);
-  for (const auto& [name, url] : emulator->Endpoints())
-    Endpoints::Override(name, url);
+  auto emulator = test::StartEmulator(emulators::MakeOneDriveDialect(options));
   RemoteFileSystemOneDrive drive(std::make_shared<RemoteFileSystemOneDriveSharedData>(), "");
   drive.Open(std::make_shared<CurlURLProcessorFactory>(
       std::make_shared<core::cookie::CookieOAuth>("token")));
@@ -519,11 +467,7 @@ TEST_F(OneDriveFeedTest, UploadsLandWithOurHashAndTheirEchoesAreDropped) {
     emulator_->server().ClearRequests();
     const std::string path = std::string("Other/") + c.name + ".bin";
     std::string content = emulators::PatternString(0, c.size);
-    HashCalculatorOneDrive calculator;
-    calculator.Begin();
-    calculator.Feed(reinterpret_cast<const std::uint8_t*>(content.data()),
-                    static_cast<std::uint32_t>(content.size()));
-    SomeHash ours = calculator.Finish();
+    SomeHash ours = test::HashOf<HashCalculatorOneDrive>(content);
     std::uint64_t offset = 1;
     ASSERT_EQ(drive_->OpenForCreate({}, path, ours, c.size, 1'600'000'000, &offset, false),
               Result::SUCCEEDED);
@@ -620,13 +564,7 @@ TEST_F(OneDriveFeedTest, FolderOperationsSendOneRequestAndDropTheirEchoes) {
   EXPECT_EQ(Model().count("Other/Made"), 1u);
 }
 
-SomeHash QuickXorOf(const std::string& content) {
-  HashCalculatorOneDrive calculator;
-  calculator.Begin();
-  calculator.Feed(reinterpret_cast<const std::uint8_t*>(content.data()),
-                  static_cast<std::uint32_t>(content.size()));
-  return calculator.Finish();
-}
+constexpr auto QuickXorOf = test::HashOf<HashCalculatorOneDrive>;
 
 // The QuickXor digest as Graph writes it.
 std::string Base64Of(const SomeHash& hash) {
@@ -764,18 +702,11 @@ TEST_F(OneDriveSessionTest, AnInterruptedSessionResumesInAnotherAdapter) {
     ASSERT_EQ(a->OpenForCreate({}, path, SomeHash(), size, 0, &offset, false), Result::SUCCEEDED);
     if (c.cut == Cut::kResetInSecondChunk) {
       // The service keeps 320 KiB of the second chunk, and the connection breaks before its answer.
-      emulators::FaultRule rule;
-      rule.verb = "PUT";
-      rule.path_prefix = "/_upload/";
-      rule.nth = 2;
-      rule.fault.reset = true;
-      rule.fault.persist_limit = 327680;
-      emulator_->faults().Add(rule);
+      emulator_->faults().Add(
+          emulators::FaultRule::On("PUT", "/_upload/").Nth(2).Reset().PersistLimit(327680));
       EXPECT_NE(WriteBlocks(a.get(), content, 0, 1 << 20), Result::SUCCEEDED);
     } else if (c.cut == Cut::kShortPersist) {
-      emulators::Fault fault;
-      fault.persist_limit = 327680;
-      AddFault("PUT", "/_upload/", fault);
+      emulator_->faults().Add(emulators::FaultRule::On("PUT", "/_upload/").PersistLimit(327680));
       EXPECT_EQ(WriteBlocks(a.get(), content, 0, 65536), Result::FAILED);
       EXPECT_EQ(metrics.Count("onedrive_offset_error"), 1u);
     } else {
@@ -999,9 +930,9 @@ TEST_F(OneDriveFeedTest, TimePatchRetriesOnceAndBothEchoesAreDropped) {
     const std::string path = std::string("Other/") + c.name + ".bin";
     const std::string content = emulators::PatternString(3, 70000);
     if (c.status != 0) {
-      emulators::Fault fault;
-      fault.status = c.status;
-      AddFault("PATCH", "/v1.0/me/drive/items/", fault, c.times);
+      emulator_->faults().Add(emulators::FaultRule::On("PATCH", "/v1.0/me/drive/items/")
+                                  .Status(c.status)
+                                  .Times(c.times));
     }
     emulator_->server().ClearRequests();
     RadarsLogger::Capture metrics;
@@ -1068,10 +999,8 @@ TEST_F(OneDriveSessionTest, UploadFailuresGiveTheirResultAndLine) {
     SCOPED_TRACE(c.name);
     account().SetTotalSpace(c.space);
     if (c.status != 0 || c.cut_after != UINT64_MAX) {
-      emulators::Fault fault;
-      fault.status = c.status;
-      fault.cut_after = c.cut_after;
-      AddFault("PUT", "/_upload/", fault);
+      emulator_->faults().Add(
+          emulators::FaultRule::On("PUT", "/_upload/").Status(c.status).CutAfter(c.cut_after));
     }
     emulator_->server().ClearRequests();
     const std::size_t stored = shared_->sessions.Count();

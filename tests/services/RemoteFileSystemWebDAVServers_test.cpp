@@ -20,6 +20,7 @@
 #include "emulators/HttpServer.h"
 #include "services/RemoteFileSystemWebDAV.h"
 #include "support/DavServer.h"
+#include "support/HashOf.h"
 #include "support/WebDavTesting.h"
 
 namespace {
@@ -137,13 +138,7 @@ Listing ListWithRclone(const std::string& url) {
   return listing;
 }
 
-SomeHash HashOf(const std::string& content) {
-  HashCalculatorInternal calculator;
-  calculator.Begin();
-  calculator.Feed(reinterpret_cast<const std::uint8_t*>(content.data()),
-                  static_cast<std::uint32_t>(content.size()));
-  return calculator.Finish();
-}
+constexpr auto HashOf = test::HashOf<HashCalculatorInternal>;
 
 class WebDavServersTest : public testing::TestWithParam<DavServerKind> {
  protected:

@@ -19,6 +19,7 @@
 #include "emulators/HttpServer.h"
 #include "services/RemoteFileSystemBox.h"
 #include "services/RemoteWebDAVUtils.h"
+#include "support/HashOf.h"
 #include "support/WebDavTesting.h"
 
 namespace {
@@ -482,14 +483,11 @@ TEST_F(WebDavFaultTest, UploadsAreConditionalAndReturnTheServersEtag) {
     const FileSystem::OverwriteControl control =
         c.controlHash.empty() ? FileSystem::OverwriteControl()
                               : FileSystem::OverwriteControl(SomeHash(c.controlHash));
-    HashCalculatorInternal calculator;
-    calculator.Begin();
-    calculator.Feed(reinterpret_cast<const std::uint8_t*>(c.content.data()),
-                    static_cast<std::uint32_t>(c.content.size()));
     std::uint64_t offset = 7;
-    ASSERT_EQ(dav->OpenForRewrite(control, "up/file.bin", calculator.Finish(), c.content.size(), 0,
-                                  &offset),
-              Result::SUCCEEDED);
+    ASSERT_EQ(
+        dav->OpenForRewrite(control, "up/file.bin", test::HashOf<HashCalculatorInternal>(c.content),
+                            c.content.size(), 0, &offset),
+        Result::SUCCEEDED);
     EXPECT_EQ(offset, 0u);
     if (!c.content.empty()) {
       ASSERT_EQ(dav->WriteFile(reinterpret_cast<const std::uint8_t*>(c.content.data()),
@@ -573,10 +571,7 @@ TEST_F(WebDavFaultTest, AnUploadWhoseContentIsNotTheAnnouncedOneNeverEnds) {
 // the same content is the same whichever case, another content is refused whatever the case.
 TEST_F(WebDavFaultTest, AnUploadsHashIsComparedWhateverTheCaseOfItsHex) {
   const std::string content(3000, 'c');
-  HashCalculatorInternal calculator;
-  calculator.Begin();
-  calculator.Feed(reinterpret_cast<const std::uint8_t*>(content.data()), 3000);
-  const std::string hex = calculator.Finish().GetHashGenericString();
+  const std::string hex = test::HashOf<HashCalculatorInternal>(content).GetHashGenericString();
   std::string upper = hex;
   std::transform(upper.begin(), upper.end(), upper.begin(), ::toupper);
   std::string mixed = hex;

@@ -15,6 +15,7 @@
 #include "emulators/YandexDialect.h"
 #include "emulators/YandexSnapshot.h"
 #include "services/RemoteFileSystemYandex.h"
+#include "support/StartEmulator.h"
 #include "support/YandexTesting.h"
 
 namespace {
@@ -38,12 +39,8 @@ class YandexEmulatorTest : public testing::Test {
   void Start(emulators::YandexOptions options) {
     options.snapshot_page = 700;
     options.deltas_page = 3;
-    std::string error;
-    emulator_ = emulators::Emulator::Start(emulators::MakeYandexDialect(options), 0, &error);
-    ASSERT_TRUE(emulator_) << error;
-    for (const auto& [name, url] : emulator_->Endpoints()) {
-      Endpoints::Override(name, url);
-    }
+    emulator_ = test::StartEmulator(emulators::MakeYandexDialect(options));
+    ASSERT_TRUE(emulator_);
     Seed();
   }
   void TearDown() override { Endpoints::ResetOverrides(); }

@@ -17,6 +17,8 @@
 #include "emulators/HttpServer.h"
 #include "emulators/YandexDialect.h"
 #include "services/RemoteFileSystemYandex.h"
+#include "support/HashOf.h"
+#include "support/StartEmulator.h"
 #include "support/YandexTesting.h"
 
 namespace {
@@ -28,13 +30,7 @@ using emulators::Item;
 using Change = FileSystem::Change;
 using Result = FileSystem::Result;
 
-SomeHash HashOf(const std::string& content) {
-  HashCalculatorYandex calculator;
-  calculator.Begin();
-  calculator.Feed(reinterpret_cast<const std::uint8_t*>(content.data()),
-                  static_cast<std::uint32_t>(content.size()));
-  return calculator.Finish();
-}
+constexpr auto HashOf = test::HashOf<HashCalculatorYandex>;
 
 int MetricCount(const RadarsLogger::Capture& metrics, const std::string& name) {
   const auto all = metrics.Metrics();
@@ -62,12 +58,8 @@ class YandexFilesTest : public testing::Test {
   void TearDown() override { Endpoints::ResetOverrides(); }
 
   void Start(emulators::YandexOptions options) {
-    std::string error;
-    emulator_ = emulators::Emulator::Start(emulators::MakeYandexDialect(options), 0, &error);
-    ASSERT_TRUE(emulator_) << error;
-    for (const auto& [name, url] : emulator_->Endpoints()) {
-      Endpoints::Override(name, url);
-    }
+    emulator_ = test::StartEmulator(emulators::MakeYandexDialect(options));
+    ASSERT_TRUE(emulator_);
     fs_ = test::OpenYandex("", &factory_);
     ASSERT_NE(fs_, nullptr);
   }
@@ -201,11 +193,7 @@ TEST_F(YandexFilesTest, UploadByLinkAnswersAfterTheBody) {
       {"server error", 500, Result::FAILED, "Uploading file failed, http_code 500."},
   };
   for (const Case& c : cases) {
-    emulators::FaultRule rule;
-    rule.verb = "PUT";
-    rule.path_prefix = "/yadisk-upload/";
-    rule.fault.status = c.status;
-    emulator_->faults().Add(rule);
+    emulator_->faults().Add(emulators::FaultRule::On("PUT", "/yadisk-upload/").Status(c.status));
     LoggerWrapper::Capture log;
     const Upload upload = Put(std::string(c.name) + ".txt", "some bytes");
     EXPECT_EQ(upload.closed, c.result) << c.name;
@@ -360,10 +348,7 @@ TEST_F(YandexFilesTest, ContentThatIsntWhatItShouldBeIsRefusedBothWays) {
   std::string got;
   EXPECT_EQ(Get("f.txt", content, &got), Result::SUCCEEDED);
   EXPECT_EQ(got, content);
-  emulators::FaultRule flip;
-  flip.verb = "GET";
-  flip.path_prefix = "/yadisk-download/";
-  flip.fault.flip_byte = 5;
+  const auto flip = emulators::FaultRule::On("GET", "/yadisk-download/").FlipByte(5);
   emulator_->faults().Add(flip);
   RadarsLogger::Capture metrics;
   LoggerWrapper::Capture log;
@@ -672,11 +657,8 @@ TEST_F(YandexFilesTest, FolderListingFollowsTheServersPageSize) {
   EXPECT_EQ(props.hash, HashOf(name.substr(1)));
 
   // The folder grows while it is read.
-  emulators::FaultRule grow;
-  grow.verb = "GET";
-  grow.path_prefix = "/v1/disk/resources";
-  grow.fault.change_after = emulators::ForeignChange{"create", "many/late", "", "late"};
-  emulator_->faults().Add(grow);
+  emulator_->faults().Add(emulators::FaultRule::On("GET", "/v1/disk/resources")
+                              .ChangeAfter({"create", "many/late", "", "late"}));
   LoggerWrapper::Capture log;
   RemoteFileSystem::FolderListing again;
   EXPECT_EQ(fs_->GetFolderListing("many", &again), Result::SUCCEEDED);

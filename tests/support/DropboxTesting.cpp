@@ -9,6 +9,7 @@
 #include "core/Endpoints.h"
 #include "core/RemoteFileSystemSharedData.h"
 #include "services/RemoteFileSystemFactoryDropbox.h"
+#include "support/StartEmulator.h"
 
 DropboxFixture::DropboxFixture(const std::string& root, std::size_t page_size) {
   shared_ = std::make_shared<RemoteFileSystemDropboxSharedData>();
@@ -16,11 +17,7 @@ DropboxFixture::DropboxFixture(const std::string& root, std::size_t page_size) {
   dialect_ = dialect.get();
   dialect_->SetPageSize(page_size);
   dialect_->SetLongpollSecondMs(5);
-  std::string error;
-  emulator_ = emulators::Emulator::Start(std::move(dialect), 0, &error);
-  for (const auto& [name, url] : emulator_->Endpoints()) {
-    Endpoints::Override(name, url);
-  }
+  emulator_ = test::StartEmulator(std::move(dialect));
   adapter_ = MakeAdapter(root);
 }
 

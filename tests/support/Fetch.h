@@ -16,6 +16,9 @@ struct Answer {
   std::string body;
   std::string headers;
   CURLcode code = CURLE_OK;
+
+  // The value of the first header of that name, any case; empty when there is none.
+  std::string Header(const std::string& name) const;
 };
 
 // `token` is the whole value of "Authorization" (none when empty), `range` that of "Range",

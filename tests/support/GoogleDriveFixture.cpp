@@ -5,17 +5,14 @@
 #include "core/Endpoints.h"
 #include "core/HashCalculators.h"
 #include "services/RemoteFileSystemFactoryGoogle.h"
+#include "support/StartEmulator.h"
 
 namespace test {
 
 GoogleDrive::GoogleDrive(const std::string& remote_root, const std::string& token) {
   auto made = std::make_unique<emulators::GoogleDialect>();
   dialect = made.get();
-  std::string error;
-  emulator = emulators::Emulator::Start(std::move(made), 0, &error);
-  for (const auto& [name, url] : emulator->Endpoints()) {
-    Endpoints::Override(name, url);
-  }
+  emulator = test::StartEmulator(std::move(made));
   factory = std::make_unique<RemoteFileSystemFactoryGoogle>(remote_root);
   fs.reset(static_cast<RemoteFileSystemGoogle*>(factory->Create()));
   opened = fs->Open(std::make_shared<CurlURLProcessorFactory>(

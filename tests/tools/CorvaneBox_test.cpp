@@ -24,6 +24,7 @@
 #include "support/Fetch.h"
 #include "support/Processes.h"
 #include "tools/EmulatedToolTest.h"
+#include "tools/ToolOutput.h"
 
 namespace {
 
@@ -119,14 +120,10 @@ TEST_F(CorvaneBoxTest, ReadingCommandsSeeTheSeededAccount) {
   // 2. ls: one folder's children.
   test::Outcome ls = Tool({"--json", "ls", "docs"});
   ASSERT_EQ(ls.status, 0) << ls.err;
-  std::set<std::string> children;
-  for (const std::string& line : test::Lines(ls.out)) {
-    children.insert(QJsonDocument::fromJson(QByteArray::fromStdString(line))
-                        .object()["path"]
-                        .toString()
-                        .toStdString());
-  }
-  EXPECT_EQ(children, (std::set<std::string>{"docs/b.bin", "docs/deep"})) << ls.out;
+  const std::vector<std::string> children = test::PrintedPaths(ls.out);
+  EXPECT_EQ(std::set<std::string>(children.begin(), children.end()),
+            (std::set<std::string>{"docs/b.bin", "docs/deep"}))
+      << ls.out;
 
   // 3. get: the seeded bytes, whole and as a range.
   ASSERT_EQ(Tool({"get", "docs/b.bin", Local("whole.bin")}).status, 0);

@@ -24,6 +24,7 @@
 
 #include "emulators/Dialect.h"
 #include "support/Processes.h"
+#include "tools/ToolOutput.h"
 
 namespace {
 
@@ -148,13 +149,7 @@ TEST(CorvaneEmulateGoogleTest, ListsTheDemoDriveAndRefusesTheRejectedToken) {
   };
   test::Outcome listed = run({"--json", "tree"});
   ASSERT_EQ(listed.status, 0) << listed.err;
-  std::set<std::string> paths;
-  for (const std::string& line : test::Lines(listed.out)) {
-    paths.insert(QJsonDocument::fromJson(QByteArray::fromStdString(line))
-                     .object()["path"]
-                     .toString()
-                     .toStdString());
-  }
+  const std::vector<std::string> paths = test::PrintedPaths(listed.out);
   const std::set<std::string> expected = {"Docs",
                                           "Docs/Report.url",
                                           "Docs/clash",
@@ -175,7 +170,7 @@ TEST(CorvaneEmulateGoogleTest, ListsTheDemoDriveAndRefusesTheRejectedToken) {
                                           "late/early/inside-early.txt",
                                           "Доступные мне",
                                           "Доступные мне/gift.txt"};
-  EXPECT_EQ(paths, expected) << listed.out;
+  EXPECT_EQ(std::set<std::string>(paths.begin(), paths.end()), expected) << listed.out;
   EXPECT_EQ(run({"quota"}).status, 0);
   // The token the emulator refuses: FORBIDDEN, said plainly.
   options[3] = emulators::Emulator::kRejectedToken;

@@ -34,6 +34,7 @@
 #include "support/HashReferences.h"
 #include "support/Processes.h"
 #include "support/WebDavTesting.h"
+#include "tools/ToolOutput.h"
 
 namespace {
 
@@ -56,6 +57,7 @@ std::string FirstWord(const std::string& text) {
 using test::Environment;
 using test::Lines;
 using test::Outcome;
+using test::PrintedPaths;
 using test::RandomBytes;
 using test::ReadAll;
 using test::RunProcess;
@@ -66,18 +68,6 @@ using test::WriteAll;
 
 constexpr char kUser[] = "alice";
 constexpr char kPassword[] = "s3cret wörd";
-
-// The "path" of each JSON line the tool printed, in order.
-std::vector<std::string> PrintedPaths(const std::string& out) {
-  std::vector<std::string> paths;
-  for (const std::string& line : Lines(out)) {
-    paths.push_back(QJsonDocument::fromJson(QByteArray::fromStdString(line))
-                        .object()["path"]
-                        .toString()
-                        .toStdString());
-  }
-  return paths;
-}
 
 Outcome RunTool(std::vector<std::string> args, const fs::path& dir,
                 const Environment& environment = {}) {
