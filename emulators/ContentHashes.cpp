@@ -93,7 +93,7 @@ class ContentHasher::QuickXor {
   std::uint64_t length_ = 0;
 };
 
-ContentHasher::ContentHasher(unsigned kinds) : kinds_(kinds) {
+ContentHasher::ContentHasher(unsigned kinds) {
   if (kinds & kMd5)
     md5_ = std::make_unique<Digest>(EVP_md5());
   if (kinds & kSha1)

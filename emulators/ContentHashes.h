@@ -57,7 +57,6 @@ class ContentHasher {
 
   void UpdateDropbox(const std::uint8_t* data, std::size_t size);
 
-  unsigned kinds_;
   std::uint64_t size_ = 0;
   std::unique_ptr<Digest> md5_;
   std::unique_ptr<Digest> sha1_;

@@ -22,8 +22,11 @@ std::uint64_t OffsetFromRangeHeader(const std::string& range) {
   errno = 0;
   char* end = nullptr;
   unsigned long long last = std::strtoull(range.c_str() + prefix.size(), &end, 10);
-  // Anything but a plain number is no offset we can trust: the upload starts over.
-  if (*end != '\0' || errno != 0 || last == UINT64_MAX) {
+  // Anything but a plain number is no offset we can trust: the upload starts over. The end is the
+  // header's length, not the first NUL: "bytes=0-41\0..." is no more a number than "bytes=0-41x".
+  if (end != range.c_str() + range.size() || errno != 0 || last == UINT64_MAX) {
+    LOG_WARNING << "Unreadable Range of a resumable upload, starting over: " << range.size()
+                << " bytes";
     return 0;
   }
   return last + 1;

@@ -135,9 +135,10 @@ TEST(GoogleFormatTime, IsRfc3339InUtcWithMilliseconds) {
 
 TEST(GoogleRangeHeader, GivesTheNextOffsetOrStartsOver) {
   const struct {
-    const char* header;
+    std::string header;
     std::uint64_t offset;
   } cases[] = {{"bytes=0-524287", 524288},
+               {std::string("bytes=0-41\0\0\0\0\x31\x35", 16), 0},
                {"", 0},
                {"bytes=0-", 0},
                {"bytes=5-9", 0},
