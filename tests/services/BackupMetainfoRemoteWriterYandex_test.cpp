@@ -154,8 +154,22 @@ TEST_F(YandexMetainfoTest, AnswersThatAreNotWholeLeaveWhatCanBeRead) {
   }
   EXPECT_EQ(server.Requests().back().Header("Depth"), "1");
 
+  // A client that can't be opened reads nothing and writes nothing.
+  const std::size_t before = server.Requests().size();
+  auto none = std::make_shared<NoProcessorFactory>();
+  EXPECT_TRUE(factory_->CreateMetainfoReader(none)->ReadAll().empty());
+  EXPECT_EQ(factory_->CreateMetainfoWriter(none, "a", "b")->Create(), FileSystem::FAILED);
+  EXPECT_EQ(server.Requests().size(), before);
+
+  // A stopped reader neither.
+  auto reader = factory_->CreateMetainfoReader(Http());
+  reader->Stop();
+  EXPECT_TRUE(reader->ReadAll().empty());
+  EXPECT_EQ(server.Requests().size(), before);
+
   // Stopped while the folders' names are asked: the descriptions already read stand. The answer
   // and the reader are the handler's own: the reader returns at once, and this test's locals go.
+  // Last, as the stopping request is logged only once its handler is done.
   auto stopped = factory_->CreateMetainfoReader(Http());
   const std::string one = head + fill("a", "17", "5") + "</d:multistatus>";
   server.Handle("PROPFIND", "/disk/Backups/", [stopped, one](const HttpRequest& request) {
@@ -169,19 +183,6 @@ TEST_F(YandexMetainfoTest, AnswersThatAreNotWholeLeaveWhatCanBeRead) {
   ASSERT_EQ(kept.size(), 1u);
   EXPECT_EQ(kept[0].cloud_path, "Backups/a");
   EXPECT_TRUE(stopLog.Contains("Remote metainfo reader was stopped."));
-
-  // A client that can't be opened reads nothing and writes nothing.
-  const std::size_t before = server.Requests().size();
-  auto none = std::make_shared<NoProcessorFactory>();
-  EXPECT_TRUE(factory_->CreateMetainfoReader(none)->ReadAll().empty());
-  EXPECT_EQ(factory_->CreateMetainfoWriter(none, "a", "b")->Create(), FileSystem::FAILED);
-  EXPECT_EQ(server.Requests().size(), before);
-
-  // A stopped reader neither.
-  auto reader = factory_->CreateMetainfoReader(Http());
-  reader->Stop();
-  EXPECT_TRUE(reader->ReadAll().empty());
-  EXPECT_EQ(server.Requests().size(), before);
 }
 
 }  // namespace
